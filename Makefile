@@ -1,0 +1,39 @@
+# Front door: `make test` builds and runs every test, `make demo` runs the
+# program on the examples. Both install the missing Debian packages first.
+BUILD      ?= build
+SANBUILD   ?= build-sanitize
+BUILD_TYPE ?= RelWithDebInfo
+JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
+CTEST_ARGS ?= --output-on-failure
+PROGRAM     = $(BUILD)/tools/phoneconduit
+
+.PHONY: all deps configure build test demo bench test-sanitize clean
+
+all: build
+
+deps:
+	@./scripts/install-deps
+
+configure: deps
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) >/dev/null
+
+build: configure
+	@cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	@ctest --test-dir $(BUILD) -j $(JOBS) $(CTEST_ARGS)
+
+demo: build
+	@./scripts/demo $(PROGRAM)
+
+bench: build
+	@for b in $(BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b"; done
+
+test-sanitize: deps
+	@cmake -S . -B $(SANBUILD) -DCMAKE_BUILD_TYPE=Debug -DPC_SANITIZE=ON -DPC_BENCHMARKS=OFF >/dev/null
+	@cmake --build $(SANBUILD) -j $(JOBS)
+	@ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --test-dir $(SANBUILD) -j $(JOBS) $(CTEST_ARGS)
+
+clean:
+	rm -rf $(BUILD) $(SANBUILD)

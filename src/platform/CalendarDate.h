@@ -1,0 +1,108 @@
+#pragma once
+// The platform's date types. `Date` is an instant (seconds since the reference
+// date 2001-01-01 00:00:00 GMT). `CalendarDate` is an instant read in a time
+// zone: its fields are those of the proleptic Gregorian calendar in that zone.
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/TimeZone.h"
+
+namespace pc {
+
+// Seconds between 1970-01-01 and 2001-01-01.
+inline constexpr double kTimeIntervalBetween1970AndReferenceDate = 978307200.0;
+
+struct Date {
+  double secondsSinceReferenceDate = 0;
+
+  static Date now();
+  static Date dateWithTimeIntervalSince1970(double seconds) {
+    return Date{seconds - kTimeIntervalBetween1970AndReferenceDate};
+  }
+  double timeIntervalSinceReferenceDate() const { return secondsSinceReferenceDate; }
+  double timeIntervalSince1970() const {
+    return secondsSinceReferenceDate + kTimeIntervalBetween1970AndReferenceDate;
+  }
+  auto operator<=>(const Date&) const = default;
+};
+
+class CalendarDate {
+ public:
+  // The reference date, in GMT.
+  CalendarDate();
+  // `instant` read in `zone` (nullptr: GMT).
+  explicit CalendarDate(Date instant, TimeZonePtr zone = nullptr);
+
+  static CalendarDate now(TimeZonePtr zone = nullptr);
+
+  // The date whose fields in `zone` (nullptr: GMT) are those given. Fields out
+  // of their range carry: month 13 is January of the next year, day 32 the
+  // first of the next month, hour -1 the previous day's 23:00. A wall clock
+  // skipped by a daylight-saving change reads as the instant after the gap.
+  static CalendarDate dateWithYear(int year, int month, int day, int hour, int minute, int second,
+                                   TimeZonePtr zone = nullptr);
+
+  // Parses `text` with a calendar format (see descriptionWithCalendarFormat).
+  // Fields the format lacks are taken from 2001-01-01 00:00:00; the zone is the
+  // one the text names (%z, %Z), else `zone`, else GMT. nullopt when the text
+  // does not match; `error` (optional) then says what and where.
+  static std::optional<CalendarDate> dateWithString(std::string_view text, std::string_view format,
+                                                    TimeZonePtr zone = nullptr,
+                                                    std::string* error = nullptr);
+
+  Date date() const { return _instant; }
+  double timeIntervalSinceReferenceDate() const { return _instant.secondsSinceReferenceDate; }
+  double timeIntervalSince1970() const { return _instant.timeIntervalSince1970(); }
+  // Never null: a date built without a zone answers GMT.
+  const TimeZonePtr& timeZone() const { return _zone; }
+
+  // Re-zoning: the same instant read in another zone.
+  void setTimeZone(TimeZonePtr zone);
+  CalendarDate dateWithTimeZone(TimeZonePtr zone) const;
+
+  // Fields in the date's zone. dayOfWeek: 0 Sunday .. 6 Saturday;
+  // dayOfYear: 1 .. 366.
+  int yearOfCommonEra() const;
+  int monthOfYear() const;
+  int dayOfMonth() const;
+  int hourOfDay() const;
+  int minuteOfHour() const;
+  int secondOfMinute() const;
+  int dayOfWeek() const;
+  int dayOfYear() const;
+  int secondsFromGMT() const;
+
+  // Adds calendar units in the date's zone, carrying as dateWithYear does;
+  // the wall clock is kept across a daylight-saving change.
+  CalendarDate dateByAddingYears(int years, int months, int days, int hours, int minutes,
+                                 int seconds) const;
+  CalendarDate dateByAddingTimeInterval(double seconds) const;
+
+  // Conversions: %Y year (4 digits at least), %y (2), %m month, %d day,
+  // %e day (blank-padded), %j day of year, %H hour, %I hour (12), %p AM/PM,
+  // %M minute, %S second, %F milliseconds, %z offset (+hhmm), %Z the zone's
+  // name (so that the text parses back to the same zone), %a %A %b %B
+  // English day and month names, %c "%a %b %d %H:%M:%S %Z %Y", %x "%Y-%m-%d",
+  // %X "%H:%M:%S", %% a percent sign.
+  std::string descriptionWithCalendarFormat(std::string_view format) const;
+  // With the date's own calendar format, by default "%Y-%m-%d %H:%M:%S %z".
+  std::string description() const;
+  const std::string& calendarFormat() const { return _calendarFormat; }
+  void setCalendarFormat(std::string format) { _calendarFormat = std::move(format); }
+
+  // Same instant (the zone does not take part, as with the platform's dates).
+  bool operator==(const CalendarDate& other) const { return _instant == other._instant; }
+  bool isEqualIncludingTimeZone(const CalendarDate& other) const;
+  std::partial_ordering operator<=>(const CalendarDate& other) const { return _instant <=> other._instant; }
+
+ private:
+  Date _instant;
+  TimeZonePtr _zone;
+  std::string _calendarFormat;
+};
+
+inline constexpr const char* kDefaultCalendarFormat = "%Y-%m-%d %H:%M:%S %z";
+
+}  // namespace pc
