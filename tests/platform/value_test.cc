@@ -1,0 +1,172 @@
+#include "platform/Value.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <unordered_set>
+
+#include "platform/Exception.h"
+
+namespace pc {
+namespace {
+
+struct Coercion {
+  Value value;
+  std::int64_t integer;
+  double real;
+  bool boolean;
+};
+
+class ValueCoercion : public ::testing::TestWithParam<Coercion> {};
+
+TEST_P(ValueCoercion, ReadsNumbersAsThePlatformDoes) {
+  const Coercion& c = GetParam();
+  EXPECT_EQ(c.value.integerValue(), c.integer) << c.value.description();
+  EXPECT_DOUBLE_EQ(c.value.doubleValue(), c.real) << c.value.description();
+  EXPECT_EQ(c.value.boolValue(), c.boolean) << c.value.description();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Platform, ValueCoercion,
+    ::testing::Values(Coercion{Value(), 0, 0, false}, Coercion{true, 1, 1, true},
+                      Coercion{false, 0, 0, false}, Coercion{-7, -7, -7, true},
+                      Coercion{2.9, 2, 2.9, true}, Coercion{-2.9, -2, -2.9, true},
+                      Coercion{"  42abc", 42, 42, true}, Coercion{"+17", 17, 17, true},
+                      Coercion{"-3.5e1", -3, -35, true}, Coercion{"abc", 0, 0, false},
+                      Coercion{"", 0, 0, false}, Coercion{"yes", 0, 0, true},
+                      Coercion{"Y", 0, 0, true}, Coercion{"true", 0, 0, true},
+                      Coercion{"t", 0, 0, true}, Coercion{"NO", 0, 0, false},
+                      Coercion{"0", 0, 0, false}, Coercion{"0.5", 0, 0.5, true},
+                      Coercion{" 99999999999999999999", std::numeric_limits<std::int64_t>::max(),
+                               1e20, true}));
+
+TEST(Value, OtherKindsAreRefusedAsNumbersWithAClearError) {
+  for (const Value& v : {Value(Array{1}), Value(Dictionary{}), Value(Data::fromString("x")),
+                         Value(URL("http://a")), Value(CalendarDate())}) {
+    try {
+      (void)v.integerValue();
+      FAIL() << "no error for " << v.kindName();
+    } catch (const Exception& e) {
+      EXPECT_EQ(e.name(), kInvalidArgumentException);
+      EXPECT_NE(e.reason().find(v.kindName()), std::string::npos) << e.reason();
+    }
+    EXPECT_FALSE(v.integerIfNumeric().has_value());
+  }
+  EXPECT_THROW((void)Value(5).string(), Exception);
+  EXPECT_THROW((void)Value("x").dictionary(), Exception);
+  EXPECT_EQ(Value("x").asDictionary(), std::nullopt);
+}
+
+TEST(Value, NumbersAreEqualByValueAndHashAlike) {
+  const std::vector<std::pair<Value, Value>> equal = {
+      {Value(1), Value(true)}, {Value(3), Value(3.0)}, {Value(0), Value(false)},
+      {Value(-0.0), Value(0)}, {Value(1LL << 53), Value(double(1LL << 53))}};
+  for (const auto& [a, b] : equal) {
+    EXPECT_EQ(a, b) << a.description() << " vs " << b.description();
+    EXPECT_EQ(a.hash(), b.hash()) << a.description();
+  }
+  EXPECT_NE(Value(3), Value(3.5));
+  EXPECT_NE(Value(1), Value("1"));
+  EXPECT_NE(Value(), Value(0));
+  const double nan = std::nan("");
+  EXPECT_NE(Value(nan), Value(nan));
+}
+
+TEST(Value, ContainersAreSharedByReferenceUntilCopied) {
+  Dictionary record{{"name", "Ann"}, {"phones", Array{"1", "2"}}};
+  Value held = record;
+  held.dictionary().set("name", "Bob");
+  EXPECT_EQ(record.get("name"), Value("Bob"));
+
+  Dictionary shallow = record.copy();
+  shallow.set("name", "Cid");
+  shallow.getArray("phones")->add("3");
+  EXPECT_EQ(record.get("name"), Value("Bob"));
+  EXPECT_EQ(record.getArray("phones")->count(), 3u) << "a shallow copy shares nested arrays";
+
+  Dictionary deep = record.deepCopy();
+  deep.getArray("phones")->add("4");
+  EXPECT_EQ(record.getArray("phones")->count(), 3u);
+  EXPECT_EQ(deep.getArray("phones")->count(), 4u);
+  EXPECT_TRUE(Value(record).isIdenticalTo(held));
+  EXPECT_FALSE(Value(record).isIdenticalTo(Value(shallow)));
+}
+
+TEST(Value, DictionaryKeepsInsertionOrderThroughReplaceAndRemove) {
+  Dictionary d;
+  for (const char* k : {"c", "a", "b", "d"}) d.set(k, k);
+  d.set("a", 1);  // replaced in place
+  d.remove("b");
+  d.set("e", 2);
+  std::vector<std::string> keys;
+  for (const auto& [k, v] : d) keys.push_back(k.string());
+  EXPECT_EQ(keys, (std::vector<std::string>{"c", "a", "d", "e"}));
+  EXPECT_EQ(d.get("a"), Value(1));
+  EXPECT_EQ(d.get("d"), Value("d"));  // the index follows the removal
+  EXPECT_TRUE(d.get("b").isNull());
+  EXPECT_EQ(d.getInteger("missing", 7), 7);
+  EXPECT_EQ(d.getString("a", "fallback"), "fallback");
+
+  d.addEntriesFrom(d);  // adding a dictionary to itself changes nothing
+  EXPECT_EQ(d.count(), 4u);
+}
+
+TEST(Value, EqualityIgnoresDictionaryOrderAndHashesAgree) {
+  Dictionary a{{"x", 1}, {"y", Array{1, "two", Dictionary{{"z", 3.0}}}}};
+  Dictionary b{{"y", Array{true, "two", Dictionary{{"z", 3}}}}, {"x", 1.0}};
+  EXPECT_EQ(Value(a), Value(b));
+  EXPECT_EQ(Value(a).hash(), Value(b).hash());
+  b.set("x", 2);
+  EXPECT_NE(Value(a), Value(b));
+
+  std::unordered_set<Value> values{Value(1), Value(1.0), Value("1"), Value(Array{1})};
+  EXPECT_EQ(values.size(), 3u);
+  EXPECT_TRUE(values.contains(Value(Array{true})));
+}
+
+TEST(Value, SetsKeepDistinctValuesInInsertionOrder) {
+  Set s{3, "a", 3.0, "b"};
+  EXPECT_EQ(s.count(), 3u);
+  s.remove("a");
+  s.add(4);
+  EXPECT_EQ(Value(s.allObjects()), Value(Array{3, "b", 4}));
+  EXPECT_TRUE(s.contains("b"));
+}
+
+TEST(Value, ArrayRangeErrorsAreExceptionsNotCrashes) {
+  Array a{1, 2};
+  EXPECT_THROW((void)a.at(2), Exception);
+  EXPECT_THROW(a.insert(0, 3), Exception);
+  EXPECT_THROW(a.removeRange(1, 2), Exception);
+  a.insert(0, 2);
+  a.remove(Value(1));
+  EXPECT_EQ(Value(a), Value(Array{2, 0}));
+  EXPECT_EQ(a.indexOf(0), 1u);
+  a.addAll(a);
+  EXPECT_EQ(a.count(), 4u);
+}
+
+TEST(Value, DescriptionsAreReadable) {
+  EXPECT_EQ(Value("plain").description(), "plain");
+  EXPECT_EQ(Value(true).description(), "1");
+  EXPECT_EQ(Value(2.5).description(), "2.5");
+  EXPECT_EQ(Value().description(), "<null>");
+  EXPECT_EQ(Value(Data::fromString("abcde")).description(), "<61626364 65>");
+  Dictionary d{{"name", "Ann Lee"}, {"list", Array{1, "x"}}, {"empty", Array{}}};
+  EXPECT_EQ(d.description(),
+            "{\n    name = \"Ann Lee\";\n    list = (\n        1,\n        x\n    );\n    empty = ();\n}");
+  EXPECT_EQ(fmt::format("[{}]", Value(Array{"a b"})), "[(\n    \"a b\"\n)]");
+}
+
+TEST(Value, AddressesExposeTheirParts) {
+  URL u("https://user@example.org:8080/a/b?q=1#f");
+  EXPECT_EQ(u.scheme(), "https");
+  EXPECT_EQ(u.host(), "example.org");
+  EXPECT_EQ(u.path(), "/a/b");
+  EXPECT_EQ(URL("mailto:ann@example.org").path(), "ann@example.org");
+  EXPECT_EQ(URL("no scheme here").scheme(), "");
+}
+
+}  // namespace
+}  // namespace pc
