@@ -1,0 +1,226 @@
+#include "calcore/calcdate.h"
+
+#include <gtest/gtest.h>
+
+namespace pc {
+namespace {
+
+CALCDate ymd(std::int64_t y, std::int64_t m, std::int64_t d, std::int64_t h = 0,
+             std::int64_t mi = 0, std::int64_t s = 0) {
+  return CALCDate{s, mi, h, d, m, y};
+}
+
+void expectDate(const CALCDate& actual, const CALCDate& expected) {
+  EXPECT_TRUE(calcdate_is_equal(&actual, &expected))
+      << actual.year << "-" << actual.month << "-" << actual.day << " " << actual.hour << ":"
+      << actual.minute << ":" << actual.second;
+}
+
+TEST(CalcDateTables, DayMonthTablePacksMonthLowAndDayHigh) {
+  EXPECT_EQ(calcdate_day_month_in_year[0][32], 2 | (1 << 8));
+  EXPECT_EQ(calcdate_day_month_in_year[0][365], 12 | (31 << 8));
+  EXPECT_EQ(calcdate_day_month_in_year[0][366], 0);
+  EXPECT_EQ(calcdate_day_month_in_year[1][60], 2 | (29 << 8));
+  EXPECT_EQ(calcdate_day_month_in_year[1][366], 12 | (31 << 8));
+
+  std::int64_t month = -1, day = -1;
+  calcdate_month_and_monthday_for_yearday_in_year(0, 2005, &month, &day);
+  EXPECT_EQ(month, 0);
+  EXPECT_EQ(day, 0);
+  calcdate_month_and_monthday_for_yearday_in_year(61, 2004, &month, &day);
+  EXPECT_EQ(month, 3);
+  EXPECT_EQ(day, 1);
+}
+
+TEST(CalcDateNumbering, KnownAbsoluteDaysAndLeapYears) {
+  const CALCDate first = ymd(1, 1, 1);
+  EXPECT_EQ(calcdate_absoluteday(&first), 0);
+  EXPECT_EQ(calcdate_weekday(&first), 1);
+  const CALCDate epoch1970 = ymd(1970, 1, 1);
+  EXPECT_EQ(calcdate_absoluteday(&epoch1970), 719162);
+  const CALCDate epoch2001 = ymd(2001, 1, 1);
+  EXPECT_EQ(calcdate_absoluteday(&epoch2001), 730485);
+  EXPECT_EQ(calcdate_seconds_for_date(&epoch1970), 62135596800);
+  EXPECT_EQ(calcdate_seconds_for_date(nullptr), 0);
+
+  EXPECT_FALSE(calcdate_is_leap_year(1900));
+  EXPECT_TRUE(calcdate_is_leap_year(2000));
+  EXPECT_TRUE(calcdate_is_leap_year(2004));
+  EXPECT_FALSE(calcdate_is_leap_year(2005));
+}
+
+TEST(CalcDateNumbering, DayOfYearIsNarrowedToEightBits) {
+  const CALCDate may7 = ymd(2005, 5, 7);  // day 127: the last one that fits
+  EXPECT_EQ(calcdate_yearday(&may7), 127);
+  const CALCDate may8 = ymd(2005, 5, 8);
+  EXPECT_EQ(calcdate_yearday(&may8), 128 - 256);
+  const CALCDate commonEnd = ymd(2005, 12, 31);
+  EXPECT_EQ(calcdate_yearday(&commonEnd), 109);
+  const CALCDate leapEnd = ymd(2004, 12, 31);
+  EXPECT_EQ(calcdate_yearday(&leapEnd), 110);
+}
+
+TEST(CalcDateNormalize, TimeOfDayCarriesBothWays) {
+  CALCDate d = ymd(2005, 12, 31, 23, 59, 60);
+  EXPECT_TRUE(calcdate_normalize_hms(&d));
+  calcdate_normalize_ymd(&d);
+  expectDate(d, ymd(2006, 1, 1));
+
+  d = ymd(2004, 3, 1, 0, 0, -1);
+  EXPECT_TRUE(calcdate_normalize_hms(&d));
+  EXPECT_EQ(calcdate_normalize_ymd(&d), 1);
+  expectDate(d, ymd(2004, 2, 29, 23, 59, 59));
+
+  d = ymd(2004, 3, 1, 0, 0, -60);
+  calcdate_normalize_hms(&d);
+  expectDate(d, ymd(2004, 3, 0, 23, 59, 0));
+
+  d = ymd(2004, 3, 1, 10, 125, 0);
+  EXPECT_FALSE(calcdate_normalize_hms(&d));
+  expectDate(d, ymd(2004, 3, 1, 12, 5, 0));
+}
+
+struct MonthCase {
+  CALCDate input;
+  CALCDate expected;
+};
+
+class CalcDateNormalizeYmd : public ::testing::TestWithParam<MonthCase> {};
+
+TEST_P(CalcDateNormalizeYmd, SettlesMonthThenDay) {
+  CALCDate d = GetParam().input;
+  calcdate_normalize_ymd(&d);
+  expectDate(d, GetParam().expected);
+  EXPECT_TRUE(calcdate_is_ymd_normalized(&d));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, CalcDateNormalizeYmd,
+    ::testing::Values(MonthCase{ymd(2005, 0, 15), ymd(2004, 12, 15)},
+                      MonthCase{ymd(2005, 13, 15), ymd(2006, 1, 15)},
+                      MonthCase{ymd(2005, -12, 15), ymd(2003, 12, 15)},
+                      MonthCase{ymd(2005, 25, 15), ymd(2007, 1, 15)},
+                      MonthCase{ymd(2005, 2, 31), ymd(2005, 3, 3)},
+                      MonthCase{ymd(2004, 2, 31), ymd(2004, 3, 2)},
+                      MonthCase{ymd(2005, 1, 0), ymd(2004, 12, 31)},
+                      MonthCase{ymd(2005, 3, -1), ymd(2005, 2, 27)},
+                      MonthCase{ymd(2005, 12, 400), ymd(2007, 1, 4)}));
+
+TEST(CalcDateAdd, MonthOverflowsInsteadOfClamping) {
+  const CALCDate oneMonth{0, 0, 0, 0, 1, 0};
+  CALCDate d = ymd(2005, 1, 31);
+  calcdate_add_deltadate(&d, &oneMonth);
+  expectDate(d, ymd(2005, 3, 3));
+  d = ymd(2004, 1, 31);
+  calcdate_add_deltadate(&d, &oneMonth);
+  expectDate(d, ymd(2004, 3, 2));
+}
+
+TEST(CalcDateAdd, TimeDeltaCarriesIntoTheDate) {
+  CALCDate d = ymd(2005, 12, 31, 23, 0, 0);
+  const CALCDate delta{0, 0, 2, 0, 0, 0};
+  calcdate_add_deltadate(&d, &delta);
+  expectDate(d, ymd(2006, 1, 1, 1, 0, 0));
+
+  d = ymd(2005, 1, 1);
+  calcdate_add_seconds(&d, -86400LL * 365 - 1);
+  expectDate(d, ymd(2004, 1, 1, 23, 59, 59));
+
+  // Large counts go through the absolute day, across many year ends.
+  d = ymd(2001, 1, 1);
+  calcdate_add_seconds(&d, 86400LL * 36524);
+  expectDate(d, ymd(2101, 1, 1));
+}
+
+TEST(CalcDateAdd, ZeroDeltaLeavesAnUnnormalisedDateAlone) {
+  CALCDate d = ymd(2005, 2, 31, 25, 61, 61);
+  const CALCDate zero{};
+  calcdate_add_deltadate(&d, &zero);
+  calcdate_add_seconds(&d, 0);
+  expectDate(d, ymd(2005, 2, 31, 25, 61, 61));
+}
+
+TEST(CalcDateCompare, LexicographicAndStrict) {
+  const CALCDate a = ymd(2005, 1, 1, 10, 0, 0);
+  const CALCDate b = ymd(2005, 1, 1, 10, 0, 1);
+  const CALCDate c = ymd(2004, 12, 31, 23, 59, 59);
+  EXPECT_FALSE(calcdate_is_before(&a, &a));
+  EXPECT_FALSE(calcdate_is_after(&a, &a));
+  EXPECT_TRUE(calcdate_is_before(&a, &b));
+  EXPECT_TRUE(calcdate_is_after(&b, &a));
+  EXPECT_TRUE(calcdate_is_before(&c, &a));
+  EXPECT_FALSE(calcdate_is_equal(&a, &b));
+}
+
+TEST(CalcDateDiff, TimeOfDayDifferenceBorrowsADay) {
+  const CALCDate a = ymd(2005, 3, 10, 9, 0, 0);
+  const CALCDate b = ymd(2005, 1, 15, 10, 30, 15);
+  CALCDate out;
+  EXPECT_EQ(calcdate_diff_hms_and_return_day_carry(&a, &b, &out), 1);
+  expectDate(out, CALCDate{45, 29, 22, 0, 0, 0});
+  EXPECT_EQ(calcdate_diff_hms_and_return_day_carry(&b, &a, &out), -1);
+  expectDate(out, CALCDate{-45, -29, -22, 0, 0, 0});
+  EXPECT_EQ(calcdate_diff_hms_and_return_day_carry(&a, &a, &out), 0);
+  expectDate(out, CALCDate{});
+}
+
+struct DeltaCase {
+  const char* name;
+  CALCDate later;
+  CALCDate earlier;
+  unsigned flags;
+  CALCDate expected;
+};
+
+class CalcDateDelta : public ::testing::TestWithParam<DeltaCase> {};
+
+TEST_P(CalcDateDelta, BreaksTheDifferenceIntoTheRequestedUnits) {
+  const DeltaCase& c = GetParam();
+  CALCDate out;
+  calcdate_delta_ymdhms_with_flags(&c.later, &c.earlier, &out, c.flags);
+  expectDate(out, c.expected);
+  // Swapping the operands negates every field.
+  calcdate_delta_ymdhms_with_flags(&c.earlier, &c.later, &out, c.flags);
+  const CALCDate& e = c.expected;
+  expectDate(out, CALCDate{-e.second, -e.minute, -e.hour, -e.day, -e.month, -e.year});
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, CalcDateDelta,
+    ::testing::Values(
+        DeltaCase{"AllUnits", ymd(2005, 3, 10, 9), ymd(2005, 1, 15, 10), kCALCDateAllUnits,
+                  CALCDate{0, 0, 23, 22, 1, 0}},
+        DeltaCase{"DaysOnly", ymd(2005, 3, 10, 9), ymd(2005, 1, 15, 10), kCALCDateDaysUnit,
+                  CALCDate{0, 0, 0, 53, 0, 0}},
+        DeltaCase{"HoursOnly", ymd(2005, 3, 10, 9), ymd(2005, 1, 15, 10), kCALCDateHoursUnit,
+                  CALCDate{0, 0, 53 * 24 + 23, 0, 0, 0}},
+        DeltaCase{"SecondsDroppedWithoutTheirFlag", ymd(2005, 1, 1, 0, 1, 30),
+                  ymd(2005, 1, 1), kCALCDateMinutesUnit, CALCDate{0, 1, 0, 0, 0, 0}},
+        DeltaCase{"MinutesIntoSeconds", ymd(2005, 1, 1, 1, 1, 30), ymd(2005, 1, 1),
+                  kCALCDateSecondsUnit, CALCDate{3690, 0, 0, 0, 0, 0}},
+        // The earlier day plus the time carry passes the borrowed month's length:
+        // the day difference stays negative.
+        DeltaCase{"NegativeDayLeftAsIs", ymd(2005, 3, 1, 9), ymd(2005, 1, 31, 10),
+                  kCALCDateAllUnits, CALCDate{0, 0, 23, -3, 1, 0}},
+        DeltaCase{"YearsKeptWithoutThem", ymd(2007, 5, 1), ymd(2005, 3, 1),
+                  kCALCDateMonthsUnit, CALCDate{0, 0, 0, 0, 26, 0}},
+        DeltaCase{"YearsAndMonths", ymd(2007, 5, 1), ymd(2005, 3, 1),
+                  kCALCDateYearsUnit | kCALCDateMonthsUnit, CALCDate{0, 0, 0, 0, 2, 2}},
+        // Years kept, months turned into days measured from the earlier year.
+        DeltaCase{"YearsAndDays", ymd(2007, 5, 1), ymd(2005, 3, 1),
+                  kCALCDateYearsUnit | kCALCDateDaysUnit, CALCDate{0, 0, 0, 61, 0, 2}},
+        DeltaCase{"DaysAcrossYearEnds", ymd(2007, 5, 1), ymd(2005, 3, 1), kCALCDateDaysUnit,
+                  CALCDate{0, 0, 0, 791, 0, 0}},
+        DeltaCase{"MonthBorrowAcrossYearEnd", ymd(2006, 1, 10), ymd(2005, 12, 20),
+                  kCALCDateAllUnits, CALCDate{0, 0, 0, 21, 0, 0}}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(CalcDateDelta, EqualDatesGiveZero) {
+  const CALCDate a = ymd(2005, 3, 10, 9);
+  CALCDate out{1, 1, 1, 1, 1, 1};
+  calcdate_delta_ymdhms_with_flags(&a, &a, &out, kCALCDateAllUnits);
+  expectDate(out, CALCDate{});
+}
+
+}  // namespace
+}  // namespace pc
