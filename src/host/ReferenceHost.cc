@@ -1,0 +1,121 @@
+#include "host/ReferenceHost.h"
+
+#include "async/Log.h"
+#include "platform/PropertyList.h"
+#include "platform/Registry.h"
+
+namespace pc {
+
+PC_REGISTER_ABSTRACT_CLASS(ReferenceDataClassManager, "");
+PC_REGISTER_CLASS(ContactManager, "ReferenceDataClassManager");
+PC_REGISTER_CLASS(CalendarManager, "ReferenceDataClassManager");
+PC_REGISTER_CLASS(PropertyListParser, "");
+
+namespace {
+const std::string& hostLogDomain() {
+  static const std::string domain = phcFormatLogDomain(".sync.", "ReferenceHost");
+  return domain;
+}
+}  // namespace
+
+// --- Services and the simulated phone -------------------------------------------------
+
+std::optional<Value> SimulatedSyncService::valueForVariable(const std::string& name) const {
+  if (const Value* value = _variables.find(name)) return *value;
+  return std::nullopt;
+}
+
+void SimulatedPersistenceService::cleanupDomain(const std::string& domain) {
+  QVT_LOG(kLogInfo, hostLogDomain(), "cleaning domain {}", domain);
+  _domains.erase(domain);
+}
+
+Dictionary SimulatedPersistenceService::domain(const std::string& name) {
+  return _domains[name];
+}
+
+SimulatedPhone::SimulatedPhone(std::string deviceUID, Dictionary variables)
+    : _deviceUID(std::move(deviceUID)),
+      _syncService(std::make_shared<SimulatedSyncService>(variables)),
+      _persistenceService(std::make_shared<SimulatedPersistenceService>()) {}
+
+std::shared_ptr<DeviceService> SimulatedPhone::serviceWithName(const std::string& name) const {
+  if (name == kSynchronisationServiceName) return _syncService;
+  if (name == kPersistenceServiceName) return _persistenceService;
+  return nullptr;
+}
+
+Data SimulatedPhone::sendData(const std::string& dataClass) const {
+  auto it = _stored.find(dataClass);
+  return it == _stored.end() ? Data() : it->second;
+}
+
+// --- Data-class managers and the parser ------------------------------------------------
+
+void ReferenceDataClassManager::initWithProperty(const Dictionary& properties,
+                                                 const std::string& deviceDataClass,
+                                                 SyncConduitManager* manager) {
+  _properties = properties;
+  _deviceDataClass = deviceDataClass;
+  _conduitManager = manager;
+}
+
+void PropertyListParser::initWithPhone(CFPhone* phone, const std::optional<Dictionary>& context) {
+  _phone = phone;
+  _context = context;
+}
+
+Data PropertyListParser::dataFromRecords(const Array& records) {
+  PropertyListError error;
+  auto xml = PropertyList::toXML(records, &error);
+  if (!xml) {
+    QVT_LOG(kLogError, hostLogDomain(), "cannot write records for the phone: {}",
+            error.description());
+    return Data();
+  }
+  return Data::fromString(*xml);
+}
+
+std::optional<Array> PropertyListParser::recordsFromData(const Data& data) {
+  PropertyListError error;
+  auto contents = PropertyList::fromXML(data.asString(), &error);
+  auto records = contents ? contents->asArray() : std::nullopt;
+  if (!records)
+    QVT_LOG(kLogError, hostLogDomain(), "cannot read records from the phone: {}",
+            contents ? std::string("not an array") : error.description());
+  return records;
+}
+
+// --- ReferenceConduitManager -------------------------------------------------------------
+
+ReferenceConduitManager::ReferenceConduitManager(std::shared_ptr<SimulatedPhone> device,
+                                                 std::shared_ptr<SyncEngineClient> client)
+    : _device(std::move(device)), _client(std::move(client)) {}
+
+void ReferenceConduitManager::setPhoneConduitDescription(std::optional<Dictionary> description,
+                                                         std::int32_t version) {
+  _description = std::move(description);
+  _version = version;
+}
+
+void ReferenceConduitManager::addParserService(const std::string& name,
+                                               const std::string& parserClassName) {
+  _parserServices[name] = parserClassName;
+}
+
+std::optional<Dictionary> ReferenceConduitManager::phoneConduitDescriptionWithVersion(
+    std::int32_t* version) {
+  if (version) *version = _version;
+  return _description;
+}
+
+DeviceParserPtr ReferenceConduitManager::parserWithName(const std::string& name,
+                                                        const Dictionary& info, CFPhone& phone) {
+  auto it = _parserServices.find(name);
+  if (it == _parserServices.end()) return nullptr;
+  auto parser = ClassRegistry::createAs<DeviceParser>(it->second);
+  if (parser) parser->initWithPhone(&phone, info);
+  return parser;
+}
+
+}  // namespace pc

@@ -1,0 +1,158 @@
+#include "engine/MemoryEngine.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "engine/SchemaNames.h"
+#include "platform/PropertyList.h"
+
+namespace pc {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A fresh folder under PC_TEST_TMPDIR (or the system's temporary folder).
+fs::path makeTemporaryFolder() {
+  const char* base = std::getenv("PC_TEST_TMPDIR");
+  fs::path root = base && *base ? fs::path(base) : fs::temp_directory_path();
+  fs::create_directories(root);
+  std::string pattern = (root / "engine-XXXXXX").string();
+  EXPECT_NE(mkdtemp(pattern.data()), nullptr);
+  return pattern;
+}
+
+void writeFile(const fs::path& path, const std::string& text) {
+  std::ofstream(path) << text;
+}
+
+TEST(EngineSchemaTest, ShippedSchemaDescribesBothDataClasses) {
+  std::string error;
+  auto schema = EngineSchema::schemaWithContentsOfDirectory(EngineSchema::defaultSchemaDirectory(),
+                                                            &error);
+  ASSERT_TRUE(schema) << error;
+  EXPECT_EQ(schema->dataClassNames(), (Array{kCalendars, kContacts}));
+  EXPECT_TRUE(schema->entityNamesForDataClassName(kCalendars).contains(kCalendarsEvent));
+  EXPECT_TRUE(schema->entityNamesForDataClassName(kContacts).contains(kContactsPhoneNumber));
+  EXPECT_EQ(schema->dataClassNameForEntityName(kContactsIM), kContacts);
+
+  const Array eventAttributes = schema->attributeNamesForEntityName(kCalendarsEvent);
+  for (const char* attribute : {kCalendarsEventStartDate, kCalendarsEventEndDate,
+                                kCalendarsEventAllDay, kCalendarsEventExceptionDates})
+    EXPECT_TRUE(eventAttributes.contains(attribute)) << attribute;
+  const Array eventRelations = schema->relationshipNamesForEntityName(kCalendarsEvent);
+  EXPECT_TRUE(eventRelations.contains(kCalendarsEventRecurrences));
+  EXPECT_FALSE(eventRelations.contains(kCalendarsEventStartDate));
+  EXPECT_EQ(schema->targetEntityForRelationship(kContactsContact, kContactsContactIMs), kContactsIM);
+  EXPECT_EQ(schema->targetEntityForRelationship(kCalendarsEvent, kCalendarsEventDetachedEvents),
+            kCalendarsEvent);
+
+  EXPECT_TRUE(schema->attributeNamesForEntityName("Calendars.Nothing").empty());
+  EXPECT_FALSE(schema->dataClassNameForEntityName("Calendars.Nothing"));
+}
+
+TEST(EngineSchemaTest, MalformedDescriptionsAreRefusedWithoutAddingAnything) {
+  const Dictionary goodEntity{{"Name", "X.A"}, {"Attributes", Array{"a"}}};
+  const std::vector<std::pair<Dictionary, std::string>> cases = {
+      {Dictionary{{"Entities", Array{goodEntity}}}, "DataClassName"},
+      {Dictionary{{"DataClassName", "X"}}, "Entities"},
+      {Dictionary{{"DataClassName", "X"}, {"Entities", Array{goodEntity, "X.B"}}}, "entity 1"},
+      {Dictionary{{"DataClassName", "X"}, {"Entities", Array{Dictionary{{"Attributes", Array()}}}}},
+       "Name"},
+      {Dictionary{{"DataClassName", "X"},
+                  {"Entities", Array{Dictionary{{"Name", "X.A"}, {"Attributes", Array{1}}}}}},
+       "Attributes"},
+      {Dictionary{{"DataClassName", "X"},
+                  {"Entities",
+                   Array{Dictionary{{"Name", "X.A"}, {"Relationships", Dictionary{{"r", 2}}}}}}},
+       "Relationships"},
+  };
+  for (const auto& [description, mention] : cases) {
+    EngineSchema schema;
+    std::string error;
+    EXPECT_FALSE(schema.addDataClassDescription(description, &error)) << description.description();
+    EXPECT_NE(error.find(mention), std::string::npos) << error;
+    EXPECT_TRUE(schema.dataClassNames().empty());
+    EXPECT_TRUE(schema.attributeNamesForEntityName("X.A").empty());
+  }
+}
+
+TEST(EngineSchemaTest, FolderWithCorruptFileNamesTheFile) {
+  const fs::path folder = makeTemporaryFolder();
+  writeFile(folder / "Broken.plist", "<plist><dict><key>DataClassName</key></plist>");
+  std::string error;
+  EXPECT_FALSE(EngineSchema::schemaWithContentsOfDirectory(folder.string(), &error));
+  EXPECT_NE(error.find("Broken.plist"), std::string::npos) << error;
+  EXPECT_FALSE(EngineSchema::schemaWithContentsOfDirectory((folder / "missing").string(), &error));
+}
+
+class MemoryClientTest : public ::testing::Test {
+ protected:
+  std::unique_ptr<MemorySyncEngineClient> makeClient() {
+    return std::make_unique<MemorySyncEngineClient>(
+        "client.id", "My Phone", Array{kContactsContact, kContactsPhoneNumber, kCalendarsEvent},
+        storePath.string());
+  }
+  fs::path storePath = makeTemporaryFolder() / "client.plist";
+};
+
+TEST_F(MemoryClientTest, ValuesAndEnabledEntitiesSurviveARestart) {
+  {
+    auto client = makeClient();
+    client->setObject(Dictionary{{"SyncDataClasses", Dictionary()}}, "description");
+    client->setObject(3, "count");
+    client->setObject("gone", "removed");
+    client->setObject(Value(), "removed");
+    client->setEnabled(true, Array{kContactsContact, "Contacts.Unsupported", kCalendarsEvent});
+    client->setEnabled(false, Array{kCalendarsEvent});
+    EXPECT_TRUE(client->lastSaveSucceeded());
+  }
+  auto client = makeClient();
+  EXPECT_EQ(client->objectForKey("description"),
+            Value(Dictionary{{"SyncDataClasses", Dictionary()}}));
+  EXPECT_EQ(client->objectForKey("count"), Value(3));
+  EXPECT_TRUE(client->objectForKey("removed").isNull());
+  EXPECT_EQ(client->enabledEntityNames(), Array{kContactsContact});
+  EXPECT_EQ(client->clientIdentifier(), "client.id");
+  EXPECT_EQ(client->displayName(), "My Phone");
+}
+
+TEST_F(MemoryClientTest, CorruptStoreStartsEmptyAndIsReplaced) {
+  writeFile(storePath, "not a property list");
+  auto client = makeClient();
+  EXPECT_TRUE(client->objectForKey("count").isNull());
+  client->setObject(7, "count");
+  EXPECT_EQ(makeClient()->objectForKey("count"), Value(7));
+}
+
+TEST_F(MemoryClientTest, ValueThatCannotBeStoredStaysInMemory) {
+  auto client = makeClient();
+  client->setObject(Array{Value(URL("http://example.org"))}, "address");
+  EXPECT_FALSE(client->lastSaveSucceeded());
+  EXPECT_FALSE(client->objectForKey("address").isNull());
+}
+
+TEST(MemoryTruthSnapshotTest, RecordsAndRelationships) {
+  MemoryTruthSnapshot snapshot;
+  snapshot.addRecord("e1", Dictionary{{kEngineRecordEntityNameKey, kCalendarsEvent},
+                                      {kCalendarsEventDetachedEvents, Array{"e2", "e3"}}});
+  snapshot.addRecord("e2", Dictionary{{kEngineRecordEntityNameKey, kCalendarsEvent}});
+  snapshot.addRecord("c1", Dictionary{{kEngineRecordEntityNameKey, kContactsContact}});
+
+  const Dictionary found = snapshot.recordsWithIdentifiers(Array{"e2", "missing", 4, "c1"});
+  EXPECT_EQ(found.keys(), (Array{"e2", "c1"}));
+  EXPECT_EQ(snapshot.targetIdentifiersForRelationshipName(kCalendarsEventDetachedEvents, "e1"),
+            (Array{"e2", "e3"}));
+  EXPECT_TRUE(snapshot.targetIdentifiersForRelationshipName(kCalendarsEventRecurrences, "e1").empty());
+  EXPECT_TRUE(snapshot.targetIdentifiersForRelationshipName(kCalendarsEventDetachedEvents, "zz").empty());
+  EXPECT_EQ(snapshot.recordIdentifiersForEntityName(kCalendarsEvent), (Array{"e1", "e2"}));
+
+  snapshot.removeRecord("e1");
+  EXPECT_FALSE(snapshot.recordWithIdentifier("e1"));
+  EXPECT_EQ(snapshot.count(), 2u);
+}
+
+}  // namespace
+}  // namespace pc

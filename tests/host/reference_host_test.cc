@@ -1,0 +1,87 @@
+#include "host/ReferenceHost.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/Registry.h"
+
+namespace pc {
+namespace {
+
+TEST(ReferenceHostTest, ManagersAndParserAreCreatedByName) {
+  for (const char* name : {"ContactManager", "CalendarManager"}) {
+    auto manager = ClassRegistry::createAs<DataClassManager>(name);
+    ASSERT_TRUE(manager) << name;
+    EXPECT_EQ(manager->className(), name);
+    manager->initWithProperty(Dictionary{{"Name", name}}, "Contacts", nullptr);
+    EXPECT_EQ(manager->deviceDataClass(), "Contacts");
+    EXPECT_EQ(manager->properties().getString("Name"), name);
+  }
+  EXPECT_FALSE(ClassRegistry::createAs<DataClassManager>("ReferenceDataClassManager"));
+  EXPECT_TRUE(ClassRegistry::createAs<DeviceParser>("PropertyListParser"));
+}
+
+TEST(ReferenceHostTest, PhoneSendsBackWhatItWasSentThroughTheParser) {
+  SimulatedPhone phone("uid-1");
+  PropertyListParser parser;
+  parser.initWithPhone(nullptr, std::nullopt);
+  const Array records{Dictionary{{"entityName", "Contacts.Contact"}, {"firstName", "Ann"}},
+                      Dictionary{{"entityName", "Contacts.PhoneNumber"}, {"value", "+33 1"}}};
+  phone.receiveData("Contacts", parser.dataFromRecords(records));
+
+  EXPECT_EQ(parser.recordsFromData(phone.sendData("Contacts")), records);
+  EXPECT_TRUE(phone.sendData("Calendars").empty());
+  EXPECT_FALSE(parser.recordsFromData(Data::fromString("garbage")));
+  EXPECT_FALSE(parser.recordsFromData(Data::fromString(
+      "<?xml version=\"1.0\"?><plist version=\"1.0\"><string>x</string></plist>")));
+}
+
+TEST(ReferenceHostTest, ServicesByName) {
+  SimulatedPhone phone("uid-1", Dictionary{{"MaxNumbers", 3}});
+  auto sync = std::dynamic_pointer_cast<DeviceSyncService>(
+      phone.serviceWithName(kSynchronisationServiceName));
+  ASSERT_TRUE(sync);
+  EXPECT_EQ(sync->valueForVariable("MaxNumbers"), Value(3));
+  EXPECT_FALSE(sync->valueForVariable("Other"));
+
+  auto persistence = std::dynamic_pointer_cast<DevicePersistenceService>(
+      phone.serviceWithName(kPersistenceServiceName));
+  ASSERT_TRUE(persistence);
+  phone.persistenceService()->domain(kDeviceSyncDBDomain).set("anchor", 1);
+  persistence->cleanupDomain(kDeviceSyncDBDomain);
+  EXPECT_FALSE(phone.persistenceService()->hasDomain(kDeviceSyncDBDomain));
+  EXPECT_FALSE(phone.serviceWithName("com.example.none"));
+}
+
+TEST(ReferenceHostTest, RecordHolderTransformsACopyAndCarriesProperties) {
+  const Dictionary original{{"summary", "Lunch"}};
+  RecordHolder holder(original, "master-1");
+  holder.mutableDictionary().set("summary", "Dinner");
+  EXPECT_EQ(holder.originalRecord().getString("summary"), "Lunch");
+  EXPECT_EQ(holder.mutableDictionary().getString("summary"), "Dinner");
+  EXPECT_EQ(holder.masterIdentifier(), "master-1");
+
+  holder.setBooleanProperty(true, "converted");
+  holder.setProperty("Europe/Paris", "zone");
+  EXPECT_TRUE(holder.booleanPropertyForKey("converted"));
+  EXPECT_EQ(holder.propertyForKey("zone"), Value("Europe/Paris"));
+  holder.setProperty(Value(), "zone");
+  EXPECT_TRUE(holder.propertyForKey("zone").isNull());
+  EXPECT_FALSE(holder.booleanPropertyForKey("never set"));
+}
+
+TEST(ReferenceHostTest, ConduitManagerServesDescriptionAndParserServices) {
+  auto phone = std::make_shared<SimulatedPhone>("uid-2");
+  ReferenceConduitManager manager(phone, nullptr);
+  std::int32_t version = -1;
+  EXPECT_FALSE(manager.phoneConduitDescriptionWithVersion(&version));
+  EXPECT_EQ(version, 0);
+
+  manager.setPhoneConduitDescription(Dictionary{{"SyncDataClasses", Dictionary()}}, 2);
+  EXPECT_TRUE(manager.phoneConduitDescriptionWithVersion(&version));
+  EXPECT_EQ(version, 2);
+  EXPECT_TRUE(manager.phoneConduitDescriptionWithVersion(nullptr));
+  EXPECT_EQ(manager.device()->deviceUID(), "uid-2");
+}
+
+}  // namespace
+}  // namespace pc
