@@ -1,6 +1,6 @@
 #include "async/AYLogger.h"
 
-#include <errno.h>
+#include <errno.h>  // program_invocation_short_name
 #include <pthread.h>
 #include <unistd.h>
 
@@ -16,9 +16,11 @@
 #include <utility>
 #include <vector>
 
+#include "platform/CalendarDate.h"
 #include "platform/Preferences.h"
 #include "platform/Strings.h"
 #include "platform/ThreadDictionary.h"
+#include "platform/TimeZone.h"
 
 namespace pc {
 
@@ -167,12 +169,15 @@ struct LogTime {
 };
 
 LogTime logTimeNow() {
-  timespec now{};
-  clock_gettime(CLOCK_REALTIME, &now);
-  tm fields{};
-  localtime_r(&now.tv_sec, &fields);
+  const Date now = Date::now();
+  const double local =
+      now.timeIntervalSince1970() + TimeZone::systemTimeZone()->secondsFromGMT(now);
+  const double whole = std::floor(local);
+  const auto wholeSeconds = static_cast<std::time_t>(whole);
+  std::tm fields{};
+  gmtime_r(&wholeSeconds, &fields);  // the local wall clock, read as if it were GMT
   return LogTime{fields.tm_year + 1900, fields.tm_mon + 1, fields.tm_mday, fields.tm_hour,
-                 fields.tm_min, fields.tm_sec + now.tv_nsec / 1e9 + 0.0005};
+                 fields.tm_min, fields.tm_sec + (local - whole) + 0.0005};
 }
 
 std::string fileURLWithPath(const std::string& path) { return "file://" + path; }
