@@ -3,6 +3,7 @@
 // date 2001-01-01 00:00:00 GMT). `CalendarDate` is an instant read in a time
 // zone: its fields are those of the proleptic Gregorian calendar in that zone.
 
+#include <compare>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -89,7 +90,8 @@ class CalendarDate {
   std::string descriptionWithCalendarFormat(std::string_view format) const;
   // With the date's own calendar format, by default "%Y-%m-%d %H:%M:%S %z".
   std::string description() const;
-  const std::string& calendarFormat() const { return _calendarFormat; }
+  const std::string& calendarFormat() const;
+  // An empty format restores the default.
   void setCalendarFormat(std::string format) { _calendarFormat = std::move(format); }
 
   // Same instant (the zone does not take part, as with the platform's dates).
@@ -100,7 +102,7 @@ class CalendarDate {
  private:
   Date _instant;
   TimeZonePtr _zone;
-  std::string _calendarFormat;
+  std::string _calendarFormat;  // empty: kDefaultCalendarFormat (no allocation per date)
 };
 
 inline constexpr const char* kDefaultCalendarFormat = "%Y-%m-%d %H:%M:%S %z";

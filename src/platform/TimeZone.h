@@ -22,7 +22,8 @@ class TimeZone {
   static TimeZonePtr timeZoneWithName(std::string_view name);
   // nullptr when the abbreviation is unknown ("CET", "PST", "GMT", ...).
   static TimeZonePtr timeZoneWithAbbreviation(std::string_view abbreviation);
-  // A fixed-offset zone; its name is "GMT+hhmm" / "GMT-hhmm" ("GMT" for 0).
+  // A fixed-offset zone; its name is "GMT+hhmm" / "GMT-hhmm" ("GMT" for 0),
+  // with the seconds appended when there are some. nullptr beyond +-24 hours.
   static TimeZonePtr timeZoneForSecondsFromGMT(int seconds);
   static TimeZonePtr gmt();
 
@@ -44,6 +45,13 @@ class TimeZone {
   // database knows no abbreviation for it.
   virtual std::string abbreviation(const Date& at) const = 0;
   virtual bool isLocalTimeZoneKind() const { return false; }
+
+  // The offset that turns a wall-clock reading of this zone into an instant:
+  // instant = wall - offset, `wall` being the reading counted as if it were
+  // GMT. A reading skipped by a change of offset takes the offset in force
+  // before the change (02:30 on a spring-forward night becomes 03:30); a
+  // reading that occurs twice takes the first one (the daylight reading).
+  int secondsFromGMTForWallClock(const Date& wall) const;
 
   // Same name (the local kind equals only another local-kind zone).
   bool isEqualToTimeZone(const TimeZone& other) const;

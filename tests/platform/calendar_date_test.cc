@@ -1,0 +1,195 @@
+#include "platform/CalendarDate.h"
+
+#include <string>
+#include <tuple>
+
+#include <gtest/gtest.h>
+
+namespace pc {
+namespace {
+
+TimeZonePtr zone(const char* name) { return TimeZone::timeZoneWithName(name); }
+
+std::string ymdhms(const CalendarDate& date) { return date.descriptionWithCalendarFormat("%Y-%m-%d %H:%M:%S"); }
+
+TEST(CalendarDateTest, ReadsFieldsInItsZone) {
+  const CalendarDate reference;
+  EXPECT_EQ(ymdhms(reference), "2001-01-01 00:00:00");
+  EXPECT_EQ(reference.dayOfWeek(), 1);  // a Monday
+  EXPECT_EQ(reference.timeZone()->name(), "GMT");
+
+  const CalendarDate paris(Date::dateWithTimeIntervalSince1970(1151755200), zone("Europe/Paris"));
+  EXPECT_EQ(paris.yearOfCommonEra(), 2006);
+  EXPECT_EQ(paris.monthOfYear(), 7);
+  EXPECT_EQ(paris.dayOfMonth(), 1);
+  EXPECT_EQ(paris.hourOfDay(), 14);
+  EXPECT_EQ(paris.dayOfYear(), 182);
+  EXPECT_EQ(paris.dayOfWeek(), 6);
+  EXPECT_EQ(paris.secondsFromGMT(), 7200);
+  // Re-zoning keeps the instant and moves the fields.
+  const CalendarDate tokyo = paris.dateWithTimeZone(zone("Asia/Tokyo"));
+  EXPECT_EQ(tokyo, paris);
+  EXPECT_EQ(tokyo.hourOfDay(), 21);
+  EXPECT_FALSE(tokyo.isEqualIncludingTimeZone(paris));
+}
+
+TEST(CalendarDateTest, UsesTheProlepticGregorianCalendar) {
+  // No Julian switch in 1582: the 10th of October exists and was a Sunday.
+  const CalendarDate reform = CalendarDate::dateWithYear(1582, 10, 10, 0, 0, 0);
+  EXPECT_EQ(ymdhms(reform), "1582-10-10 00:00:00");
+  EXPECT_EQ(reform.dayOfWeek(), 0);
+  // 0000-03-01 is 719468 days before 1970-01-01; year 0 is a leap year.
+  EXPECT_EQ(CalendarDate::dateWithYear(0, 3, 1, 0, 0, 0).timeIntervalSince1970(), -719468.0 * 86400);
+  EXPECT_EQ(ymdhms(CalendarDate::dateWithYear(0, 2, 29, 0, 0, 0)), "0000-02-29 00:00:00");
+  const CalendarDate ides = CalendarDate::dateWithYear(-44, 3, 15, 12, 0, 0);
+  EXPECT_EQ(ides.yearOfCommonEra(), -44);
+  EXPECT_EQ(ymdhms(ides), "-0044-03-15 12:00:00");
+  EXPECT_EQ(CalendarDate::dateWithString(ymdhms(ides), "%Y-%m-%d %H:%M:%S"), ides);
+}
+
+using Fields = std::tuple<int, int, int, int, int, int>;
+
+class CarryTest : public testing::TestWithParam<std::tuple<Fields, const char*>> {};
+
+TEST_P(CarryTest, OutOfRangeFieldsCarry) {
+  const auto [y, m, d, h, mi, s] = std::get<0>(GetParam());
+  EXPECT_EQ(ymdhms(CalendarDate::dateWithYear(y, m, d, h, mi, s, zone("Europe/Paris"))), std::get<1>(GetParam()));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Fields, CarryTest,
+    testing::Values(std::make_tuple(Fields{2006, 13, 1, 0, 0, 0}, "2007-01-01 00:00:00"),
+                    std::make_tuple(Fields{2006, 0, 15, 0, 0, 0}, "2005-12-15 00:00:00"),
+                    std::make_tuple(Fields{2006, -11, 1, 0, 0, 0}, "2005-01-01 00:00:00"),
+                    std::make_tuple(Fields{2006, 1, 32, 0, 0, 0}, "2006-02-01 00:00:00"),
+                    std::make_tuple(Fields{2006, 3, 0, 0, 0, 0}, "2006-02-28 00:00:00"),
+                    std::make_tuple(Fields{2004, 3, 0, 0, 0, 0}, "2004-02-29 00:00:00"),
+                    std::make_tuple(Fields{2006, 2, 29, 0, 0, 0}, "2006-03-01 00:00:00"),
+                    std::make_tuple(Fields{2000, 2, 29, 0, 0, 0}, "2000-02-29 00:00:00"),
+                    std::make_tuple(Fields{1900, 2, 29, 0, 0, 0}, "1900-03-01 00:00:00"),
+                    std::make_tuple(Fields{2006, 1, 1, -1, 0, 0}, "2005-12-31 23:00:00"),
+                    std::make_tuple(Fields{2006, 1, 1, 10, 90, 0}, "2006-01-01 11:30:00"),
+                    std::make_tuple(Fields{2006, 1, 1, 0, 0, -1}, "2005-12-31 23:59:59"),
+                    // Skipped by the spring change: read after the gap.
+                    std::make_tuple(Fields{2006, 3, 26, 2, 30, 0}, "2006-03-26 03:30:00")));
+
+TEST(CalendarDateTest, ResolvesSkippedAndRepeatedWallClocks) {
+  const CalendarDate skipped = CalendarDate::dateWithYear(2007, 3, 11, 2, 30, 0, zone("America/New_York"));
+  EXPECT_EQ(skipped.descriptionWithCalendarFormat("%H:%M %z"), "03:30 -0400");
+  // 02:30 happens twice on the autumn night: the first (daylight) reading.
+  const CalendarDate repeated = CalendarDate::dateWithYear(2006, 10, 29, 2, 30, 0, zone("Europe/Paris"));
+  EXPECT_EQ(repeated.descriptionWithCalendarFormat("%H:%M %z"), "02:30 +0200");
+  EXPECT_EQ(repeated.dateByAddingTimeInterval(3600).descriptionWithCalendarFormat("%H:%M %z"), "02:30 +0100");
+}
+
+TEST(CalendarDateTest, AddsCalendarUnits) {
+  const auto jan31 = [](int year) { return CalendarDate::dateWithYear(year, 1, 31, 10, 0, 0, zone("Europe/Paris")); };
+  EXPECT_EQ(ymdhms(jan31(2006).dateByAddingYears(0, 1, 0, 0, 0, 0)), "2006-03-03 10:00:00");
+  EXPECT_EQ(ymdhms(jan31(2004).dateByAddingYears(0, 1, 0, 0, 0, 0)), "2004-03-02 10:00:00");
+  const CalendarDate leapDay = CalendarDate::dateWithYear(2004, 2, 29, 10, 0, 0, zone("Europe/Paris"));
+  EXPECT_EQ(ymdhms(leapDay.dateByAddingYears(1, 0, 0, 0, 0, 0)), "2005-03-01 10:00:00");
+
+  // A day across either change keeps 09:00; 24 hours do not.
+  const CalendarDate paris = CalendarDate::dateWithYear(2006, 3, 25, 9, 0, 0, zone("Europe/Paris"));
+  EXPECT_EQ(ymdhms(paris.dateByAddingYears(0, 0, 1, 0, 0, 0)), "2006-03-26 09:00:00");
+  EXPECT_EQ(paris.dateByAddingYears(0, 0, 1, 0, 0, 0).timeIntervalSinceReferenceDate() -
+                paris.timeIntervalSinceReferenceDate(), 23 * 3600);
+  EXPECT_EQ(ymdhms(paris.dateByAddingYears(0, 0, 0, 24, 0, 0)), "2006-03-26 10:00:00");
+  const CalendarDate newYork = CalendarDate::dateWithYear(2007, 11, 3, 9, 0, 0, zone("America/New_York"));
+  EXPECT_EQ(ymdhms(newYork.dateByAddingYears(0, 0, 1, 0, 0, 0)), "2007-11-04 09:00:00");
+
+  // The second 02:30 of the autumn night stays itself when no day is added.
+  const CalendarDate second = CalendarDate::dateWithYear(2006, 10, 29, 2, 30, 0, zone("Europe/Paris"))
+                                  .dateByAddingTimeInterval(3600);
+  EXPECT_EQ(second.dateByAddingYears(0, 0, 0, 0, 0, 0), second);
+  EXPECT_EQ(second.dateByAddingTimeInterval(0.25).dateByAddingYears(0, 0, 1, 0, 0, 0).descriptionWithCalendarFormat("%d %H:%M:%S.%F"),
+            "30 02:30:00.250");
+}
+
+TEST(CalendarDateTest, PrintsEveryConversion) {
+  const CalendarDate date = CalendarDate::dateWithYear(2006, 1, 15, 21, 5, 3, zone("Europe/Paris"));
+  EXPECT_EQ(date.descriptionWithCalendarFormat("%a %A %b %B|%e|%j|%I %p|%y|%F|%Z|%%|%Q"),
+            "Sun Sunday Jan January|15|015|09 PM|06|000|Europe/Paris|%|%Q");
+  EXPECT_EQ(date.descriptionWithCalendarFormat("%c"), "Sun Jan 15 21:05:03 Europe/Paris 2006");
+  EXPECT_EQ(date.descriptionWithCalendarFormat("%x %X"), "2006-01-15 21:05:03");
+  EXPECT_EQ(date.description(), "2006-01-15 21:05:03 +0100");
+  CalendarDate formatted = date.dateByAddingYears(0, 0, -7, 0, 0, 0).dateWithTimeZone(zone("GMT-05:30"));
+  formatted.setCalendarFormat("%e %H:%M %z");
+  EXPECT_EQ(formatted.description(), " 8 14:35 -0530");
+  formatted.setCalendarFormat("");
+  EXPECT_EQ(formatted.calendarFormat(), kDefaultCalendarFormat);
+}
+
+class RoundTripTest : public testing::TestWithParam<std::tuple<const char*, const char*>> {};
+
+// Printing then parsing gives the same instant, and the same zone whenever the
+// format names it.
+TEST_P(RoundTripTest, ParsesWhatItPrints) {
+  const auto [zoneName, format] = GetParam();
+  for (double since1970 : {1137326400.0, 1151755200.0, 1143334800.0, -1e9, 4.2e9}) {
+    const CalendarDate date(Date::dateWithTimeIntervalSince1970(since1970), zone(zoneName));
+    const std::string text = date.descriptionWithCalendarFormat(format);
+    std::string error;
+    const auto parsed = CalendarDate::dateWithString(text, format, nullptr, &error);
+    ASSERT_TRUE(parsed) << error;
+    EXPECT_EQ(*parsed, date) << text;
+    EXPECT_EQ(parsed->secondsFromGMT(), date.secondsFromGMT()) << text;
+    if (std::string_view(format).find_first_of("cZ") != std::string_view::npos) {
+      EXPECT_TRUE(parsed->isEqualIncludingTimeZone(date)) << text;
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    ZonesAndFormats, RoundTripTest,
+    testing::Combine(testing::Values("Europe/Paris", "America/New_York", "Asia/Kolkata", "Australia/Adelaide",
+                                     "GMT-0930", "UTC"),
+                     testing::Values(kDefaultCalendarFormat, "%Y%m%dT%H%M%S%z", "%Y-%m-%d %H:%M:%S %Z", "%c",
+                                     "%A %e %B %Y %I:%M:%S %p %Z", "%j/%Y %X %z")));
+
+TEST(CalendarDateTest, ParsesWithDefaultsAndZones) {
+  const TimeZonePtr paris = zone("Europe/Paris");
+  EXPECT_EQ(CalendarDate::dateWithString("10:30", "%H:%M")->description(), "2001-01-01 10:30:00 +0000");
+  EXPECT_EQ(CalendarDate::dateWithString("10:30", "%H:%M", paris)->description(), "2001-01-01 10:30:00 +0100");
+  // The zone the text names wins over the one given.
+  EXPECT_EQ(CalendarDate::dateWithString("2006-07-01 12:00 +05:30", "%Y-%m-%d %H:%M %z", paris)->description(),
+            "2006-07-01 12:00:00 +0530");
+  EXPECT_EQ(CalendarDate::dateWithString("2006-07-01 12:00 CEST", "%Y-%m-%d %H:%M %Z")->timeZone()->name(),
+            "Europe/Paris");
+  // With both, the offset settles the repeated hour and the name the zone.
+  const auto second = CalendarDate::dateWithString("2006-10-29 02:30 +0100 Europe/Paris", "%Y-%m-%d %H:%M %z %Z");
+  EXPECT_EQ(second->description(), "2006-10-29 02:30:00 +0100");
+  EXPECT_EQ(second->timeZone(), paris);
+  // Text beyond the format is left alone: a minus offset reads as a floating time.
+  EXPECT_EQ(ymdhms(*CalendarDate::dateWithString("20060115T100000-0500", "%Y%m%dT%H%M%S")), "2006-01-15 10:00:00");
+  EXPECT_EQ(ymdhms(*CalendarDate::dateWithString("12 AM 69 002", "%I %p %y %j")), "1969-01-02 00:00:00");
+  EXPECT_EQ(ymdhms(*CalendarDate::dateWithString("12 pm 68 mar 1", "%I %p %y %b %e")), "2068-03-01 12:00:00");
+  EXPECT_EQ(CalendarDate::dateWithString("05.125", "%S.%F")->timeIntervalSinceReferenceDate(), 5.125);
+}
+
+class ParseErrorTest : public testing::TestWithParam<std::tuple<const char*, const char*, const char*>> {};
+
+TEST_P(ParseErrorTest, SaysWhatAndWhere) {
+  const auto [text, format, message] = GetParam();
+  std::string error;
+  EXPECT_EQ(CalendarDate::dateWithString(text, format, nullptr, &error), std::nullopt);
+  EXPECT_EQ(error, message);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Mismatches, ParseErrorTest,
+    testing::Values(
+        std::make_tuple("2006-1x-15", "%Y-%m-%d", "expected 2 digits for %m at offset 5 in \"2006-1x-15\""),
+        std::make_tuple("2006/01/15", "%Y-%m-%d", "expected \"-\" at offset 4 in \"2006/01/15\""),
+        std::make_tuple("2006-13-15", "%Y-%m-%d", "value 13 out of range 1-12 for %m at offset 5 in \"2006-13-15\""),
+        std::make_tuple("2006-02-29", "%x", "value 29 out of range 1-28 for %d at offset 8 in \"2006-02-29\""),
+        std::make_tuple("2006 366", "%Y %j", "value 366 out of range 1-365 for %j at offset 5 in \"2006 366\""),
+        std::make_tuple("20061", "%Y%m%d", "expected 2 digits for %m at offset 4 in \"20061\""),
+        std::make_tuple("", "%Y", "expected at least 4 digits for %Y at offset 0 in \"\""),
+        std::make_tuple("10:00 +01", "%H:%M %z", "expected +hhmm, -hhmm or +hh:mm for %z at offset 6 in \"10:00 +01\""),
+        std::make_tuple("10:00 Mars/Base", "%H:%M %Z", "unknown time zone \"Mars/Base\" for %Z at offset 6 in \"10:00 Mars/Base\""),
+        std::make_tuple("Foo 15", "%b %d", "expected a month name for %b at offset 0 in \"Foo 15\""),
+        std::make_tuple("10 XM", "%I %p", "expected AM or PM for %p at offset 3 in \"10 XM\"")));
+
+}  // namespace
+}  // namespace pc

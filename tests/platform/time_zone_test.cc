@@ -1,0 +1,199 @@
+#include "platform/TimeZone.h"
+
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <unicode/timezone.h>
+
+#include "platform/CalendarDate.h"
+
+namespace pc {
+namespace {
+
+Date at1970(double seconds) { return Date::dateWithTimeIntervalSince1970(seconds); }
+
+struct OffsetCase {
+  const char* zone;
+  double since1970;
+  int offset;
+  bool daylight;
+  const char* abbreviation;
+};
+
+class TimeZoneOffsetTest : public testing::TestWithParam<OffsetCase> {};
+
+// One second before and at each change of 2006 (Paris) and 2007 (New York).
+TEST_P(TimeZoneOffsetTest, AnswersTheOffsetInForceAtTheInstant) {
+  const OffsetCase& c = GetParam();
+  const TimeZonePtr zone = TimeZone::timeZoneWithName(c.zone);
+  ASSERT_NE(zone, nullptr);
+  EXPECT_EQ(zone->secondsFromGMT(at1970(c.since1970)), c.offset);
+  EXPECT_EQ(zone->isDaylightSavingTime(at1970(c.since1970)), c.daylight);
+  EXPECT_EQ(zone->abbreviation(at1970(c.since1970)), c.abbreviation);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    AroundDaylightSavingChanges, TimeZoneOffsetTest,
+    testing::Values(OffsetCase{"Europe/Paris", 1143334799, 3600, false, "CET"},
+                    OffsetCase{"Europe/Paris", 1143334800, 7200, true, "CEST"},
+                    OffsetCase{"Europe/Paris", 1162083599, 7200, true, "CEST"},
+                    OffsetCase{"Europe/Paris", 1162083600, 3600, false, "CET"},
+                    OffsetCase{"America/New_York", 1173596399, -18000, false, "EST"},
+                    OffsetCase{"America/New_York", 1173596400, -14400, true, "EDT"},
+                    OffsetCase{"America/New_York", 1194155999, -14400, true, "EDT"},
+                    OffsetCase{"America/New_York", 1194156000, -18000, false, "EST"},
+                    OffsetCase{"Europe/London", 1151755200, 3600, true, "BST"},
+                    OffsetCase{"Asia/Tokyo", 1151755200, 32400, false, "JST"},
+                    OffsetCase{"Etc/GMT+5", 1151755200, -18000, false, "GMT-0500"}));
+
+// The offsets come from a table built from the database; it must agree with
+// the database itself, before, inside and after the table's span.
+TEST(TimeZoneTest, OffsetsAgreeWithTheDatabaseOverCenturies) {
+  for (const char* name : {"Europe/Paris", "America/New_York", "Australia/Lord_Howe", "Asia/Kolkata"}) {
+    const TimeZonePtr zone = TimeZone::timeZoneWithName(name);
+    const std::unique_ptr<icu::TimeZone> reference(icu::TimeZone::createTimeZone(name));
+    for (double t = -2.5e9; t < 4.5e9; t += 7 * 3600 + 13 * 60 + 7) {
+      int32_t raw = 0, dst = 0;
+      UErrorCode status = U_ZERO_ERROR;
+      reference->getOffset(t * 1000.0, false, raw, dst, status);
+      ASSERT_EQ(zone->secondsFromGMT(at1970(t)), (raw + dst) / 1000) << name << " at " << t;
+      ASSERT_EQ(zone->isDaylightSavingTime(at1970(t)), dst != 0) << name << " at " << t;
+    }
+  }
+}
+
+struct NameCase {
+  const char* name;
+  const char* expectedName;
+  int offset;
+};
+
+class TimeZoneNameTest : public testing::TestWithParam<NameCase> {};
+
+TEST_P(TimeZoneNameTest, ReadsFixedOffsetNames) {
+  const TimeZonePtr zone = TimeZone::timeZoneWithName(GetParam().name);
+  ASSERT_NE(zone, nullptr);
+  EXPECT_EQ(zone->name(), GetParam().expectedName);
+  EXPECT_EQ(zone->secondsFromGMT(Date{}), GetParam().offset);
+  // The canonical name names the same zone again.
+  EXPECT_EQ(TimeZone::timeZoneWithName(zone->name())->secondsFromGMT(Date{}), GetParam().offset);
+}
+
+INSTANTIATE_TEST_SUITE_P(Forms, TimeZoneNameTest,
+                         testing::Values(NameCase{"GMT", "GMT", 0}, NameCase{"UTC", "UTC", 0},
+                                         NameCase{"GMT+0100", "GMT+0100", 3600},
+                                         NameCase{"GMT-05:30", "GMT-0530", -19800},
+                                         NameCase{"UTC+2", "GMT+0200", 7200},
+                                         NameCase{"gmt-0800", "GMT-0800", -28800},
+                                         NameCase{"GMT+130", "GMT+0130", 5400},
+                                         NameCase{"UTC-0", "GMT", 0}));
+
+TEST(TimeZoneTest, UnknownNamesAndAbbreviationsAnswerNothing) {
+  for (const char* name : {"", "Mars/Olympus_Mons", "Europe/Paris ", "GMT+25", "GMT+01:60", "UTC+",
+                           "GMT+1:", "GMT+12345", "Etc/Unknown"})
+    EXPECT_EQ(TimeZone::timeZoneWithName(name), nullptr) << '"' << name << '"';
+  for (const char* abbreviation : {"", "XYZ", "Europe/Paris", "CESTX"})
+    EXPECT_EQ(TimeZone::timeZoneWithAbbreviation(abbreviation), nullptr) << abbreviation;
+  EXPECT_EQ(TimeZone::timeZoneForSecondsFromGMT(86400), nullptr);
+}
+
+TEST(TimeZoneTest, FindsZonesByAbbreviation) {
+  EXPECT_EQ(TimeZone::timeZoneWithAbbreviation("CET")->name(), "Europe/Paris");
+  EXPECT_EQ(TimeZone::timeZoneWithAbbreviation("cest")->name(), "Europe/Paris");
+  EXPECT_EQ(TimeZone::timeZoneWithAbbreviation("PST")->name(), "America/Los_Angeles");
+  EXPECT_EQ(TimeZone::timeZoneWithAbbreviation("EST")->name(), "America/New_York");
+  EXPECT_EQ(TimeZone::timeZoneWithAbbreviation("GMT")->name(), "GMT");
+  EXPECT_EQ(TimeZone::timeZoneWithAbbreviation("UTC")->name(), "UTC");
+  // What abbreviation() answers for zones without a short name reads back.
+  EXPECT_EQ(TimeZone::timeZoneWithAbbreviation("GMT-0500")->secondsFromGMT(Date{}), -18000);
+}
+
+TEST(TimeZoneTest, SecondsFromGMTNamesTheOffset) {
+  EXPECT_EQ(TimeZone::timeZoneForSecondsFromGMT(0)->name(), "GMT");
+  EXPECT_EQ(TimeZone::timeZoneForSecondsFromGMT(-34200)->name(), "GMT-0930");
+  EXPECT_EQ(TimeZone::timeZoneForSecondsFromGMT(3661)->name(), "GMT+010101");
+  EXPECT_EQ(TimeZone::timeZoneWithName("GMT+010101")->secondsFromGMT(Date{}), 3661);
+  EXPECT_EQ(TimeZone::timeZoneForSecondsFromGMT(3600)->abbreviation(Date{}), "GMT+0100");
+}
+
+TEST(TimeZoneTest, RepeatedLookUpsShareOneZone) {
+  EXPECT_EQ(TimeZone::timeZoneWithName("Europe/Paris"), TimeZone::timeZoneWithName("Europe/Paris"));
+  EXPECT_EQ(TimeZone::timeZoneForSecondsFromGMT(3600), TimeZone::timeZoneWithName("GMT+01:00"));
+  EXPECT_TRUE(*TimeZone::timeZoneWithName("GMT+1") == *TimeZone::timeZoneWithName("UTC+01:00"));
+  EXPECT_FALSE(*TimeZone::timeZoneWithName("UTC") == *TimeZone::gmt());
+}
+
+TEST(TimeZoneTest, ConcurrentLookUpsAndQueriesAgree) {
+  std::vector<std::thread> threads;
+  std::vector<int> sums(4, 0);
+  for (size_t i = 0; i < sums.size(); ++i)
+    threads.emplace_back([&sums, i] {
+      for (int k = 0; k < 200; ++k)
+        for (const char* name : {"Europe/Berlin", "America/Chicago", "GMT+0300"})
+          sums[i] += TimeZone::timeZoneWithName(name)->secondsFromGMT(at1970(1151755200 + k * 86400.0));
+    });
+  for (auto& thread : threads) thread.join();
+  for (int sum : sums) EXPECT_EQ(sum, sums[0]);
+}
+
+// Restores TZ and the system zone after each test.
+class SystemTimeZoneTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (const char* tz = std::getenv("TZ")) _savedTZ = tz;
+  }
+  void TearDown() override {
+    if (_savedTZ)
+      setenv("TZ", _savedTZ->c_str(), 1);
+    else
+      unsetenv("TZ");
+    TimeZone::resetSystemTimeZone();
+  }
+  static std::string systemZoneNameWithTZ(const char* value) {
+    setenv("TZ", value, 1);
+    TimeZone::resetSystemTimeZone();
+    return TimeZone::systemTimeZone()->name();
+  }
+
+ private:
+  std::optional<std::string> _savedTZ;
+};
+
+TEST_F(SystemTimeZoneTest, ReadsTheTZVariable) {
+  EXPECT_EQ(systemZoneNameWithTZ("America/New_York"), "America/New_York");
+  EXPECT_EQ(systemZoneNameWithTZ(":/usr/share/zoneinfo/Asia/Tokyo"), "Asia/Tokyo");
+  EXPECT_EQ(systemZoneNameWithTZ(""), "UTC");
+  // Kept until reset, whatever the variable says meanwhile.
+  setenv("TZ", "Europe/Paris", 1);
+  EXPECT_EQ(TimeZone::systemTimeZone()->name(), "UTC");
+}
+
+TEST_F(SystemTimeZoneTest, LocalKindFollowsTheSystemZone) {
+  const TimeZonePtr local = TimeZone::localTimeZone();
+  const Date winter = at1970(1137326400);
+  EXPECT_TRUE(local->isLocalTimeZoneKind());
+
+  TimeZone::setSystemTimeZone(TimeZone::timeZoneWithName("Europe/Paris"));
+  EXPECT_EQ(local->name(), "Europe/Paris");
+  EXPECT_EQ(local->secondsFromGMT(winter), 3600);
+  EXPECT_EQ(local->abbreviation(winter), "CET");
+
+  TimeZone::setSystemTimeZone(TimeZone::timeZoneWithName("America/New_York"));
+  EXPECT_EQ(local->name(), "America/New_York");
+  EXPECT_EQ(local->secondsFromGMT(winter), -18000);
+  EXPECT_EQ(local->description().rfind("Local Time Zone (America/New_York (E", 0), 0u);
+
+  // Recognised by kind, not by name.
+  EXPECT_FALSE(*local == *TimeZone::systemTimeZone());
+  EXPECT_TRUE(*local == *TimeZone::localTimeZone());
+  TimeZone::setSystemTimeZone(local);  // ignored: it would answer through itself
+  EXPECT_EQ(TimeZone::systemTimeZone()->name(), "America/New_York");
+}
+
+}  // namespace
+}  // namespace pc
