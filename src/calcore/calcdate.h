@@ -14,6 +14,11 @@
 
 namespace pc {
 
+// The years in which the conversion from absolute days is exact; records of
+// other years are outside the supported range.
+inline constexpr std::int64_t kCALCDateFirstYear = 1;
+inline constexpr std::int64_t kCALCDateLastYear = 3285;
+
 struct CALCDate {
   std::int64_t second;
   std::int64_t minute;
@@ -25,15 +30,13 @@ struct CALCDate {
 
 // Unit flags of calcdate_delta_ymdhms_with_flags: the units the difference is
 // expressed in.
-enum : unsigned {
-  kCALCDateSecondsUnit = 0x01,
-  kCALCDateMinutesUnit = 0x02,
-  kCALCDateHoursUnit = 0x04,
-  kCALCDateDaysUnit = 0x08,
-  kCALCDateMonthsUnit = 0x10,
-  kCALCDateYearsUnit = 0x20,
-  kCALCDateAllUnits = 0x3f,
-};
+inline constexpr unsigned kCALCDateSecondsUnit = 0x01;
+inline constexpr unsigned kCALCDateMinutesUnit = 0x02;
+inline constexpr unsigned kCALCDateHoursUnit = 0x04;
+inline constexpr unsigned kCALCDateDaysUnit = 0x08;
+inline constexpr unsigned kCALCDateMonthsUnit = 0x10;
+inline constexpr unsigned kCALCDateYearsUnit = 0x20;
+inline constexpr unsigned kCALCDateAllUnits = 0x3f;
 
 // Month lengths by [leap][month]; index 0 holds 0.
 inline constexpr std::uint8_t calcdate_day_in_month[2][13] = {
