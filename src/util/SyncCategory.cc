@@ -1,0 +1,174 @@
+#include "util/SyncCategory.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "async/Log.h"
+#include "platform/Exception.h"
+#include "platform/Strings.h"
+#include "util/QVTStringExtensions.h"
+
+namespace pc {
+
+namespace {
+
+// The elements of a collection of keys (see SyncCategory.h).
+Array collectionElements(const Value& collection) {
+  if (auto array = collection.asArray()) return *array;
+  if (auto set = collection.asSet()) return set->allObjects();
+  if (auto dictionary = collection.asDictionary()) return dictionary->keys();
+  return {};
+}
+
+bool collectionContains(const Value& collection, const Value& element) {
+  if (auto array = collection.asArray()) return array->contains(element);
+  if (auto set = collection.asSet()) return set->contains(element);
+  if (auto dictionary = collection.asDictionary()) return dictionary->contains(element);
+  return false;
+}
+
+Dictionary sliceWhere(const Dictionary& dictionary, const Value& keys, bool inCollection) {
+  Dictionary slice;
+  for (const auto& [key, value] : dictionary)
+    if (collectionContains(keys, key) == inCollection) slice.set(key, value);
+  return slice;
+}
+
+// The growth of the length budget a modifier gives `text`, 0 for a modifier
+// that does not apply (or is malformed, which is logged).
+long lengthModifierFor(std::string_view text, const Value& modifier) {
+  const auto description = modifier.asDictionary();
+  const Value string = description ? description->get("stringModifier") : Value();
+  const Value length = description ? description->get("lengthModifier") : Value();
+  if (!string.isString() || !length.isNumber()) {
+    QVT_LOG(kLogWarning, QVTLOG, "ignored truncation modifier: {}", modifier);
+    return 0;
+  }
+  return static_cast<long>(SyncCategory::occurrenceNb(text, string.string())) *
+         static_cast<long>(length.integerValue());
+}
+
+}  // namespace
+
+namespace SyncCategory {
+
+std::optional<std::string> resourceNameAttributes(const Value& resource,
+                                                  std::optional<Dictionary>* attributes) {
+  std::optional<std::string> name;
+  if (const std::string* text = resource.asString()) {
+    name = *text;
+    if (attributes) attributes->reset();
+  } else if (const auto dictionary = resource.asDictionary()) {
+    if (const Value* entry = dictionary->find("Name"); entry && entry->isString())
+      name = entry->string();
+    if (attributes) *attributes = *dictionary;
+  } else {
+    const std::string kind = resource.isObject() ? resource.object()->className()
+                                                 : std::string(resource.kindName());
+    const std::string reason = fmt::format("cannot extract name from the object type: {}", kind);
+    QVT_LOG(kLogError, QVTLOG, "{}", reason);
+    raiseException(kInvalidArgumentException, reason);
+  }
+  const bool ret = name.has_value();
+  QVT_CHECK(ret);
+  return name;
+}
+
+std::string unQuotedString(std::string_view text) {
+  if (text.empty() || text.front() != '"') return std::string(text);
+  const std::string_view rest = text.substr(1);
+  return std::string(rest.substr(0, rest.rfind('"')));
+}
+
+std::size_t occurrenceNb(std::string_view text, std::string_view string) {
+  if (string.empty()) return 0;
+  std::size_t count = 0;
+  for (std::size_t at = text.find(string); at != std::string_view::npos;
+       at = text.find(string, at + string.size()))
+    ++count;
+  return count;
+}
+
+std::optional<std::string> qvt_truncationToMaxLength(std::string_view text, long length,
+                                                     const std::optional<Array>& modifiers) {
+  long budget = length;
+  if (modifiers)
+    for (const Value& modifier : *modifiers) budget += lengthModifierFor(text, modifier);
+  if (budget < 1) return std::nullopt;
+  return utf16Prefix(text, static_cast<std::size_t>(budget));
+}
+
+std::optional<URL> qvt_truncationToMaxLength(const URL& address, long length) {
+  const std::string& text = address.absoluteString();
+  if (text.empty() || length < 1) return std::nullopt;
+  if (utf16Length(text) <= static_cast<std::size_t>(length)) return address;
+  return URL(utf16Prefix(text, static_cast<std::size_t>(length)));
+}
+
+void appendASCIIZ(Data& data, const char* bytes) {
+  if (bytes) data.append(bytes, std::strlen(bytes));
+}
+
+std::string uniqueId() { return QVTStringExtensions::uuidString(); }
+
+std::string stringWithASCIIZ(const char* bytes) { return bytes ? std::string(bytes) : std::string(); }
+
+void qvt_keepKeysFromCollection(Dictionary& dictionary, const Value& collection) {
+  for (const Value& key : dictionary.keys())
+    if (!collectionContains(collection, key)) dictionary.remove(key);
+}
+
+void qvt_removeDuplicates(Array& array) {
+  std::vector<Value>& values = array.mutableValues();
+  std::vector<Value> unique;
+  for (Value& value : values)
+    if (std::find(unique.begin(), unique.end(), value) == unique.end())
+      unique.push_back(std::move(value));
+  values = std::move(unique);
+}
+
+void setBool(Dictionary& dictionary, bool value, const Value& key) { dictionary.set(key, value); }
+
+void setInt(Dictionary& dictionary, int value, const Value& key) { dictionary.set(key, value); }
+
+Array allUniqueValues(const Dictionary& dictionary) {
+  Array values = dictionary.values();
+  qvt_removeDuplicates(values);
+  return values;
+}
+
+Dictionary phc_invertDico(const Dictionary& dictionary) {
+  Dictionary inverted;
+  for (const auto& [key, value] : dictionary) inverted.set(value, key);
+  return inverted;
+}
+
+Dictionary phc_slice(const Dictionary& dictionary, const Value& keys) {
+  return sliceWhere(dictionary, keys, true);
+}
+
+Dictionary phc_complementSlice(const Dictionary& dictionary, const Value& keys) {
+  return sliceWhere(dictionary, keys, false);
+}
+
+Dictionary phc_remapKeys(const Dictionary& dictionary, const Dictionary& map) {
+  Dictionary remapped;
+  for (const auto& [key, value] : dictionary)
+    if (const Value* newKey = map.find(key)) remapped.set(*newKey, value);
+  return remapped;
+}
+
+bool isEqualToDictionary(const Dictionary& dictionary, const Dictionary& other,
+                         const Value& keys) {
+  for (const Value& key : collectionElements(keys)) {
+    const Value* mine = dictionary.find(key);
+    const Value* theirs = other.find(key);
+    if (!mine != !theirs || (mine && *mine != *theirs)) return false;
+  }
+  return true;
+}
+
+}  // namespace SyncCategory
+
+}  // namespace pc

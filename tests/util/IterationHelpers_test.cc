@@ -1,0 +1,145 @@
+#include "util/IterationHelpers.h"
+
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace pc {
+namespace {
+
+using namespace IterationHelpers;
+
+Array numbers(int count) {
+  Array array;
+  for (int i = 0; i < count; ++i) array.add(i);
+  return array;
+}
+
+bool above2(const Value& element, void*) { return element.intValue() > 2; }
+
+// Counts its calls in the int the context points to.
+bool countedIsEven(const Value& element, std::size_t, void* calls) {
+  ++*static_cast<int*>(calls);
+  return element.intValue() % 2 == 0;
+}
+
+TEST(ArrayIteration, MapKeepsNonNullResultsInOrder) {
+  EXPECT_TRUE(qvt_map(numbers(3), [](const Value&, void*) { return Value(); }).empty());
+  EXPECT_EQ(qvt_map(numbers(5),
+                    [](const Value& e, void*) { return e.intValue() % 2 ? Value() : Value(e.intValue() * 10); }),
+            (Array{0, 20, 40}));
+  EXPECT_EQ(qvt_mapWithSelector(Array{"a", "bc"},
+                                [](const Value& e) { return Value(e.string().size()); }),
+            (Array{1, 2}));
+}
+
+TEST(ArrayIteration, ConjunctionAndDisjunctionStopEarly) {
+  int calls = 0;
+  EXPECT_FALSE(conjunction(Array{2, 4, 5, 6}, countedIsEven, &calls));
+  EXPECT_EQ(calls, 3);
+  calls = 0;
+  EXPECT_TRUE(disjunction(Array{1, 3, 4, 5}, countedIsEven, &calls));
+  EXPECT_EQ(calls, 3);
+  EXPECT_TRUE(qvt_iterWhileTrue(Array{}, countedIsEven, &calls));
+  EXPECT_FALSE(disjunction(Array{}, countedIsEven, &calls));
+
+  std::vector<std::size_t> indexes;
+  qvt_iter(Array{"a", "b"}, [](const Value&, std::size_t i, void* seen) {
+    static_cast<std::vector<std::size_t>*>(seen)->push_back(i);
+  }, &indexes);
+  EXPECT_EQ(indexes, (std::vector<std::size_t>{0, 1}));
+}
+
+TEST(ArrayIteration, UnqueueRemovesTheTrueTail) {
+  Array array{1, 2, 3, 4};
+  EXPECT_FALSE(unqueueWhileTrue(array, above2));
+  EXPECT_EQ(array, (Array{1, 2}));
+
+  Array all{5, 6};
+  EXPECT_TRUE(unqueueWhileTrue(all, above2));
+  EXPECT_TRUE(all.empty());
+
+  Array none{5, 1};
+  EXPECT_FALSE(unqueueWhileTrue(none, above2));
+  EXPECT_EQ(none, (Array{5, 1}));
+}
+
+TEST(SetIteration, ChooseAndWhileTrue) {
+  const Set set{1, 3, 4, 7};
+  EXPECT_EQ(choose(set, above2), (Set{3, 4, 7}));
+  EXPECT_FALSE(qvt_iterWhileTrue(set, above2));
+  EXPECT_TRUE(qvt_iterWhileTrue(Set{3}, above2));
+}
+
+TEST(DictionaryIteration, FindIterAndUnqueue) {
+  Dictionary dictionary{{"a", 1}, {"b", 3}, {"c", 5}, {"d", 0}};
+  EXPECT_EQ(qvt_find(dictionary, [](const Value& key, const Value& value, void*) {
+              return value.intValue() > 2 ? key : Value();
+            }),
+            Value("b"));
+
+  // The snapshot lets the callback remove entries still to come.
+  std::vector<std::string> seen;
+  struct Context {
+    Dictionary dictionary;
+    std::vector<std::string>* seen;
+  } context{dictionary, &seen};
+  qvt_iter(dictionary, [](const Value& key, const Value& value, void* c) {
+    auto* context = static_cast<Context*>(c);
+    context->seen->push_back(key.string() + value.description());
+    context->dictionary.remove("c");
+  }, &context);
+  EXPECT_EQ(seen, (std::vector<std::string>{"a1", "b3", "c<null>", "d0"}));
+
+  const auto positive = [](const Value&, const Value& value, void*) { return value.intValue() > 0; };
+  Dictionary queue{{"a", 1}, {"b", 2}, {"c", 0}, {"d", 4}};
+  EXPECT_FALSE(unqueueWhileTrue(queue, positive));
+  EXPECT_EQ(queue, (Dictionary{{"c", 0}, {"d", 4}}));
+  EXPECT_FALSE(qvt_iterWhileTrue(queue, positive));
+}
+
+class BatchedIterators : public ::testing::TestWithParam<int> {};
+
+TEST_P(BatchedIterators, ArrayReadsEverythingInBatchesOf20) {
+  const int count = GetParam();
+  const Array array = numbers(count);
+  QVTFastArrayIteratorState state;
+  QVTFastArrayIteratorInit(&state, array);
+  std::vector<std::size_t> fetches;
+  int expected = 0;
+  while (const Value* element = QVTFastArrayIteratorNext(&state)) {
+    if (state.batchPosition == 1) fetches.push_back(state.batchSize);
+    EXPECT_EQ(element->intValue(), expected++);
+  }
+  EXPECT_EQ(expected, count);
+  EXPECT_EQ(QVTFastArrayIteratorNext(&state), nullptr);
+  // 45 elements come in fetches of 20, 20 and 5.
+  ASSERT_EQ(fetches.size(), static_cast<std::size_t>((count + 19) / 20));
+  for (std::size_t i = 0; i < fetches.size(); ++i)
+    EXPECT_EQ(fetches[i], std::min<std::size_t>(20, count - 20 * i));
+}
+
+TEST_P(BatchedIterators, DictionaryReadsParallelKeysAndValues) {
+  const int count = GetParam();
+  Dictionary dictionary;
+  for (int i = 0; i < count; ++i) dictionary.set(fmt::format("k{}", i), i);
+  QVTFastDictionaryIteratorState state;
+  QVTFastDictionaryIteratorInit(&state, dictionary);
+  const Value* key = nullptr;
+  const Value* value = nullptr;
+  int expected = 0;
+  while (QVTFastDictionaryIteratorNext(&state, &key, expected % 2 ? nullptr : &value)) {
+    EXPECT_EQ(key->string(), fmt::format("k{}", expected));
+    if (expected % 2 == 0) {
+      EXPECT_EQ(value->intValue(), expected);
+    }
+    ++expected;
+  }
+  EXPECT_EQ(expected, count);
+  EXPECT_FALSE(QVTFastDictionaryIteratorNext(&state, nullptr, nullptr));
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, BatchedIterators, ::testing::Values(0, 1, 19, 20, 21, 40, 45));
+
+}  // namespace
+}  // namespace pc

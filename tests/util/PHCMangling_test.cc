@@ -1,0 +1,189 @@
+#include "util/PHCMangling.h"
+
+#include <cstdio>
+#include <fstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "LogCapture.h"
+#include "platform/Exception.h"
+#include "platform/Registry.h"
+
+namespace pc {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using test::LogCapture;
+
+CalendarDate dateIn(const char* zone, int year, int month, int day, int hour, int minute,
+                    int second) {
+  return CalendarDate::dateWithYear(year, month, day, hour, minute, second,
+                                    TimeZone::timeZoneWithName(zone));
+}
+
+void expectSameDate(const Value& actual, const CalendarDate& expected) {
+  ASSERT_TRUE(actual.isDate()) << actual.description();
+  EXPECT_EQ(actual.date().timeIntervalSinceReferenceDate(),
+            expected.timeIntervalSinceReferenceDate());
+  EXPECT_EQ(actual.date().timeZone()->name(), expected.timeZone()->name());
+}
+
+// A record with every kind of value the format must carry.
+struct RichRecord {
+  CalendarDate paris = dateIn("Europe/Paris", 2026, 3, 29, 2, 30, 0);  // in a DST gap
+  CalendarDate newYork = dateIn("America/New_York", 2026, 11, 1, 1, 30, 59);
+  CalendarDate kolkata = dateIn("Asia/Kolkata", 1999, 12, 31, 23, 59, 59);
+  CalendarDate fixed = dateIn("GMT+0130", 2030, 6, 15, 12, 0, 0);
+  Dictionary record{
+      {"entityName", "Calendars.Event"},
+      {"summary", "Réunion ✓"},
+      {"startDate", paris},
+      {"url", URL("https://example.org/a?b=c&d")},
+      {"photo", Data::fromString(std::string("\0\x01\xff", 3))},
+      {"priority", 3},
+      {"allDay", false},
+      {"alarms",
+       Array{Dictionary{{"triggerdate", newYork}, {"nested", Array{Array{kolkata, 1.5}}}}}},
+      {"exceptions", Dictionary{{"fixed", fixed}, {"empty", Dictionary{}}}},
+  };
+};
+
+TEST(NicePList, RecordSurvivesRoundTripWithSecondsAndZones) {
+  RichRecord rich;
+  const std::optional<std::string> text = PHCMangling::phc_nicePList(rich.record);
+  ASSERT_TRUE(text);
+  const std::optional<Dictionary> back = PHCMangling::phc_dictionaryFromNiceString(*text);
+  ASSERT_TRUE(back);
+
+  EXPECT_EQ(*back, rich.record);
+  expectSameDate(back->get("startDate"), rich.paris);
+  const Dictionary alarm = back->getArray("alarms")->at(0).dictionary();
+  expectSameDate(alarm.get("triggerdate"), rich.newYork);
+  expectSameDate(alarm.getArray("nested")->at(0).array().at(0), rich.kolkata);
+  expectSameDate(back->getDictionary("exceptions")->get("fixed"), rich.fixed);
+  EXPECT_EQ(back->get("url").url().absoluteString(), "https://example.org/a?b=c&d");
+
+  // The record file functions read and write the same form.
+  std::string error;
+  const std::optional<std::string> fileText = recordText(rich.record, &error);
+  ASSERT_TRUE(fileText) << error;
+  EXPECT_EQ(*fileText, *text);
+  const std::optional<Dictionary> read = recordFromText(*fileText, &error);
+  ASSERT_TRUE(read) << error;
+  EXPECT_EQ(*read, rich.record);
+}
+
+TEST(NicePList, DatesAndAddressesBecomeTaggedDictionaries) {
+  const CalendarDate date = dateIn("Europe/Paris", 2026, 12, 31, 9, 5, 7);
+  EXPECT_EQ(PHCMangling::_phc_manglePlistForEncoding(date),
+            Value(Dictionary{{"date", "31/12/2026 09:05:07 Europe/Paris"},
+                             {"_GRNType", "CalendarDate"}}));
+  EXPECT_EQ(PHCMangling::_phc_manglePlistForEncoding(URL("mailto:a@b.c")),
+            Value(Dictionary{{"value", "mailto:a@b.c"}, {"_GRNType", "URL"}}));
+  EXPECT_EQ(PHCMangling::_phc_manglePlistForEncoding(42), Value(42));
+
+  // Sets are rebuilt too, their elements mapped.
+  const Value mapped = PHCMangling::_phc_deepMapWithSelector(
+      Set{URL("x:y")}, [](const Value& leaf, void*) { return PHCMangling::_phc_manglePlistForEncoding(leaf); },
+      nullptr);
+  ASSERT_TRUE(mapped.isSet());
+  EXPECT_TRUE(mapped.set().contains(Dictionary{{"value", "x:y"}, {"_GRNType", "URL"}}));
+}
+
+TEST(NicePList, ValuesWithoutPropertyListFormAreNotEncoded) {
+  LogCapture log;
+  EXPECT_FALSE(PHCMangling::phc_nicePList(Dictionary{{"missing", Value()}}));
+  ASSERT_EQ(log.messages().size(), 1u);
+  EXPECT_THAT(log.messages()[0], HasSubstr("cannot encode ("));
+}
+
+// Tags that do not rebuild: logged and left in place by the category, an
+// error naming the key path from the record reader.
+struct BadTag {
+  const char* name;
+  const char* taggedDictionary;  // plist XML of the bad value
+  const char* problem;           // part of the log text and of the error
+};
+
+class BadTagTest : public ::testing::TestWithParam<BadTag> {
+ protected:
+  static std::string recordWith(const char* tagged) {
+    return std::string(R"(<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0"><dict><key>events</key><array><dict><key>start</key>)") +
+           tagged + "</dict></array></dict></plist>";
+  }
+};
+
+TEST_P(BadTagTest, IsReportedAndKept) {
+  static const int registered = [] {
+    ClassRegistry::registerClass("NiceTestPlainClass", "", nullptr);
+    return 0;
+  }();
+  (void)registered;
+  const std::string text = recordWith(GetParam().taggedDictionary);
+  {
+    LogCapture log;
+    const std::optional<Dictionary> record = PHCMangling::phc_dictionaryFromNiceString(text);
+    ASSERT_TRUE(record);
+    const Value kept = record->getArray("events")->at(0).dictionary().get("start");
+    EXPECT_TRUE(kept.isDictionary() && kept.dictionary().contains("_GRNType"));
+    EXPECT_THAT(log.messages(), ElementsAre(HasSubstr(GetParam().problem)));
+  }
+  std::string error;
+  EXPECT_FALSE(recordFromText(text, &error));
+  EXPECT_THAT(error, HasSubstr("events/0/start: "));
+  EXPECT_THAT(error, HasSubstr(GetParam().problem));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    NicePList, BadTagTest,
+    ::testing::Values(
+        BadTag{"UnparsableDate",
+               "<dict><key>date</key><string>31/02/x</string><key>_GRNType</key>"
+               "<string>CalendarDate</string></dict>",
+               "cannot read date \"31/02/x\""},
+        BadTag{"UnknownZone",
+               "<dict><key>date</key><string>01/02/2026 10:00:00 Mars/Olympus</string>"
+               "<key>_GRNType</key><string>CalendarDate</string></dict>",
+               "cannot read date"},
+        BadTag{"DateNotText",
+               "<dict><key>date</key><integer>3</integer><key>_GRNType</key>"
+               "<string>CalendarDate</string></dict>",
+               "tagged date without a \"date\" text"},
+        BadTag{"UnknownType", "<dict><key>_GRNType</key><string>Nothing</string></dict>",
+               "unknown _GRNType \"Nothing\""},
+        BadTag{"TypeWithoutUnmangling",
+               "<dict><key>_GRNType</key><string>NiceTestPlainClass</string></dict>",
+               "should be redefined for type NiceTestPlainClass"},
+        BadTag{"TypeNotText", "<dict><key>_GRNType</key><true/></dict>",
+               "_GRNType is not a type name"}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(NicePList, TextThatIsNotARecordIsRefused) {
+  LogCapture log;
+  EXPECT_FALSE(PHCMangling::phc_dictionaryFromNiceString("<plist><dict><key>a</key>"));
+  EXPECT_FALSE(PHCMangling::phc_dictionaryFromNiceString(
+      "<plist version=\"1.0\"><array><integer>1</integer></array></plist>"));
+  ASSERT_EQ(log.messages().size(), 2u);
+  EXPECT_THAT(log.messages()[0], HasSubstr("cannot parse data: "));
+  EXPECT_THAT(log.messages()[1], HasSubstr("cannot parse data: "));
+}
+
+TEST(RecordFile, ReadsWhatWasWrittenAndNamesTheFileOnError) {
+  RichRecord rich;
+  const std::string path = ::testing::TempDir() + "/record_file_test.plist";
+  std::ofstream(path) << *recordText(rich.record);
+  std::string error;
+  const std::optional<Dictionary> read = readRecordFile(path, &error);
+  ASSERT_TRUE(read) << error;
+  EXPECT_EQ(*read, rich.record);
+  std::remove(path.c_str());
+
+  EXPECT_FALSE(readRecordFile(path, &error));
+  EXPECT_THAT(error, HasSubstr(path));
+}
+
+}  // namespace
+}  // namespace pc

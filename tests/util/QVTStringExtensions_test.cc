@@ -1,0 +1,198 @@
+#include "util/QVTStringExtensions.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "LogCapture.h"
+
+namespace pc {
+namespace {
+
+using ::testing::ElementsAre;
+using test::LogCapture;
+using namespace QVTStringExtensions;
+
+TEST(HexForms, EncodeAndDecode) {
+  EXPECT_EQ(qvt_convertToUTF8Hexa("é"), "c3a9");
+  EXPECT_EQ(qvt_convertToUCS2Hexa("é"), "00e9");
+  EXPECT_EQ(qvt_convertToUCS2Hexa("A😀"), "0041d83dde00");
+  EXPECT_EQ(qvt_stringFromUCS2HexaString("00e9"), "é");
+  EXPECT_EQ(qvt_stringFromUCS2HexaString("0041D83DDE00"), "A😀");
+  EXPECT_EQ(qvt_stringFromUTF8HexaString("c3a9"), "é");
+  EXPECT_EQ(qvt_stringFromUTF8HexaString(""), "");
+}
+
+TEST(HexForms, MalformedHexIsRefused) {
+  for (const char* bad : {"0g", "c3a", " c3a9", "+1", "zz"}) {
+    EXPECT_EQ(qvt_stringFromUTF8HexaString(bad), std::nullopt) << bad;
+    EXPECT_EQ(qvt_stringFromUCS2HexaString(bad), std::nullopt) << bad;
+  }
+  EXPECT_EQ(qvt_stringFromUTF8HexaString("c3"), std::nullopt);    // not UTF-8
+  EXPECT_EQ(qvt_stringFromUCS2HexaString("00e9ff"), std::nullopt);  // half a unit
+  EXPECT_EQ(qvt_stringFromUCS2HexaString("d83d"), std::nullopt);    // lone surrogate
+
+  std::uint8_t bytes[4];
+  std::size_t length = 99;
+  EXPECT_FALSE(hex_to_bytes("abc", bytes, &length));
+  EXPECT_TRUE(hex_to_bytes("00fF7a", bytes, &length));
+  EXPECT_EQ(length, 3u);
+  EXPECT_THAT(bytes, ::testing::ElementsAre(0x00, 0xff, 0x7a, ::testing::_));
+}
+
+TEST(HexForms, SizeLimits) {
+  EXPECT_TRUE(qvt_convertToUTF8Hexa(std::string(9999, 'a')));
+  EXPECT_FALSE(qvt_convertToUTF8Hexa(std::string(10000, 'a')));
+
+  LogCapture log;
+  EXPECT_FALSE(qvt_stringFromUTF8HexaString(std::string(10002, '6')));
+  EXPECT_TRUE(log.messages().empty());
+  EXPECT_EQ(qvt_stringFromUTF8HexaString(std::string(10000, '6')), std::string(5000, 'f'));
+  EXPECT_THAT(log.messages(), ElementsAre("string should be small here"));
+}
+
+TEST(Encodings, LossyForms) {
+  EXPECT_EQ(stringWithLossyASCIIConversion("Crème brûlée, Œuvre"), "Creme brulee, OEuvre");
+  const std::string greek = stringWithLossyASCIIConversion("Ωμέγα 日本");
+  EXPECT_TRUE(std::all_of(greek.begin(), greek.end(), [](char c) { return c > 0; })) << greek;
+  EXPECT_EQ(stringWithUTF8Conversion("é-a€"), "-a");
+}
+
+struct Lossless {
+  const char* text;
+  StringEncoding encoding;
+  bool lossless;
+};
+
+TEST(Encodings, LosslessEncodingDependsOnTheRepertoire) {
+  const Lossless cases[] = {
+      {"plain", StringEncoding::ASCII, true},        {"é", StringEncoding::ASCII, false},
+      {"é", StringEncoding::ISOLatin1, true},        {"€", StringEncoding::ISOLatin1, false},
+      {"€œ", StringEncoding::WindowsCP1252, true},   {"Ω", StringEncoding::WindowsCP1252, false},
+      {"😀", StringEncoding::UTF16BigEndian, true},  {"😀", StringEncoding::UTF8, true},
+      {"\xff", StringEncoding::UTF8, false},         {"Ça coûte 5€ {ok}", StringEncoding::GSM0338, false},
+      {"Ça va 5€ {ok} ΔΩ", StringEncoding::GSM0338, true}, {"ç", StringEncoding::GSM0338, false},
+  };
+  for (const Lossless& c : cases)
+    EXPECT_EQ(qvt_canReallyBeEncodedLosslessInEncoding(c.text, c.encoding), c.lossless)
+        << c.text << " in " << static_cast<int>(c.encoding);
+}
+
+TEST(CharacterSets, DeleteReplaceAndCount) {
+  const CharacterSet junk = CharacterSet::characterSetWithCharactersInString("#€😀");
+  EXPECT_EQ(qvt_stringByRemovingCharactersFromSet("a#€b😀c#", junk), "abc");
+  EXPECT_EQ(qvt_stringByReplacingCharactersFromSet("a#€b😀c", junk, "_", false), "a__b_c");
+  EXPECT_EQ(qvt_stringByReplacingCharactersFromSet("a#€b😀c", junk, "_", true), "a_b_c");
+  EXPECT_EQ(qvt_countOfCharactersFromSet("a#€b😀c", junk), 3u);
+
+  // A replacement holding characters of the set terminates.
+  std::string text = "x#y";
+  replaceCharactersFromSet(text, junk, "##", true);
+  EXPECT_EQ(text, "x##y");
+  deleteCharactersFromSet(text, junk);
+  EXPECT_EQ(text, "xy");
+}
+
+TEST(Conversions, Numbers) {
+  EXPECT_EQ(unsignedIntValue("12a"), 0u);
+  EXPECT_EQ(unsignedIntValue(""), 0u);
+  EXPECT_EQ(unsignedIntValue("-1"), 0u);
+  EXPECT_EQ(unsignedIntValue("4294967295"), 4294967295u);
+  EXPECT_FALSE(containsNonDigitChar(""));
+  EXPECT_FALSE(containsNonDigitChar("0123"));
+  EXPECT_TRUE(containsNonDigitChar("12 3"));
+  EXPECT_EQ(stringByConvertingToDottedName("a_b_c"), "a.b.c");
+  EXPECT_EQ(stringByConvertingToUnderscoredName("a.b"), "a_b");
+}
+
+TEST(Conversions, LineBreaksAndControls) {
+  std::string escaped = "a\\r\\nb\\tc\\";
+  interpretCRLF(escaped);
+  EXPECT_EQ(escaped, "a\r\nb\\tc\\");
+
+  const std::string controls = "a\r\nb\nc\rd\t\x01\x1b\a\b\f\x0b";
+  EXPECT_EQ(prettyPrint(controls), "a\\r\\n\nb\\n\nc\\r\nd\\t\\1\\e\\a\\b\\f\\11");
+  EXPECT_EQ(prettyPrintKeepCR(controls, false), "a\\r\\nb\\nc\\rd\\t\\1\\e\\a\\b\\f\\11");
+}
+
+TEST(Conversions, HTMLTags) {
+  EXPECT_EQ(qvt_stringByRemovingHTMLTags("a<b>c</p>d"), "ac\nd");
+  EXPECT_EQ(qvt_stringByRemovingHTMLTags("<p class=\"x\">one</P>two<br/>"), "one\ntwo");
+  EXPECT_EQ(qvt_stringByRemovingHTMLTags("a < b"), "a < b");
+  EXPECT_EQ(qvt_stringByRemovingHTMLTags("x<i>y</p"), "xy</p");
+}
+
+TEST(Addresses, PercentEscapes) {
+  const std::string legal =
+      qvt_stringWithLegalURLCharactersThatShouldBeEscapedIfYouWantToEmbedThemInAURLSafely();
+  EXPECT_EQ(qvt_stringByAddingPercentEscapesUsingEncoding("a b/é?x=1", StringEncoding::UTF8, ""),
+            "a%20b/%C3%A9?x=1");
+  EXPECT_EQ(qvt_stringByAddingPercentEscapesUsingEncoding("a b/é?x=1", StringEncoding::UTF8, legal),
+            "a%20b%2F%C3%A9%3Fx%3D1");
+  EXPECT_EQ(qvt_stringByAddingPercentEscapesUsingEncoding("é#", StringEncoding::ISOLatin1, ""),
+            "%E9%23");
+  EXPECT_EQ(qvt_stringByAddingPercentEscapesUsingEncoding("€", StringEncoding::ASCII, ""),
+            std::nullopt);
+  EXPECT_EQ(uuidString().size(), 36u);
+}
+
+TEST(DefaultNames, NumberPastTheHighestUsed) {
+  const struct {
+    const char* defaultString;
+    Array used;
+    const char* expected;
+  } cases[] = {
+      {"Calendar", {"Calendar", "Calendar 3"}, "Calendar 4"},
+      {"Calendar", {"Other"}, "Calendar"},
+      {"Calendar", {}, "Calendar"},
+      {"Calendar", {"Calendar"}, "Calendar 2"},
+      {"Calendar 2", {"Calendar 2"}, "Calendar 3"},
+      {"Calendar", {"Calendar 2b", "Calendars 9", "Calendar 0", 7}, "Calendar"},
+      {"Work Calendar", {"Work Calendar 12", "Work Calendar"}, "Work Calendar 13"},
+      {"7", {"7"}, "7 2"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(guessedStringForDefaultString(c.defaultString, c.used), c.expected)
+        << c.defaultString << " with " << c.used.description();
+}
+
+struct Comparison {
+  const char* text;
+  const char* other;
+  int order;
+};
+
+TEST(Comparisons, NumericalCompare) {
+  const Comparison cases[] = {
+      {"file2", "file10", -1}, {"file10", "file2", 1}, {"a01", "a1", 0},  {"abc", "abd", -1},
+      {"ab", "abc", -1},       {"x9y", "x9y", 0},      {"B", "a", -1},    {"1.10", "1.9", 1},
+  };
+  for (const Comparison& c : cases)
+    EXPECT_EQ(qvtNumericalCompare(c.text, c.other), c.order) << c.text << " / " << c.other;
+}
+
+TEST(Comparisons, CaseAndDiacriticInsensitiveCollation) {
+  const Comparison cases[] = {
+      {"élan", "ELAN", 0},          {"Ａｂｃ１", "abc1", 0},        {"e\u0301te\u0301", "été", 0},
+      {"item 2", "item 10", -1},    {"Item 10", "item 9", 1},     {"a-b", "ab", -1},
+      {"Zoë", "zoe", 0},            {"apple", "Banana", -1},      {"résumé", "resume", 0},
+  };
+  for (const Comparison& c : cases)
+    EXPECT_EQ(caseInsensitiveDiacriticalCompare(c.text, c.other), c.order)
+        << c.text << " / " << c.other;
+  EXPECT_EQ(caseInsensitiveDiacriticalCompare("x", std::nullopt), 0);
+  EXPECT_TRUE(isCaseInsensitiveDiacriticalEqualToString("Ｃafé", "CAFE"));
+  EXPECT_FALSE(isCaseInsensitiveDiacriticalEqualToString("x", std::nullopt));
+}
+
+TEST(Comparisons, TrimmedCompareSortsBlanksLast) {
+  const Comparison cases[] = {
+      {"  Éva ", "eva", 0}, {"abc", "  ", -1}, {" ", "abc", 1},
+      {"", " ", 1},         {" ", "", -1},     {"", "", 0},
+  };
+  for (const Comparison& c : cases)
+    EXPECT_EQ(trimmedDiacriticalCompare(c.text, c.other), c.order)
+        << '"' << c.text << "\" / \"" << c.other << '"';
+}
+
+}  // namespace
+}  // namespace pc

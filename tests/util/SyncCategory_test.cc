@@ -1,0 +1,152 @@
+#include "util/SyncCategory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "LogCapture.h"
+#include "platform/Exception.h"
+
+namespace pc {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using test::LogCapture;
+using namespace SyncCategory;
+
+TEST(UnQuotedString, StripsTheOuterQuotes) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"\"", ""},           {"\"abc\"", "abc"}, {"\"a\"b\"c", "a\"b"},
+      {"\"abc", "abc"},     {"abc\"", "abc\""}, {"", ""},
+  };
+  for (const auto& [text, expected] : cases) EXPECT_EQ(unQuotedString(text), expected) << text;
+}
+
+TEST(OccurrenceNb, CountsNonOverlappingOccurrences) {
+  EXPECT_EQ(occurrenceNb("aaaaa", "aa"), 2u);
+  EXPECT_EQ(occurrenceNb("a\nb\nc", "\n"), 2u);
+  EXPECT_EQ(occurrenceNb("abc", ""), 0u);
+}
+
+TEST(Truncation, ModifiersMoveTheBudget) {
+  const Array lineBreaks{Dictionary{{"stringModifier", "\n"}, {"lengthModifier", -1}}};
+  EXPECT_EQ(qvt_truncationToMaxLength("ab\ncd\nef\ngh", 10, lineBreaks), "ab\ncd\ne");
+  EXPECT_EQ(qvt_truncationToMaxLength("ab\ncd\nef\ngh", 10), "ab\ncd\nef\ng");
+
+  const Array growing{Dictionary{{"stringModifier", "€"}, {"lengthModifier", 2}},
+                      Dictionary{{"stringModifier", "x"}, {"lengthModifier", 0}}};
+  EXPECT_EQ(qvt_truncationToMaxLength("€€abcdefgh", 4, growing), "€€abcdef");
+
+  // Below one character nothing is left.
+  EXPECT_EQ(qvt_truncationToMaxLength("\n\n\nabc", 3, lineBreaks), std::nullopt);
+  EXPECT_EQ(qvt_truncationToMaxLength("abc", 0), std::nullopt);
+  // Lengths are UTF-16 units and a surrogate pair is never cut.
+  EXPECT_EQ(qvt_truncationToMaxLength("a😀b", 2), "a");
+  EXPECT_EQ(qvt_truncationToMaxLength("a😀b", 3), "a😀");
+}
+
+TEST(Truncation, MalformedModifiersAreIgnoredAndLogged) {
+  LogCapture log;
+  const Array modifiers{"junk", Dictionary{{"stringModifier", 3}, {"lengthModifier", -1}}};
+  EXPECT_EQ(qvt_truncationToMaxLength("abcdef", 4, modifiers), "abcd");
+  EXPECT_EQ(log.messages().size(), 2u);
+}
+
+TEST(Truncation, AddressesAreCutWithoutModifiers) {
+  const URL address("http://example.org/long/path");
+  EXPECT_EQ(qvt_truncationToMaxLength(address, 100), address);
+  EXPECT_EQ(qvt_truncationToMaxLength(address, 18), URL("http://example.org"));
+  EXPECT_EQ(qvt_truncationToMaxLength(URL(), 10), std::nullopt);
+  EXPECT_EQ(qvt_truncationToMaxLength(address, 0), std::nullopt);
+}
+
+TEST(ResourceNameAttributes, ReadsStringsAndDictionaries) {
+  std::optional<Dictionary> attributes = Dictionary{};
+  EXPECT_EQ(resourceNameAttributes("FormattingMethods", &attributes), "FormattingMethods");
+  EXPECT_FALSE(attributes);
+
+  const Dictionary resource{{"Name", "QVTSyncEventTransformer"}, {"maxAlarms", 2}};
+  EXPECT_EQ(resourceNameAttributes(resource, &attributes), "QVTSyncEventTransformer");
+  ASSERT_TRUE(attributes);
+  EXPECT_TRUE(attributes->isIdenticalTo(resource));
+  EXPECT_EQ(resourceNameAttributes(resource, nullptr), "QVTSyncEventTransformer");
+}
+
+TEST(ResourceNameAttributes, ReportsMissingNamesAndRefusesOtherKinds) {
+  LogCapture log;
+  EXPECT_EQ(resourceNameAttributes(Dictionary{{"Name", 3}}, nullptr), std::nullopt);
+  EXPECT_THAT(log.messages(), ElementsAre(HasSubstr("condition \"ret\" failed")));
+
+  try {
+    resourceNameAttributes(Array{}, nullptr);
+    FAIL() << "no exception";
+  } catch (const Exception& exception) {
+    EXPECT_EQ(exception.name(), kInvalidArgumentException);
+    EXPECT_EQ(exception.reason(), "cannot extract name from the object type: array");
+  }
+}
+
+TEST(Bytes, AppendAndIdentifiers) {
+  Data data = Data::fromString("ab");
+  appendASCIIZ(data, "cd");
+  appendASCIIZ(data, nullptr);
+  EXPECT_EQ(data.asString(), "abcd");
+  EXPECT_EQ(stringWithASCIIZ("x"), "x");
+
+  const std::string id = uniqueId();
+  EXPECT_EQ(id.size(), 36u);
+  EXPECT_NE(id, uniqueId());
+}
+
+TEST(Dictionaries, KeepKeysFromCollection) {
+  Dictionary dictionary{{"a", 1}, {"b", 2}, {"c", 3}};
+  qvt_keepKeysFromCollection(dictionary, Array{"c", "a", "z"});
+  EXPECT_EQ(dictionary.keys(), (Array{"a", "c"}));
+  qvt_keepKeysFromCollection(dictionary, Set{"c"});
+  EXPECT_EQ(dictionary.keys(), (Array{"c"}));
+  qvt_keepKeysFromCollection(dictionary, Value());
+  EXPECT_TRUE(dictionary.empty());
+}
+
+TEST(Dictionaries, SlicesInversionsAndRemapping) {
+  const Dictionary dictionary{{"a", 1}, {"b", 2}, {"c", 1}};
+  EXPECT_EQ(phc_slice(dictionary, Array{"a", "c", "x"}), (Dictionary{{"a", 1}, {"c", 1}}));
+  EXPECT_EQ(phc_complementSlice(dictionary, Dictionary{{"a", 0}}),
+            (Dictionary{{"b", 2}, {"c", 1}}));
+  EXPECT_EQ(phc_invertDico(dictionary), (Dictionary{{1, "c"}, {2, "b"}}));
+  EXPECT_EQ(phc_remapKeys(dictionary, Dictionary{{"a", "A"}, {"b", "B"}}),
+            (Dictionary{{"A", 1}, {"B", 2}}));
+  EXPECT_EQ(allUniqueValues(dictionary), (Array{1, 2}));
+
+  Dictionary flags;
+  setBool(flags, true, "on");
+  setInt(flags, -4, "n");
+  EXPECT_EQ(flags, (Dictionary{{"on", true}, {"n", -4}}));
+}
+
+TEST(Dictionaries, EqualityOnSomeKeys) {
+  const Dictionary mine{{"a", 1}, {"b", "x"}, {"c", 5}};
+  const Dictionary other{{"a", 1.0}, {"b", "x"}, {"c", 6}};
+  EXPECT_TRUE(isEqualToDictionary(mine, other, Array{"a", "b", "missing"}));
+  EXPECT_FALSE(isEqualToDictionary(mine, other, Array{"c"}));
+  EXPECT_FALSE(isEqualToDictionary(mine, Dictionary{{"b", "x"}}, Set{"a"}));
+  EXPECT_FALSE(isEqualToDictionary(Dictionary{{"b", "x"}}, mine, Set{"a"}));
+}
+
+TEST(Arrays, RemoveDuplicatesKeepsFirstOccurrences) {
+  Array array{3, "a", 3, 1, "a", 3.0};
+  qvt_removeDuplicates(array);
+  EXPECT_EQ(array, (Array{3, "a", 1}));
+}
+
+TEST(DeepCopy, CopiesEveryContainer) {
+  const Dictionary inner{{"k", "v"}};
+  const Dictionary outer{{"list", Array{inner}}, {"set", Set{1}}};
+  const Dictionary copy = DeepCopy::deepMutableCopy(outer);
+  EXPECT_EQ(copy, outer);
+  copy.getArray("list")->at(0).dictionary().set("k", "changed");
+  EXPECT_EQ(inner.get("k"), Value("v"));
+}
+
+}  // namespace
+}  // namespace pc
