@@ -77,22 +77,18 @@ struct LevelCache {
 
   // Visits the loggers for `type`: those for all types first, then those of
   // each dotted prefix (".sync" then ".sync.Foo") of a type beginning with
-  // ".", or those of exactly the type. Stops when `visit` answers false.
+  // ".", or those of exactly the type.
   template <class Visit>
   void forEachLogger(const std::string& type, Visit&& visit) const {
-    for (const auto& logger : anyType)
-      if (!visit(logger)) return;
+    for (const auto& logger : anyType) visit(logger);
     auto visitKey = [&](const std::string& key) {
-      auto found = byType.find(key);
-      if (found == byType.end()) return true;
-      for (const auto& logger : found->second)
-        if (!visit(logger)) return false;
-      return true;
+      if (auto found = byType.find(key); found != byType.end())
+        for (const auto& logger : found->second) visit(logger);
     };
     if (!type.empty() && type.front() == '.') {
       for (std::size_t dot = type.find('.', 1); dot != std::string::npos;
            dot = type.find('.', dot + 1))
-        if (!visitKey(type.substr(0, dot))) return;
+        visitKey(type.substr(0, dot));
     }
     visitKey(type);
   }
@@ -422,7 +418,6 @@ std::unique_ptr<QVTAYLoggerList> QVTAYLogger::loggersForType(const std::string& 
   cache->forEachLogger(type, [&](const QVTAYLoggerPtr& logger) {
     if (!result) result = std::make_unique<QVTAYLoggerList>();
     result->push_back(logger);
-    return true;
   });
   return result;
 }
@@ -443,7 +438,6 @@ void QVTAYLogger::vlogInFile(const char* file, const char* function, unsigned li
   cache->forEachLogger(type, [&](const QVTAYLoggerPtr& logger) {
     if (!message) message = renderMessage(format, args);
     logger->dumpLogInFile(file, function, line, type, level, *message);
-    return true;
   });
 }
 

