@@ -25,7 +25,7 @@ std::string utf16Prefix(std::string_view text, std::size_t units);
 std::string utf16Substring(std::string_view text, std::size_t location, std::size_t length);
 // The UTF-16 index of the first occurrence of `needle` at or after `from`.
 std::optional<std::size_t> utf16Find(std::string_view text, std::string_view needle,
-                                      std::size_t from = 0);
+                                     std::size_t from = 0);
 
 std::string lowercaseString(std::string_view text);
 std::string uppercaseString(std::string_view text);
@@ -76,6 +76,10 @@ class CharacterSet {
 
  private:
   struct Impl;
+  explicit CharacterSet(const Impl& impl);
+  // The set; a moved-from object reads as empty and becomes usable again on change.
+  const Impl& impl() const;
+  Impl& mutableImpl();
   std::unique_ptr<Impl> _impl;
 };
 

@@ -1,0 +1,293 @@
+#include "platform/Strings.h"
+
+#include <unicode/locid.h>
+#include <unicode/uchar.h>
+#include <unicode/uniset.h>
+#include <unicode/unistr.h>
+#include <unicode/ustring.h>
+#include <unicode/utf16.h>
+
+namespace pc {
+
+namespace {
+
+icu::UnicodeString unicode(std::string_view utf8) {
+  // fromUTF8 reads every ill-formed sequence as U+FFFD.
+  return icu::UnicodeString::fromUTF8(
+      icu::StringPiece(utf8.data(), static_cast<int32_t>(utf8.size())));
+}
+
+std::string utf8(const icu::UnicodeString& text) {
+  std::string out;
+  text.toUTF8String(out);
+  return out;
+}
+
+// Moves a cut point off the middle of a surrogate pair, towards `direction`
+// (-1 before the pair, +1 after it).
+int32_t pairSafe(const icu::UnicodeString& text, int32_t index, int direction) {
+  if (index > 0 && index < text.length() && U16_IS_LEAD(text.charAt(index - 1)) &&
+      U16_IS_TRAIL(text.charAt(index)))
+    return index + direction;
+  return index;
+}
+
+int32_t clampedIndex(std::size_t index, const icu::UnicodeString& text) {
+  return static_cast<int32_t>(
+      std::min<std::size_t>(index, static_cast<std::size_t>(text.length())));
+}
+
+}  // namespace
+
+std::size_t utf16Length(std::string_view text) {
+  return static_cast<std::size_t>(unicode(text).length());
+}
+
+std::u16string toUTF16(std::string_view text) {
+  const icu::UnicodeString converted = unicode(text);
+  return std::u16string(converted.getBuffer(), static_cast<std::size_t>(converted.length()));
+}
+
+std::string fromUTF16(std::u16string_view text) {
+  // toUTF8String writes U+FFFD for unpaired surrogates.
+  return utf8(icu::UnicodeString(false, text.data(), static_cast<int32_t>(text.size())));
+}
+
+bool isValidUTF8(std::string_view text) {
+  UErrorCode status = U_ZERO_ERROR;
+  int32_t length = 0;
+  // Preflighting (no destination) reports an ill-formed sequence as U_INVALID_CHAR_FOUND.
+  u_strFromUTF8(nullptr, 0, &length, text.data(), static_cast<int32_t>(text.size()), &status);
+  return status != U_INVALID_CHAR_FOUND;
+}
+
+std::string utf16Prefix(std::string_view text, std::size_t units) {
+  const icu::UnicodeString converted = unicode(text);
+  return utf8(converted.tempSubString(0, pairSafe(converted, clampedIndex(units, converted), -1)));
+}
+
+std::string utf16Substring(std::string_view text, std::size_t location, std::size_t length) {
+  const icu::UnicodeString converted = unicode(text);
+  const int32_t start = pairSafe(converted, clampedIndex(location, converted), +1);
+  const std::size_t requestedEnd = static_cast<std::size_t>(clampedIndex(location, converted)) +
+                                   std::min(length, static_cast<std::size_t>(converted.length()));
+  const int32_t end = pairSafe(converted, clampedIndex(requestedEnd, converted), -1);
+  return end > start ? utf8(converted.tempSubStringBetween(start, end)) : std::string();
+}
+
+std::optional<std::size_t> utf16Find(std::string_view text, std::string_view needle,
+                                     std::size_t from) {
+  const icu::UnicodeString converted = unicode(text);
+  if (needle.empty() || from > static_cast<std::size_t>(converted.length())) return std::nullopt;
+  const int32_t found = converted.indexOf(unicode(needle), static_cast<int32_t>(from));
+  if (found < 0) return std::nullopt;
+  return static_cast<std::size_t>(found);
+}
+
+std::string lowercaseString(std::string_view text) {
+  return utf8(unicode(text).toLower(icu::Locale::getRoot()));
+}
+
+std::string uppercaseString(std::string_view text) {
+  return utf8(unicode(text).toUpper(icu::Locale::getRoot()));
+}
+
+std::string capitalizedString(std::string_view text) {
+  // Words are the runs between white space and newlines; each is title-cased
+  // as a whole, so "jean-marc" gives "Jean-marc" and "o'neil" gives "O'neil".
+  const icu::UnicodeString source = unicode(text);
+  const CharacterSet separators = CharacterSet::whitespaceAndNewlineCharacterSet();
+  icu::UnicodeString result;
+  int32_t i = 0;
+  while (i < source.length()) {
+    int32_t end = i;
+    const bool separator = separators.characterIsMember(static_cast<char32_t>(source.char32At(i)));
+    while (end < source.length() &&
+           separators.characterIsMember(static_cast<char32_t>(source.char32At(end))) == separator)
+      end = source.moveIndex32(end, 1);
+    icu::UnicodeString run = source.tempSubStringBetween(i, end);
+    if (!separator) run.toTitle(nullptr, icu::Locale::getRoot(), U_TITLECASE_WHOLE_STRING);
+    result += run;
+    i = end;
+  }
+  return utf8(result);
+}
+
+bool hasPrefix(std::string_view text, std::string_view prefix) { return text.starts_with(prefix); }
+
+bool hasSuffix(std::string_view text, std::string_view suffix) { return text.ends_with(suffix); }
+
+std::string replaceOccurrences(std::string_view text, std::string_view target,
+                               std::string_view replacement) {
+  if (target.empty()) return std::string(text);
+  std::string out;
+  std::size_t start = 0;
+  for (std::size_t found; (found = text.find(target, start)) != std::string_view::npos;
+       start = found + target.size()) {
+    out.append(text.substr(start, found - start));
+    out.append(replacement);
+  }
+  out.append(text.substr(start));
+  return out;
+}
+
+// ---------------------------------------------------------------------------
+// CharacterSet
+
+struct CharacterSet::Impl {
+  icu::UnicodeSet set;
+};
+
+namespace {
+
+icu::UnicodeSet patternSet(const char16_t* pattern) {
+  UErrorCode status = U_ZERO_ERROR;
+  icu::UnicodeSet set(icu::UnicodeString(pattern), status);
+  return U_SUCCESS(status) ? set : icu::UnicodeSet();
+}
+
+}  // namespace
+
+CharacterSet::CharacterSet() : _impl(std::make_unique<Impl>()) {}
+CharacterSet::CharacterSet(const Impl& impl) : _impl(std::make_unique<Impl>(impl)) {}
+CharacterSet::CharacterSet(const CharacterSet& other)
+    : _impl(std::make_unique<Impl>(other.impl())) {}
+CharacterSet& CharacterSet::operator=(const CharacterSet& other) {
+  if (this != &other) _impl = std::make_unique<Impl>(other.impl());
+  return *this;
+}
+CharacterSet::CharacterSet(CharacterSet&&) noexcept = default;
+CharacterSet& CharacterSet::operator=(CharacterSet&&) noexcept = default;
+CharacterSet::~CharacterSet() = default;
+
+const CharacterSet::Impl& CharacterSet::impl() const {
+  static const Impl empty;
+  return _impl ? *_impl : empty;
+}
+
+CharacterSet::Impl& CharacterSet::mutableImpl() {
+  if (!_impl) _impl = std::make_unique<Impl>();
+  return *_impl;
+}
+
+CharacterSet CharacterSet::characterSetWithCharactersInString(std::string_view characters) {
+  CharacterSet result;
+  result.addCharactersInString(characters);
+  return result;
+}
+
+CharacterSet CharacterSet::characterSetWithRange(char32_t first, char32_t last) {
+  CharacterSet result;
+  if (first <= last) result._impl->set.add(static_cast<UChar32>(first), static_cast<UChar32>(last));
+  return result;
+}
+
+// The predefined sets are parsed from their patterns once; callers get copies.
+CharacterSet CharacterSet::decimalDigitCharacterSet() {
+  static const Impl predefined{patternSet(u"[:Nd:]")};
+  return CharacterSet(predefined);
+}
+
+CharacterSet CharacterSet::whitespaceCharacterSet() {
+  static const Impl predefined{patternSet(u"[[:Zs:]\\u0009]")};
+  return CharacterSet(predefined);
+}
+
+CharacterSet CharacterSet::whitespaceAndNewlineCharacterSet() {
+  static const Impl predefined{patternSet(u"[[:Zs:]\\u0009-\\u000D\\u0085\\u2028\\u2029]")};
+  return CharacterSet(predefined);
+}
+
+CharacterSet CharacterSet::newlineCharacterSet() {
+  static const Impl predefined{patternSet(u"[\\u000A-\\u000D\\u0085\\u2028\\u2029]")};
+  return CharacterSet(predefined);
+}
+
+// Letters include the combining marks that belong to them.
+CharacterSet CharacterSet::letterCharacterSet() {
+  static const Impl predefined{patternSet(u"[[:L:][:M:]]")};
+  return CharacterSet(predefined);
+}
+
+CharacterSet CharacterSet::alphanumericCharacterSet() {
+  static const Impl predefined{patternSet(u"[[:L:][:M:][:N:]]")};
+  return CharacterSet(predefined);
+}
+
+// Controls include the invisible format characters (Cf).
+CharacterSet CharacterSet::controlCharacterSet() {
+  static const Impl predefined{patternSet(u"[[:Cc:][:Cf:]]")};
+  return CharacterSet(predefined);
+}
+
+CharacterSet CharacterSet::punctuationCharacterSet() {
+  static const Impl predefined{patternSet(u"[:P:]")};
+  return CharacterSet(predefined);
+}
+
+bool CharacterSet::characterIsMember(char32_t c) const {
+  return impl().set.contains(static_cast<UChar32>(c));
+}
+
+bool CharacterSet::isEmpty() const { return impl().set.isEmpty(); }
+
+CharacterSet CharacterSet::invertedSet() const {
+  CharacterSet result(*this);
+  result._impl->set.complement();
+  return result;
+}
+
+CharacterSet CharacterSet::unionWith(const CharacterSet& other) const {
+  CharacterSet result(*this);
+  result.formUnion(other);
+  return result;
+}
+
+CharacterSet CharacterSet::intersectionWith(const CharacterSet& other) const {
+  CharacterSet result(*this);
+  result._impl->set.retainAll(other.impl().set);
+  return result;
+}
+
+void CharacterSet::formUnion(const CharacterSet& other) {
+  mutableImpl().set.addAll(other.impl().set);
+}
+
+void CharacterSet::addCharactersInString(std::string_view characters) {
+  mutableImpl().set.addAll(unicode(characters));
+}
+
+void CharacterSet::removeCharactersInString(std::string_view characters) {
+  mutableImpl().set.removeAll(unicode(characters));
+}
+
+bool CharacterSet::operator==(const CharacterSet& other) const {
+  return impl().set == other.impl().set;
+}
+
+// ---------------------------------------------------------------------------
+
+std::string trimCharacters(std::string_view text, const CharacterSet& set) {
+  const icu::UnicodeString source = unicode(text);
+  int32_t start = 0;
+  int32_t end = source.length();
+  while (start < end && set.characterIsMember(static_cast<char32_t>(source.char32At(start))))
+    start = source.moveIndex32(start, 1);
+  while (end > start &&
+         set.characterIsMember(static_cast<char32_t>(source.char32At(source.moveIndex32(end, -1)))))
+    end = source.moveIndex32(end, -1);
+  return utf8(source.tempSubStringBetween(start, end));
+}
+
+std::string trimWhitespace(std::string_view text) {
+  return trimCharacters(text, CharacterSet::whitespaceAndNewlineCharacterSet());
+}
+
+bool containsCharacterFromSet(std::string_view text, const CharacterSet& set) {
+  const icu::UnicodeString source = unicode(text);
+  for (int32_t i = 0; i < source.length(); i = source.moveIndex32(i, 1))
+    if (set.characterIsMember(static_cast<char32_t>(source.char32At(i)))) return true;
+  return false;
+}
+
+}  // namespace pc

@@ -1,0 +1,202 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <filesystem>
+#include <limits>
+
+#include "platform/PropertyList.h"
+
+namespace pc {
+namespace {
+
+Value parse(std::string_view xml) {
+  PropertyListError error;
+  auto value = PropertyList::fromXML(xml, &error);
+  EXPECT_TRUE(value) << error.description();
+  return value.value_or(Value());
+}
+
+std::string plist(std::string_view body) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n" +
+         std::string(body) + "\n</plist>\n";
+}
+
+TEST(PropertyList, RoundTripKeepsEveryKindNestedAndTheKeyOrder) {
+  std::vector<std::uint8_t> allBytes(256);
+  for (int i = 0; i < 256; ++i) allBytes[i] = static_cast<std::uint8_t>(i);
+  const Dictionary contact{
+      {"name", "Zoë Ŝmith & <Sons>\r\n日本 😀"},
+      {"blank", "  \t "},
+      {"big", std::numeric_limits<std::int64_t>::max()},
+      {"small", std::numeric_limits<std::int64_t>::min()},
+      {"tenth", 0.1},
+      {"tiny", -2.5e-300},
+      {"infinite", -std::numeric_limits<double>::infinity()},
+      {"yes", true},
+      {"no", false},
+      {"birthday", CalendarDate::dateWithYear(1899, 12, 31, 23, 59, 58)},
+      {"until", CalendarDate::dateWithYear(2250, 7, 1, 9, 30, 15)},
+      {"photo", Data(allBytes)},
+      {"empty photo", Data()},
+      {"phones", Array{Dictionary{{"type", "mobile"}, {"value", "+33 6"}}, Array{}, Dictionary{}}},
+      {"tags", Set{"a", "b"}},
+  };
+  PropertyListError error;
+  const auto xml = PropertyList::toXML(contact, &error);
+  ASSERT_TRUE(xml) << error.description();
+  const Value back = parse(*xml);
+
+  ASSERT_TRUE(back.isDictionary()) << *xml;
+  EXPECT_EQ(back.dictionary().keys(), contact.keys());
+  Dictionary expected = contact.copy();
+  expected.set("tags", Array{"a", "b"});  // a set writes as an array
+  EXPECT_EQ(back.dictionary(), expected) << *xml;
+  const Dictionary read = back.dictionary();
+  // Numbers compare by value, so check that each kept its kind.
+  EXPECT_TRUE(read.get("big").isInteger() && read.get("tenth").isReal() &&
+              read.get("yes").isBoolean());
+  EXPECT_EQ(read.get("birthday").date().timeZone()->name(), "GMT");
+  EXPECT_EQ(read.get("until").date().description(), "2250-07-01 09:30:15 +0000");
+}
+
+TEST(PropertyList, WritesTheStandardLayout) {
+  const Dictionary value{{"b", 1}, {"a", Array{"x", 2.5}}, {"d", Data::fromString("hi")}};
+  EXPECT_EQ(*PropertyList::toXML(value),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+            "<!DOCTYPE plist>\n"
+            "<plist version=\"1.0\">\n"
+            "<dict>\n"
+            "\t<key>b</key>\n"
+            "\t<integer>1</integer>\n"
+            "\t<key>a</key>\n"
+            "\t<array>\n"
+            "\t\t<string>x</string>\n"
+            "\t\t<real>2.5</real>\n"
+            "\t</array>\n"
+            "\t<key>d</key>\n"
+            "\t<data>\n"
+            "\taGk=\n"
+            "\t</data>\n"
+            "</dict>\n"
+            "</plist>\n");
+}
+
+TEST(PropertyList, ReadsTheLenientForms) {
+  const Array read = parse(plist(R"(<!-- a comment --><array>
+      <integer> +42 </integer><real>+infinity</real><real>-infinity</real><real>3</real>
+      <date>2006-03-15T09:00:00.5Z</date>
+      <data>
+        AAEC
+        /w==
+      </data>
+      <string><![CDATA[<raw>]]> &amp; more</string><string>   </string><string/>
+    </array>)"))
+                         .array();
+  const double infinity = std::numeric_limits<double>::infinity();
+  const CalendarDate date(Date::dateWithTimeIntervalSince1970(1142413200.5));
+  EXPECT_EQ(read, (Array{42, infinity, -infinity, 3.0, date,
+                         Data(std::vector<std::uint8_t>{0, 1, 2, 255}), "<raw> & more", "   ", ""}))
+      << read.description();
+  EXPECT_TRUE(read[3].isReal());
+  EXPECT_TRUE(std::isnan(parse(plist("<real>nan</real>")).doubleValue()));
+}
+
+struct BadInput {
+  const char* xml;
+  int line;
+  int column;
+  const char* message;
+};
+
+class PropertyListBadInput : public ::testing::TestWithParam<BadInput> {};
+
+TEST_P(PropertyListBadInput, SaysWhatAndWhere) {
+  const BadInput& bad = GetParam();
+  PropertyListError error;
+  EXPECT_FALSE(PropertyList::fromXML(bad.xml, &error));
+  EXPECT_EQ(error.line, bad.line) << error.description();
+  EXPECT_EQ(error.column, bad.column) << error.description();
+  EXPECT_NE(error.message.find(bad.message), std::string::npos) << error.description();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Platform, PropertyListBadInput,
+    ::testing::Values(
+        BadInput{"<plist>\n<dict>\n<key>a</key><string>x</dict></plist>", 3, 24, "not well formed"},
+        BadInput{"<plist>\n  <array><foo/></array></plist>", 2, 10, "unknown element <foo>"},
+        BadInput{
+            "<plist><dict>\n<key>a</key><true/>\n<key>b</key>\n<key>c</key><true/></dict></plist>",
+            3, 1, "key \"b\" has no value"},
+        BadInput{"<plist><dict><string>a</string></dict></plist>", 1, 14, "expects a <key>"},
+        BadInput{"<plist>\n\t<integer>12x</integer></plist>", 2, 2,
+                 "<integer> holds \"12x\", not a whole number"},
+        BadInput{"<plist><integer>99999999999999999999</integer></plist>", 1, 8, "64-bit"},
+        BadInput{"<plist><real>1.5.2</real></plist>", 1, 8, "not a number"},
+        BadInput{"<plist><data>AA*A</data></plist>", 1, 8, "not base64"},
+        BadInput{"<plist><data>A===</data></plist>", 1, 8, "not base64"},  // bad padding
+        BadInput{"<plist><date>2006-02-30T09:00:00Z</date></plist>", 1, 8, "not a date"},
+        BadInput{"<plist><date>2006-03-15 09:00:00</date></plist>", 1, 8, "not a date"},
+        BadInput{"<plist><array>text</array></plist>", 1, 15, "text \"text\" inside <array>"},
+        BadInput{"<plist><string>a<b/></string></plist>", 1, 17, "<b> inside <string>"},
+        BadInput{"<plist><key>a</key></plist>", 1, 8, "<key> outside a <dict>"},
+        BadInput{"<plist>\n</plist>", 1, 1, "holds no value"},
+        BadInput{"<plist><true/><false/></plist>", 1, 15, "more than one value"},
+        BadInput{"<array/>", 1, 1, "no <plist> root"}, BadInput{"", 0, 0, "no <plist> root"},
+        BadInput{"<plist><array><string>é</string><é/></array></plist>", 1, 33,
+                 "unknown element <é>"}));
+
+TEST(PropertyList, RefusesDeepNestingWithoutOverflowingTheStack) {
+  std::string xml = "<plist>";
+  for (int i = 0; i < 100000; ++i) xml += "<array>";
+  for (int i = 0; i < 100000; ++i) xml += "</array>";
+  xml += "</plist>";
+  PropertyListError error;
+  EXPECT_FALSE(PropertyList::fromXML(xml, &error));
+  EXPECT_NE(error.message.find("nested"), std::string::npos) << error.description();
+}
+
+TEST(PropertyList, RefusesKindsItCannotHoldNamingTheKeyPath) {
+  const struct {
+    Value value;
+    const char* message;
+  } cases[] = {
+      {Dictionary{{"Entities", Array{1, 2, Dictionary{{"Name", Value()}}}}},
+       "kind null (at \"Entities/2/Name\")"},
+      {Array{URL("http://example.com")}, "kind address (at \"0\")"},
+      {Dictionary{{"a", Dictionary{{7, "x"}}}}, "dictionary key of kind integer (at \"a\")"},
+      {Value(), "kind null (at the top level)"},
+  };
+  for (const auto& c : cases) {
+    PropertyListError error;
+    EXPECT_FALSE(PropertyList::toXML(c.value, &error));
+    EXPECT_NE(error.message.find(c.message), std::string::npos) << error.message;
+  }
+}
+
+TEST(PropertyList, RefusesAContainerThatHoldsItself) {
+  Array loop{1};
+  loop.add(Dictionary{{"back", loop}});
+  PropertyListError error;
+  EXPECT_FALSE(PropertyList::toXML(loop, &error));
+  EXPECT_NE(error.message.find("holds itself (at \"1/back\")"), std::string::npos) << error.message;
+  loop.removeAll();  // break the cycle so the containers are freed
+}
+
+TEST(PropertyList, WritesFilesAtomicallyAndReadsThemBack) {
+  const auto dir = std::filesystem::path(::testing::TempDir()) / "pc_property_list_test";
+  std::filesystem::remove_all(dir);
+  std::filesystem::create_directories(dir);
+  const std::string path = (dir / "store.plist").string();
+  const Dictionary value{{"k", Array{"v", 3}}};
+  PropertyListError error;
+  ASSERT_TRUE(PropertyList::writeToFile(value, path, &error)) << error.description();
+  EXPECT_FALSE(PropertyList::writeToFile(Value(), path, &error));
+  EXPECT_EQ(*PropertyList::fromFile(path), Value(value));  // the failed write left it alone
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir), {}), 1);  // no temporary left
+  EXPECT_FALSE(PropertyList::fromFile((dir / "absent.plist").string(), &error));
+  EXPECT_NE(error.message.find("absent.plist"), std::string::npos);
+  std::filesystem::remove_all(dir);
+}
+
+}  // namespace
+}  // namespace pc
