@@ -1,0 +1,459 @@
+#include "conduit/CFPhone.h"
+
+#include <gtest/gtest.h>
+
+#include "conduit/SyncClientState.h"
+#include "conduit_test_support.h"
+#include "engine/MemoryEngine.h"
+#include "engine/SchemaNames.h"
+#include "host/ReferenceHost.h"
+#include "platform/Exception.h"
+#include "platform/PropertyList.h"
+
+namespace pc {
+namespace {
+
+using testing::FakeEntityFormatter;
+using testing::FakeHelper;
+using testing::FakeMapping;
+using testing::LogCapture;
+using testing::LogLine;
+
+Dictionary loadExample(const std::string& name) {
+  auto contents = PropertyList::fromFile(std::string(PC_SOURCE_DIR) + "/examples/devices/" + name);
+  EXPECT_TRUE(contents) << name;
+  return contents ? contents->dictionary() : Dictionary();
+}
+
+Dictionary exampleV1() { return loadExample("contacts-calendar-phone-v1.plist"); }
+Dictionary exampleV2() { return loadExample("contacts-calendar-phone-v2.plist"); }
+Dictionary exampleEntities() { return loadExample("contacts-calendar-phone.entities.plist"); }
+
+// The reason of the invalid-argument exception `call` raises; "" when none.
+template <class Call>
+std::string invalidArgumentReason(Call call) {
+  try {
+    call();
+  } catch (const Exception& exception) {
+    EXPECT_EQ(exception.name(), kInvalidArgumentException);
+    return exception.reason();
+  }
+  return "";
+}
+
+// A phone on the reference host, built through its delegate.
+class HostedPhoneTest : public ::testing::Test {
+ protected:
+  void SetUp() override { standIns = testing::installStandIns(); }
+
+  std::shared_ptr<MemorySyncEngineClient> makeClient() {
+    return std::make_shared<MemorySyncEngineClient>(
+        "phone.client", "Test Phone", exampleEntities().getDictionary("Entities")->keys(),
+        (folder / "client.plist").string());
+  }
+
+  std::unique_ptr<CFPhone> makePhone(const Dictionary& description, std::int32_t version) {
+    host = std::make_shared<ReferenceConduitManager>(
+        std::make_shared<SimulatedPhone>("device-42", Dictionary{{"MaxPhoneNumbers", 4}}),
+        makeClient());
+    host->setPhoneConduitDescription(description, version);
+    host->setSyncEnginePlist(exampleEntities());
+    host->setPathForSyncPersistence(folder.string());
+    host->addParserService("com.velmora.vcal-parser", "PropertyListParser");
+    auto phone = CFPhone::phoneWithDelegate(host.get());
+    if (phone) phone->setManager(host.get());
+    return phone;
+  }
+
+  bool standIns = false;
+  std::filesystem::path folder = testing::makeTemporaryFolder();
+  std::shared_ptr<ReferenceConduitManager> host;
+};
+
+// --- MIME types ---------------------------------------------------------------
+
+struct MimeCase {
+  Value manager;  // the "DataClassManager" entry of a first-format description
+  std::string dataClass;
+  std::optional<std::string> mimeType;
+};
+
+class FirstFormatMimeTypeTest : public ::testing::TestWithParam<MimeCase> {};
+
+TEST_P(FirstFormatMimeTypeTest, ManagerNameThenDataClassName) {
+  const MimeCase& c = GetParam();
+  CFPhone phone(Dictionary{});
+  std::optional<Dictionary> managerProperties;
+  EXPECT_EQ(phone._mimeTypeFromProperties(Dictionary{{kDataClassManagerKey, c.manager}},
+                                          &managerProperties, c.dataClass),
+            c.mimeType);
+  EXPECT_EQ(managerProperties.has_value(), c.manager.isDictionary());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rules, FirstFormatMimeTypeTest,
+    ::testing::Values(MimeCase{"ContactManager", "Calendars", kVCardMimeType},
+                      MimeCase{Dictionary{{"Name", "CalendarManager"}, {"x", 1}}, "Notes",
+                               kVCalendarMimeType},
+                      MimeCase{"OtherManager", kCalendars, kVCalendarMimeType},
+                      MimeCase{"OtherManager", kContacts, kVCardMimeType},
+                      MimeCase{Dictionary{{"Name", "OtherManager"}}, "Notes", std::nullopt}));
+
+TEST(SecondFormatMimeTypeTest, ReadFromInfoWhichBecomesTheManagerProperties) {
+  auto host = std::make_shared<ReferenceConduitManager>(nullptr, nullptr);
+  host->setPhoneConduitDescription(Dictionary{}, 2);
+  auto phone = CFPhone::phoneWithDelegate(host.get());
+  ASSERT_TRUE(phone);
+  const Dictionary info{{kMimeTypeKey, kVCardMimeType}, {kDataClassManagerKey, "CalendarManager"}};
+  std::optional<Dictionary> managerProperties;
+  EXPECT_EQ(phone->_mimeTypeFromProperties(info, &managerProperties, kCalendars), kVCardMimeType);
+  ASSERT_TRUE(managerProperties);
+  EXPECT_TRUE(managerProperties->isIdenticalTo(info));
+  EXPECT_FALSE(phone->_mimeTypeFromProperties(Dictionary{}, nullptr, kCalendars));
+}
+
+TEST(ResourceTest, NamesAndAttributes) {
+  std::optional<Dictionary> attributes;
+  EXPECT_EQ(CFPhone::resourceNameAttributes("PropertyListParser", &attributes),
+            "PropertyListParser");
+  EXPECT_FALSE(attributes);
+
+  const Dictionary resource{{"Name", "ContactManager"}, {"limit", 3}};
+  EXPECT_EQ(CFPhone::resourceNameAttributes(resource, &attributes), "ContactManager");
+  EXPECT_EQ(attributes, resource);
+
+  LogCapture log;
+  EXPECT_FALSE(CFPhone::resourceNameAttributes(Dictionary{{"limit", 3}}, nullptr));
+  EXPECT_TRUE(log.contains("condition \"ret\" failed"));
+  EXPECT_EQ(invalidArgumentReason([] { CFPhone::resourceNameAttributes(Array{"x"}, nullptr); }),
+            "cannot extract name from the object type: array");
+}
+
+// --- Managers, helpers, parsers, mappings ------------------------------------
+
+TEST_F(HostedPhoneTest, SecondFormatManagerFromMimeTypeReceivesTheInfoCopy) {
+  auto phone = makePhone(exampleV2(), 2);
+  ASSERT_TRUE(phone);
+  auto contacts = phone->managerForDeviceDataClass(kContacts);
+  ASSERT_TRUE(contacts);
+  EXPECT_EQ(contacts->className(), "ContactManager");
+  EXPECT_EQ(contacts->deviceDataClass(), kContacts);
+  EXPECT_EQ(contacts->properties().get(kPListVersionKey), Value(2));
+  EXPECT_EQ(contacts->properties().get(kMimeTypeKey), Value(kVCardMimeType));
+  // The description itself is left as it was.
+  EXPECT_FALSE(phone->_infoForDeviceDataClass(kContacts)->contains(kPListVersionKey));
+
+  auto reference = std::dynamic_pointer_cast<ReferenceDataClassManager>(contacts);
+  ASSERT_TRUE(reference);
+  EXPECT_TRUE(reference->assemblersPrepared());
+  EXPECT_EQ(reference->conduitManager(), host.get());
+  EXPECT_EQ(phone->managerForDeviceDataClass(kContacts), contacts);
+  EXPECT_EQ(phone->managerForDeviceDataClass(kCalendars)->className(), "CalendarManager");
+}
+
+TEST_F(HostedPhoneTest, FirstFormatManagerReceivesItsAttributes) {
+  auto phone = makePhone(exampleV1(), 1);
+  ASSERT_TRUE(phone);
+  auto calendars = phone->managerForDeviceDataClass(kCalendars);
+  EXPECT_EQ(calendars->className(), "CalendarManager");
+  EXPECT_EQ(calendars->properties().getString("Name"), "CalendarManager");
+  EXPECT_TRUE(calendars->properties().getBool("hasEvent"));
+  EXPECT_FALSE(calendars->properties().contains(kPListVersionKey));
+}
+
+TEST_F(HostedPhoneTest, ManagerFailuresRaise) {
+  Dictionary description = exampleV1();
+  description.getDictionary(kSyncDataClassesKey)
+      ->set("Notes", Dictionary{{kDataClassManagerKey, "NoSuchManager"}});
+  auto phone = makePhone(description, 1);
+  LogCapture log;
+  EXPECT_EQ(invalidArgumentReason([&] { phone->managerForDeviceDataClass("Notes"); }),
+            "bad plist, could not find a manager for the dataclass Notes");
+  EXPECT_TRUE(log.contains("cannot load class NoSuchManager from the plist"));
+  EXPECT_EQ(invalidArgumentReason([&] { phone->managerForDeviceDataClass("Tasks"); }),
+            "bad plist, could not find a manager for the dataclass Tasks");
+  EXPECT_TRUE(log.contains("condition \"info\" failed"));
+}
+
+TEST_F(HostedPhoneTest, HelpersAreNewEachTimeExceptTheCanonicalOnes) {
+  auto phone = makePhone(exampleV1(), 1);
+  auto first = phone->dataClassHelperForDataClassName(kContacts);
+  auto second = phone->dataClassHelperForDataClassName(kContacts);
+  ASSERT_TRUE(first && second);
+  EXPECT_NE(first, second);
+
+  auto contactHelper = phone->canonicalHelperForEntity(kContactsContact);
+  ASSERT_TRUE(contactHelper);
+  EXPECT_EQ(phone->canonicalHelperForEntity(kContactsPhoneNumber), contactHelper);
+  EXPECT_EQ(phone->canonicalHelperForEntity(kContactsContact), contactHelper);
+  auto eventHelper = phone->canonicalHelperForEntity(kCalendarsRecurrence);
+  ASSERT_TRUE(eventHelper);
+  EXPECT_NE(eventHelper, contactHelper);
+  EXPECT_FALSE(phone->canonicalHelperForEntity("Notes.Note"));
+
+  if (!standIns) GTEST_SKIP() << "the helpers' own properties are checked with stand-ins";
+  // First format: the manager's attributes; second format: the whole info.
+  EXPECT_TRUE(std::dynamic_pointer_cast<FakeHelper>(first)->properties.getBool(
+      "removeInvalidEmailAddresses"));
+  auto v2Phone = makePhone(exampleV2(), 2);
+  auto v2Helper =
+      std::dynamic_pointer_cast<FakeHelper>(v2Phone->dataClassHelperForDataClassName(kContacts));
+  EXPECT_EQ(v2Helper->properties.getString(kParserKey), "PropertyListParser");
+}
+
+TEST_F(HostedPhoneTest, HelperFailuresAnswerNothing) {
+  Dictionary description = exampleV1();
+  description.getDictionary(kSyncDataClassesKey)
+      ->set("Notes", Dictionary{{kDataClassManagerKey, "NoteManager"}});
+  auto phone = makePhone(description, 1);
+  LogCapture log;
+  EXPECT_FALSE(phone->dataClassHelperForDataClassName("Tasks"));
+  EXPECT_TRUE(log.contains("can find transformer for dataclass \"Tasks\""));
+  EXPECT_FALSE(phone->dataClassHelperForDataClassName("Notes"));
+  EXPECT_TRUE(log.contains("could not find a mime type"));
+  EXPECT_TRUE(log.contains("no class for <null>"));
+  // The other data classes still get their helpers.
+  EXPECT_TRUE(phone->canonicalHelperForEntity(kContactsContact));
+  EXPECT_TRUE(log.contains("is it normal?"));
+}
+
+TEST_F(HostedPhoneTest, ParsersByClassOrByService) {
+  Dictionary description = exampleV1();
+  description.getDictionary(kSyncDataClassesKey)
+      ->set(kContacts,
+            Dictionary{{kDataClassManagerKey,
+                        Dictionary{{"Name", "ContactManager"}, {"shared", "manager"}}},
+                       {kParserKey, Dictionary{{"Name", "PropertyListParser"},
+                                               {"shared", "parser"},
+                                               {"own", 1}}}});
+  auto phone = makePhone(description, 1);
+  auto parser = std::dynamic_pointer_cast<PropertyListParser>(
+      phone->parserForDeviceDataClass(kContacts));
+  ASSERT_TRUE(parser);
+  EXPECT_EQ(parser->phone(), phone.get());
+  ASSERT_TRUE(parser->context());
+  EXPECT_EQ(*parser->context(), (Dictionary{{"Name", "ContactManager"},
+                                            {"shared", "manager"},
+                                            {"own", 1}}));
+  EXPECT_NE(phone->parserForDeviceDataClass(kContacts), parser);
+
+  auto v2Phone = makePhone(exampleV2(), 2);
+  auto serviceParser = std::dynamic_pointer_cast<PropertyListParser>(
+      v2Phone->parserForDeviceDataClass(kCalendars));
+  ASSERT_TRUE(serviceParser);
+  EXPECT_EQ(serviceParser->context()->getString(kMimeTypeKey), kVCalendarMimeType);
+
+  description.getDictionary(kSyncDataClassesKey)
+      ->set(kCalendars, Dictionary{{kParserKey, "NoSuchParser"}});
+  auto badPhone = makePhone(description, 1);
+  LogCapture log;
+  EXPECT_FALSE(badPhone->parserForDeviceDataClass(kCalendars));
+  EXPECT_TRUE(log.contains("Could not find the parser \"NoSuchParser\".  Fix the metaclasses"));
+  EXPECT_TRUE(log.contains("no parser for Calendars"));
+}
+
+TEST_F(HostedPhoneTest, EntityFormattersAndMappingsAreMadeByName) {
+  if (!standIns) GTEST_SKIP() << "checked with stand-ins";
+  auto phone = makePhone(exampleV2(), 2);
+  auto helper = phone->canonicalHelperForEntity(kContactsContact);
+  auto formatters = phone->entityFormattersForEntities(
+      Array{kContactsContact, kContactsPhoneNumber, kContactsContact}, helper);
+  ASSERT_EQ(formatters.size(), 2u);
+  auto formatter = std::dynamic_pointer_cast<FakeEntityFormatter>(formatters[kContactsPhoneNumber]);
+  EXPECT_EQ(formatter->phone, phone.get());
+  EXPECT_EQ(formatter->entityName, kContactsPhoneNumber);
+  EXPECT_EQ(formatter->helper, helper);
+
+  auto mapping = std::dynamic_pointer_cast<FakeMapping>(
+      phone->mapperForAttribute(kContactsPhoneNumberType, kContactsPhoneNumber));
+  ASSERT_TRUE(mapping);
+  EXPECT_EQ(mapping->mappings.count(), 4u);
+  EXPECT_EQ(mapping->defaultValue, Value(kContactsPhoneNumberTypeOther));
+  EXPECT_FALSE(phone->mapperForAttribute(kContactsPhoneNumberValue, kContactsPhoneNumber));
+  EXPECT_FALSE(phone->mapperForAttribute(kContactsPhoneNumberType, kContactsEmailAddress));
+  EXPECT_FALSE(makePhone(exampleV1(), 1)->mapperForAttribute(kContactsPhoneNumberType,
+                                                             kContactsPhoneNumber));
+}
+
+// --- Entities and the engine's schema ------------------------------------------
+
+class PhoneEntitiesTest : public HostedPhoneTest {
+ protected:
+  void SetUp() override {
+    HostedPhoneTest::SetUp();
+    Dictionary entities = exampleEntities();
+    entities.getDictionary("Entities")
+        ->set(kCalendarsEvent,
+              Array{kCalendarsEventStartDate, kCalendarsEventRecurrences, "noSuchAttribute"});
+    makePhone(exampleV1(), 1);
+    host->setSyncEnginePlist(entities);
+    phone = CFPhone::phoneWithDelegate(host.get());
+  }
+  std::unique_ptr<CFPhone> phone;
+};
+
+TEST_F(PhoneEntitiesTest, AttributesAndRelationsAreThoseOfBothSchemaAndPhone) {
+  const Array attributes = phone->allAttributesForEntity(kCalendarsEvent);
+  EXPECT_EQ(attributes, Array{kCalendarsEventStartDate});
+  EXPECT_TRUE(phone->allAttributesForEntity(kCalendarsEvent).isIdenticalTo(attributes));
+  EXPECT_EQ(phone->allRelationsForEntity(kCalendarsEvent), Array{kCalendarsEventRecurrences});
+  // An entity the engine knows and the phone does not sync.
+  EXPECT_TRUE(phone->allAttributesForEntity(kCalendarsAttendee).empty());
+}
+
+TEST_F(PhoneEntitiesTest, BadEntityNamesRaise) {
+  LogCapture log;
+  EXPECT_EQ(invalidArgumentReason([&] { phone->allAttributesForEntity(""); }),
+            "entity is not a correct entity name");
+  EXPECT_EQ(invalidArgumentReason([&] { phone->allRelationsForEntity("Calendars.Nothing"); }),
+            "entity unknown to sync services");
+  const LogLine* line = log.find("entity unknown to sync services");
+  ASSERT_TRUE(line);
+  EXPECT_EQ(line->level, kLogError);
+  EXPECT_EQ(line->type, ".sync.PhoneSync");
+}
+
+struct RelationCase {
+  const char* relation;
+  const char* target;
+};
+
+class RelationTargetTest : public ::testing::TestWithParam<RelationCase> {};
+
+TEST_P(RelationTargetTest, TargetOfEachRelation) {
+  CFPhone phone(Dictionary{});
+  EXPECT_EQ(phone.targetEntityForRelationKey(GetParam().relation, "any"), GetParam().target);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, RelationTargetTest,
+    ::testing::Values(RelationCase{kCalendarsEventRecurrences, kCalendarsRecurrence},
+                      RelationCase{kCalendarsEventAudioAlarms, kCalendarsAudioAlarm},
+                      RelationCase{kCalendarsEventDisplayAlarms, kCalendarsDisplayAlarm},
+                      RelationCase{kCalendarsEventDetachedEvents, kCalendarsEvent},
+                      RelationCase{kContactsContactPhoneNumbers, kContactsPhoneNumber},
+                      RelationCase{kContactsContactEmailAddresses, kContactsEmailAddress},
+                      RelationCase{kContactsContactStreetAddresses, kContactsStreetAddress},
+                      RelationCase{kContactsContactDates, kContactsDate},
+                      RelationCase{kContactsContactURLs, kContactsURL},
+                      RelationCase{kContactsContactIMs, kContactsIM}));
+
+TEST(RelationTargetTest, UnknownRelationIsLogged) {
+  CFPhone phone(Dictionary{});
+  LogCapture log;
+  EXPECT_FALSE(phone.targetEntityForRelationKey(kContactsContactRelatedNames, kContactsContact));
+  EXPECT_TRUE(log.contains("this case in not handle Contacts.Contact -> relatedNames"));
+}
+
+// --- Construction roads, archiving, life ----------------------------------------
+
+TEST_F(HostedPhoneTest, DelegateRoadTakesEverythingFromTheHost) {
+  auto phone = makePhone(exampleV2(), 2);
+  ASSERT_TRUE(phone);
+  EXPECT_EQ(phone->version(), 2);
+  EXPECT_EQ(phone->delegate(), host.get());
+  EXPECT_EQ(phone->deviceUID(), "device-42");
+  EXPECT_EQ(phone->syncClient(), host->syncClient());
+  EXPECT_EQ(phone->supportedEntityNames(), exampleEntities().getDictionary("Entities")->keys());
+  EXPECT_EQ(phone->deviceDataClasses(), (Array{kContacts, kCalendars}));
+  EXPECT_EQ(phone->pathForSyncResourcesWithFile(std::nullopt), folder.string());
+  EXPECT_EQ(phone->pathForSyncResourcesWithFile("state.db"), (folder / "state.db").string());
+  EXPECT_EQ(phone->syncService()->valueForVariable("MaxPhoneNumbers"), Value(4));
+
+  std::int32_t version = 0;
+  EXPECT_EQ(phone->entityFormattingInfoWithVersion(version),
+            exampleV2().getDictionary(kFormattingKey));
+  EXPECT_EQ(version, 2);
+  EXPECT_TRUE(phone->formattingDescriptionV2ForEntity(kContactsPhoneNumber));
+  EXPECT_FALSE(phone->formattingDescriptionForEntity(kContactsPhoneNumber));
+
+  auto persistence = host->simulatedPhone()->persistenceService();
+  persistence->domain(kDeviceSyncDBDomain).set("anchor", 1);
+  phone->eraseAllPersistentStates();
+  EXPECT_FALSE(persistence->hasDomain(kDeviceSyncDBDomain));
+}
+
+TEST_F(HostedPhoneTest, FirstFormatDescriptionLookUps) {
+  auto phone = makePhone(exampleV1(), 1);
+  std::int32_t version = 0;
+  EXPECT_EQ(phone->phoneConduitDescriptionWithVersion(&version), exampleV1());
+  EXPECT_EQ(version, 1);
+  EXPECT_EQ(phone->entityFormattingInfoWithVersion(version),
+            exampleV1().getDictionary(kEntityFormattersKey));
+  EXPECT_TRUE(phone->formattingDescriptionForEntity(kContactsPhoneNumber));
+  EXPECT_FALSE(phone->formattingDescriptionV2ForEntity(kContactsPhoneNumber));
+}
+
+TEST_F(HostedPhoneTest, DelegateWithoutDescriptionBuildsNothing) {
+  makePhone(Dictionary{}, 1);
+  host->setPhoneConduitDescription(std::nullopt, 1);
+  LogCapture log;
+  EXPECT_FALSE(CFPhone::phoneWithDelegate(host.get()));
+  EXPECT_TRUE(log.contains("can't find phone conduit description"));
+  EXPECT_TRUE(log.contains("cannot find phoneConduit parameters"));
+  EXPECT_FALSE(CFPhone::phoneWithDelegate(nullptr));
+}
+
+TEST_F(HostedPhoneTest, ArchiveAndRebuildFromTheReloadedClient) {
+  auto phone = makePhone(exampleV2(), 2);
+  phone->archiveInClient();
+  phone.reset();
+  host.reset();
+
+  auto rebuilt = CFPhone::phoneWithClient(makeClient());  // a new client on the same store
+  ASSERT_TRUE(rebuilt);
+  EXPECT_EQ(rebuilt->phoneConduitDescriptionWithVersion(nullptr), exampleV2());
+  EXPECT_EQ(rebuilt->version(), 2);
+  EXPECT_EQ(rebuilt->entitiesDescription(), exampleEntities().getDictionary("Entities"));
+  EXPECT_FALSE(rebuilt->deviceUID());
+  EXPECT_FALSE(rebuilt->delegate());
+  EXPECT_FALSE(rebuilt->syncService());
+  LogCapture log;
+  EXPECT_FALSE(rebuilt->pathForSyncResourcesWithFile("x"));
+  EXPECT_TRUE(log.contains("condition \"_pathForSyncPersistence\" failed"));
+}
+
+TEST(PhoneWithClientTest, ClientThatNeverArchivedAPhoneBuildsNothing) {
+  auto client = std::make_shared<MemorySyncEngineClient>("id", "name", Array{});
+  EXPECT_FALSE(CFPhone::phoneWithClient(client));
+  client->setObject("not a description", kPhoneConduitClientKey);
+  EXPECT_FALSE(CFPhone::phoneWithClient(client));
+  EXPECT_FALSE(CFPhone::phoneWithClient(nullptr));
+}
+
+TEST_F(HostedPhoneTest, InvalidateReleasesWhatThePhoneOwns) {
+  auto phone = makePhone(exampleV1(), 1);
+  phone->archiveInClient();
+  phone->managerForDeviceDataClass(kContacts);
+  phone->setTimeZone(TimeZone::timeZoneWithName("Europe/Paris"));
+  phone->invalidate();
+
+  EXPECT_FALSE(phone->phoneConduitDescriptionWithVersion(nullptr));
+  EXPECT_FALSE(phone->syncClient());
+  EXPECT_FALSE(phone->deviceUID());
+  EXPECT_TRUE(phone->supportedEntityNames().empty());
+  EXPECT_EQ(phone->delegate(), host.get());
+  EXPECT_EQ(phone->manager(), host.get());
+  EXPECT_TRUE(host->syncClient()->objectForKey(kPhoneConduitClientKey).isDictionary());
+  LogCapture log;
+  EXPECT_EQ(invalidArgumentReason([&] { phone->managerForDeviceDataClass(kContacts); }),
+            "bad plist, could not find a manager for the dataclass Contacts");
+  phone->invalidate();  // a second release is harmless
+}
+
+TEST(PhoneTimeZoneTest, SystemZoneByDefaultAndSameZoneChangesNothing) {
+  CFPhone phone(Dictionary{});
+  LogCapture log;
+  EXPECT_EQ(phone.timeZone(), TimeZone::systemTimeZone());
+  EXPECT_TRUE(log.contains("timezone not set"));
+
+  auto paris = TimeZone::timeZoneWithName("Europe/Paris");
+  phone.setTimeZone(paris);
+  EXPECT_EQ(phone.timeZone(), paris);
+  log.clear();
+  phone.setTimeZone(paris);
+  EXPECT_TRUE(log.lines().empty());
+}
+
+}  // namespace
+}  // namespace pc

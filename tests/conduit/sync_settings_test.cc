@@ -1,0 +1,214 @@
+#include "conduit/SyncSettings.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "conduit/SyncClientState.h"
+#include "conduit_test_support.h"
+#include "engine/MemoryEngine.h"
+#include "engine/SchemaNames.h"
+
+namespace pc {
+namespace {
+
+using testing::LogCapture;
+using testing::LogLine;
+
+CalendarDate gmtDate(int year, int month, int day, int hour = 0) {
+  return CalendarDate::dateWithYear(year, month, day, hour, 0, 0, TimeZone::gmt());
+}
+
+// Settings with an anchor date of Sunday 2026-03-01 00:00 GMT.
+Dictionary settingsWithAnchor() {
+  return Dictionary{{kAnchorDateKey, gmtDate(2026, 3, 1)}};
+}
+
+struct WindowCase {
+  std::optional<int> code;  // nullopt: the window is off
+  CalendarDate past;
+  CalendarDate future;
+};
+
+class ExpansionWindowTest : public ::testing::TestWithParam<WindowCase> {};
+
+TEST_P(ExpansionWindowTest, PastAndFutureLimits) {
+  const WindowCase& c = GetParam();
+  Dictionary settings = settingsWithAnchor();
+  if (c.code) {
+    SyncSettings::qvt_setBool(settings, true, kDontSyncEventsPriorToDateIsEnabledKey);
+    SyncSettings::qvt_setInt(settings, *c.code, kDontSyncEventsPriorToDateValueKey);
+    SyncSettings::qvt_setBool(settings, true, kDontSyncEventsAfterDateIsEnabledKey);
+    SyncSettings::qvt_setInt(settings, *c.code, kDontSyncEventsAfterDateValueKey);
+  }
+  EXPECT_EQ(SyncSettings::qvt_leftExpansionWindow(settings), c.past)
+      << SyncSettings::qvt_leftExpansionWindow(settings).description();
+  EXPECT_EQ(SyncSettings::qvt_rightExpansionWindow(settings), c.future)
+      << SyncSettings::qvt_rightExpansionWindow(settings).description();
+}
+
+// Anchor 2026-03-01; the future side always has one more week.
+INSTANTIATE_TEST_SUITE_P(
+    Codes, ExpansionWindowTest,
+    ::testing::Values(WindowCase{std::nullopt, gmtDate(2026, 3, 1), gmtDate(2026, 5, 3)},
+                      WindowCase{0, gmtDate(2026, 3, 1), gmtDate(2026, 3, 15)},
+                      WindowCase{1, gmtDate(2026, 2, 22), gmtDate(2026, 3, 22)},
+                      WindowCase{2, gmtDate(2026, 2, 15), gmtDate(2026, 4, 5)},
+                      WindowCase{3, gmtDate(2026, 2, 1), gmtDate(2026, 5, 3)},
+                      WindowCase{10, gmtDate(2026, 2, 22), gmtDate(2026, 3, 15)},
+                      WindowCase{20, gmtDate(2026, 2, 15), gmtDate(2026, 3, 22)},
+                      WindowCase{40, gmtDate(2026, 2, 1), gmtDate(2026, 4, 5)},
+                      WindowCase{80, gmtDate(2026, 1, 4), gmtDate(2026, 5, 3)},
+                      WindowCase{100, gmtDate(2026, 2, 1), gmtDate(2026, 4, 8)},
+                      WindowCase{200, gmtDate(2026, 1, 1), gmtDate(2026, 5, 8)},
+                      WindowCase{600, gmtDate(2025, 9, 1), gmtDate(2026, 9, 8)},
+                      WindowCase{1200, gmtDate(2025, 3, 1), gmtDate(2027, 3, 8)},
+                      WindowCase{7, gmtDate(2026, 2, 1), gmtDate(2026, 4, 5)}));
+
+TEST(ExpansionWindowTest, InvalidCodeIsLogged) {
+  Dictionary settings = settingsWithAnchor();
+  SyncSettings::qvt_setBool(settings, true, kDontSyncEventsPriorToDateIsEnabledKey);
+  SyncSettings::qvt_setInt(settings, 7, kDontSyncEventsPriorToDateValueKey);
+  LogCapture log;
+  SyncSettings::qvt_leftExpansionWindow(settings);
+  ASSERT_TRUE(log.find("invalid val= 7"));
+  EXPECT_EQ(log.find("invalid val= 7")->level, kLogError);
+}
+
+TEST(AnchorDateTest, MostRecentSundayAtMidnight) {
+  auto paris = TimeZone::timeZoneWithName("Europe/Paris");
+  const CalendarDate sunday = CalendarDate::dateWithYear(2026, 3, 1, 15, 0, 0, paris);
+  EXPECT_EQ(QVTSyncServiceExtension::qvt_anchorDateForDate(sunday),
+            CalendarDate::dateWithYear(2026, 3, 1, 0, 0, 0, paris));
+  const CalendarDate saturday = CalendarDate::dateWithYear(2026, 3, 7, 23, 59, 0, paris);
+  EXPECT_EQ(QVTSyncServiceExtension::qvt_anchorDateForDate(saturday),
+            CalendarDate::dateWithYear(2026, 3, 1, 0, 0, 0, paris));
+  // Across a month end.
+  EXPECT_EQ(QVTSyncServiceExtension::qvt_anchorDateForDate(gmtDate(2026, 4, 2, 8)),
+            gmtDate(2026, 3, 29));
+
+  const CalendarDate current = QVTSyncServiceExtension::qvt_currentAnchorDate();
+  EXPECT_EQ(current.dayOfWeek(), 0);
+  EXPECT_EQ(current.hourOfDay(), 0);
+}
+
+TEST(AnchorDateTest, MissingAnchorIsTheCurrentOneAndIsNotStored) {
+  Dictionary settings;
+  LogCapture log;
+  EXPECT_EQ(SyncSettings::qvt_anchorDate(settings), QVTSyncServiceExtension::qvt_currentAnchorDate());
+  EXPECT_FALSE(settings.contains(kAnchorDateKey));
+  EXPECT_TRUE(log.contains("anchor date not defined yet"));
+  EXPECT_EQ(SyncSettings::qvt_anchorDate(settings = settingsWithAnchor()), gmtDate(2026, 3, 1));
+}
+
+TEST(SyncSettingsTest, ReadsStoreTheirDefaults) {
+  Dictionary settings;
+  LogCapture log;
+  EXPECT_EQ(SyncSettings::qvt_dataClassState(settings, kCalendars), 0);
+  EXPECT_EQ(settings.get(kCalendarsStateKey), Value(0));
+  EXPECT_TRUE(log.contains("no value for key: \"calendars.state\", will return 0"));
+
+  EXPECT_TRUE(SyncSettings::qvt_boolForKey(settings, "flag", true));
+  EXPECT_EQ(settings.get("flag"), Value(true));
+  EXPECT_TRUE(log.contains("no value for key: flag, default is 1"));
+  EXPECT_EQ(SyncSettings::qvt_valueForKey(settings, "name", "phone"), Value("phone"));
+  EXPECT_EQ(SyncSettings::qvt_valueForKey(settings, "name", "other"), Value("phone"));
+
+  // A value of a kind with no number reading answers the default, kept as it is.
+  settings.set("list", Array{1});
+  EXPECT_EQ(SyncSettings::qvt_intForKey(settings, "list", 5), 5);
+  EXPECT_TRUE(settings.get("list").isArray());
+}
+
+TEST(SyncSettingsTest, DataClassStatesAndModes) {
+  Dictionary settings;
+  SyncSettings::qvt_setDataClass(settings, kContacts, 3);
+  SyncSettings::qvt_setModeOfFirstSync(settings, 2, kCalendars);
+  EXPECT_EQ(settings.get(kContactsStateKey), Value(3));
+  EXPECT_EQ(SyncSettings::qvt_dataClassState(settings, kContacts), 3);
+  EXPECT_EQ(SyncSettings::qvt_modeOfFirstSyncForDataClass(settings, kCalendars), 2);
+  EXPECT_EQ(settings.get(kCalendarsModeOfFirstSyncKey), Value(2));
+
+  LogCapture log;
+  SyncSettings::qvt_setDataClass(settings, "Notes", 1);
+  EXPECT_EQ(SyncSettings::qvt_dataClassState(settings, "Notes"), 0);
+  EXPECT_EQ(SyncSettings::qvt_modeOfFirstSyncForDataClass(settings, "Notes"), 0);
+  EXPECT_TRUE(log.contains("state of unkown dataclass Notes"));
+  EXPECT_TRUE(log.contains("mode of first sync of unkown dataclass Notes"));
+  EXPECT_EQ(settings.count(), 2u);
+}
+
+// --- Client state -------------------------------------------------------------
+
+class ClientStateTest : public ::testing::Test {
+ protected:
+  MemorySyncEngineClient client{
+      "id", "Test Phone",
+      Array{kContactsContact, kContactsPhoneNumber, kCalendarsEvent, kCalendarsTask}};
+};
+
+TEST_F(ClientStateTest, EnablingADataClassEnablesItsSupportedEntities) {
+  LogCapture log;
+  SyncClientState::setEnabled(client, true, kContacts);
+  EXPECT_EQ(client.enabledEntityNames(), (Array{kContactsContact, kContactsPhoneNumber}));
+  EXPECT_TRUE(SyncClientState::isEnabledForDataClass(client, kContacts));
+  EXPECT_FALSE(SyncClientState::isEnabledForDataClass(client, kCalendars));
+  const LogLine* line = log.find("[Test Phone setEnable:YES forClass:Contacts");
+  ASSERT_TRUE(line);
+  EXPECT_EQ(line->type, ".sync.SYNC");
+
+  SyncClientState::setEnabled(client, false, kContacts);
+  EXPECT_FALSE(SyncClientState::isEnabledForDataClass(client, kContacts));
+}
+
+TEST_F(ClientStateTest, TypedValuesStoreDefaultsOnRead) {
+  EXPECT_EQ(SyncClientState::intForKey(client, "count", 4), 4);
+  EXPECT_EQ(client.objectForKey("count"), Value(4));
+  SyncClientState::setBool(client, true, "flag");
+  EXPECT_TRUE(SyncClientState::boolForKey(client, "flag", false));
+  client.setObject("YES", "text");
+  EXPECT_TRUE(SyncClientState::boolForKey(client, "text", false));
+}
+
+TEST_F(ClientStateTest, TimeZoneByName) {
+  EXPECT_EQ(SyncClientState::currentTimeZone(client), TimeZone::systemTimeZone());
+  EXPECT_EQ(SyncClientState::currentTimeZoneName(client), TimeZone::systemTimeZone()->name());
+  EXPECT_EQ(client.objectForKey(kCurrentTimeZoneKey), Value(TimeZone::systemTimeZone()->name()));
+
+  SyncClientState::setCurrentTimeZoneName(client, "Asia/Tokyo");
+  EXPECT_EQ(SyncClientState::currentTimeZone(client)->name(), "Asia/Tokyo");
+  SyncClientState::setCurrentTimeZoneName(client, "Nowhere/Atlantis");
+  LogCapture log;
+  EXPECT_FALSE(SyncClientState::currentTimeZone(client));
+  EXPECT_TRUE(log.contains("condition \"tz\" failed"));
+}
+
+TEST(DefaultValuesTest, TableByEntityThenAttribute) {
+  using SyncClientState::defaultValueForAttribute;
+  EXPECT_EQ(defaultValueForAttribute(kCalendarsTaskClassification, kCalendarsTask), Value("public"));
+  EXPECT_EQ(defaultValueForAttribute(kCalendarsEventAllDay, kCalendarsEvent), Value(false));
+  EXPECT_EQ(defaultValueForAttribute(kContactsIMService, kContactsIM), Value(""));
+  EXPECT_EQ(defaultValueForAttribute(kContactsDateType, kContactsDate), Value("anniversary"));
+  EXPECT_EQ(defaultValueForAttribute(kContactsURLType, kContactsURL), Value("home page"));
+  EXPECT_EQ(defaultValueForAttribute(kContactsPhoneNumberType, kContactsPhoneNumber), Value("other"));
+
+  LogCapture log;
+  EXPECT_TRUE(defaultValueForAttribute(kCalendarsEventAllDay, kCalendarsTask).isNull());
+  EXPECT_TRUE(log.contains(
+      "hum, request on a property where we did not set the default values: allDay Calendars.Task"));
+}
+
+TEST(DefaultValuesTest, SafeFromManyThreads) {
+  std::vector<std::thread> threads;
+  std::vector<Value> answers(8);
+  for (std::size_t i = 0; i < answers.size(); ++i)
+    threads.emplace_back([&answers, i] {
+      answers[i] = SyncClientState::defaultValueForAttribute(kCalendarsEventStatus, kCalendarsEvent);
+    });
+  for (auto& thread : threads) thread.join();
+  for (const Value& answer : answers) EXPECT_EQ(answer, Value("none"));
+}
+
+}  // namespace
+}  // namespace pc
