@@ -68,10 +68,12 @@ std::string utf16Prefix(std::string_view text, std::size_t units) {
 
 std::string utf16Substring(std::string_view text, std::size_t location, std::size_t length) {
   const icu::UnicodeString converted = unicode(text);
-  const int32_t start = pairSafe(converted, clampedIndex(location, converted), +1);
-  const std::size_t requestedEnd = static_cast<std::size_t>(clampedIndex(location, converted)) +
-                                   std::min(length, static_cast<std::size_t>(converted.length()));
-  const int32_t end = pairSafe(converted, clampedIndex(requestedEnd, converted), -1);
+  const int32_t from = clampedIndex(location, converted);
+  // Both bounds are clamped before adding, so the sum cannot overflow.
+  const std::size_t to =
+      static_cast<std::size_t>(from) + std::min<std::size_t>(length, converted.length());
+  const int32_t start = pairSafe(converted, from, +1);
+  const int32_t end = pairSafe(converted, clampedIndex(to, converted), -1);
   return end > start ? utf8(converted.tempSubStringBetween(start, end)) : std::string();
 }
 
