@@ -145,16 +145,6 @@ const LevelCache* cacheForLevel(int level) {
   return index < 0 ? nullptr : sCaches[index].load(std::memory_order_acquire);
 }
 
-std::string renderMessage(fmt::string_view format, fmt::format_args args) {
-  try {
-    return fmt::vformat(format, args);
-  } catch (const std::exception&) {
-    consoleLog(fmt::format("initWithFormat: returned nil for format string '{}'!!!!",
-                           std::string_view(format.data(), format.size())));
-    return kUndisplayableMessage;
-  }
-}
-
 // ---------------------------------------------------------------------------
 // Time of a record, in the system time zone, with 0.0005 s added so that the
 // printed milliseconds round rather than truncate.
@@ -295,11 +285,11 @@ std::function<void()>& exceptionSubstitutionHook() {
 
 // The emitting pattern, for the start-up messages, which carry fixed lines.
 template <class... Args>
-void logStartup(unsigned line, fmt::format_string<Args...> format, const Args&... args) {
+void logStartup(unsigned line, fmt::format_string<Args...> format, Args&&... args) {
   if (!AYHasLogForLevel(kLogImportant)) return;
   if (auto loggers = QVTAYLogger::loggersForType(QVTLOG, kLogImportant))
     QVTAYLogger::logWithLoggers(*loggers, nullptr, "QVTRegisterLogs", line, QVTLOG, kLogImportant,
-                                format, args...);
+                                format, std::forward<Args>(args)...);
 }
 
 }  // namespace
@@ -377,6 +367,16 @@ void logWithLoggers(const QVTAYLoggerList& loggers, const char* file, const char
   for (const auto& logger : loggers) logger->dumpLogInFile(file, function, line, domain, level, message);
 }
 
+std::string vformatLogMessage(fmt::string_view format, fmt::format_args args) {
+  try {
+    return fmt::vformat(format, args);
+  } catch (const std::exception&) {
+    consoleLog(fmt::format("initWithFormat: returned nil for format string '{}'!!!!",
+                           std::string_view(format.data(), format.size())));
+    return kUndisplayableMessage;
+  }
+}
+
 bool checkCondition(bool ok, const char* text, const char* function, unsigned line) {
   if (!ok && AYHasLogForLevel(kLogError)) {
     if (auto loggers = QVTAYLogger::loggersForType(QVTLOG, kLogError))
@@ -426,7 +426,7 @@ void QVTAYLogger::vlogWithLoggers(const QVTAYLoggerList& loggers, const char* fi
                                   const char* function, unsigned line, const std::string& type,
                                   int level, fmt::string_view format, fmt::format_args args) {
   if (loggers.empty()) return;
-  detail::logWithLoggers(loggers, file, function, line, type, level, renderMessage(format, args));
+  detail::logWithLoggers(loggers, file, function, line, type, level, detail::vformatLogMessage(format, args));
 }
 
 void QVTAYLogger::vlogInFile(const char* file, const char* function, unsigned line,
@@ -436,7 +436,7 @@ void QVTAYLogger::vlogInFile(const char* file, const char* function, unsigned li
   if (!cache) return;
   std::optional<std::string> message;
   cache->forEachLogger(type, [&](const QVTAYLoggerPtr& logger) {
-    if (!message) message = renderMessage(format, args);
+    if (!message) message = detail::vformatLogMessage(format, args);
     logger->dumpLogInFile(file, function, line, type, level, *message);
   });
 }

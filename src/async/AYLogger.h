@@ -77,7 +77,7 @@ class QVTAYLogger : public Object {
   template <class... Args>
   static void logWithLoggers(const QVTAYLoggerList& loggers, const char* file, const char* function,
                              unsigned line, const std::string& type, int level,
-                             fmt::format_string<Args...> format, const Args&... args) {
+                             fmt::format_string<Args...> format, Args&&... args) {
     vlogWithLoggers(loggers, file, function, line, type, level, format,
                     fmt::make_format_args(args...));
   }
@@ -90,7 +90,7 @@ class QVTAYLogger : public Object {
   template <class... Args>
   static void logInFile(const char* file, const char* function, unsigned line,
                         const std::string& type, int level, fmt::format_string<Args...> format,
-                        const Args&... args) {
+                        Args&&... args) {
     vlogInFile(file, function, line, type, level, format, fmt::make_format_args(args...));
   }
   static void vlogInFile(const char* file, const char* function, unsigned line,

@@ -47,6 +47,15 @@ void logWithLoggers(const QVTAYLoggerList& loggers, const char* file, const char
                     const std::string& message);
 // Logs `condition "<text>" failed` at level 1 in "QVT"; answers `ok`.
 bool checkCondition(bool ok, const char* text, const char* function, unsigned line);
+
+// Renders a message. When an argument cannot be rendered (its formatter
+// throws), the failure goes to the console log and the message reads
+// "**** Undisplayable message ****": logging never throws at a log site.
+std::string vformatLogMessage(fmt::string_view format, fmt::format_args args);
+template <class... T>
+std::string formatLogMessage(fmt::format_string<T...> format, T&&... args) {
+  return vformatLogMessage(format, fmt::make_format_args(args...));
+}
 }  // namespace detail
 
 }  // namespace pc
@@ -58,7 +67,8 @@ bool checkCondition(bool ok, const char* text, const char* function, unsigned li
       const ::std::string qvtLogDomain_ = (domain);                                          \
       if (auto qvtLoggers_ = ::pc::detail::loggersForTypeLevel(qvtLogDomain_, qvtLogLevel_)) \
         ::pc::detail::logWithLoggers(*qvtLoggers_, nullptr, __PRETTY_FUNCTION__, __LINE__,   \
-                                     qvtLogDomain_, qvtLogLevel_, ::fmt::format(__VA_ARGS__)); \
+                                     qvtLogDomain_, qvtLogLevel_,                            \
+                                     ::pc::detail::formatLogMessage(__VA_ARGS__));           \
     }                                                                                        \
   } while (0)
 

@@ -17,6 +17,15 @@
 #include "platform/Preferences.h"
 #include "platform/ThreadDictionary.h"
 
+// A value whose text cannot be produced.
+struct Unprintable {};
+template <>
+struct fmt::formatter<Unprintable> : fmt::formatter<std::string_view> {
+  auto format(Unprintable, fmt::format_context&) const -> fmt::format_context::iterator {
+    throw std::runtime_error("no text");
+  }
+};
+
 namespace pc {
 namespace {
 
@@ -179,11 +188,9 @@ TEST_F(LoggingTest, LogInFileFormatsLazilyAndReportsBadFormats) {
   QVTAYLogger::logInFile(nullptr, "f", 3, ".sync.X", kLogWarning, "a {}", 1);
   QVTAYLogger::logInFile(nullptr, "f", 4, ".sync.X", 3, "unknown level");
   QVTAYLogger::logInFile(nullptr, "f", 5, "QVT", kLogWarning, "no match");
-  const int one = 1;
-  QVTAYLogger::vlogWithLoggers({logger}, nullptr, "f", 6, "T", kLogWarning, "{} {}",
-                               fmt::make_format_args(one));
+  QVT_LOG(kLogWarning, ".sync", "{}", Unprintable{});
   EXPECT_THAT(logger->messages(), ElementsAre("a 1", "**** Undisplayable message ****"));
-  EXPECT_THAT(console, ElementsAre("initWithFormat: returned nil for format string '{} {}'!!!!"));
+  EXPECT_THAT(console, ElementsAre("initWithFormat: returned nil for format string '{}'!!!!"));
 }
 
 // The one-line record: header, then continuation lines aligned under it.
@@ -194,12 +201,13 @@ TEST_F(LoggingTest, OneLineRecordAlignsContinuationLines) {
   EXPECT_EQ(fs::path(path).extension(), ".log");
   logger->dumpLogInFile(nullptr, "f", 1, "QVT", kLogWarning, "first\nsecond\nthird");
   logger->dumpLogInFile(nullptr, "f", 1, ".x", 5, "odd");
+  logger->dumpLogInFile(nullptr, "f", 1, ".x", 8, "bad \xff");
   logger.reset();
 
   std::istringstream lines(readFile(path));
   std::vector<std::string> written;
   for (std::string line; std::getline(lines, line);) written.push_back(line);
-  ASSERT_EQ(written.size(), 4u);
+  ASSERT_EQ(written.size(), 5u);
   const std::string& first = written[0];
   EXPECT_TRUE(std::regex_match(first.substr(0, 13), std::regex(R"(\d\d:\d\d:\d\d\.\d{3} )")));
   EXPECT_EQ(first.substr(13), fmt::format("[test_async:{}] WARNING (QVT): first", getpid()));
@@ -208,6 +216,7 @@ TEST_F(LoggingTest, OneLineRecordAlignsContinuationLines) {
   EXPECT_EQ(written[1], prefix + "second");
   EXPECT_EQ(written[2], prefix + "third");
   EXPECT_THAT(written[3], HasSubstr("??? (.x): odd"));
+  EXPECT_EQ(written[4], "**** Undisplayable message ****");
 }
 
 struct FileLoggerTest : LoggingTest {
@@ -234,6 +243,8 @@ TEST_F(FileLoggerTest, WritesAFirstRecordThenOneRecordPerMessage) {
                                std::regex(R"(test_async-\d{4}-\d\d-\d\d--\d\d-\d\d-\d\d\.decalog)")));
   logger->dumpLogInFile("f.cc", nullptr, 12, "QVT", kLogError, "hello");
   std::thread([&] { logger->dumpLogInFile(nullptr, nullptr, 1, "T", 0, "élan"); }).join();
+  logger->dumpLogInFile(nullptr, nullptr, 2, "T", kLogInfo, "bad \xff");
+  logger->dumpLogInFile(nullptr, nullptr, 3, "\xfe", kLogInfo, "bad type");
 
   EXPECT_TRUE(std::regex_match(
       written(),
@@ -242,8 +253,12 @@ TEST_F(FileLoggerTest, WritesAFirstRecordThenOneRecordPerMessage) {
                  "TIME: T\nTHREAD: MAIN\nTYPE: QVT\nLEVEL: ERROR\nLINE: 12\nFILE: f.cc\n"
                  "LENGTH: 6\n\nhello\n\n"
                  "TIME: T\nTHREAD: 0x[0-9a-f]+\nTYPE: T\nLEVEL: \\?\\?\\?\nLINE: 1\n"
-                 "LENGTH: 6\n\nélan\n\n")))
+                 "LENGTH: 6\n\nélan\n\n"
+                 "TIME: T\nTHREAD: MAIN\nTYPE: T\nLEVEL: INFO\nLINE: 2\nLENGTH: 8\n\nbad \uFFFD\n\n"
+                 "LENGTH: 31\n\n\\*\\*\\*\\* Undisplayable message \\*\\*\\*\\*\n\n")))
       << written();
+  EXPECT_THAT(console, ::testing::Contains(
+                           "Log system was unable to convert some string to UTF8 string encoding!"));
 }
 
 // Each helper logs from its own frame; the barrier keeps the calls out of
