@@ -1,0 +1,353 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "async/AYLogger.h"
+#include "calcore/CALDateOnly.h"
+#include "calcore/CALDateTime.h"
+#include "calcore/CALDuration.h"
+#include "calcore/CALFloatingDateTime.h"
+#include "platform/Exception.h"
+#include "platform/ThreadDictionary.h"
+
+namespace pc {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+// Records the warnings logged while it is registered.
+class WarningRecorder : public QVTAYLogger {
+ public:
+  std::string className() const override { return "WarningRecorder"; }
+  void dumpLogInFile(const char*, const char*, unsigned, const std::string&, int,
+                     const std::string& message) override {
+    messages.push_back(message);
+  }
+  std::optional<URL> urlToFile() const override { return std::nullopt; }
+  std::vector<std::string> messages;
+};
+
+class CALDateTest : public ::testing::Test {
+ protected:
+  void SetUp() override { QVTAYLogger::addLogger(recorder, std::nullopt, kLogWarning | kLogError); }
+  void TearDown() override {
+    QVTAYLogger::removeLogger(recorder, std::nullopt, kLogWarning | kLogError);
+  }
+
+  static TimeZonePtr zone(const char* name) { return TimeZone::timeZoneWithName(name); }
+
+  std::shared_ptr<WarningRecorder> recorder = std::make_shared<WarningRecorder>();
+};
+
+TEST_F(CALDateTest, IsoFormsChooseTheKind) {
+  CALDateRef dateOnly = CALDate::dateFromIsoString("20060315");
+  ASSERT_TRUE(dateOnly);
+  EXPECT_EQ(dateOnly->className(), "CALDateOnly");
+  EXPECT_EQ(dateOnly->isoStringRepresentation(), "20060315");
+
+  CALDateRef floating = CALDate::dateFromIsoString("20060315T101500");
+  ASSERT_TRUE(floating);
+  EXPECT_EQ(floating->className(), "CALFloatingDateTime");
+  EXPECT_EQ(floating->isoStringRepresentation(), "20060315T101500");
+
+  CALDateRef zoned = CALDate::dateFromIsoString("20060315T101500+0100");
+  ASSERT_TRUE(zoned);
+  EXPECT_EQ(zoned->className(), "CALDateTime");
+  EXPECT_EQ(zoned->hourOfDay(), 10);
+  EXPECT_EQ(zoned->offsetFromGMT(), 3600);
+  EXPECT_EQ(zoned->isoStringRepresentation(), "20060315T101500+0100");
+
+  // A minus offset goes to the floating kind with the zone-less format.
+  CALDateRef minus = CALDate::dateFromIsoString("20060315T101500-0500");
+  ASSERT_TRUE(minus);
+  EXPECT_EQ(minus->description(), "2006/03/15  10:15:00 - FloatingDateTime");
+
+  EXPECT_FALSE(CALDate::dateFromIsoString("2006-03-15"));
+  EXPECT_FALSE(CALDate::dateFromIsoString("garbageT+"));
+  EXPECT_FALSE(CALDate::dateFromIsoString(""));
+}
+
+TEST_F(CALDateTest, ZonedAndFloatingCompareByWallClock) {
+  auto zoned = CALDateTime::dateWithYear(2006, 3, 15, 9, 0, 0, nullptr);
+  zoned->setTimeZone(TimeZone::timeZoneForSecondsFromGMT(3600));
+  auto floating = CALFloatingDateTime::dateWithYear(2006, 3, 15, 10, 0, 0);
+  EXPECT_EQ(zoned->compare(floating.get()), 0);
+  EXPECT_EQ(floating->compare(zoned.get()), 0);
+  EXPECT_TRUE(zoned->isEqualToDate(floating.get()));
+  EXPECT_FALSE(zoned->isEqual(floating.get()));
+  EXPECT_THAT(recorder->messages, ElementsAre("WARNING : isEqual ran on two dates of different type"));
+
+  // Two zoned dates compare instants, whatever their zones.
+  auto sameInstant = CALDateTime::dateWithYear(2006, 3, 15, 4, 0, 0, zone("America/New_York"));
+  EXPECT_EQ(zoned->compare(sameInstant.get()), 0);
+  EXPECT_TRUE(zoned->isEqual(sameInstant.get()));
+
+  auto later = CALFloatingDateTime::dateWithYear(2006, 3, 15, 10, 0, 1);
+  EXPECT_EQ(zoned->compare(later.get()), -1);
+  EXPECT_EQ(later->compare(zoned.get()), 1);
+  EXPECT_TRUE(later->isAfterOrEqual(zoned.get()));
+  EXPECT_FALSE(later->isBeforeOrEqual(zoned.get()));
+  EXPECT_EQ(zoned->compare(nullptr), -1);
+  EXPECT_FALSE(zoned->isBeforeOrEqual(nullptr));
+  EXPECT_TRUE(zoned->isBeforeOrEqual(zoned.get()));
+
+  // A date-only equals a floating midnight under compare but not isEqual.
+  auto day = CALDateOnly::dateOnlyWithYear(2006, 3, 15);
+  auto midnight = CALFloatingDateTime::dateWithYear(2006, 3, 15, 0, 0, 0);
+  EXPECT_EQ(day->compare(midnight.get()), 0);
+  EXPECT_FALSE(day->isEqual(midnight.get()));
+  EXPECT_TRUE(day->isEqualAsDateOnly(zoned.get()));
+}
+
+TEST_F(CALDateTest, EpochsAndIntervals) {
+  auto epoch = CALDateTime::dateWithYear(1970, 1, 1, 0, 0, 0, nullptr);
+  EXPECT_EQ(epoch->timeIntervalSince1970(), 0);
+  auto reference = CALDate::dateWithTimeIntervalSince2001<CALDateTime>(0);
+  EXPECT_EQ(reference->description(), "2001/01/01  00:00:00 (0) - DateTime |TZ (null)");
+  // Fractions are truncated, not rounded.
+  auto after = CALDate::dateWithTimeIntervalSince1970<CALFloatingDateTime>(86400 * 365 + 61.9);
+  EXPECT_EQ(after->description(), "1971/01/01  00:01:01 - FloatingDateTime");
+  EXPECT_EQ(after->timeIntervalSinceDate(*epoch), 86400 * 365 + 61);
+  EXPECT_EQ(reference->absoluteTimeInterval(), 63113904000.0);
+  EXPECT_EQ(reference->platformDate().secondsSinceReferenceDate, 0);
+}
+
+TEST_F(CALDateTest, ZoneChangesKeepTheWallClockOrTheInstant) {
+  auto summer = CALDateTime::dateWithYear(2006, 7, 1, 12, 0, 0, nullptr);
+  const double instant = summer->timeIntervalSince1970();
+
+  auto keepInstant = summer->copy();
+  keepInstant->setTimeZone(zone("Europe/Paris"), false);
+  EXPECT_EQ(keepInstant->timeIntervalSince1970(), instant);
+  EXPECT_EQ(keepInstant->hourOfDay(), 14);
+
+  auto keepWallClock = summer->copy();
+  keepWallClock->setTimeZone(zone("Europe/Paris"), true);
+  EXPECT_EQ(keepWallClock->hourOfDay(), 12);
+  EXPECT_EQ(keepWallClock->timeIntervalSince1970(), instant - 7200);
+
+  // Across a daylight-saving change the offset follows the instant.
+  auto night = CALDateTime::dateWithYear(2006, 3, 26, 0, 30, 0, zone("Europe/Paris"));
+  EXPECT_EQ(night->offsetFromGMT(), 3600);
+  night->addSecondsInGMT(3 * 3600);
+  EXPECT_EQ(night->offsetFromGMT(), 7200);
+  EXPECT_EQ(night->hourOfDay(), 4);
+  night->setTimeZone(zone("Europe/Paris"), true);  // an equal zone: the wall clock stays
+  EXPECT_EQ(night->hourOfDay(), 4);
+  night->setTimeZone(zone("America/New_York"), true);
+  EXPECT_EQ(night->hourOfDay(), 4);
+  EXPECT_EQ(night->offsetFromGMT(), -5 * 3600);
+
+  // A wall clock skipped by the change reads as the instant after the gap.
+  auto skipped = CALDateTime::dateWithYear(2006, 3, 26, 2, 30, 0, zone("Europe/Paris"));
+  EXPECT_EQ(skipped->hourOfDay(), 3);
+  EXPECT_EQ(skipped->minuteOfHour(), 30);
+
+  // Rounding to the day happens on the local clock.
+  auto lateEvening = CALDateTime::dateWithYear(2006, 7, 1, 23, 30, 0, zone("Europe/Paris"));
+  EXPECT_EQ(lateEvening->dateRoundedToDay()->description().substr(0, 20), "2006/07/01  00:00:00");
+  EXPECT_EQ(lateEvening->dateRoundedToNextDay()->dayOfMonth(), 2);
+
+  // Floating dates ignore zones altogether.
+  auto floating = CALFloatingDateTime::dateWithYear(2006, 7, 1, 12, 0, 0);
+  floating->setTimeZone(zone("Europe/Paris"), false);
+  floating->setTimeZone(zone("Europe/Paris"), true);
+  EXPECT_EQ(floating->hourOfDay(), 12);
+  EXPECT_EQ(floating->offsetFromGMTForTimeZone(zone("Europe/Paris")), 0);
+}
+
+TEST_F(CALDateTest, OffsetsGoThroughThePerThreadHelperDates) {
+  auto date = CALDateTime::dateWithYear(2006, 7, 1, 12, 0, 0, zone("Europe/Paris"));
+  EXPECT_EQ(date->offsetFromGMTForTimeZone(zone("America/New_York")), -4 * 3600);
+  EXPECT_EQ(date->offsetFromGMTForTimeZone(nullptr), 0);
+  EXPECT_EQ(date->offsetFromGMTForTimeZone(zone("Europe/Paris")), 7200);
+  const Dictionary& perThread = currentThreadDictionary();
+  for (const char* key : {"staticMutableDate1", "staticMutableDate2"}) {
+    const Value* helper = perThread.find(key);
+    ASSERT_TRUE(helper) << key;
+    ASSERT_TRUE(helper->objectAs<OurOwnMutableDate>());
+  }
+}
+
+TEST_F(CALDateTest, FieldsOfTheLocalDay) {
+  auto newYear = CALDateTime::dateWithYear(2005, 12, 31, 23, 0, 0, nullptr);
+  newYear->setTimeZone(zone("Europe/Paris"));
+  int year, month, day, dayOfWeek, dayOfYear;
+  newYear->year(&year, &month, &day, &dayOfWeek, &dayOfYear, nullptr, nullptr, nullptr);
+  EXPECT_EQ(year, 2006);
+  EXPECT_EQ(month, 1);
+  EXPECT_EQ(day, 1);
+  EXPECT_EQ(dayOfWeek, 0);
+  EXPECT_EQ(dayOfYear, 1);
+  EXPECT_EQ(newYear->weekOfYear(), 52);  // 1 January 2006 belongs to the last week of 2005
+  EXPECT_EQ(newYear->dayOfCommonEra(), 732311);
+
+  // After the 127th day the day of the year comes out negative.
+  auto july = CALFloatingDateTime::dateWithYear(2006, 7, 19, 0, 0, 0);
+  EXPECT_EQ(july->dayOfYear(), 200 - 256);
+  EXPECT_EQ(july->dayCountInMonth(), 31);
+  EXPECT_EQ(CALDateOnly::dateOnlyWithYear(2008, 12, 29)->weekOfYear(), 1);
+  EXPECT_EQ(CALDateOnly::dateOnlyWithYear(2004, 12, 31)->weekOfYear(), 53);
+  EXPECT_EQ(CALDateOnly::dateOnlyWithYear(2004, 2, 30)->dayOfMonth(), 1);  // fields carry
+}
+
+TEST_F(CALDateTest, DifferencesInTheRequestedUnits) {
+  auto later = CALFloatingDateTime::dateWithYear(2005, 3, 10, 9, 0, 0);
+  auto earlier = CALDateOnly::dateOnlyWithYear(2005, 1, 15);
+  int months = -1, days = -1, hours = -1, seconds = -1;
+  later->years(nullptr, &months, &days, &hours, nullptr, nullptr, earlier.get());
+  EXPECT_EQ(months, 1);
+  EXPECT_EQ(days, 23);
+  EXPECT_EQ(hours, 9);
+  earlier->years(nullptr, nullptr, &days, nullptr, nullptr, &seconds, later.get());
+  EXPECT_EQ(days, -54);
+  EXPECT_EQ(seconds, -9 * 3600);
+  later->years(nullptr, &months, nullptr, nullptr, nullptr, nullptr, nullptr);
+  EXPECT_EQ(months, 1);  // untouched without another date
+}
+
+TEST_F(CALDateTest, NewValuesLeaveTheReceiverAlone) {
+  auto date = CALDateTime::dateWithYear(2005, 1, 31, 10, 20, 30, nullptr);
+  EXPECT_EQ(date->dateByAddingYears(0, 1, 0, 0, 0, 0)->description(),
+            "2005/03/03  10:20:30 (0) - DateTime |TZ (null)");
+  EXPECT_EQ(date->dateByAddingDuration(CALDuration::durationWithHours(14))->dayOfMonth(), 1);
+  EXPECT_EQ(date->dateBySubstractingDuration(CALDuration::durationWithDays(31))->monthOfYear(), 12);
+  EXPECT_EQ(date->dateRoundedToMinute()->secondOfMinute(), 0);
+  EXPECT_EQ(date->dateRoundedToHour()->minuteOfHour(), 0);
+  EXPECT_EQ(date->dateRoundedToPreviousDay()->description(),
+            "2005/01/30  00:00:00 (0) - DateTime |TZ (null)");
+  EXPECT_EQ(date->dateRoundedToMonth()->dayOfMonth(), 1);
+  EXPECT_EQ(date->dateRoundedToYear()->description(),
+            "2005/01/01  00:00:00 (0) - DateTime |TZ (null)");
+  EXPECT_EQ(date->dateWithHour(7, 5, 0)->description(),
+            "2005/01/31  07:05:00 (0) - DateTime |TZ (null)");
+  EXPECT_EQ(date->description(), "2005/01/31  10:20:30 (0) - DateTime |TZ (null)");
+  EXPECT_EQ(date->copy()->className(), "CALDateTime");
+  EXPECT_EQ(CALDateOnly::dateOnlyWithYear(2005, 1, 31)->copy()->description(), "2005/01/31 - DateOnly");
+}
+
+TEST_F(CALDateTest, DescriptionsPrintTheLocalClock) {
+  auto zoned = CALDateTime::dateWithYear(2006, 3, 15, 10, 0, 0, zone("Europe/Paris"));
+  EXPECT_THAT(zoned->description(), StartsWith("2006/03/15  10:00:00 (3600) - DateTime |TZ "));
+  EXPECT_THAT(zoned->description(), HasSubstr("Europe/Paris"));
+  EXPECT_EQ(CALFloatingDateTime::timeOnlyWithHour(7, 8, 9)->description(),
+            "2001/01/01  07:08:09 - FloatingDateTime");
+  EXPECT_EQ(CALDateTime::timeOnlyWithHour(7, 8, 9, nullptr)->timeIntervalSince1970(),
+            978307200 + 7 * 3600 + 8 * 60 + 9);
+}
+
+TEST_F(CALDateTest, ArchivesRoundTripAndRejectCorruptOnes) {
+  auto zoned = CALDateTime::dateWithYear(2006, 3, 15, 10, 0, 0, zone("Europe/Paris"));
+  Dictionary archive;
+  zoned->encodeWithCoder(archive);
+  EXPECT_EQ(archive.getInteger("hourKey"), 9);  // the GMT record
+  EXPECT_EQ(archive.getString("timeZoneKey"), "Europe/Paris");
+  auto decoded = CALDate::dateWithCoder<CALDateTime>(archive);
+  ASSERT_TRUE(decoded);
+  EXPECT_TRUE(decoded->isEqual(zoned.get()));
+  EXPECT_EQ(decoded->hourOfDay(), 10);
+
+  Dictionary badMonth = archive.copy();
+  badMonth.set("monthKey", 13);
+  EXPECT_FALSE(CALDate::dateWithCoder<CALDateTime>(badMonth));
+  Dictionary missing = archive.copy();
+  missing.remove("dayKey");
+  EXPECT_FALSE(CALDate::dateWithCoder<CALFloatingDateTime>(missing));
+  Dictionary wrongKind = archive.copy();
+  wrongKind.set("yearKey", "soon");
+  EXPECT_FALSE(CALDate::dateWithCoder<CALDateOnly>(wrongKind));
+  Dictionary unknownZone = archive.copy();
+  unknownZone.set("timeZoneKey", "Nowhere/Atlantis");
+  auto gmt = CALDate::dateWithCoder<CALDateTime>(unknownZone);
+  ASSERT_TRUE(gmt);
+  EXPECT_EQ(gmt->offsetFromGMT(), 0);
+  EXPECT_EQ(recorder->messages.size(), 4u);
+}
+
+TEST_F(CALDateTest, ConversionsWithThePlatformDates) {
+  const CalendarDate noon = CalendarDate::dateWithYear(2006, 3, 15, 12, 0, 0, zone("Europe/Paris"));
+  CALDateRef allDay = CALDate::CALDateFromCalendarDate(noon, true);
+  EXPECT_EQ(allDay->description(), "2006/03/15 - DateOnly");
+  // A date-only converts at midnight GMT.
+  EXPECT_EQ(allDay->calendarDate().timeIntervalSince1970(), 1142380800);
+  EXPECT_EQ(allDay->calendarDate().timeZone()->name(), "GMT");
+
+  CALDateRef timed = CALDate::CALDateFromCalendarDate(noon, false);
+  EXPECT_EQ(timed->className(), "CALDateTime");
+  EXPECT_EQ(timed->hourOfDay(), 12);
+  EXPECT_EQ(timed->calendarDate(), noon);
+  EXPECT_EQ(timed->descriptionWithCalendarFormat("%H:%M %z"), "12:00 +0100");
+
+  EXPECT_EQ(CALFloatingDateConversion::calFloatingDateTime(noon)->description(),
+            "2006/03/15  12:00:00 - FloatingDateTime");
+  EXPECT_EQ(Kestrel11Compatibility::calDate(noon)->className(), "CALDateTime");
+  EXPECT_EQ(Kestrel11Compatibility::calDate(noon.dateByAddingYears(0, 0, 0, -12, 0, 0))->className(),
+            "CALDateOnly");
+
+  EXPECT_FALSE(CALDateTimeConversion::calDateTime(Date{0}));
+  EXPECT_EQ(recorder->messages.size(), 1u);
+}
+
+TEST_F(CALDateTest, ReferencesAreCounted) {
+  CALRef<CALDateTime> date = CALDateTime::dateWithYear(2006, 3, 15, 10, 0, 0, nullptr);
+  EXPECT_EQ(date->retainCount(), 1);
+  {
+    CALDateRef shared = date;
+    EXPECT_EQ(date->retainCount(), 2);
+    CALDateRef moved = std::move(shared);
+    EXPECT_EQ(date->retainCount(), 2);
+  }
+  EXPECT_EQ(date->retainCount(), 1);
+  date->retain();
+  date->release();
+  EXPECT_EQ(date->retainCount(), 1);
+}
+
+// A kind that supplies none of the operations reaches the abstract ones.
+class BareDate : public CALDate {
+ public:
+  BareDate() = default;
+  CALDateRef copy() const override { return nullptr; }
+  std::string className() const override { return "BareDate"; }
+
+ protected:
+  void _comparisonRecords(const CALDate&, CALCDate*, CALCDate*) const override {}
+  TimeZonePtr _conversionZone() const override { return nullptr; }
+};
+
+TEST_F(CALDateTest, AbstractOperationsWarnAndRaise) {
+  BareDate bare;
+  const auto expectAbstract = [&](auto operation, const std::string& selector,
+                                  const std::string& warning) {
+    recorder->messages.clear();
+    try {
+      operation();
+      ADD_FAILURE() << selector << " did not raise";
+    } catch (const Exception& e) {
+      EXPECT_EQ(e.name(), kNotImplementedInSubClass);
+      EXPECT_EQ(e.reason(), selector + " method called on abstract class");
+    }
+    EXPECT_THAT(recorder->messages, ElementsAre(warning));
+  };
+  expectAbstract([&] { bare.offsetFromGMT(); }, "offsetFromGMT",
+                 "WARNING : - (SInt64) offsetFromGMT   called on abstract class CALDate");
+  expectAbstract([&] { bare.roundToDay(); }, "roundToDay",
+                 "WARNING : - (void) roundToDay   called on abstract class CALDate");
+  expectAbstract([&] { CALDate::date(); }, "date",
+                 "WARNING : + (id) date   called on abstract class CALDate");
+  expectAbstract([&] { bare.offsetFromGMTForTimeZone(nullptr); }, "offsetFromGMTForTimeZone:",
+                 "- (SInt64) offsetFromGMTForTimeZone:(TimeZone *)timeZone   called on abstract "
+                 "class CALDate");
+  expectAbstract(
+      [&] { bare.addYears(1, 0, 0, 0, 0, 0); }, "addYears:months:days:hours:minutes:seconds:",
+      "WARNING : - (void) addYears:(int)year months:(int)month days:(int)day hours:(int)hour "
+      "minutes:(int)minute seconds:(long long)second   called on abstract class CALDate");
+
+  recorder->messages.clear();
+  EXPECT_EQ(bare.description(), "_____ abstract date class ______");
+  EXPECT_EQ(recorder->messages.size(), 1u);
+}
+
+}  // namespace
+}  // namespace pc

@@ -1,0 +1,182 @@
+#include <gtest/gtest.h>
+
+#include "calcore/CALDateTime.h"
+#include "calcore/CALDuration.h"
+#include "calcore/CALFloatingDateTime.h"
+#include "calcore/CALTimeRange.h"
+
+namespace pc {
+namespace {
+
+TEST(CALDuration, PartsTruncateTowardsZero) {
+  const CALDuration d = CALDuration::durationWithDays(1, 1, 1, 1);
+  EXPECT_EQ(d.description(), "CALDuration 1 1:1:1 (90061.000000)");
+  const CALDuration negative(-90061.7);
+  EXPECT_EQ(negative.description(), "CALDuration -1 -1:-1:-1 (-90061.700000)");
+  EXPECT_TRUE(negative.isNegative());
+  EXPECT_EQ(CALDuration::durationWithDurationWithoutDayPart(negative).rawInterval(), -3661);
+
+  CALDuration inverted = d;
+  inverted.inverse();
+  EXPECT_TRUE(inverted.isEqualTo(CALDuration(-90061)));
+  EXPECT_TRUE(d.isLongerThan(inverted));
+
+  // The parts are summed in 32 bits: 32767 days wrap.
+  EXPECT_EQ(CALDuration::durationWithDays(32767).rawInterval(),
+            static_cast<double>(static_cast<std::int32_t>(32767LL * 86400)));
+  EXPECT_EQ(CALWeekDuration::durationWithWeeks(-3).weeksPart(), -3);
+  EXPECT_EQ(CALWeekDuration::durationWithWeeks(2).daysPart(), 14);
+}
+
+TEST(CALDuration, RoundingToDaysIsAsymmetric) {
+  const struct {
+    double raw;
+    double rounded;
+  } cases[] = {{1.5 * 86400, 2 * 86400}, {-1.5 * 86400, -86400}, {2 * 86400, 2 * 86400},
+               {1, 86400},               {-1, 0},                {0, 0}};
+  for (const auto& c : cases)
+    EXPECT_EQ(CALDuration(c.raw).durationRoundedToDay().rawInterval(), c.rounded) << c.raw;
+}
+
+TEST(CALDuration, ArchiveIsTheInterval) {
+  EXPECT_EQ(CALDuration::decode(CALDuration(-42.5).encode())->rawInterval(), -42.5);
+  EXPECT_FALSE(CALDuration::decode(Value("42")));
+}
+
+class CALTimeRangeTest : public ::testing::Test {
+ protected:
+  // A range of the test day, bounds given in hours.
+  static CALTimeRange range(int fromHour, int toHour) {
+    return CALTimeRange::timeRangeWithStartDate(*at(fromHour), *at(toHour));
+  }
+  static CALDateRef at(int hour, int minute = 0) {
+    return CALDateTime::dateWithYear(2006, 3, 15, hour, minute, 0, nullptr);
+  }
+  static CALTimeRange range(int fromHour, int fromMinute, int toHour, int toMinute) {
+    return CALTimeRange::timeRangeWithStartDate(*at(fromHour, fromMinute), *at(toHour, toMinute));
+  }
+  static void expectRange(const std::optional<CALTimeRange>& actual, const CALTimeRange& expected) {
+    ASSERT_TRUE(actual);
+    EXPECT_TRUE(actual->isEqualTo(expected)) << actual->description() << " vs "
+                                             << expected.description();
+  }
+};
+
+TEST_F(CALTimeRangeTest, MinusCoversItsFiveCases) {
+  const CALTimeRange tenToNoon = range(10, 12);
+  auto inside = tenToNoon.minus(range(11, 0, 11, 30));
+  expectRange(inside.first, range(10, 11));
+  expectRange(inside.second, range(11, 30, 12, 0));
+
+  auto covered = tenToNoon.minus(range(9, 13));
+  EXPECT_FALSE(covered.first);
+  EXPECT_FALSE(covered.second);
+  EXPECT_FALSE(tenToNoon.minus(tenToNoon).first);
+
+  auto tail = tenToNoon.minus(range(11, 13));
+  expectRange(tail.first, range(10, 11));
+  EXPECT_FALSE(tail.second);
+
+  auto head = tenToNoon.minus(range(9, 11));
+  expectRange(head.first, range(11, 12));
+  EXPECT_FALSE(head.second);
+
+  auto apart = tenToNoon.minus(range(13, 14));
+  expectRange(apart.first, tenToNoon);
+  EXPECT_FALSE(apart.second);
+}
+
+TEST_F(CALTimeRangeTest, BoundsCountOnlyForTheInclusiveTests) {
+  const CALTimeRange morning = range(10, 11);
+  const CALTimeRange noon = range(11, 12);
+  EXPECT_TRUE(morning.intersectsTimeRange(noon));
+  EXPECT_FALSE(morning.intersectsTimeRangeExcludingBounds(noon));
+  EXPECT_TRUE(noon.intersectsTimeRangeExcludingUpperBound(morning));
+  EXPECT_FALSE(morning.intersectsTimeRangeExcludingUpperBound(noon));
+  EXPECT_TRUE(morning.intersectsTimeRangeExcludingBounds(range(10, 11)));
+
+  EXPECT_TRUE(morning.includesDate(at(11).get()));
+  EXPECT_FALSE(morning.includesDateExcludingEndDate(at(11).get()));
+  EXPECT_TRUE(morning.includesDateExcludingEndDate(at(10).get()));
+  EXPECT_FALSE(morning.includesDateExcludingBounds(at(10).get()));
+  EXPECT_TRUE(range(9, 13).strictlyIncludesTimeRange(morning));
+  EXPECT_FALSE(morning.strictlyIncludesTimeRange(morning));
+  EXPECT_TRUE(morning.includesOrEqualsTimeRange(morning));
+
+  // Bounds of another kind compare by wall clock.
+  auto floatingHalfPast = CALFloatingDateTime::dateWithYear(2006, 3, 15, 10, 30, 0);
+  EXPECT_TRUE(morning.includesDate(floatingHalfPast.get()));
+}
+
+TEST_F(CALTimeRangeTest, UnboundedRanges) {
+  const CALTimeRange open = CALTimeRange::timeRangeUnboundedWithStartDate(*at(10));
+  EXPECT_TRUE(open.isInfinite());
+  EXPECT_FALSE(open.duration());
+  EXPECT_TRUE(open.includesDate(CALDateTime::dateWithYear(3000, 1, 1, 0, 0, 0, nullptr).get()));
+  EXPECT_FALSE(open.includesDate(at(9).get()));
+  EXPECT_EQ(open.description(), "CALTimeRange [2006/03/15  10:00:00 (0) - DateTime |TZ (null),+inf]");
+  EXPECT_TRUE(CALTimeRange::timeRangeUnbounded().includesDate(at(0).get()));
+
+  EXPECT_TRUE(open.includesOrEqualsTimeRange(range(11, 12)));
+  EXPECT_FALSE(range(11, 12).includesOrEqualsTimeRange(open));
+  EXPECT_TRUE(range(9, 12).union_(open).isInfinite());
+  expectRange(open.intersection(range(9, 12)), range(10, 12));
+  auto rest = open.minus(range(11, 12));
+  expectRange(rest.first, range(10, 11));
+  ASSERT_TRUE(rest.second);
+  EXPECT_FALSE(rest.second->endDate());
+}
+
+TEST_F(CALTimeRangeTest, UnionIntersectionAndSimplification) {
+  expectRange(range(10, 11).union_(range(13, 14)), range(10, 14));
+  EXPECT_FALSE(range(10, 11).intersection(range(13, 14)));
+  expectRange(range(10, 12).intersection(range(11, 14)), range(11, 12));
+
+  const auto merged = CALTimeRange::simplifyOverlappingTimeRanges(
+      {range(1, 3), range(2, 5), range(3, 4), range(6, 7)});
+  ASSERT_EQ(merged.size(), 2u);
+  expectRange(merged[0], range(1, 5));
+  expectRange(merged[1], range(6, 7));
+  EXPECT_TRUE(CALTimeRange::simplifyOverlappingTimeRanges({}).empty());
+}
+
+TEST_F(CALTimeRangeTest, ConstructionsDeriveTheMissingPart) {
+  const CALTimeRange twoHours = CALTimeRange::timeRangeWithStartDate(*at(10), CALDuration::durationWithHours(2));
+  expectRange(twoHours, range(10, 12));
+  EXPECT_EQ(twoHours.duration()->rawInterval(), 7200);
+  EXPECT_TRUE(range(10, 10).isPonctual());
+
+  const CALTimeRange day = CALTimeRange::timeRangeForDayEnglobing(*at(15, 20));
+  expectRange(day, CALTimeRange::timeRangeWithStartDate(*at(0), *at(24)));
+  expectRange(CALTimeRange::timeRangeFromTimeRange(range(10, 11), CALDuration(-3600)), range(9, 10));
+  expectRange(CALTimeRange::timeRangeFromTimeRangeRoundedToFullDays(range(10, 11)), day);
+  expectRange(CALTimeRange::timeRangeFromTimeRangeRoundedToFullDays(day), day);
+
+  // The range keeps its own copies of the dates it was given.
+  CALDateRef start = at(10);
+  const CALTimeRange copied = CALTimeRange::timeRangeWithStartDate(*start, *at(11));
+  start->addSecondsInGMT(-3600);
+  EXPECT_TRUE(copied.startDate()->isEqualToDate(at(10).get()));
+
+  CALMutableTimeRange mutableRange(copied);
+  mutableRange.setStartDateNoCopy(start);
+  EXPECT_EQ(mutableRange.startDate(), start.get());
+  EXPECT_EQ(mutableRange.duration()->rawInterval(), 7200);
+  mutableRange.setStartDateNoCopy(at(12), nullptr);
+  EXPECT_TRUE(mutableRange.isInfinite());
+}
+
+TEST_F(CALTimeRangeTest, ArchiveKeepsKindsAndOpenEnds) {
+  const CALTimeRange mixed(CALFloatingDateTime::dateWithYear(2006, 3, 15, 10, 0, 0).get(), nullptr);
+  const auto decoded = CALTimeRange::decode(mixed.encode());
+  ASSERT_TRUE(decoded);
+  EXPECT_EQ(decoded->startDate()->className(), "CALFloatingDateTime");
+  EXPECT_FALSE(decoded->endDate());
+
+  Dictionary corrupt = range(10, 11).encode();
+  corrupt.set("endDate", Dictionary{{"classKey", "CALDateTime"}});
+  EXPECT_FALSE(CALTimeRange::decode(corrupt));
+}
+
+}  // namespace
+}  // namespace pc
