@@ -1,6 +1,6 @@
 #include "calcore/CALDate.h"
 
-#include <cmath>
+#include <typeinfo>
 
 #include "async/Log.h"
 #include "calcore/CALDateOnly.h"

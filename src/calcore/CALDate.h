@@ -53,7 +53,7 @@ class CALRef {
   CALRef(const CALRef<U>& other) : CALRef(other.get()) {}
   template <class U>
     requires std::convertible_to<U*, T*>
-  CALRef(CALRef<U>&& other) noexcept : _object(other.release()) {}
+  CALRef(CALRef<U>&& other) noexcept : _object(other.detach()) {}
   CALRef& operator=(CALRef other) noexcept {
     std::swap(_object, other._object);
     return *this;
@@ -66,8 +66,8 @@ class CALRef {
   T* operator->() const { return _object; }
   T& operator*() const { return *_object; }
   explicit operator bool() const { return _object != nullptr; }
-  // Gives up the reference without releasing it.
-  T* release() { return std::exchange(_object, nullptr); }
+  // Hands the reference over to the caller, who must release it.
+  T* detach() { return std::exchange(_object, nullptr); }
 
   friend bool operator==(const CALRef& a, const CALRef& b) { return a._object == b._object; }
 
