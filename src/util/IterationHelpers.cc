@@ -73,8 +73,8 @@ bool qvt_iterWhileTrue(const Dictionary& dictionary, DictionaryTestFunction func
                        void* context) {
   // Indexes rather than iterators: the callback may add entries.
   for (std::size_t i = 0; i < dictionary.count(); ++i) {
-    const Dictionary::Entry entry = *(dictionary.begin() + static_cast<std::ptrdiff_t>(i));
-    if (!function(entry.first, entry.second, context)) return false;
+    const auto [key, value] = dictionary.begin()[static_cast<std::ptrdiff_t>(i)];
+    if (!function(key, value, context)) return false;
   }
   return true;
 }

@@ -14,6 +14,7 @@
 
 #include "platform/Strings.h"
 #include "platform/Value.h"
+#include "util/StringEncoding.h"
 
 namespace pc {
 
@@ -24,17 +25,6 @@ bool bytes_to_hex(const std::uint8_t* bytes, std::size_t length, char* out);
 // (room for strlen(text) / 2 bytes) and stores the byte count. Answers false
 // for a pair that is not two hexadecimal digits, including a lone last digit.
 bool hex_to_bytes(const char* text, std::uint8_t* out, std::size_t* out_length);
-
-// Encodings that qvt_canReallyBeEncodedLosslessInEncoding and percent
-// escaping convert to.
-enum class StringEncoding {
-  ASCII,
-  ISOLatin1,
-  UTF8,
-  UTF16BigEndian,  // also the UCS-2 form phones use
-  WindowsCP1252,
-  GSM0338,  // the default alphabet of text messages (basic table and extension)
-};
 
 namespace QVTStringExtensions {
 

@@ -22,12 +22,6 @@ TEST(UnQuotedString, StripsTheOuterQuotes) {
   for (const auto& [text, expected] : cases) EXPECT_EQ(unQuotedString(text), expected) << text;
 }
 
-TEST(OccurrenceNb, CountsNonOverlappingOccurrences) {
-  EXPECT_EQ(occurrenceNb("aaaaa", "aa"), 2u);
-  EXPECT_EQ(occurrenceNb("a\nb\nc", "\n"), 2u);
-  EXPECT_EQ(occurrenceNb("abc", ""), 0u);
-}
-
 TEST(Truncation, ModifiersMoveTheBudget) {
   const Array lineBreaks{Dictionary{{"stringModifier", "\n"}, {"lengthModifier", -1}}};
   EXPECT_EQ(qvt_truncationToMaxLength("ab\ncd\nef\ngh", 10, lineBreaks), "ab\ncd\ne");
@@ -36,6 +30,8 @@ TEST(Truncation, ModifiersMoveTheBudget) {
   const Array growing{Dictionary{{"stringModifier", "€"}, {"lengthModifier", 2}},
                       Dictionary{{"stringModifier", "x"}, {"lengthModifier", 0}}};
   EXPECT_EQ(qvt_truncationToMaxLength("€€abcdefgh", 4, growing), "€€abcdef");
+  // Occurrences do not overlap.
+  EXPECT_EQ(occurrenceNb("aaaaa", "aa"), 2u);
 
   // Below one character nothing is left.
   EXPECT_EQ(qvt_truncationToMaxLength("\n\n\nabc", 3, lineBreaks), std::nullopt);
@@ -86,18 +82,6 @@ TEST(ResourceNameAttributes, ReportsMissingNamesAndRefusesOtherKinds) {
   }
 }
 
-TEST(Bytes, AppendAndIdentifiers) {
-  Data data = Data::fromString("ab");
-  appendASCIIZ(data, "cd");
-  appendASCIIZ(data, nullptr);
-  EXPECT_EQ(data.asString(), "abcd");
-  EXPECT_EQ(stringWithASCIIZ("x"), "x");
-
-  const std::string id = uniqueId();
-  EXPECT_EQ(id.size(), 36u);
-  EXPECT_NE(id, uniqueId());
-}
-
 TEST(Dictionaries, KeepKeysFromCollection) {
   Dictionary dictionary{{"a", 1}, {"b", 2}, {"c", 3}};
   qvt_keepKeysFromCollection(dictionary, Array{"c", "a", "z"});
@@ -117,11 +101,6 @@ TEST(Dictionaries, SlicesInversionsAndRemapping) {
   EXPECT_EQ(phc_remapKeys(dictionary, Dictionary{{"a", "A"}, {"b", "B"}}),
             (Dictionary{{"A", 1}, {"B", 2}}));
   EXPECT_EQ(allUniqueValues(dictionary), (Array{1, 2}));
-
-  Dictionary flags;
-  setBool(flags, true, "on");
-  setInt(flags, -4, "n");
-  EXPECT_EQ(flags, (Dictionary{{"on", true}, {"n", -4}}));
 }
 
 TEST(Dictionaries, EqualityOnSomeKeys) {
@@ -137,15 +116,6 @@ TEST(Arrays, RemoveDuplicatesKeepsFirstOccurrences) {
   Array array{3, "a", 3, 1, "a", 3.0};
   qvt_removeDuplicates(array);
   EXPECT_EQ(array, (Array{3, "a", 1}));
-}
-
-TEST(DeepCopy, CopiesEveryContainer) {
-  const Dictionary inner{{"k", "v"}};
-  const Dictionary outer{{"list", Array{inner}}, {"set", Set{1}}};
-  const Dictionary copy = DeepCopy::deepMutableCopy(outer);
-  EXPECT_EQ(copy, outer);
-  copy.getArray("list")->at(0).dictionary().set("k", "changed");
-  EXPECT_EQ(inner.get("k"), Value("v"));
 }
 
 }  // namespace
