@@ -123,7 +123,8 @@ Registry& registry() {
 // Rebuilds the caches of the levels in `mask` from the registrations, in
 // registration order. Caller holds the lock.
 void recalculateCacheWithMask(Registry& reg, int mask) {
-  for (int level : kLevels) {
+  for (std::size_t slot = 0; slot < kLevels.size(); ++slot) {
+    const int level = kLevels[slot];
     if (!(mask & level)) continue;
     auto cache = std::make_unique<LevelCache>();
     for (const auto& registration : reg.registrations) {
@@ -136,7 +137,7 @@ void recalculateCacheWithMask(Registry& reg, int mask) {
       published = cache.get();
       reg.snapshots.push_back(std::move(cache));
     }
-    sCaches[levelIndex(level)].store(published, std::memory_order_release);
+    sCaches[slot].store(published, std::memory_order_release);
   }
 }
 
