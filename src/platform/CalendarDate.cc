@@ -1,5 +1,7 @@
 #include "platform/CalendarDate.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -7,8 +9,6 @@
 #include <cmath>
 #include <cstdint>
 #include <iterator>
-
-#include <fmt/format.h>
 
 namespace pc {
 namespace {
@@ -23,9 +23,9 @@ constexpr double kFarSeconds = 1e13;
 
 constexpr std::array<std::string_view, 7> kDayNames{"Sunday",   "Monday", "Tuesday", "Wednesday",
                                                     "Thursday", "Friday", "Saturday"};
-constexpr std::array<std::string_view, 12> kMonthNames{"January", "February", "March",     "April",
-                                                       "May",     "June",     "July",      "August",
-                                                       "September", "October", "November", "December"};
+constexpr std::array<std::string_view, 12> kMonthNames{"January",   "February", "March",    "April",
+                                                       "May",       "June",     "July",     "August",
+                                                       "September", "October",  "November", "December"};
 
 int64_t floorDiv(int64_t a, int64_t b) { return a / b - ((a % b != 0) && ((a < 0) != (b < 0))); }
 int64_t floorMod(int64_t a, int64_t b) { return a - floorDiv(a, b) * b; }
@@ -130,9 +130,7 @@ std::string expandedFormat(std::string_view format) {
 bool isDigit(char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; }
 bool isSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
-bool isNumericConversion(char c) {
-  return std::string_view("YymdejHIMSF").find(c) != std::string_view::npos;
-}
+bool isNumericConversion(char c) { return std::string_view("YymdejHIMSF").find(c) != std::string_view::npos; }
 
 bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
   return text.size() >= prefix.size() &&
@@ -317,8 +315,9 @@ class DateParser {
 
   // The day must exist in its month (or year, for %j).
   bool checkDay() {
-    const int days = _dayOfYear ? static_cast<int>(daysFromCivil(_year + 1, 1, 1) - daysFromCivil(_year, 1, 1))
-                                : daysInMonth(_year, _month);
+    const int days = _dayOfYear
+                         ? static_cast<int>(daysFromCivil(_year + 1, 1, 1) - daysFromCivil(_year, 1, 1))
+                         : daysInMonth(_year, _month);
     const int day = _dayOfYear ? *_dayOfYear : _day;
     if (day <= days) return true;
     return fail(_dayAt, fmt::format("value {} out of range 1-{}", day, days), _dayConversion);

@@ -41,17 +41,22 @@ class CalendarDate {
   // The date whose fields in `zone` (nullptr: GMT) are those given. Fields out
   // of their range carry: month 13 is January of the next year, day 32 the
   // first of the next month, hour -1 the previous day's 23:00. A wall clock
-  // skipped by a daylight-saving change reads as the instant after the gap.
+  // skipped by a daylight-saving change reads as the instant after the gap
+  // (02:30 on the spring-forward night is 03:30 daylight time); one repeated
+  // by the autumn change reads as its first (daylight) occurrence.
   static CalendarDate dateWithYear(int year, int month, int day, int hour, int minute, int second,
                                    TimeZonePtr zone = nullptr);
 
   // Parses `text` with a calendar format (see descriptionWithCalendarFormat).
   // Fields the format lacks are taken from 2001-01-01 00:00:00; the zone is the
-  // one the text names (%z, %Z), else `zone`, else GMT. nullopt when the text
-  // does not match; `error` (optional) then says what and where.
+  // one the text names (%Z, else %z as a fixed offset), else `zone`, else GMT;
+  // an offset in the text fixes the instant. Numbers have the width printing
+  // gives them ("%m" two digits; "%Y" four, or more when no number follows);
+  // blanks in the format match any run of blanks; text after the format is
+  // ignored. nullopt when the text does not match; `error` (optional) then
+  // says what and where.
   static std::optional<CalendarDate> dateWithString(std::string_view text, std::string_view format,
-                                                    TimeZonePtr zone = nullptr,
-                                                    std::string* error = nullptr);
+                                                    TimeZonePtr zone = nullptr, std::string* error = nullptr);
 
   Date date() const { return _instant; }
   double timeIntervalSinceReferenceDate() const { return _instant.secondsSinceReferenceDate; }
@@ -63,8 +68,8 @@ class CalendarDate {
   void setTimeZone(TimeZonePtr zone);
   CalendarDate dateWithTimeZone(TimeZonePtr zone) const;
 
-  // Fields in the date's zone. dayOfWeek: 0 Sunday .. 6 Saturday;
-  // dayOfYear: 1 .. 366.
+  // Fields in the date's zone. Years count astronomically before 1 (0 is
+  // 1 BC, -1 is 2 BC); dayOfWeek: 0 Sunday .. 6 Saturday; dayOfYear: 1 .. 366.
   int yearOfCommonEra() const;
   int monthOfYear() const;
   int dayOfMonth() const;
@@ -75,10 +80,11 @@ class CalendarDate {
   int dayOfYear() const;
   int secondsFromGMT() const;
 
-  // Adds calendar units in the date's zone, carrying as dateWithYear does;
-  // the wall clock is kept across a daylight-saving change.
-  CalendarDate dateByAddingYears(int years, int months, int days, int hours, int minutes,
-                                 int seconds) const;
+  // Years, months and days move the wall clock in the date's zone, carrying
+  // as dateWithYear does (Jan 31 + 1 month is Mar 3, or Mar 2 in a leap year;
+  // 09:00 stays 09:00 across a daylight-saving change); hours, minutes and
+  // seconds are then added as elapsed time.
+  CalendarDate dateByAddingYears(int years, int months, int days, int hours, int minutes, int seconds) const;
   CalendarDate dateByAddingTimeInterval(double seconds) const;
 
   // Conversions: %Y year (4 digits at least), %y (2), %m month, %d day,

@@ -1,5 +1,14 @@
 #include "platform/TimeZone.h"
 
+#include <fmt/format.h>
+#include <unicode/basictz.h>
+#include <unicode/locid.h>
+#include <unicode/timezone.h>
+#include <unicode/tznames.h>
+#include <unicode/tzrule.h>
+#include <unicode/tztrans.h>
+#include <unicode/ucal.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -7,20 +16,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <limits>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <regex>
 #include <vector>
-
-#include <fmt/format.h>
-#include <unicode/basictz.h>
-#include <unicode/locid.h>
-#include <unicode/timezone.h>
-#include <unicode/ucal.h>
-#include <unicode/tzrule.h>
-#include <unicode/tztrans.h>
-#include <unicode/tznames.h>
 
 #include "platform/CalendarDate.h"
 
@@ -52,8 +52,8 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
 std::string fixedOffsetName(int seconds) {
   if (seconds == 0) return "GMT";
   const int magnitude = std::abs(seconds);
-  std::string name = fmt::format("GMT{}{:02}{:02}", seconds < 0 ? '-' : '+', magnitude / 3600,
-                                 magnitude / 60 % 60);
+  std::string name =
+      fmt::format("GMT{}{:02}{:02}", seconds < 0 ? '-' : '+', magnitude / 3600, magnitude / 60 % 60);
   if (magnitude % 60 != 0) name += fmt::format("{:02}", magnitude % 60);
   return name;
 }
@@ -71,45 +71,16 @@ bool hasGMTOffsetForm(std::string_view name) {
 // Reads the offset of "GMT+1", "GMT+0100", "GMT-05:30", "UTC+2", "GMT+010203".
 std::optional<int> parseGMTOffset(std::string_view name) {
   if (!hasGMTOffsetForm(name)) return std::nullopt;
-  const char sign = name[3];
-  std::string_view rest = name.substr(4);
-
-  // Groups of digits, separated by colons or run together two by two.
-  std::vector<int> parts;
-  auto readGroup = [&](size_t maxDigits) {
-    size_t n = 0;
-    int value = 0;
-    while (n < rest.size() && n < maxDigits && std::isdigit(static_cast<unsigned char>(rest[n])))
-      value = value * 10 + (rest[n++] - '0');
-    rest.remove_prefix(n);
-    return n == 0 ? -1 : value;
-  };
-  if (rest.find(':') != std::string_view::npos) {
-    for (;;) {
-      const int value = readGroup(2);
-      if (value < 0) return std::nullopt;
-      parts.push_back(value);
-      if (rest.empty()) break;
-      if (rest[0] != ':') return std::nullopt;
-      rest.remove_prefix(1);
-    }
-  } else {
-    // "1", "01": hours; "130", "0130": hours and minutes; "013015": and seconds.
-    const size_t digits = rest.size();
-    if (digits == 0 || digits > 6 || digits == 5) return std::nullopt;
-    const size_t hourDigits = digits <= 2 ? digits : (digits == 3 ? 1 : 2);
-    parts.push_back(readGroup(hourDigits));
-    while (!rest.empty()) {
-      const int value = readGroup(2);
-      if (value < 0) return std::nullopt;
-      parts.push_back(value);
-    }
-  }
-  if (!rest.empty() || parts.size() > 3 || parts[0] < 0) return std::nullopt;
-  parts.resize(3, 0);
-  if (parts[0] > 23 || parts[1] > 59 || parts[2] > 59) return std::nullopt;
-  const int seconds = parts[0] * 3600 + parts[1] * 60 + parts[2];
-  return sign == '-' ? -seconds : seconds;
+  // Hours, then optional minutes and seconds, with or without colons.
+  static const std::regex kOffset("([0-9]{1,2})(?::?([0-9]{2}))?(?::?([0-9]{2}))?");
+  std::match_results<std::string_view::const_iterator> match;
+  const std::string_view digits = name.substr(4);
+  if (!std::regex_match(digits.begin(), digits.end(), match, kOffset)) return std::nullopt;
+  const auto part = [&](int i) { return match[i].matched ? std::stoi(match[i].str()) : 0; };
+  const int hours = part(1), minutes = part(2), seconds = part(3);
+  if (hours > 23 || minutes > 59 || seconds > 59) return std::nullopt;
+  const int offset = hours * 3600 + minutes * 60 + seconds;
+  return name[3] == '-' ? -offset : offset;
 }
 
 class FixedOffsetTimeZone final : public TimeZone {
@@ -184,6 +155,7 @@ class DatabaseTimeZone final : public TimeZone {
 
   static constexpr UDate kTableStart = -2208988800000.0;  // 1900-01-01 GMT
   static constexpr UDate kTableEnd = 4102444800000.0;     // 2100-01-01 GMT
+  static constexpr double kFarSeconds = 1e13;             // about 300,000 years
 
   Period icuPeriodAt(UDate udate) const {
     int32_t raw = 0, dst = 0;
@@ -201,8 +173,7 @@ class DatabaseTimeZone final : public TimeZone {
     while (basic->getNextTransition(base, false, transition) && transition.getTime() < kTableEnd) {
       const icu::TimeZoneRule* to = transition.getTo();
       _transitions.push_back({secondsSinceReferenceDate(transition.getTime()),
-                              (to->getRawOffset() + to->getDSTSavings()) / 1000,
-                              to->getDSTSavings() != 0});
+                              (to->getRawOffset() + to->getDSTSavings()) / 1000, to->getDSTSavings() != 0});
       base = transition.getTime();
     }
     _tableStart = secondsSinceReferenceDate(kTableStart);
@@ -216,9 +187,9 @@ class DatabaseTimeZone final : public TimeZone {
                                          [](double value, const Period& p) { return value < p.start; });
       return next == _transitions.begin() ? _initial : *std::prev(next);
     }
-    // ICU converts instants to integers internally: keep them finite.
-    if (!std::isfinite(t)) return icuPeriodAt(std::signbit(t) ? kTableStart : kTableEnd);
-    return icuPeriodAt(toUDate(at));
+    // ICU turns instants into 32-bit years internally: keep them within reach.
+    const double reachable = std::isnan(t) ? 0 : std::clamp(t, -kFarSeconds, kFarSeconds);
+    return icuPeriodAt(toUDate(Date{reachable}));
   }
 
   std::string _name;
@@ -226,7 +197,7 @@ class DatabaseTimeZone final : public TimeZone {
   icu::UnicodeString _canonicalID;
   Period _initial{0, 0, false};
   std::vector<Period> _transitions;
-  // Empty span (ICU answers everything) until the table is built.
+  // An empty span (ICU answers everything) for a zone that lists no transitions.
   double _tableStart = 0;
   double _tableEnd = 0;
 };
@@ -238,9 +209,7 @@ class LocalTimeZone final : public TimeZone {
   bool isDaylightSavingTime(const Date& at) const override {
     return systemTimeZone()->isDaylightSavingTime(at);
   }
-  std::string abbreviation(const Date& at) const override {
-    return systemTimeZone()->abbreviation(at);
-  }
+  std::string abbreviation(const Date& at) const override { return systemTimeZone()->abbreviation(at); }
   bool isLocalTimeZoneKind() const override { return true; }
 };
 
@@ -287,34 +256,34 @@ TimeZonePtr makeZone(std::string_view name) {
 // Common abbreviations and the zone each one stands for; where an abbreviation
 // is shared (CST, IST), the zone most users of it mean.
 constexpr std::pair<std::string_view, std::string_view> kAbbreviations[] = {
-    {"ACDT", "Australia/Adelaide"}, {"ACST", "Australia/Adelaide"},
-    {"ADT", "America/Halifax"},     {"AEDT", "Australia/Sydney"},
-    {"AEST", "Australia/Sydney"},   {"AKDT", "America/Anchorage"},
-    {"AKST", "America/Anchorage"},  {"ART", "America/Argentina/Buenos_Aires"},
-    {"AST", "America/Halifax"},     {"AWST", "Australia/Perth"},
-    {"BDT", "Asia/Dhaka"},          {"BRST", "America/Sao_Paulo"},
-    {"BRT", "America/Sao_Paulo"},   {"BST", "Europe/London"},
-    {"CAT", "Africa/Maputo"},       {"CDT", "America/Chicago"},
-    {"CEST", "Europe/Paris"},       {"CET", "Europe/Paris"},
-    {"CLST", "America/Santiago"},   {"CLT", "America/Santiago"},
-    {"COT", "America/Bogota"},      {"CST", "America/Chicago"},
-    {"EAT", "Africa/Nairobi"},      {"EDT", "America/New_York"},
-    {"EEST", "Europe/Athens"},      {"EET", "Europe/Athens"},
-    {"EST", "America/New_York"},    {"GST", "Asia/Dubai"},
-    {"HDT", "America/Adak"},        {"HKT", "Asia/Hong_Kong"},
-    {"HST", "Pacific/Honolulu"},    {"ICT", "Asia/Bangkok"},
-    {"IDT", "Asia/Jerusalem"},      {"IRST", "Asia/Tehran"},
-    {"IST", "Asia/Kolkata"},        {"JST", "Asia/Tokyo"},
-    {"KST", "Asia/Seoul"},          {"MDT", "America/Denver"},
-    {"MSD", "Europe/Moscow"},       {"MSK", "Europe/Moscow"},
-    {"MST", "America/Denver"},      {"NDT", "America/St_Johns"},
-    {"NST", "America/St_Johns"},    {"NZDT", "Pacific/Auckland"},
-    {"NZST", "Pacific/Auckland"},   {"PDT", "America/Los_Angeles"},
-    {"PET", "America/Lima"},        {"PHT", "Asia/Manila"},
-    {"PKT", "Asia/Karachi"},        {"PST", "America/Los_Angeles"},
+    {"ACDT", "Australia/Adelaide"},  {"ACST", "Australia/Adelaide"},
+    {"ADT", "America/Halifax"},      {"AEDT", "Australia/Sydney"},
+    {"AEST", "Australia/Sydney"},    {"AKDT", "America/Anchorage"},
+    {"AKST", "America/Anchorage"},   {"ART", "America/Argentina/Buenos_Aires"},
+    {"AST", "America/Halifax"},      {"AWST", "Australia/Perth"},
+    {"BDT", "Asia/Dhaka"},           {"BRST", "America/Sao_Paulo"},
+    {"BRT", "America/Sao_Paulo"},    {"BST", "Europe/London"},
+    {"CAT", "Africa/Maputo"},        {"CDT", "America/Chicago"},
+    {"CEST", "Europe/Paris"},        {"CET", "Europe/Paris"},
+    {"CLST", "America/Santiago"},    {"CLT", "America/Santiago"},
+    {"COT", "America/Bogota"},       {"CST", "America/Chicago"},
+    {"EAT", "Africa/Nairobi"},       {"EDT", "America/New_York"},
+    {"EEST", "Europe/Athens"},       {"EET", "Europe/Athens"},
+    {"EST", "America/New_York"},     {"GST", "Asia/Dubai"},
+    {"HDT", "America/Adak"},         {"HKT", "Asia/Hong_Kong"},
+    {"HST", "Pacific/Honolulu"},     {"ICT", "Asia/Bangkok"},
+    {"IDT", "Asia/Jerusalem"},       {"IRST", "Asia/Tehran"},
+    {"IST", "Asia/Kolkata"},         {"JST", "Asia/Tokyo"},
+    {"KST", "Asia/Seoul"},           {"MDT", "America/Denver"},
+    {"MSD", "Europe/Moscow"},        {"MSK", "Europe/Moscow"},
+    {"MST", "America/Denver"},       {"NDT", "America/St_Johns"},
+    {"NST", "America/St_Johns"},     {"NZDT", "Pacific/Auckland"},
+    {"NZST", "Pacific/Auckland"},    {"PDT", "America/Los_Angeles"},
+    {"PET", "America/Lima"},         {"PHT", "Asia/Manila"},
+    {"PKT", "Asia/Karachi"},         {"PST", "America/Los_Angeles"},
     {"SAST", "Africa/Johannesburg"}, {"SGT", "Asia/Singapore"},
-    {"WAT", "Africa/Lagos"},        {"WEST", "Europe/Lisbon"},
-    {"WET", "Europe/Lisbon"},       {"WIB", "Asia/Jakarta"},
+    {"WAT", "Africa/Lagos"},         {"WEST", "Europe/Lisbon"},
+    {"WET", "Europe/Lisbon"},        {"WIB", "Asia/Jakarta"},
 };
 
 // "/usr/share/zoneinfo/Europe/Paris" (also under posix/ or right/) -> the zone.
