@@ -1,0 +1,154 @@
+#include "calcore/CALRecurrenceFrequencies.h"
+
+#include "calcore/calcdate.h"
+
+namespace pc {
+
+namespace {
+
+// The rank of the frequency's own period when no part is finer than it.
+int cappedRank(int rank, int periodRank) { return rank == 0 || rank >= periodRank ? periodRank : rank; }
+
+}  // namespace
+
+// --- Daily ----------------------------------------------------------------------------
+
+int CALDailyRecurrence::lastSpecifiedRulePartOrder() const {
+  return cappedRank(_finestRulePartOrder(), kCALRulePartByDayLevel);
+}
+
+CALTimeRangeList CALDailyRecurrence::matchingDaysOnTimeRangeArray(const CALTimeRangeList& spans,
+                                                                  const CALDate& start) const {
+  return _walkPeriods(
+      spans, start, [](const CALDate& date, const CALRecurrenceRule&) { return _localDay(date); },
+      [](std::int64_t day, const CALDate&, const CALRecurrenceRule&) {
+        return _daysSpan(day, day);
+      });
+}
+
+CALTimeRangeList CALDailyRecurrence::_daySpansOfPeriod(const CALTimeRange& period,
+                                                       const CALDate& start) const {
+  CALTimeRangeList spans{period};
+  if (byMonth()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
+  if (byMonthDay()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
+  if (byDay()) spans = applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, spans, start);
+  return spans;
+}
+
+// --- Weekly ---------------------------------------------------------------------------
+
+int CALWeeklyRecurrence::lastSpecifiedRulePartOrder() const {
+  return cappedRank(_finestRulePartOrder(), kCALRulePartByWeekno);
+}
+
+CALTimeRangeList CALWeeklyRecurrence::matchingWeeksOnTimeRangeArray(const CALTimeRangeList& spans,
+                                                                    const CALDate& start) const {
+  // Weeks are numbered by their first day, which is (weekStart + 6) mod 7
+  // modulo 7 in absolute days (day 0 is a Monday).
+  return _walkPeriods(
+      spans, start,
+      [](const CALDate& date, const CALRecurrenceRule& rule) {
+        return (_localDay(date) + numberOfDaysUntilPreviousOccurrenceOfDay(rule.weekStart(), date)) / 7;
+      },
+      [](std::int64_t week, const CALDate&, const CALRecurrenceRule& rule) {
+        const std::int64_t first = week * 7 + (rule.weekStart() + 6) % 7;
+        return _daysSpan(first, first + 6);
+      });
+}
+
+CALTimeRangeList CALWeeklyRecurrence::_daySpansOfPeriod(const CALTimeRange& period,
+                                                        const CALDate& start) const {
+  CALTimeRangeList spans = applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, {period}, start);
+  if (byMonth()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
+  return spans;
+}
+
+void CALWeeklyRecurrence::_writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const {
+  if (!rule.byDay()) rule.setByDay(std::vector<CALWeekDayNumber>{CALWeekDayNumber(start.dayOfWeek(), 0)});
+}
+
+// --- Monthly --------------------------------------------------------------------------
+
+int CALMonthlyRecurrence::lastSpecifiedRulePartOrder() const {
+  return cappedRank(_finestRulePartOrder(), kCALRulePartByMonth);
+}
+
+CALTimeRangeList CALMonthlyRecurrence::matchingMonthsOnTimeRangeArray(const CALTimeRangeList& spans,
+                                                                      const CALDate& start) const {
+  return _walkPeriods(
+      spans, start,
+      [](const CALDate& date, const CALRecurrenceRule&) {
+        const CALCDate local = _localFields(date);
+        return local.year * 12 + local.month - 1;
+      },
+      [](std::int64_t month, const CALDate&, const CALRecurrenceRule&) {
+        CALCDate first{0, 0, 0, 1, month % 12 + 1, month / 12};
+        const std::int64_t firstDay = calcdate_absoluteday(&first);
+        return _daysSpan(firstDay, firstDay + calcdate_daycount_in_month(&first) - 1);
+      });
+}
+
+CALTimeRangeList CALMonthlyRecurrence::_daySpansOfPeriod(const CALTimeRange& period,
+                                                         const CALDate& start) const {
+  CALTimeRangeList spans{period};
+  if (byMonth()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
+  if (byDay()) spans = applyRulePart(&CALRecurrenceRule::generateByDayOnTimeRange, spans, start);
+  if (byMonthDay() || !byDay())
+    spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
+  return spans;
+}
+
+void CALMonthlyRecurrence::_writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const {
+  if (!rule.byDay() && !rule.byMonthDay()) rule.setByMonthDay(std::vector<int>{start.dayOfMonth()});
+}
+
+// --- Yearly ---------------------------------------------------------------------------
+
+int CALYearlyRecurrence::lastSpecifiedRulePartOrder() const {
+  return cappedRank(_finestRulePartOrder(), kCALRulePartByMonth + 1);
+}
+
+CALTimeRangeList CALYearlyRecurrence::_matchingPeriods(const CALTimeRangeList& spans,
+                                                       const CALDate& start) const {
+  return _walkPeriods(
+      spans, start, [](const CALDate& date, const CALRecurrenceRule&) { return _localFields(date).year; },
+      [](std::int64_t year, const CALDate&, const CALRecurrenceRule&) {
+        return _daysSpan(calcdate_absoluteday_for_year(static_cast<std::int32_t>(year)),
+                         calcdate_absoluteday_for_year(static_cast<std::int32_t>(year + 1)) - 1);
+      });
+}
+
+CALTimeRangeList CALYearlyRecurrence::_daySpansOfPeriod(const CALTimeRange& year,
+                                                        const CALDate& start) const {
+  CALTimeRangeList spans;
+  if (byYearDay()) {
+    // Not cut to the year: day 0 is 1 January of the next year.
+    spans = generateByYearDayOnTimeRange(year, start);
+  } else if (byWeekno()) {
+    // Not cut to the year either: week 1 may begin in December.
+    spans = generateByWeeknoOnTimeRange(year, start);
+    if (byMonthDay()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
+    if (byDay() || !byMonthDay())
+      spans = applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, spans, start);
+  } else {
+    spans = {year};
+    // Without any day part the rule repeats on the start's month and day.
+    if (byMonth() || (!byDay() && !byMonthDay()))
+      spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
+    if (byDay()) spans = applyRulePart(&CALRecurrenceRule::generateByDayOnTimeRange, spans, start);
+    if (byMonthDay() || !byDay())
+      spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
+    return spans;
+  }
+  // Day and week numbers are further narrowed by the months.
+  if (byMonth()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
+  return spans;
+}
+
+void CALYearlyRecurrence::_writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const {
+  if (rule.byYearDay() || rule.byWeekno() || rule.byDay() || rule.byMonthDay()) return;
+  if (!rule.byMonth()) rule.setByMonth(std::vector<int>{start.monthOfYear()});
+  rule.setByMonthDay(std::vector<int>{start.dayOfMonth()});
+}
+
+}  // namespace pc

@@ -1,0 +1,668 @@
+#include "calcore/CALRecurrenceRule.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "async/Log.h"
+#include "calcore/CALDateOnly.h"
+#include "calcore/CALDateTime.h"
+#include "calcore/calcdate.h"
+#include "platform/Value.h"
+
+namespace pc {
+
+namespace {
+
+const std::string& ruleLogDomain() {
+  static const std::string domain = phcFormatLogDomain(".sync.", phcSimplifyFileName(__FILE__));
+  return domain;
+}
+
+// 0 = Sunday; absolute day 0 is a Monday.
+int weekdayOfDay(std::int64_t day) { return static_cast<int>((day + 1) % 7); }
+
+CALCDate civilDay(std::int64_t day) {
+  CALCDate date{0, 0, 0, 1, 1, 1};
+  calcdate_fill_ymd_with_absoluteday(&date, static_cast<std::uint32_t>(day));
+  return date;
+}
+
+int daysInMonth(std::int64_t year, std::int64_t month) {
+  return calcdate_day_in_month[calcdate_is_leap_year(year) ? 1 : 0][month];
+}
+
+std::int64_t firstDayOfMonth(std::int64_t year, std::int64_t month) {
+  return calcdate_absoluteday_for_year(static_cast<std::int32_t>(year)) +
+         calcdate_day_in_year_for_month[calcdate_is_leap_year(year) ? 1 : 0][month];
+}
+
+bool sameZone(const TimeZonePtr& a, const TimeZonePtr& b) {
+  if (!a || !b) return a == b;
+  return *a == *b;
+}
+
+// Equal dates of the same kind in the same zone: expansions from them agree.
+bool sameRecurrenceStart(const CALDate& a, const CALDate& b) {
+  return a.isEqual(&b) && sameZone(a.timeZone(), b.timeZone());
+}
+
+bool bounded(const CALTimeRange& span) { return span.startDate() && span.endDate(); }
+
+void sortDates(CALDateList& dates) {
+  std::stable_sort(dates.begin(), dates.end(),
+                   [](const CALDateRef& a, const CALDateRef& b) { return a->compare(b.get()) < 0; });
+}
+
+void sortByStart(CALTimeRangeList& spans) {
+  std::stable_sort(spans.begin(), spans.end(), [](const CALTimeRange& a, const CALTimeRange& b) {
+    return a.compareStartDate(b) < 0;
+  });
+}
+
+bool containsDate(const CALDateList& dates, const CALDate& date) {
+  return std::any_of(dates.begin(), dates.end(),
+                     [&](const CALDateRef& d) { return d->isEqualToDate(&date); });
+}
+
+std::string describeDates(const CALDateList& dates) {
+  Array descriptions;
+  for (const CALDateRef& date : dates) descriptions.add(date->description());
+  return descriptions.description();
+}
+
+bool sameDate(const CALDate* a, const CALDate* b) {
+  if (!a || !b) return a == b;
+  return a->isEqual(b);
+}
+
+}  // namespace
+
+CALRecurrenceRule::~CALRecurrenceRule() = default;
+
+std::string CALRecurrenceRule::description() const {
+  return Object::description() + fmt::format("{{CALREC:{}}}", className());
+}
+
+// --- Fields ---------------------------------------------------------------------
+
+CALRecurrenceRule& CALRecurrenceRule::setRange(std::optional<CALTimeRange> range) {
+  _range = std::move(range);
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setCount(int count) {
+  _count = count;
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setInterval(int interval) {
+  _interval = interval;
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setWeekStart(int day) {
+  _weekStart = day;
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setUntilDate(const CALDate* date) {
+  _untilDate = date ? date->copy() : nullptr;
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setByMonth(CALRulePartList list) {
+  _byMonth = std::move(list);
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setByWeekno(CALRulePartList list) {
+  _byWeekno = std::move(list);
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setByYearDay(CALRulePartList list) {
+  _byYearDay = std::move(list);
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setByMonthDay(CALRulePartList list) {
+  _byMonthDay = std::move(list);
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setByDay(CALWeekDayList list) {
+  _byDay = std::move(list);
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setByHour(CALRulePartList list) {
+  _byHour = std::move(list);
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setByMinute(CALRulePartList list) {
+  _byMinute = std::move(list);
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setBySecond(CALRulePartList list) {
+  _bySecond = std::move(list);
+  return *this;
+}
+CALRecurrenceRule& CALRecurrenceRule::setBySetpos(CALRulePartList list) {
+  _bySetpos = std::move(list);
+  return *this;
+}
+
+// --- Day arithmetic ---------------------------------------------------------------
+
+CALCDate CALRecurrenceRule::_localFields(const CALDate& date) {
+  CALCDate local;
+  date.getCDateInTimeZone(&local);
+  return local;
+}
+
+std::int64_t CALRecurrenceRule::_localDay(const CALDate& date) {
+  const CALCDate local = _localFields(date);
+  return calcdate_absoluteday(&local);
+}
+
+CALDateRef CALRecurrenceRule::_dateOnDay(std::int64_t day, int hour, int minute, int second) {
+  const CALCDate d = civilDay(day);
+  return CALFloatingDateTime::dateWithYear(static_cast<std::int32_t>(d.year), static_cast<std::uint32_t>(d.month),
+                                           static_cast<std::uint32_t>(d.day), hour, minute, second);
+}
+
+CALDateRef CALRecurrenceRule::_occurrenceOnDay(const CALDate& start, std::int64_t day, int hour,
+                                               int minute, int second) {
+  const CALCDate d = civilDay(day);
+  const auto year = static_cast<std::int32_t>(d.year);
+  const auto month = static_cast<std::uint32_t>(d.month), dayOfMonth = static_cast<std::uint32_t>(d.day);
+  if (dynamic_cast<const CALDateOnly*>(&start)) return CALDateOnly::dateOnlyWithYear(year, month, dayOfMonth);
+  if (dynamic_cast<const CALFloatingDateTime*>(&start))
+    return CALFloatingDateTime::dateWithYear(year, month, dayOfMonth, hour, minute, second);
+  return CALDateTime::dateWithYear(year, month, dayOfMonth, hour, minute, second, start.timeZone());
+}
+
+CALTimeRange CALRecurrenceRule::_daysSpan(std::int64_t firstDay, std::int64_t lastDay) {
+  return CALTimeRange(_dateOnDay(firstDay, 0, 0, 0).get(), _dateOnDay(lastDay, 23, 59, 59).get());
+}
+
+// --- Occurrences ------------------------------------------------------------------
+
+CALDateList CALRecurrenceRule::occurrencesOnTimeRange(const CALTimeRange& range,
+                                                      const CALDate& recurrenceStart) {
+  CALTimeRange request = range;
+  if (dynamic_cast<const CALFloatingDateTime*>(&recurrenceStart)) {
+    auto floating = [](const CALDate* d) -> CALDateRef {
+      return d ? CALDate::dateWithDate<CALFloatingDateTime>(*d) : nullptr;
+    };
+    request = CALTimeRange(floating(range.startDate()).get(), floating(range.endDate()).get());
+  }
+  if (!isTimeRangeCached(request, recurrenceStart)) addDatesOnTimeRange(request, recurrenceStart);
+  return cachedDatesOnTimeRange(request);
+}
+
+CALDateList CALRecurrenceRule::realOccurrencesOnTimeRange(const CALTimeRange& requested,
+                                                          const CALDate& start) {
+  // Timed starts read the range in their own zone.
+  CALTimeRange range = requested;
+  if (dynamic_cast<const CALDateTime*>(&start) && bounded(requested)) {
+    CALDateRef from = requested.startDate()->copy(), to = requested.endDate()->copy();
+    from->setTimeZone(start.timeZone());
+    to->setTimeZone(start.timeZone());
+    range = CALTimeRange(from.get(), to.get());
+  }
+  CALDateList dates;
+  CALDateRef end = range.startDate() ? realEndDateOnTimeRange(range, start) : nullptr;
+  if (!end) return dates;  // unbounded and not bounded by the rule either
+  const CALDate* generationStart = range.startDate()->isAfter(&start) ? range.startDate() : &start;
+  const bool excludingEnd = range.endDate() && end->isEqualToDate(range.endDate());
+  if (generationStart->isBeforeOrEqual(end.get())) {
+    const CALTimeRange window(generationStart, end.get());
+    for (const CALTimeRange& period : _matchingPeriods({window}, start)) {
+      CALDateList found = _occurrencesInPeriod(period, start);
+      dates.insert(dates.end(), found.begin(), found.end());
+    }
+    dates = filterOccurrences(dates, window, excludingEnd);
+  }
+  addRecStartDateIfNeeded(dates, range, start);
+  return dates;
+}
+
+CALDateList CALRecurrenceRule::_occurrencesInPeriod(const CALTimeRange& period,
+                                                    const CALDate& start) const {
+  CALDateList dates = generateTimeRulePartOnArray(_daySpansOfPeriod(period, start), start);
+  sortDates(dates);
+  dates.erase(std::unique(dates.begin(), dates.end(),
+                          [](const CALDateRef& a, const CALDateRef& b) { return a->isEqualToDate(b.get()); }),
+              dates.end());
+  return filterBySetpos(dates);
+}
+
+CALTimeRangeList CALRecurrenceRule::_walkPeriods(const CALTimeRangeList& spans, const CALDate& start,
+                                                 PeriodIndex indexOf, PeriodSpan spanOf) const {
+  CALTimeRangeList periods;
+  const CALDate* earliest = nullptr;
+  const CALDate* latest = nullptr;
+  for (const CALTimeRange& span : spans) {
+    if (!bounded(span)) return periods;
+    if (!earliest || span.startDate()->isBefore(earliest)) earliest = span.startDate();
+    if (!latest || span.endDate()->isAfter(latest)) latest = span.endDate();
+  }
+  if (!earliest) return periods;
+  const std::int64_t step = std::max(1, _interval);
+  const std::int64_t origin = indexOf(start, *this);
+  const std::int64_t from = indexOf(*earliest, *this);
+  // Jump straight to the last period of the interval's grid before the spans.
+  std::int64_t index = from > origin ? origin + (from - origin) / step * step : origin;
+  for (;; index += step) {
+    CALTimeRange period = spanOf(index, start, *this);
+    if (period.startDate()->isAfter(latest)) break;
+    if (std::any_of(spans.begin(), spans.end(),
+                    [&](const CALTimeRange& span) { return span.intersectsTimeRange(period); }))
+      periods.push_back(std::move(period));
+  }
+  return periods;
+}
+
+bool CALRecurrenceRule::ruleMatchesDate(const CALDate& date) const {
+  const std::int64_t day = _localDay(date);
+  const CALTimeRangeList periods = _matchingPeriods({_daysSpan(day, day)}, date);
+  return !periods.empty() && containsDate(_occurrencesInPeriod(periods.front(), date), date);
+}
+
+std::unique_ptr<CALRecurrenceRule> CALRecurrenceRule::_copyOfParts() const {
+  std::unique_ptr<CALRecurrenceRule> copy = _emptyCopy();
+  copy->setCount(_count).setInterval(_interval).setWeekStart(_weekStart).setUntilDate(_untilDate.get());
+  copy->setByMonth(_byMonth).setByWeekno(_byWeekno).setByYearDay(_byYearDay).setByMonthDay(_byMonthDay);
+  copy->setByDay(_byDay).setByHour(_byHour).setByMinute(_byMinute).setBySecond(_bySecond);
+  copy->setBySetpos(_bySetpos).setRange(_range);
+  return copy;
+}
+
+bool CALRecurrenceRule::_hasSameParts(const CALRecurrenceRule& o) const {
+  return className() == o.className() && _count == o._count && _interval == o._interval &&
+         weekStart() == o.weekStart() && sameDate(_untilDate.get(), o._untilDate.get()) &&
+         _byMonth == o._byMonth && _byWeekno == o._byWeekno && _byYearDay == o._byYearDay &&
+         _byMonthDay == o._byMonthDay && _byDay == o._byDay && _byHour == o._byHour &&
+         _byMinute == o._byMinute && _bySecond == o._bySecond && _bySetpos == o._bySetpos;
+}
+
+bool CALRecurrenceRule::isEqualToRule(const CALRecurrenceRule& other,
+                                      const CALDate* consideringStartDate) const {
+  if (!consideringStartDate) return _hasSameParts(other);
+  std::unique_ptr<CALRecurrenceRule> mine = _copyOfParts(), theirs = other._copyOfParts();
+  _writeOutDefaults(*mine, *consideringStartDate);
+  other._writeOutDefaults(*theirs, *consideringStartDate);
+  return mine->_hasSameParts(*theirs);
+}
+
+// --- Counted rules ------------------------------------------------------------------
+
+CALDateRef CALRecurrenceRule::_lookUpEndDate(const CALDate& start, bool* found) const {
+  for (const auto& [recurrenceStart, endDate] : _ruleCachedEndDates) {
+    if (sameRecurrenceStart(*recurrenceStart, start)) {
+      *found = true;
+      return endDate;
+    }
+  }
+  *found = false;
+  return nullptr;
+}
+
+CALDateRef CALRecurrenceRule::cachedEndDateForRecurrenceStart(const CALDate& start) {
+  bool found = false;
+  CALDateRef endDate = _lookUpEndDate(start, &found);
+  if (found) return endDate;
+  // Stored first: the expansion the search runs asks again and must see no end.
+  _ruleCachedEndDates.emplace_back(start.copy(), nullptr);
+  computeAndCacheEndDateForRecurrenceStart(start);
+  return _lookUpEndDate(start, &found);
+}
+
+void CALRecurrenceRule::computeAndCacheEndDateForRecurrenceStart(const CALDate& start) {
+  CALDateRef lastOccurrence;
+  std::int64_t remaining = _count;
+  for (std::int64_t year = _localFields(start).year;
+       remaining > 0 && !lastOccurrence && year < kCALRecurrenceCountSearchEndYear; ++year) {
+    // The whole year, its last second included: the range ends at the next
+    // year's first instant, which the expansion excludes.
+    const CALTimeRange wholeYear(
+        CALDateTime::dateWithYear(static_cast<std::int32_t>(year), 1, 1, 0, 0, 0, start.timeZone()).get(),
+        CALDateTime::dateWithYear(static_cast<std::int32_t>(year + 1), 1, 1, 0, 0, 0, start.timeZone()).get());
+    const CALDateList dates = realOccurrencesOnTimeRange(wholeYear, start);
+    if (static_cast<std::int64_t>(dates.size()) >= remaining)
+      lastOccurrence = dates[static_cast<std::size_t>(remaining - 1)];
+    else
+      remaining -= static_cast<std::int64_t>(dates.size());
+  }
+  for (auto& entry : _ruleCachedEndDates) {
+    if (sameRecurrenceStart(*entry.first, start)) {
+      entry.second = lastOccurrence;
+      return;
+    }
+  }
+  _ruleCachedEndDates.emplace_back(start.copy(), lastOccurrence);
+}
+
+CALDateRef CALRecurrenceRule::realEndDateOnTimeRange(const CALTimeRange& range, const CALDate& start) {
+  const CALDate* rangeEnd = range.endDate();
+  auto earlier = [rangeEnd](const CALDate* date) -> CALDateRef {
+    const CALDate* chosen = date && (!rangeEnd || date->isBeforeOrEqual(rangeEnd)) ? date : rangeEnd;
+    return chosen ? chosen->copy() : nullptr;
+  };
+  if (_untilDate) return earlier(_untilDate.get());
+  if (_count < 1) return earlier(nullptr);
+  return earlier(cachedEndDateForRecurrenceStart(start).get());
+}
+
+// --- Rule-part generators --------------------------------------------------------------
+
+CALTimeRangeList CALRecurrenceRule::generateByMonthOnTimeRange(const CALTimeRange& span,
+                                                               const CALDate& start) const {
+  CALTimeRangeList spans;
+  if (!bounded(span)) return spans;
+  const std::vector<int> months = _byMonth.value_or(std::vector<int>{start.monthOfYear()});
+  for (std::int64_t year = _localFields(*span.startDate()).year;
+       year <= _localFields(*span.endDate()).year; ++year) {
+    for (int month : months) {
+      if (month < 1 || month > 12) continue;
+      const std::int64_t first = firstDayOfMonth(year, month);
+      spans.push_back(_daysSpan(first, first + daysInMonth(year, month) - 1));
+    }
+  }
+  return spans;
+}
+
+CALTimeRange CALRecurrenceRule::week(int week, int year) const {
+  // Week 1 is the first week (from the week start day) with four days or
+  // more in the year.
+  auto firstWeekStart = [this](std::int64_t y) {
+    const std::int64_t january1 = calcdate_absoluteday_for_year(static_cast<std::int32_t>(y));
+    const int daysIntoWeek = (weekdayOfDay(january1) - weekStart() + 7) % 7;
+    return january1 - daysIntoWeek + (7 - daysIntoWeek >= 4 ? 0 : 7);
+  };
+  const std::int64_t week1 = firstWeekStart(year);
+  const std::int64_t weekCount = (firstWeekStart(year + 1) - week1) / 7;
+  const std::int64_t first = week1 + 7 * (week > 0 ? week - 1 : weekCount + week);
+  return _daysSpan(first, first + 6);
+}
+
+CALTimeRangeList CALRecurrenceRule::generateByWeeknoOnTimeRange(const CALTimeRange& span,
+                                                                const CALDate& /*start*/) const {
+  CALTimeRangeList spans;
+  if (!_byWeekno || !bounded(span)) return spans;
+  for (int year = static_cast<int>(_localFields(*span.startDate()).year);
+       year <= _localFields(*span.endDate()).year; ++year) {
+    for (int number : *_byWeekno)
+      if (number != 0 && number >= -53 && number <= 53)
+        spans.push_back(week(number, year));
+  }
+  return spans;
+}
+
+CALTimeRangeList CALRecurrenceRule::generateByYearDayOnTimeRange(const CALTimeRange& span,
+                                                                 const CALDate& start) const {
+  CALTimeRangeList spans;
+  if (!bounded(span)) return spans;
+  const CALCDate local = _localFields(start);
+  const int startYearDay = static_cast<int>(
+      calcdate_absoluteday(&local) - calcdate_absoluteday_for_year(static_cast<std::int32_t>(local.year)) + 1);
+  const std::vector<int> days = _byYearDay.value_or(std::vector<int>{startYearDay});
+  for (std::int64_t year = _localFields(*span.startDate()).year;
+       year <= _localFields(*span.endDate()).year; ++year) {
+    for (int value : days) {
+      if (value < -366 || value > 366) continue;
+      // 0 and below count back from 1 January of the next year: 0 is that day.
+      const std::int64_t day =
+          value >= 1 ? calcdate_absoluteday_for_year(static_cast<std::int32_t>(year)) + value - 1
+                     : calcdate_absoluteday_for_year(static_cast<std::int32_t>(year + 1)) + value;
+      spans.push_back(_daysSpan(day, day));
+    }
+  }
+  return spans;
+}
+
+CALTimeRangeList CALRecurrenceRule::generateByMonthDayOnTimeRange(const CALTimeRange& span,
+                                                                  const CALDate& start) const {
+  CALTimeRangeList spans;
+  if (!bounded(span)) return spans;
+  const std::vector<int> days = _byMonthDay.value_or(std::vector<int>{start.dayOfMonth()});
+  const CALCDate from = _localFields(*span.startDate()), to = _localFields(*span.endDate());
+  for (std::int64_t month = from.year * 12 + from.month - 1; month <= to.year * 12 + to.month - 1; ++month) {
+    const std::int64_t year = month / 12, monthOfYear = month % 12 + 1;
+    const std::int64_t first = firstDayOfMonth(year, monthOfYear);
+    const int length = daysInMonth(year, monthOfYear);
+    for (int value : days) {
+      if (value == 0 || value > length || value < -length) continue;
+      const std::int64_t day = value > 0 ? first + value - 1 : first + length + value;
+      spans.push_back(_daysSpan(day, day));
+    }
+  }
+  return spans;
+}
+
+int CALRecurrenceRule::numberOfDaysUntilNextOccurrenceOfDay(int day, const CALDate& date) {
+  return (day - date.dayOfWeek() + 7) % 7;
+}
+
+int CALRecurrenceRule::numberOfDaysUntilPreviousOccurrenceOfDay(int day, const CALDate& date) {
+  return -((date.dayOfWeek() - day + 7) % 7);
+}
+
+void CALRecurrenceRule::addPeriodicDay(int day, CALTimeRangeList& array, const CALTimeRange& span) const {
+  if (!bounded(span)) return;
+  const std::int64_t first = _localDay(*span.startDate()), last = _localDay(*span.endDate());
+  for (std::int64_t d = first + (day - weekdayOfDay(first) + 7) % 7; d <= last; d += 7)
+    array.push_back(_daysSpan(d, d));
+}
+
+CALTimeRangeList CALRecurrenceRule::generatePeriodicByDayOnTimeRange(const CALTimeRange& span,
+                                                                     const CALDate& start) const {
+  CALTimeRangeList spans;
+  const std::vector<CALWeekDayNumber> days =
+      _byDay.value_or(std::vector<CALWeekDayNumber>{CALWeekDayNumber(start.dayOfWeek(), 0)});
+  for (const CALWeekDayNumber& entry : days)
+    if (entry.number() == 0) addPeriodicDay(entry.day(), spans, span);
+  sortByStart(spans);
+  return spans;
+}
+
+CALTimeRangeList CALRecurrenceRule::generatePositionalByDayOnTimeRange(const CALTimeRange& span,
+                                                                       const CALDate& /*start*/) const {
+  CALTimeRangeList spans;
+  if (!_byDay || !bounded(span)) return spans;
+  for (const CALWeekDayNumber& entry : *_byDay) {
+    const int n = entry.number();
+    if (n == 0) continue;
+    const std::int64_t day =
+        n > 0 ? _localDay(*span.startDate()) +
+                    numberOfDaysUntilNextOccurrenceOfDay(entry.day(), *span.startDate()) + 7 * n - 7
+              : _localDay(*span.endDate()) +
+                    numberOfDaysUntilPreviousOccurrenceOfDay(entry.day(), *span.endDate()) + 7 * n + 7;
+    spans.push_back(_daysSpan(day, day));
+  }
+  return spans;
+}
+
+CALTimeRangeList CALRecurrenceRule::generateByDayOnTimeRange(const CALTimeRange& span,
+                                                             const CALDate& start) const {
+  CALTimeRangeList spans = generatePeriodicByDayOnTimeRange(span, start);
+  CALTimeRangeList positional = generatePositionalByDayOnTimeRange(span, start);
+  spans.insert(spans.end(), positional.begin(), positional.end());
+  sortByStart(spans);
+  return spans;
+}
+
+CALTimeRangeList CALRecurrenceRule::generateByHourOnTimeRange(const CALTimeRange& span,
+                                                              const CALDate& start) const {
+  CALTimeRangeList spans;
+  if (!bounded(span)) return spans;
+  const std::vector<int> hours = _byHour.value_or(std::vector<int>{start.hourOfDay()});
+  for (int hour : hours) {
+    if (hour < 0 || hour > 23) continue;
+    for (std::int64_t day = _localDay(*span.startDate()); day <= _localDay(*span.endDate()); ++day)
+      spans.emplace_back(_dateOnDay(day, hour, 0, 0).get(), _dateOnDay(day, hour, 59, 59).get());
+  }
+  sortByStart(spans);
+  return spans;
+}
+
+CALTimeRangeList CALRecurrenceRule::generateByMinuteOnTimeRange(const CALTimeRange& span,
+                                                                const CALDate& start) const {
+  CALTimeRangeList spans;
+  if (!bounded(span)) return spans;
+  const std::vector<int> minutes = _byMinute.value_or(std::vector<int>{start.minuteOfHour()});
+  // Every hour the span touches, counted from absolute day 0.
+  auto hourIndex = [](const CALDate& date) { return _localDay(date) * 24 + date.hourOfDay(); };
+  for (std::int64_t hour = hourIndex(*span.startDate()); hour <= hourIndex(*span.endDate()); ++hour) {
+    for (int minute : minutes) {
+      if (minute < 0 || minute > 59) continue;
+      spans.emplace_back(_dateOnDay(hour / 24, hour % 24, minute, 0).get(),
+                         _dateOnDay(hour / 24, hour % 24, minute, 59).get());
+    }
+  }
+  sortByStart(spans);
+  return spans;
+}
+
+CALDateList CALRecurrenceRule::generateBySecondOnTimeRange(const CALTimeRange& span,
+                                                           const CALDate& start) const {
+  CALDateList dates;
+  if (!bounded(span)) return dates;
+  const std::vector<int> seconds = _bySecond.value_or(std::vector<int>{start.secondOfMinute()});
+  // Every minute the span touches, counted from absolute day 0.
+  auto minuteIndex = [](const CALDate& date) {
+    return (_localDay(date) * 24 + date.hourOfDay()) * 60 + date.minuteOfHour();
+  };
+  for (std::int64_t minute = minuteIndex(*span.startDate()); minute <= minuteIndex(*span.endDate());
+       ++minute) {
+    for (int second : seconds) {
+      if (second < 0 || second > 59) continue;
+      dates.push_back(_occurrenceOnDay(start, minute / 1440, minute / 60 % 24, minute % 60, second));
+    }
+  }
+  sortDates(dates);
+  return dates;
+}
+
+CALDateList CALRecurrenceRule::generateSimpleTimeRuleOnTimeRange(const CALTimeRange& span,
+                                                                 const CALDate& start) const {
+  CALDateList dates;
+  if (!bounded(span)) return dates;
+  const CALCDate time = _localFields(start);
+  for (std::int64_t day = _localDay(*span.startDate()); day <= _localDay(*span.endDate()); ++day)
+    dates.push_back(_occurrenceOnDay(start, day, static_cast<int>(time.hour), static_cast<int>(time.minute),
+                                     static_cast<int>(time.second)));
+  return dates;
+}
+
+// --- Pipeline -------------------------------------------------------------------------
+
+CALTimeRangeList CALRecurrenceRule::applyRulePart(RangeGenerator generator, const CALTimeRangeList& array,
+                                                  const CALDate& start) const {
+  CALTimeRangeList result;
+  for (const CALTimeRange& span : array)
+    for (const CALTimeRange& generated : (this->*generator)(span, start))
+      if (std::optional<CALTimeRange> part = span.intersection(generated)) result.push_back(std::move(*part));
+  return result;
+}
+
+CALDateList CALRecurrenceRule::applyRulePart(DateGenerator generator, const CALTimeRangeList& array,
+                                             const CALDate& start) const {
+  CALDateList result;
+  for (const CALTimeRange& span : array)
+    for (CALDateRef& date : (this->*generator)(span, start))
+      if (span.includesDate(date.get())) result.push_back(std::move(date));
+  return result;
+}
+
+CALDateList CALRecurrenceRule::generateTimeRulePartOnArray(const CALTimeRangeList& array,
+                                                           const CALDate& start) const {
+  if (lastSpecifiedRulePartOrder() >= kCALRulePartByDayLevel)
+    return applyRulePart(&CALRecurrenceRule::generateSimpleTimeRuleOnTimeRange, array, start);
+  // A missing hour or minute is the recurrence start's: BYMINUTE=0,30 on a
+  // start at 10:15 gives 10:00 and 10:30.
+  const CALTimeRangeList hours = applyRulePart(&CALRecurrenceRule::generateByHourOnTimeRange, array, start);
+  const CALTimeRangeList minutes = applyRulePart(&CALRecurrenceRule::generateByMinuteOnTimeRange, hours, start);
+  return applyRulePart(&CALRecurrenceRule::generateBySecondOnTimeRange, minutes, start);
+}
+
+int CALRecurrenceRule::_finestRulePartOrder() const {
+  if (_bySecond) return kCALRulePartBySecond;
+  if (_byMinute) return kCALRulePartByMinute;
+  if (_byHour) return kCALRulePartByHour;
+  if (_byYearDay || _byMonthDay || _byDay) return kCALRulePartByDayLevel;
+  if (_byWeekno) return kCALRulePartByWeekno;
+  if (_byMonth) return kCALRulePartByMonth;
+  return 0;
+}
+
+int CALRecurrenceRule::lastSpecifiedRulePartOrder() const { return _finestRulePartOrder(); }
+
+CALDateList CALRecurrenceRule::filterBySetpos(const CALDateList& dates) const {
+  if (!_bySetpos) return dates;
+  CALDateList picked;
+  const auto count = static_cast<std::int64_t>(dates.size());
+  for (int position : *_bySetpos) {
+    const std::int64_t index = position >= 1 ? position - 1 : count + position;
+    if (index >= 0 && index < count)
+      picked.push_back(dates[static_cast<std::size_t>(index)]);
+    else
+      QVT_LOG(kLogError, ruleLogDomain(), "filterBySetpos problem for {} (index:{}) and {}", position,
+              index, describeDates(dates));
+  }
+  sortDates(picked);
+  return picked;
+}
+
+CALDateList CALRecurrenceRule::filterOccurrences(const CALDateList& dates, const CALTimeRange& range,
+                                                 bool excludingEndDate) {
+  CALDateList kept;
+  for (const CALDateRef& date : dates)
+    if (excludingEndDate ? range.includesDateExcludingEndDate(date.get()) : range.includesDate(date.get()))
+      kept.push_back(date);
+  return kept;
+}
+
+void CALRecurrenceRule::addRecStartDateIfNeeded(CALDateList& dates, const CALTimeRange& range,
+                                                const CALDate& start) {
+  if (range.includesDateExcludingEndDate(&start) && !containsDate(dates, start))
+    dates.insert(dates.begin(), start.copy());
+}
+
+// --- Simple cache -----------------------------------------------------------------------
+
+void CALRecurrenceRule::invalidateCache() {
+  _cachedDates.clear();
+  _cachedTimeRange.reset();
+  _cachedStartDate = nullptr;
+}
+
+void CALRecurrenceRule::addCachedDates(const CALDateList& dates) {
+  if (std::any_of(dates.begin(), dates.end(), [&](const CALDateRef& d) { return containsDate(_cachedDates, *d); }))
+    QVT_LOG(kLogWarning, ruleLogDomain(), "WARNING : adding twice the same date in a recurrence cache");
+  _cachedDates.insert(_cachedDates.end(), dates.begin(), dates.end());
+}
+
+void CALRecurrenceRule::setCachedStartDate(const CALDate* start) {
+  _cachedStartDate = start ? start->copy() : nullptr;
+}
+
+bool CALRecurrenceRule::isTimeRangeCached(const CALTimeRange& range, const CALDate& start) const {
+  return _cachedStartDate && _cachedTimeRange && sameRecurrenceStart(*_cachedStartDate, start) &&
+         _cachedTimeRange->includesOrEqualsTimeRange(range);
+}
+
+CALDateList CALRecurrenceRule::cachedDatesOnTimeRange(const CALTimeRange& range) const {
+  CALDateList dates = filterOccurrences(_cachedDates, range, true);
+  sortDates(dates);
+  return dates;
+}
+
+void CALRecurrenceRule::addDatesOnTimeRange(const CALTimeRange& range, const CALDate& start) {
+  if (_cachedStartDate && _cachedTimeRange && sameRecurrenceStart(*_cachedStartDate, start)) {
+    const CALTimeRange covered = _cachedTimeRange->union_(range);
+    const CALTimeRangeSubstractionResult missing = covered.minus(*_cachedTimeRange);
+    for (const std::optional<CALTimeRange>& piece : {missing.first, missing.second})
+      if (piece) addCachedDates(realOccurrencesOnTimeRange(*piece, start));
+    _cachedTimeRange = covered;
+    return;
+  }
+  invalidateCache();
+  setCachedStartDate(&start);
+  _cachedTimeRange = range;
+  _cachedDates = realOccurrencesOnTimeRange(range, start);
+}
+
+}  // namespace pc
