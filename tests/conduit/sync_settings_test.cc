@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
-#include <vector>
-
 #include "conduit/SyncClientState.h"
 #include "conduit_test_support.h"
 #include "engine/MemoryEngine.h"
@@ -197,17 +194,6 @@ TEST(DefaultValuesTest, TableByEntityThenAttribute) {
   EXPECT_TRUE(defaultValueForAttribute(kCalendarsEventAllDay, kCalendarsTask).isNull());
   EXPECT_TRUE(log.contains(
       "hum, request on a property where we did not set the default values: allDay Calendars.Task"));
-}
-
-TEST(DefaultValuesTest, SafeFromManyThreads) {
-  std::vector<std::thread> threads;
-  std::vector<Value> answers(8);
-  for (std::size_t i = 0; i < answers.size(); ++i)
-    threads.emplace_back([&answers, i] {
-      answers[i] = SyncClientState::defaultValueForAttribute(kCalendarsEventStatus, kCalendarsEvent);
-    });
-  for (auto& thread : threads) thread.join();
-  for (const Value& answer : answers) EXPECT_EQ(answer, Value("none"));
 }
 
 }  // namespace

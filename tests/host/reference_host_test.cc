@@ -35,23 +35,6 @@ TEST(ReferenceHostTest, PhoneSendsBackWhatItWasSentThroughTheParser) {
       "<?xml version=\"1.0\"?><plist version=\"1.0\"><string>x</string></plist>")));
 }
 
-TEST(ReferenceHostTest, ServicesByName) {
-  SimulatedPhone phone("uid-1", Dictionary{{"MaxNumbers", 3}});
-  auto sync = std::dynamic_pointer_cast<DeviceSyncService>(
-      phone.serviceWithName(kSynchronisationServiceName));
-  ASSERT_TRUE(sync);
-  EXPECT_EQ(sync->valueForVariable("MaxNumbers"), Value(3));
-  EXPECT_FALSE(sync->valueForVariable("Other"));
-
-  auto persistence = std::dynamic_pointer_cast<DevicePersistenceService>(
-      phone.serviceWithName(kPersistenceServiceName));
-  ASSERT_TRUE(persistence);
-  phone.persistenceService()->domain(kDeviceSyncDBDomain).set("anchor", 1);
-  persistence->cleanupDomain(kDeviceSyncDBDomain);
-  EXPECT_FALSE(phone.persistenceService()->hasDomain(kDeviceSyncDBDomain));
-  EXPECT_FALSE(phone.serviceWithName("com.example.none"));
-}
-
 TEST(ReferenceHostTest, RecordHolderTransformsACopyAndCarriesProperties) {
   const Dictionary original{{"summary", "Lunch"}};
   RecordHolder holder(original, "master-1");
@@ -67,20 +50,6 @@ TEST(ReferenceHostTest, RecordHolderTransformsACopyAndCarriesProperties) {
   holder.setProperty(Value(), "zone");
   EXPECT_TRUE(holder.propertyForKey("zone").isNull());
   EXPECT_FALSE(holder.booleanPropertyForKey("never set"));
-}
-
-TEST(ReferenceHostTest, ConduitManagerServesDescriptionAndParserServices) {
-  auto phone = std::make_shared<SimulatedPhone>("uid-2");
-  ReferenceConduitManager manager(phone, nullptr);
-  std::int32_t version = -1;
-  EXPECT_FALSE(manager.phoneConduitDescriptionWithVersion(&version));
-  EXPECT_EQ(version, 0);
-
-  manager.setPhoneConduitDescription(Dictionary{{"SyncDataClasses", Dictionary()}}, 2);
-  EXPECT_TRUE(manager.phoneConduitDescriptionWithVersion(&version));
-  EXPECT_EQ(version, 2);
-  EXPECT_TRUE(manager.phoneConduitDescriptionWithVersion(nullptr));
-  EXPECT_EQ(manager.device()->deviceUID(), "uid-2");
 }
 
 }  // namespace
