@@ -1,0 +1,182 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "calcore/CALDateOnly.h"
+#include "calcore/CALDateTime.h"
+#include "calcore/CALRecurrenceFrequencies.h"
+#include "util/LogCapture.h"
+
+namespace pc {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
+using ::testing::HasSubstr;
+
+CALDateRef floating(int year, int month, int day, int hour = 0, int minute = 0) {
+  return CALFloatingDateTime::dateWithYear(year, month, day, hour, minute, 0);
+}
+
+CALTimeRange range(const CALDateRef& from, const CALDateRef& to) { return CALTimeRange(from.get(), to.get()); }
+
+std::vector<std::string> iso(const CALDateList& dates) {
+  std::vector<std::string> texts;
+  for (const CALDateRef& date : dates) texts.push_back(date->isoStringRepresentation());
+  return texts;
+}
+
+std::vector<std::string> expand(CALRecurrenceRule& rule, const CALDateRef& start, const CALDateRef& to) {
+  return iso(rule.occurrencesOnTimeRange(range(start, to), *start));
+}
+
+TEST(RecurrenceRuleTest, DailyIntervalKeepsTheWallClockAcrossDaylightSaving) {
+  const TimeZonePtr paris = TimeZone::timeZoneWithName("Europe/Paris");
+  const CALDateRef start = CALDateTime::dateWithYear(2006, 3, 21, 10, 0, 0, paris);
+  auto rule = CALDailyRecurrence::rule();
+  rule->setInterval(2);
+  // Summer time begins on 26 March 2006: the occurrences stay at 10:00.
+  EXPECT_THAT(expand(*rule, start, CALDateTime::dateWithYear(2006, 4, 1, 0, 0, 0, paris)),
+              ElementsAre("20060321T100000+0100", "20060323T100000+0100", "20060325T100000+0100",
+                          "20060327T100000+0200", "20060329T100000+0200", "20060331T100000+0200"));
+}
+
+TEST(RecurrenceRuleTest, CountLimitsTheOccurrencesWhateverTheRange) {
+  auto rule = CALDailyRecurrence::rule();
+  rule->setCount(3).setInterval(2);
+  const CALDateRef start = floating(2006, 3, 1, 10);
+  EXPECT_THAT(expand(*rule, start, floating(2010, 1, 1)),
+              ElementsAre("20060301T100000", "20060303T100000", "20060305T100000"));
+  EXPECT_EQ(rule->cachedEndDateForRecurrenceStart(*start)->isoStringRepresentation(), "20060305T100000");
+}
+
+TEST(RecurrenceRuleTest, CountNotReachedBefore2050LeavesTheRuleOpen) {
+  auto rule = CALYearlyRecurrence::rule();
+  rule->setCount(5);
+  const CALDateRef start = floating(2049, 6, 1, 9);
+  EXPECT_THAT(expand(*rule, start, floating(2052, 1, 1)),
+              ElementsAre("20490601T090000", "20500601T090000", "20510601T090000"));
+  EXPECT_FALSE(rule->cachedEndDateForRecurrenceStart(*start));
+}
+
+TEST(RecurrenceRuleTest, SetposPicksWithinEachPeriod) {
+  auto rule = CALMonthlyRecurrence::rule();
+  rule->setByDay(std::vector<CALWeekDayNumber>{{1, 0}, {2, 0}, {3, 0}, {4, 0}, {5, 0}}).setBySetpos(std::vector{-1});
+  const CALDateRef start = floating(2006, 1, 31, 18);
+  EXPECT_THAT(expand(*rule, start, floating(2006, 5, 1)),
+              ElementsAre("20060131T180000", "20060228T180000", "20060331T180000", "20060428T180000"));
+}
+
+TEST(RecurrenceRuleTest, SetposZeroIsLoggedAndSelectsNothing) {
+  test::LogCapture log;
+  auto rule = CALMonthlyRecurrence::rule();
+  rule->setByDay(std::vector<CALWeekDayNumber>{{1, 0}}).setBySetpos(std::vector{0});
+  const CALDateRef start = floating(2006, 1, 2, 8);
+  EXPECT_THAT(expand(*rule, start, floating(2006, 3, 1)), ElementsAre("20060102T080000"));
+  ASSERT_FALSE(log.messages().empty());
+  EXPECT_THAT(log.messages().front(), HasSubstr("filterBySetpos problem for 0 (index:5) and "));
+}
+
+TEST(RecurrenceRuleTest, TheStartIsAnOccurrenceEvenWhenTheRuleWouldSkipIt) {
+  auto rule = CALWeeklyRecurrence::rule();
+  rule->setByDay(std::vector<CALWeekDayNumber>{{1, 0}});
+  const CALDateRef tuesday = floating(2006, 3, 7, 9);
+  EXPECT_THAT(expand(*rule, tuesday, floating(2006, 3, 21)),
+              ElementsAre("20060307T090000", "20060313T090000", "20060320T090000"));
+  EXPECT_FALSE(rule->ruleMatchesDate(*tuesday));
+  EXPECT_TRUE(rule->ruleMatchesDate(*floating(2006, 3, 13, 9)));
+}
+
+TEST(RecurrenceRuleTest, WeekStartDecidesWhichWeeksAnIntervalKeeps) {
+  // Every other week on Tuesday and Sunday, from Tuesday 5 August 1997.
+  const CALDateRef start = floating(1997, 8, 5, 9);
+  auto expandFrom = [&](int weekStart) {
+    auto rule = CALWeeklyRecurrence::rule();
+    rule->setInterval(2).setCount(4).setWeekStart(weekStart);
+    rule->setByDay(std::vector<CALWeekDayNumber>{{2, 0}, {0, 0}});
+    return expand(*rule, start, floating(1998, 1, 1));
+  };
+  EXPECT_THAT(expandFrom(1), ElementsAre("19970805T090000", "19970810T090000", "19970819T090000", "19970824T090000"));
+  EXPECT_THAT(expandFrom(0), ElementsAre("19970805T090000", "19970817T090000", "19970819T090000", "19970831T090000"));
+}
+
+TEST(RecurrenceRuleTest, DaysOutsideTheirPeriodYieldNothing) {
+  // The 31st skips shorter months; the fifth Monday skips months with four.
+  auto on31st = CALMonthlyRecurrence::rule();
+  EXPECT_THAT(expand(*on31st, floating(2006, 1, 31, 12), floating(2006, 6, 1)),
+              ElementsAre("20060131T120000", "20060331T120000", "20060531T120000"));
+  auto fifthMonday = CALMonthlyRecurrence::rule();
+  fifthMonday->setByDay(std::vector<CALWeekDayNumber>{{1, 5}});
+  EXPECT_THAT(expand(*fifthMonday, floating(2006, 1, 30, 12), floating(2006, 8, 1)),
+              ElementsAre("20060130T120000", "20060529T120000", "20060731T120000"));
+}
+
+TEST(RecurrenceRuleTest, YearDayZeroIsTheFirstDayOfTheNextYear) {
+  auto rule = CALYearlyRecurrence::rule();
+  rule->setByYearDay(std::vector{0, -1});
+  EXPECT_THAT(expand(*rule, floating(2006, 12, 31, 7), floating(2008, 1, 2)),
+              ElementsAre("20061231T070000", "20070101T070000", "20071231T070000", "20080101T070000"));
+}
+
+TEST(RecurrenceRuleTest, MissingTimePartsComeFromTheStart) {
+  auto rule = CALDailyRecurrence::rule();
+  rule->setByMinute(std::vector{0, 30});
+  EXPECT_THAT(expand(*rule, floating(2006, 3, 1, 10, 30), floating(2006, 3, 3)),
+              ElementsAre("20060301T103000", "20060302T100000", "20060302T103000"));
+}
+
+TEST(RecurrenceRuleTest, AllDayRulesReadZonedRangesAsDays) {
+  auto rule = CALYearlyRecurrence::rule();
+  const CALDateRef birthday = CALDateOnly::dateOnlyWithYear(2004, 2, 29);
+  const TimeZonePtr tokyo = TimeZone::timeZoneWithName("Asia/Tokyo");
+  const CALDateList dates = rule->occurrencesOnTimeRange(
+      CALTimeRange(CALDateTime::dateWithYear(2005, 1, 1, 0, 0, 0, tokyo).get(),
+                   CALDateTime::dateWithYear(2013, 1, 1, 0, 0, 0, tokyo).get()),
+      *birthday);
+  EXPECT_THAT(iso(dates), ElementsAre("20080229", "20120229"));
+}
+
+TEST(RecurrenceRuleTest, OverlappingRequestsGenerateEachDateOnce) {
+  test::LogCapture log;
+  auto rule = CALDailyRecurrence::rule();
+  const CALDateRef start = floating(2006, 3, 1, 10);
+  expand(*rule, start, floating(2006, 3, 10));
+  EXPECT_THAT(iso(rule->occurrencesOnTimeRange(range(floating(2006, 3, 8), floating(2006, 3, 13)), *start)),
+              ElementsAre("20060308T100000", "20060309T100000", "20060310T100000", "20060311T100000",
+                          "20060312T100000"));
+  EXPECT_EQ(rule->cachedDates().size(), 12u);
+  EXPECT_THAT(log.messages(), ::testing::Not(::testing::Contains(HasSubstr("adding twice"))));
+
+  // Another start replaces the cache.
+  const CALDateRef later = floating(2006, 4, 1, 10);
+  expand(*rule, later, floating(2006, 4, 3));
+  EXPECT_THAT(iso(rule->cachedDates()), ElementsAre("20060401T100000", "20060402T100000"));
+}
+
+TEST(RecurrenceRuleTest, EqualityConsidersWhatTheStartFillsIn) {
+  const CALDateRef monday = floating(2006, 3, 6, 9);
+  auto plain = CALWeeklyRecurrence::rule();
+  auto onMondays = CALWeeklyRecurrence::rule();
+  onMondays->setByDay(std::vector<CALWeekDayNumber>{{1, 0}});
+  EXPECT_FALSE(plain->isEqualToRule(*onMondays, nullptr));
+  EXPECT_TRUE(plain->isEqualToRule(*onMondays, monday.get()));
+  EXPECT_FALSE(plain->isEqualToRule(*onMondays, floating(2006, 3, 7).get()));
+  EXPECT_FALSE(plain->isEqualToRule(*CALDailyRecurrence::rule(), monday.get()));
+}
+
+TEST(RecurrenceRuleTest, RankDefaultsToTheFrequencyPeriod) {
+  auto daily = CALDailyRecurrence::rule();
+  auto yearly = CALYearlyRecurrence::rule();
+  EXPECT_EQ(daily->lastSpecifiedRulePartOrder(), 4);
+  EXPECT_EQ(yearly->lastSpecifiedRulePartOrder(), 7);
+  daily->setByMonth(std::vector{3});
+  EXPECT_EQ(daily->lastSpecifiedRulePartOrder(), 4);
+  yearly->setByHour(std::vector{9});
+  EXPECT_EQ(yearly->lastSpecifiedRulePartOrder(), 3);
+  EXPECT_THAT(daily->description(), HasSubstr("{CALREC:CALDailyRecurrence}"));
+}
+
+}  // namespace
+}  // namespace pc
