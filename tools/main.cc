@@ -4,9 +4,10 @@
 
 #include <CLI/CLI.hpp>
 
-#include <cstdio>
+#include <exception>
 #include <iostream>
 
+#include "commands.h"
 #include "platform/Exception.h"
 
 int main(int argc, char** argv) {
@@ -14,19 +15,22 @@ int main(int argc, char** argv) {
                "and rebuilds them when they come back."};
   app.set_version_flag("--version", std::string("phoneconduit ") + PC_VERSION);
   app.require_subcommand(0, 1);
+  pc::tools::addRecurrenceCommands(app);
 
+  // Subcommands run from the parse; their failures are the user's to read.
   try {
     app.parse(argc, argv);
+    if (app.get_subcommands().empty()) std::cout << app.help();
   } catch (const CLI::ParseError& e) {
     return app.exit(e);
-  }
-
-  try {
-    if (app.get_subcommands().empty()) {
-      std::cout << app.help();
-    }
+  } catch (const pc::tools::CommandError& e) {
+    std::cerr << "phoneconduit: " << e.what() << "\n";
+    return 1;
   } catch (const pc::Exception& e) {
     std::cerr << "phoneconduit: " << e.description() << "\n";
+    return 1;
+  } catch (const std::exception& e) {
+    std::cerr << "phoneconduit: " << e.what() << "\n";
     return 1;
   }
   return 0;
