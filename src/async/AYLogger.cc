@@ -96,7 +96,13 @@ struct LevelCache {
 
 // Published caches, read without the lock. Zero-initialised at load time so
 // that a log call during static initialisation finds "no logger".
-constinit std::array<std::atomic<const LevelCache*>, 4> sCaches = {};
+constinit std::atomic<const LevelCache*> _ay_loggerForErrors{nullptr};
+constinit std::atomic<const LevelCache*> _ay_loggerForWarnings{nullptr};
+constinit std::atomic<const LevelCache*> _ay_loggerForImportants{nullptr};
+constinit std::atomic<const LevelCache*> _ay_loggerForInfos{nullptr};
+// The four caches in level order (error, warning, important, info).
+constexpr std::array<std::atomic<const LevelCache*>*, 4> kLevelCaches = {
+    &_ay_loggerForErrors, &_ay_loggerForWarnings, &_ay_loggerForImportants, &_ay_loggerForInfos};
 
 struct Registration {
   std::optional<std::string> type;
@@ -107,12 +113,12 @@ struct Registration {
 // Everything behind the registry lock. Never destroyed, so that logging
 // during the process's exit stays safe.
 struct Registry {
-  std::mutex lock;
-  std::vector<Registration> registrations;
+  std::mutex _ay_loggerLock;
+  std::vector<Registration> _ay_loggerArray;
   // Every cache ever published: a reader may still hold an older one.
   std::vector<std::unique_ptr<const LevelCache>> snapshots;
-  QVTAYLoggerPtr stderrLogger;
-  QVTAYLoggerPtr fileLogger;
+  QVTAYLoggerPtr _ay_stderrLogger;
+  QVTAYLoggerPtr _ay_fileLogger;
 };
 
 Registry& registry() {
@@ -122,12 +128,12 @@ Registry& registry() {
 
 // Rebuilds the caches of the levels in `mask` from the registrations, in
 // registration order. Caller holds the lock.
-void recalculateCacheWithMask(Registry& reg, int mask) {
+void _recalculateCacheWithMask(Registry& reg, int mask) {
   for (std::size_t slot = 0; slot < kLevels.size(); ++slot) {
     const int level = kLevels[slot];
     if (!(mask & level)) continue;
     auto cache = std::make_unique<LevelCache>();
-    for (const auto& registration : reg.registrations) {
+    for (const auto& registration : reg._ay_loggerArray) {
       if (!(registration.mask & level)) continue;
       auto& list = registration.type ? cache->byType[*registration.type] : cache->anyType;
       list.push_back(registration.logger);
@@ -137,13 +143,13 @@ void recalculateCacheWithMask(Registry& reg, int mask) {
       published = cache.get();
       reg.snapshots.push_back(std::move(cache));
     }
-    sCaches[slot].store(published, std::memory_order_release);
+    kLevelCaches[slot]->store(published, std::memory_order_release);
   }
 }
 
 const LevelCache* cacheForLevel(int level) {
   const int index = levelIndex(level);
-  return index < 0 ? nullptr : sCaches[index].load(std::memory_order_acquire);
+  return index < 0 ? nullptr : kLevelCaches[std::size_t(index)]->load(std::memory_order_acquire);
 }
 
 // ---------------------------------------------------------------------------
@@ -395,21 +401,21 @@ bool checkCondition(bool ok, const char* text, const char* function, unsigned li
 void QVTAYLogger::addLogger(QVTAYLoggerPtr logger, const std::optional<std::string>& type,
                             int mask) {
   Registry& reg = registry();
-  std::lock_guard guard(reg.lock);
-  reg.registrations.push_back(Registration{type, mask, std::move(logger)});
-  recalculateCacheWithMask(reg, mask);
+  std::lock_guard guard(reg._ay_loggerLock);
+  reg._ay_loggerArray.push_back(Registration{type, mask, std::move(logger)});
+  _recalculateCacheWithMask(reg, mask);
 }
 
 void QVTAYLogger::removeLogger(const QVTAYLoggerPtr& logger,
                                const std::optional<std::string>& type, int mask) {
   Registry& reg = registry();
-  std::lock_guard guard(reg.lock);
-  auto& list = reg.registrations;
+  std::lock_guard guard(reg._ay_loggerLock);
+  auto& list = reg._ay_loggerArray;
   auto found = std::find_if(list.begin(), list.end(), [&](const Registration& r) {
     return r.type == type && r.mask == mask && r.logger == logger;
   });
   if (found != list.end()) list.erase(found);
-  recalculateCacheWithMask(reg, mask);
+  _recalculateCacheWithMask(reg, mask);
 }
 
 std::unique_ptr<QVTAYLoggerList> QVTAYLogger::loggersForType(const std::string& type, int level) {
@@ -444,22 +450,22 @@ void QVTAYLogger::vlogInFile(const char* file, const char* function, unsigned li
 
 QVTAYLoggerPtr QVTAYLogger::stderrStreamLogger() {
   Registry& reg = registry();
-  std::lock_guard guard(reg.lock);
-  if (!reg.stderrLogger) reg.stderrLogger = std::make_shared<QVT_AYStderrLogger>();
-  return reg.stderrLogger;
+  std::lock_guard guard(reg._ay_loggerLock);
+  if (!reg._ay_stderrLogger) reg._ay_stderrLogger = std::make_shared<QVT_AYStderrLogger>();
+  return reg._ay_stderrLogger;
 }
 
 QVTAYLoggerPtr QVTAYLogger::fileStreamLogger() {
   Registry& reg = registry();
-  std::lock_guard guard(reg.lock);
-  if (!reg.fileLogger) reg.fileLogger = QVT_AYFileLogger::init();
-  return reg.fileLogger;
+  std::lock_guard guard(reg._ay_loggerLock);
+  if (!reg._ay_fileLogger) reg._ay_fileLogger = QVT_AYFileLogger::init();
+  return reg._ay_fileLogger;
 }
 
 std::optional<URL> QVTAYLogger::urlToFileStreamLogger() {
   Registry& reg = registry();
-  std::lock_guard guard(reg.lock);
-  return reg.fileLogger ? reg.fileLogger->urlToFile() : std::nullopt;
+  std::lock_guard guard(reg._ay_loggerLock);
+  return reg._ay_fileLogger ? reg._ay_fileLogger->urlToFile() : std::nullopt;
 }
 
 // ---------------------------------------------------------------------------
