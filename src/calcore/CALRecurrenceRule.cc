@@ -173,8 +173,15 @@ CALDateRef CALRecurrenceRule::_occurrenceOnDay(const CALDate& start, std::int64_
   return CALDateTime::dateWithYear(year, month, dayOfMonth, hour, minute, second, start.timeZone());
 }
 
+CALTimeRange CALRecurrenceRule::_span(CALDateRef start, CALDateRef end) {
+  // Fresh dates: the range may hold them without copies.
+  CALMutableTimeRange span(nullptr, nullptr);
+  span.setStartDateNoCopy(std::move(start), std::move(end));
+  return span;
+}
+
 CALTimeRange CALRecurrenceRule::_daysSpan(std::int64_t firstDay, std::int64_t lastDay) {
-  return CALTimeRange(_dateOnDay(firstDay, 0, 0, 0).get(), _dateOnDay(lastDay, 23, 59, 59).get());
+  return _span(_dateOnDay(firstDay, 0, 0, 0), _dateOnDay(lastDay, 23, 59, 59));
 }
 
 // --- Occurrences ------------------------------------------------------------------
@@ -259,6 +266,52 @@ bool CALRecurrenceRule::ruleMatchesDate(const CALDate& date) const {
   const std::int64_t day = _localDay(date);
   const CALTimeRangeList periods = _matchingPeriods({_daysSpan(day, day)}, date);
   return !periods.empty() && containsDate(_occurrencesInPeriod(periods.front(), date), date);
+}
+
+CALTimeRange CALRecurrenceRule::acceptableMoveToTimeRangeForDate(const CALDate& date) const {
+  const std::int64_t day = _localDay(date);
+  const CALTimeRangeList periods = _matchingPeriods({_daysSpan(day, day)}, date);
+  return periods.empty() ? _daysSpan(day, day) : periods.front();
+}
+
+std::unique_ptr<CALRecurrenceRule> CALRecurrenceRule::proposedRuleForMovingFrom(const CALDate& from,
+                                                                                const CALDate& to,
+                                                                                bool* changes) const {
+  std::unique_ptr<CALRecurrenceRule> proposed = _copyOfParts();
+  const CALCDate a = _localFields(from), b = _localFields(to);
+  const int aLength = static_cast<int>(calcdate_daycount_in_month(&a));
+  const int bLength = static_cast<int>(calcdate_daycount_in_month(&b));
+  // A value naming `from` becomes the same value for `to`, counted from the
+  // same end.
+  auto replace = [](CALRulePartList& list, int fromValue, int fromValueFromEnd, int toValue, int toValueFromEnd) {
+    if (!list) return;
+    for (int& value : *list) {
+      if (value == fromValue) value = toValue;
+      else if (value == fromValueFromEnd) value = toValueFromEnd;
+    }
+  };
+  replace(proposed->_byMonthDay, static_cast<int>(a.day), static_cast<int>(a.day) - aLength - 1,
+          static_cast<int>(b.day), static_cast<int>(b.day) - bLength - 1);
+  replace(proposed->_byMonth, static_cast<int>(a.month), 0, static_cast<int>(b.month), 0);
+  auto yearDay = [](const CALCDate& d) {
+    return static_cast<int>(calcdate_absoluteday(&d) - calcdate_absoluteday_for_year(static_cast<std::int32_t>(d.year)) + 1);
+  };
+  auto yearLength = [](const CALCDate& d) { return calcdate_is_leap_year(d.year) ? 366 : 365; };
+  replace(proposed->_byYearDay, yearDay(a), yearDay(a) - yearLength(a) - 1, yearDay(b), yearDay(b) - yearLength(b) - 1);
+  if (proposed->_byDay) {
+    // Ordinal days keep counting from the same end of the month.
+    const int aRank = static_cast<int>((a.day - 1) / 7 + 1), aRankFromEnd = -static_cast<int>((aLength - a.day) / 7 + 1);
+    const int bRank = static_cast<int>((b.day - 1) / 7 + 1), bRankFromEnd = -static_cast<int>((bLength - b.day) / 7 + 1);
+    for (CALWeekDayNumber& entry : *proposed->_byDay) {
+      if (entry.day() != from.dayOfWeek()) continue;
+      if (entry.number() == 0 || entry.number() == aRank || entry.number() == aRankFromEnd) {
+        entry.setDay(to.dayOfWeek());
+        if (entry.number() != 0) entry.setNumber(entry.number() > 0 ? bRank : bRankFromEnd);
+      }
+    }
+  }
+  if (changes) *changes = !proposed->_hasSameParts(*this);
+  return proposed;
 }
 
 std::unique_ptr<CALRecurrenceRule> CALRecurrenceRule::_copyOfParts() const {
@@ -492,7 +545,7 @@ CALTimeRangeList CALRecurrenceRule::generateByHourOnTimeRange(const CALTimeRange
   for (int hour : hours) {
     if (hour < 0 || hour > 23) continue;
     for (std::int64_t day = _localDay(*span.startDate()); day <= _localDay(*span.endDate()); ++day)
-      spans.emplace_back(_dateOnDay(day, hour, 0, 0).get(), _dateOnDay(day, hour, 59, 59).get());
+      spans.push_back(_span(_dateOnDay(day, hour, 0, 0), _dateOnDay(day, hour, 59, 59)));
   }
   sortByStart(spans);
   return spans;
@@ -508,8 +561,8 @@ CALTimeRangeList CALRecurrenceRule::generateByMinuteOnTimeRange(const CALTimeRan
   for (std::int64_t hour = hourIndex(*span.startDate()); hour <= hourIndex(*span.endDate()); ++hour) {
     for (int minute : minutes) {
       if (minute < 0 || minute > 59) continue;
-      spans.emplace_back(_dateOnDay(hour / 24, hour % 24, minute, 0).get(),
-                         _dateOnDay(hour / 24, hour % 24, minute, 59).get());
+      spans.push_back(_span(_dateOnDay(hour / 24, hour % 24, minute, 0),
+                            _dateOnDay(hour / 24, hour % 24, minute, 59)));
     }
   }
   sortByStart(spans);

@@ -114,6 +114,16 @@ class CALRecurrenceRule : public Object {
   // Whether `date` is one of the dates the rule produces in its period,
   // ignoring the interval (the date taken as its own recurrence start).
   bool ruleMatchesDate(const CALDate& date) const;
+  // The period (day, week, month or year) holding `date`: an occurrence moved
+  // within it stays in its period of the interval's grid.
+  CALTimeRange acceptableMoveToTimeRangeForDate(const CALDate& date) const;
+  // The rule for the same series after its occurrence on `from` moved to
+  // `to`: the parts that name `from` (its weekday, with its rank in the
+  // month for ordinal days, its day of the month, month, day of the year)
+  // name `to` instead. `changes` (optional) tells whether any part changed;
+  // parts that are missing follow the start and need no change.
+  std::unique_ptr<CALRecurrenceRule> proposedRuleForMovingFrom(const CALDate& from, const CALDate& to,
+                                                               bool* changes) const;
   // Same frequency and parts. With a start date, the parts the start fills
   // in (the weekday of a weekly rule, the day of a monthly one...) are
   // compared as if written out.
@@ -234,6 +244,8 @@ class CALRecurrenceRule : public Object {
   // kind (and zone).
   static CALDateRef _occurrenceOnDay(const CALDate& start, std::int64_t day, int hour, int minute,
                                      int second);
+  // A range holding two dates nobody else holds, without copying them.
+  static CALTimeRange _span(CALDateRef start, CALDateRef end);
   // From `firstDay` 00:00:00 to `lastDay` 23:59:59.
   static CALTimeRange _daysSpan(std::int64_t firstDay, std::int64_t lastDay);
   // The rank of the finest part present (0 when none), before the cap.

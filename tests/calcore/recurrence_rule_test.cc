@@ -166,6 +166,29 @@ TEST(RecurrenceRuleTest, EqualityConsidersWhatTheStartFillsIn) {
   EXPECT_FALSE(plain->isEqualToRule(*CALDailyRecurrence::rule(), monday.get()));
 }
 
+TEST(RecurrenceRuleTest, MovingAnOccurrenceRenamesThePartsThatNameIt) {
+  // Every second Tuesday and the 1st: moved from Tuesday 10 January to
+  // Wednesday 18 January, the second Tuesday becomes the third Wednesday.
+  auto rule = CALMonthlyRecurrence::rule();
+  rule->setByDay(std::vector<CALWeekDayNumber>{{2, 2}, {5, -1}}).setByMonthDay(std::vector{1, -1});
+  bool changes = false;
+  auto moved = rule->proposedRuleForMovingFrom(*floating(2006, 1, 10, 9), *floating(2006, 1, 18, 9), &changes);
+  EXPECT_TRUE(changes);
+  EXPECT_THAT(*moved->byDay(), ElementsAre(CALWeekDayNumber(3, 3), CALWeekDayNumber(5, -1)));
+  EXPECT_THAT(*moved->byMonthDay(), ElementsAre(1, -1));
+  // The last day of the month stays the last day.
+  auto lastDay = rule->proposedRuleForMovingFrom(*floating(2006, 1, 31), *floating(2006, 1, 30), &changes);
+  EXPECT_THAT(*lastDay->byMonthDay(), ElementsAre(1, -2));
+
+  // A plain weekly rule follows its start: nothing to change.
+  auto weekly = CALWeeklyRecurrence::rule();
+  weekly->proposedRuleForMovingFrom(*floating(2006, 1, 10), *floating(2006, 1, 11), &changes);
+  EXPECT_FALSE(changes);
+  EXPECT_EQ(weekly->acceptableMoveToTimeRangeForDate(*floating(2006, 1, 11, 15)).description(),
+            CALTimeRange(floating(2006, 1, 9).get(), floating(2006, 1, 15, 23, 59)->dateWithHour(23, 59, 59).get())
+                .description());
+}
+
 TEST(RecurrenceRuleTest, RankDefaultsToTheFrequencyPeriod) {
   auto daily = CALDailyRecurrence::rule();
   auto yearly = CALYearlyRecurrence::rule();
