@@ -32,6 +32,7 @@ CALTimeRangeList CALDailyRecurrence::_daySpansOfPeriod(const CALTimeRange& perio
   if (byMonth()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
   if (byMonthDay()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
   if (byDay()) spans = applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, spans, start);
+  if (byWeekno()) spans = applyRulePart(&CALRecurrenceRule::generateByWeeknoOnTimeRange, spans, start);
   return spans;
 }
 
@@ -60,6 +61,7 @@ CALTimeRangeList CALWeeklyRecurrence::_daySpansOfPeriod(const CALTimeRange& peri
                                                         const CALDate& start) const {
   CALTimeRangeList spans = applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, {period}, start);
   if (byMonth()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
+  if (byWeekno()) spans = applyRulePart(&CALRecurrenceRule::generateByWeeknoOnTimeRange, spans, start);
   return spans;
 }
 

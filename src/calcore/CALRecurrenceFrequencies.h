@@ -2,9 +2,10 @@
 // The four frequencies of CALRecurrenceRule. Each walks its periods from the
 // recurrence start and narrows every period to candidate days:
 //
-//   daily    the day, kept when it satisfies BYMONTH, BYMONTHDAY and BYDAY;
+//   daily    the day, kept when it satisfies BYMONTH, BYMONTHDAY, BYDAY
+//            and BYWEEKNO;
 //   weekly   the BYDAY weekdays of the week (the start's weekday by
-//            default), kept in the BYMONTH months;
+//            default), kept in the BYMONTH months and BYWEEKNO weeks;
 //   monthly  months in BYMONTH; BYDAY days (ordinals count in the month),
 //            BYMONTHDAY days (the start's day by default), both narrowing
 //            each other when both are given;

@@ -249,12 +249,11 @@ CALTimeRangeList CALRecurrenceRule::_walkPeriods(const CALTimeRangeList& spans, 
   if (!earliest) return periods;
   const std::int64_t step = std::max(1, _interval);
   const std::int64_t origin = indexOf(start, *this);
-  const std::int64_t from = indexOf(*earliest, *this);
+  const std::int64_t from = indexOf(*earliest, *this), last = indexOf(*latest, *this);
   // Jump straight to the last period of the interval's grid before the spans.
-  std::int64_t index = from > origin ? origin + (from - origin) / step * step : origin;
-  for (;; index += step) {
+  for (std::int64_t index = from > origin ? origin + (from - origin) / step * step : origin; index <= last;
+       index += step) {
     CALTimeRange period = spanOf(index, start, *this);
-    if (period.startDate()->isAfter(latest)) break;
     if (std::any_of(spans.begin(), spans.end(),
                     [&](const CALTimeRange& span) { return span.intersectsTimeRange(period); }))
       periods.push_back(std::move(period));

@@ -43,6 +43,18 @@ TEST(RecurrenceRuleTest, DailyIntervalKeepsTheWallClockAcrossDaylightSaving) {
                           "20060327T100000+0200", "20060329T100000+0200", "20060331T100000+0200"));
 }
 
+TEST(RecurrenceRuleTest, IntervalsBeyondTheRangeLeaveOnlyTheStart) {
+  for (int interval : {0, -3, 2147483647}) {
+    auto rule = CALMonthlyRecurrence::rule();
+    rule->setInterval(interval);
+    const std::vector<std::string> dates = expand(*rule, floating(2006, 3, 1, 10), floating(2006, 6, 1));
+    if (interval > 1)
+      EXPECT_THAT(dates, ElementsAre("20060301T100000"));
+    else  // below 1: every month
+      EXPECT_EQ(dates.size(), 3u);
+  }
+}
+
 TEST(RecurrenceRuleTest, CountLimitsTheOccurrencesWhateverTheRange) {
   auto rule = CALDailyRecurrence::rule();
   rule->setCount(3).setInterval(2);
@@ -118,6 +130,19 @@ TEST(RecurrenceRuleTest, YearDayZeroIsTheFirstDayOfTheNextYear) {
   rule->setByYearDay(std::vector{0, -1});
   EXPECT_THAT(expand(*rule, floating(2006, 12, 31, 7), floating(2008, 1, 2)),
               ElementsAre("20061231T070000", "20070101T070000", "20071231T070000", "20080101T070000"));
+}
+
+TEST(RecurrenceRuleTest, WeekOneMayBeginInTheYearBefore) {
+  // Week 1 is the first week with four days in the year: of 2026 it begins
+  // on Monday 29 December 2025, of 2027 on Monday 4 January 2027.
+  auto rule = CALYearlyRecurrence::rule();
+  rule->setByWeekno(std::vector{1}).setByDay(std::vector<CALWeekDayNumber>{{1, 0}});
+  EXPECT_THAT(expand(*rule, floating(2025, 12, 29, 8), floating(2029, 1, 1)),
+              ElementsAre("20251229T080000", "20270104T080000", "20280103T080000"));
+  // 2026 begins on a Thursday: its 53rd and last week ends in 2027.
+  EXPECT_EQ(rule->week(-1, 2026).description(),
+            CALTimeRange(floating(2026, 12, 28).get(), floating(2027, 1, 3)->dateWithHour(23, 59, 59).get())
+                .description());
 }
 
 TEST(RecurrenceRuleTest, MissingTimePartsComeFromTheStart) {
