@@ -48,12 +48,6 @@ CalendarDate untilValueFor(const CALDate& lastOccurrence, bool allDay) {
   return lastOccurrence.dateWithHour(23, 59, 59)->calendarDate().dateWithTimeZone(TimeZone::timeZoneWithName("GMT"));
 }
 
-std::string describeDates(const CALDateList& dates) {
-  Array descriptions;
-  for (const CALDateRef& date : dates) descriptions.add(date->description());
-  return descriptions.description();
-}
-
 }  // namespace
 
 const std::map<std::string, int>& CALEventExploder::dayTable() {
@@ -180,7 +174,7 @@ CALDateList CALEventExploder::produceDatesForTimeRange(const CALTimeRange& range
         excluded.push_back(excludedDay);
     }
   }
-  QVT_LOG(kLogInfo, exploderLogDomain(), "exDates = {}\ndetachedIds = {}", describeDates(excluded), detachedIds);
+  QVT_LOG(kLogInfo, exploderLogDomain(), "exDates = {}\ndetachedIds = {}", descriptionOfDates(excluded), detachedIds);
   QVT_LOG(kLogInfo, exploderLogDomain(), "expansion on {}", range.description());
   if (excluded.empty()) return dates;
   std::erase_if(dates, [&](const CALDateRef& date) {

@@ -65,18 +65,18 @@ bool containsDate(const CALDateList& dates, const CALDate& date) {
                      [&](const CALDateRef& d) { return d->isEqualToDate(&date); });
 }
 
-std::string describeDates(const CALDateList& dates) {
-  Array descriptions;
-  for (const CALDateRef& date : dates) descriptions.add(date->description());
-  return descriptions.description();
-}
-
 bool sameDate(const CALDate* a, const CALDate* b) {
   if (!a || !b) return a == b;
   return a->isEqual(b);
 }
 
 }  // namespace
+
+std::string descriptionOfDates(const CALDateList& dates) {
+  Array descriptions;
+  for (const CALDateRef& date : dates) descriptions.add(date->description());
+  return descriptions.description();
+}
 
 CALRecurrenceRule::~CALRecurrenceRule() = default;
 
@@ -652,7 +652,7 @@ CALDateList CALRecurrenceRule::filterBySetpos(const CALDateList& dates) const {
       picked.push_back(dates[static_cast<std::size_t>(index)]);
     else
       QVT_LOG(kLogError, ruleLogDomain(), "filterBySetpos problem for {} (index:{}) and {}", position,
-              index, describeDates(dates));
+              index, descriptionOfDates(dates));
   }
   sortDates(picked);
   return picked;

@@ -32,6 +32,8 @@
 namespace pc {
 
 using CALDateList = std::vector<CALDateRef>;
+// The text "%@" prints for a list of dates.
+std::string descriptionOfDates(const CALDateList& dates);
 using CALTimeRangeList = std::vector<CALTimeRange>;
 // A BYxxx list of numbers; nullopt when the rule has none.
 using CALRulePartList = std::optional<std::vector<int>>;

@@ -189,6 +189,7 @@ TEST(RecurrenceRuleTest, EqualityConsidersWhatTheStartFillsIn) {
   EXPECT_TRUE(plain->isEqualToRule(*onMondays, monday.get()));
   EXPECT_FALSE(plain->isEqualToRule(*onMondays, floating(2006, 3, 7).get()));
   EXPECT_FALSE(plain->isEqualToRule(*CALDailyRecurrence::rule(), monday.get()));
+  EXPECT_THAT(plain->description(), HasSubstr("{CALREC:CALWeeklyRecurrence}"));
 }
 
 TEST(RecurrenceRuleTest, MovingAnOccurrenceRenamesThePartsThatNameIt) {
@@ -212,18 +213,6 @@ TEST(RecurrenceRuleTest, MovingAnOccurrenceRenamesThePartsThatNameIt) {
   EXPECT_EQ(weekly->acceptableMoveToTimeRangeForDate(*floating(2006, 1, 11, 15)).description(),
             CALTimeRange(floating(2006, 1, 9).get(), floating(2006, 1, 15, 23, 59)->dateWithHour(23, 59, 59).get())
                 .description());
-}
-
-TEST(RecurrenceRuleTest, RankDefaultsToTheFrequencyPeriod) {
-  auto daily = CALDailyRecurrence::rule();
-  auto yearly = CALYearlyRecurrence::rule();
-  EXPECT_EQ(daily->lastSpecifiedRulePartOrder(), 4);
-  EXPECT_EQ(yearly->lastSpecifiedRulePartOrder(), 7);
-  daily->setByMonth(std::vector{3});
-  EXPECT_EQ(daily->lastSpecifiedRulePartOrder(), 4);
-  yearly->setByHour(std::vector{9});
-  EXPECT_EQ(yearly->lastSpecifiedRulePartOrder(), 3);
-  EXPECT_THAT(daily->description(), HasSubstr("{CALREC:CALDailyRecurrence}"));
 }
 
 }  // namespace
