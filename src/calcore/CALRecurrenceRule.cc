@@ -54,6 +54,13 @@ void sortDates(CALDateList& dates) {
                    [](const CALDateRef& a, const CALDateRef& b) { return a->compare(b.get()) < 0; });
 }
 
+void sortWithoutDuplicates(CALDateList& dates) {
+  sortDates(dates);
+  dates.erase(std::unique(dates.begin(), dates.end(),
+                          [](const CALDateRef& a, const CALDateRef& b) { return a->isEqualToDate(b.get()); }),
+              dates.end());
+}
+
 void sortByStart(CALTimeRangeList& spans) {
   std::stable_sort(spans.begin(), spans.end(), [](const CALTimeRange& a, const CALTimeRange& b) {
     return a.compareStartDate(b) < 0;
@@ -220,6 +227,8 @@ CALDateList CALRecurrenceRule::realOccurrencesOnTimeRange(const CALTimeRange& re
       CALDateList found = _occurrencesInPeriod(period, start);
       dates.insert(dates.end(), found.begin(), found.end());
     }
+    // Days of the year past its end (BYYEARDAY 0) may meet the next year's.
+    sortWithoutDuplicates(dates);
     dates = filterOccurrences(dates, window, excludingEnd);
   }
   addRecStartDateIfNeeded(dates, range, start);
@@ -229,10 +238,7 @@ CALDateList CALRecurrenceRule::realOccurrencesOnTimeRange(const CALTimeRange& re
 CALDateList CALRecurrenceRule::_occurrencesInPeriod(const CALTimeRange& period,
                                                     const CALDate& start) const {
   CALDateList dates = generateTimeRulePartOnArray(_daySpansOfPeriod(period, start), start);
-  sortDates(dates);
-  dates.erase(std::unique(dates.begin(), dates.end(),
-                          [](const CALDateRef& a, const CALDateRef& b) { return a->isEqualToDate(b.get()); }),
-              dates.end());
+  sortWithoutDuplicates(dates);
   return filterBySetpos(dates);
 }
 

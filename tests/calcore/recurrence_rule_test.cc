@@ -127,7 +127,7 @@ TEST(RecurrenceRuleTest, DaysOutsideTheirPeriodYieldNothing) {
 
 TEST(RecurrenceRuleTest, YearDayZeroIsTheFirstDayOfTheNextYear) {
   auto rule = CALYearlyRecurrence::rule();
-  rule->setByYearDay(std::vector{0, -1});
+  rule->setByYearDay(std::vector{0, 1, -1});
   EXPECT_THAT(expand(*rule, floating(2006, 12, 31, 7), floating(2008, 1, 2)),
               ElementsAre("20061231T070000", "20070101T070000", "20071231T070000", "20080101T070000"));
 }
