@@ -134,8 +134,9 @@ CALTimeRangeList CALYearlyRecurrence::_daySpansOfPeriod(const CALTimeRange& year
       spans = applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, spans, start);
   } else {
     spans = {year};
-    // Without any day part the rule repeats on the start's month and day.
-    if (byMonth() || (!byDay() && !byMonthDay()))
+    // Without BYMONTH the start's month holds the days, unless BYDAY counts
+    // its weekdays in the whole year.
+    if (byMonth() || !byDay())
       spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
     if (byDay()) spans = applyRulePart(&CALRecurrenceRule::generateByDayOnTimeRange, spans, start);
     if (byMonthDay() || !byDay())
@@ -148,9 +149,9 @@ CALTimeRangeList CALYearlyRecurrence::_daySpansOfPeriod(const CALTimeRange& year
 }
 
 void CALYearlyRecurrence::_writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const {
-  if (rule.byYearDay() || rule.byWeekno() || rule.byDay() || rule.byMonthDay()) return;
+  if (rule.byYearDay() || rule.byWeekno() || rule.byDay()) return;
   if (!rule.byMonth()) rule.setByMonth(std::vector<int>{start.monthOfYear()});
-  rule.setByMonthDay(std::vector<int>{start.dayOfMonth()});
+  if (!rule.byMonthDay()) rule.setByMonthDay(std::vector<int>{start.dayOfMonth()});
 }
 
 }  // namespace pc

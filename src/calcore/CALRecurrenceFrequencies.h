@@ -10,9 +10,10 @@
 //            BYMONTHDAY days (the start's day by default), both narrowing
 //            each other when both are given;
 //   yearly   BYYEARDAY days, or BYWEEKNO weeks narrowed by BYMONTHDAY and
-//            BYDAY, or BYMONTH months (the start's month when no day part is
-//            given, else the whole year) with BYDAY (ordinals count in the
-//            month, or in the year without BYMONTH) and BYMONTHDAY.
+//            BYDAY, or BYMONTH months (the start's month by default, the
+//            whole year for BYDAY without BYMONTH) with BYDAY (ordinals count
+//            in the month, or in the year without BYMONTH) and BYMONTHDAY
+//            (the start's day when neither BYDAY nor BYMONTHDAY is given).
 
 #include <memory>
 

@@ -149,7 +149,7 @@ class CaseGenerator {
         break;
       case Frequency::Yearly:
         c.interval = uniform(1, 2);
-        switch (uniform(0, 5)) {
+        switch (uniform(0, 8)) {
           case 0: break;  // the start's month and day
           case 1:
             c.byMonth = sortedSample(1, 12, uniform(1, 3));
@@ -170,6 +170,9 @@ class CaseGenerator {
             c.byDay = {{uniform(0, 6), 0}};
             c.bySetpos = {chance(50) ? -1 : 1};
             break;
+          case 6: c.byDay = ordinalDays(50); break;  // counted in the year
+          case 7: c.byDay = plainDays(); break;      // every such day of the year
+          case 8: c.byMonthDay = monthDays(); break;  // in the start's month
         }
         break;
     }
