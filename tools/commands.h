@@ -17,5 +17,7 @@ class CommandError : public std::runtime_error {
 
 // explode, convert-limit.
 void addRecurrenceCommands(CLI::App& app);
+// describe-device.
+void addDeviceCommands(CLI::App& app);
 
 }  // namespace pc::tools

@@ -7,6 +7,7 @@
 #include <exception>
 #include <iostream>
 
+#include "async/AYLogger.h"
 #include "commands.h"
 #include "platform/Exception.h"
 
@@ -15,7 +16,11 @@ int main(int argc, char** argv) {
                "and rebuilds them when they come back."};
   app.set_version_flag("--version", std::string("phoneconduit ") + PC_VERSION);
   app.require_subcommand(0, 1);
+  pc::tools::addDeviceCommands(app);
   pc::tools::addRecurrenceCommands(app);
+
+  // Errors always reach standard error; the user's preferences may ask for more.
+  pc::QVTRegisterLogs();
 
   // Subcommands run from the parse; their failures are the user's to read.
   try {

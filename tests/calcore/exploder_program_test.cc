@@ -4,42 +4,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
-#include <array>
-#include <cstdio>
 #include <string>
+
+#include "support/ProgramRun.h"
 
 namespace {
 
+using ::pc::testing::ProgramRun;
+using ::pc::testing::runProgram;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-struct ProgramRun {
-  int status;
-  std::string output;  // standard output and standard error
-};
+std::string example(const char* name) { return ::pc::testing::examplePath(std::string("events/") + name); }
 
-ProgramRun runProgram(const std::string& arguments) {
-  const std::string command = std::string(PC_PROGRAM) + " " + arguments + " 2>&1";
-  ProgramRun run{-1, {}};
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return run;
-  std::array<char, 4096> buffer;
-  while (std::size_t n = fread(buffer.data(), 1, buffer.size(), pipe)) run.output.append(buffer.data(), n);
-  const int status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
-}
-
-std::string example(const char* name) { return std::string(PC_SOURCE_DIR) + "/examples/events/" + name; }
-
-class ExploderProgramTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    if (std::string(PC_PROGRAM).empty()) GTEST_SKIP() << "the program is not built";
-  }
-};
+using ExploderProgramTest = ::pc::testing::ProgramTest;
 
 TEST_F(ExploderProgramTest, ExplodeListsOccurrencesWithoutExceptionDates) {
   const ProgramRun run = runProgram("explode " + example("weekly-team-meeting.plist") + " --from 20261110 --to 20261120");
