@@ -77,6 +77,9 @@ int CALMonthlyRecurrence::lastSpecifiedRulePartOrder() const {
 
 CALTimeRangeList CALMonthlyRecurrence::matchingMonthsOnTimeRangeArray(const CALTimeRangeList& spans,
                                                                       const CALDate& start) const {
+  // Unlike days and weeks, a month that begins exactly at the last instant
+  // is not walked: an until date (or last counted occurrence) at 00:00:00
+  // on the 1st ends the rule with the month before.
   return _walkPeriods(
       spans, start,
       [](const CALDate& date, const CALRecurrenceRule&) {
@@ -87,7 +90,8 @@ CALTimeRangeList CALMonthlyRecurrence::matchingMonthsOnTimeRangeArray(const CALT
         CALCDate first{0, 0, 0, 1, month % 12 + 1, month / 12};
         const std::int64_t firstDay = calcdate_absoluteday(&first);
         return _daysSpan(firstDay, firstDay + calcdate_daycount_in_month(&first) - 1);
-      });
+      },
+      true);
 }
 
 CALTimeRangeList CALMonthlyRecurrence::_daySpansOfPeriod(const CALTimeRange& period,
@@ -133,11 +137,9 @@ CALTimeRangeList CALYearlyRecurrence::_daySpansOfPeriod(const CALTimeRange& year
     if (byDay() || !byMonthDay())
       spans = applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, spans, start);
   } else {
-    spans = {year};
-    // Without BYMONTH the start's month holds the days, unless BYDAY counts
-    // its weekdays in the whole year.
-    if (byMonth() || !byDay())
-      spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
+    // Without BYMONTH the start's month holds the days, BYDAY's included:
+    // ordinal weekdays count in that month, not in the whole year.
+    spans = generateByMonthOnTimeRange(year, start);
     if (byDay()) spans = applyRulePart(&CALRecurrenceRule::generateByDayOnTimeRange, spans, start);
     if (byMonthDay() || !byDay())
       spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
@@ -149,9 +151,9 @@ CALTimeRangeList CALYearlyRecurrence::_daySpansOfPeriod(const CALTimeRange& year
 }
 
 void CALYearlyRecurrence::_writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const {
-  if (rule.byYearDay() || rule.byWeekno() || rule.byDay()) return;
+  if (rule.byYearDay() || rule.byWeekno()) return;
   if (!rule.byMonth()) rule.setByMonth(std::vector<int>{start.monthOfYear()});
-  if (!rule.byMonthDay()) rule.setByMonthDay(std::vector<int>{start.dayOfMonth()});
+  if (!rule.byDay() && !rule.byMonthDay()) rule.setByMonthDay(std::vector<int>{start.dayOfMonth()});
 }
 
 }  // namespace pc

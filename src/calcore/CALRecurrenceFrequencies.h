@@ -8,12 +8,13 @@
 //            default), kept in the BYMONTH months and BYWEEKNO weeks;
 //   monthly  months in BYMONTH; BYDAY days (ordinals count in the month),
 //            BYMONTHDAY days (the start's day by default), both narrowing
-//            each other when both are given;
+//            each other when both are given; the walk ends with the month
+//            before one that begins exactly at the last instant;
 //   yearly   BYYEARDAY days, or BYWEEKNO weeks narrowed by BYMONTHDAY and
-//            BYDAY, or BYMONTH months (the start's month by default, the
-//            whole year for BYDAY without BYMONTH) with BYDAY (ordinals count
-//            in the month, or in the year without BYMONTH) and BYMONTHDAY
-//            (the start's day when neither BYDAY nor BYMONTHDAY is given).
+//            BYDAY, or BYMONTH months (the start's month by default, with
+//            or without BYDAY) with BYDAY (ordinals count in the month) and
+//            BYMONTHDAY (the start's day when neither BYDAY nor BYMONTHDAY
+//            is given).
 
 #include <memory>
 

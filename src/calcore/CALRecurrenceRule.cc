@@ -243,7 +243,8 @@ CALDateList CALRecurrenceRule::_occurrencesInPeriod(const CALTimeRange& period,
 }
 
 CALTimeRangeList CALRecurrenceRule::_walkPeriods(const CALTimeRangeList& spans, const CALDate& start,
-                                                 PeriodIndex indexOf, PeriodSpan spanOf) const {
+                                                 PeriodIndex indexOf, PeriodSpan spanOf,
+                                                 bool strictEnd) const {
   CALTimeRangeList periods;
   const CALDate* earliest = nullptr;
   const CALDate* latest = nullptr;
@@ -255,7 +256,9 @@ CALTimeRangeList CALRecurrenceRule::_walkPeriods(const CALTimeRangeList& spans, 
   if (!earliest) return periods;
   const std::int64_t step = std::max(1, _interval);
   const std::int64_t origin = indexOf(start, *this);
-  const std::int64_t from = indexOf(*earliest, *this), last = indexOf(*latest, *this);
+  const std::int64_t from = indexOf(*earliest, *this);
+  std::int64_t last = indexOf(*latest, *this);
+  if (strictEnd && !spanOf(last, start, *this).startDate()->isBefore(latest)) --last;
   // Jump straight to the last period of the interval's grid before the spans.
   for (std::int64_t index = from > origin ? origin + (from - origin) / step * step : origin; index <= last;
        index += step) {
@@ -373,12 +376,15 @@ void CALRecurrenceRule::computeAndCacheEndDateForRecurrenceStart(const CALDate& 
   std::int64_t remaining = _count;
   for (std::int64_t year = _localFields(start).year;
        remaining > 0 && !lastOccurrence && year < kCALRecurrenceCountSearchEndYear; ++year) {
-    // The whole year, its last second included: the range ends at the next
-    // year's first instant, which the expansion excludes.
-    const CALTimeRange wholeYear(
+    // The year up to one second before the next one. The expansion excludes
+    // a range's end, so an occurrence at 23:59:59 on 31 December is not
+    // counted in any year: the rule then ends one occurrence later.
+    const CALDateRef nextYear =
+        CALDateTime::dateWithYear(static_cast<std::int32_t>(year + 1), 1, 1, 0, 0, 0, start.timeZone());
+    const CALTimeRange yearRange(
         CALDateTime::dateWithYear(static_cast<std::int32_t>(year), 1, 1, 0, 0, 0, start.timeZone()).get(),
-        CALDateTime::dateWithYear(static_cast<std::int32_t>(year + 1), 1, 1, 0, 0, 0, start.timeZone()).get());
-    const CALDateList dates = realOccurrencesOnTimeRange(wholeYear, start);
+        nextYear->dateByAddingRawInterval(-1).get());
+    const CALDateList dates = realOccurrencesOnTimeRange(yearRange, start);
     if (static_cast<std::int64_t>(dates.size()) >= remaining)
       lastOccurrence = dates[static_cast<std::size_t>(remaining - 1)];
     else

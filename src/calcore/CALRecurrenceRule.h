@@ -231,9 +231,11 @@ class CALRecurrenceRule : public Object {
   using PeriodSpan = CALTimeRange (*)(std::int64_t index, const CALDate& start,
                                       const CALRecurrenceRule& rule);
   // The walk shared by the frequencies: periods from the start's, every
-  // `interval` periods, while they begin before the spans' last instant.
+  // `interval` periods, while they begin before or at the spans' last
+  // instant; with `strictEnd`, a period that begins exactly at that instant
+  // is left out too.
   CALTimeRangeList _walkPeriods(const CALTimeRangeList& spans, const CALDate& start,
-                                PeriodIndex indexOf, PeriodSpan spanOf) const;
+                                PeriodIndex indexOf, PeriodSpan spanOf, bool strictEnd = false) const;
   // The candidates of one period, sorted, without duplicates, through BYSETPOS.
   CALDateList _occurrencesInPeriod(const CALTimeRange& period, const CALDate& start) const;
   // Day arithmetic on local wall clocks, so that days stay whole across

@@ -125,6 +125,88 @@ TEST(RecurrenceRuleTest, DaysOutsideTheirPeriodYieldNothing) {
               ElementsAre("20060130T120000", "20060529T120000", "20060731T120000"));
 }
 
+TEST(RecurrenceRuleTest, MonthlyWalkStopsBeforeAMonthBeginningAtTheLastInstant) {
+  // The monthly walk keeps a month only when it begins strictly before the
+  // last instant: an until date at 00:00:00 on the 1st leaves that 1st out,
+  // where a daily rule keeps it.
+  const TimeZonePtr paris = TimeZone::timeZoneWithName("Europe/Paris");
+  auto parisDate = [&](int year, int month, int day, int second = 0) {
+    return CALDateTime::dateWithYear(year, month, day, 0, 0, second, paris);
+  };
+  const CALDateRef start = parisDate(2006, 1, 1);
+  const CALDateRef to = parisDate(2007, 1, 1);
+  auto monthlyUntil = [&](const CALDateRef& until) {
+    auto monthly = CALMonthlyRecurrence::rule();
+    monthly->setUntilDate(until.get());
+    return expand(*monthly, start, to);
+  };
+  EXPECT_THAT(monthlyUntil(parisDate(2006, 4, 1)),
+              ElementsAre("20060101T000000+0100", "20060201T000000+0100", "20060301T000000+0100"));
+  EXPECT_EQ(monthlyUntil(parisDate(2006, 4, 1, 1)).size(), 4u);
+  auto daily = CALDailyRecurrence::rule();
+  daily->setUntilDate(parisDate(2006, 1, 3).get());
+  EXPECT_THAT(expand(*daily, start, to),
+              ElementsAre("20060101T000000+0100", "20060102T000000+0100", "20060103T000000+0100"));
+
+  // All-day rules end the same way.
+  auto allDay = CALMonthlyRecurrence::rule();
+  allDay->setUntilDate(CALDateOnly::dateOnlyWithYear(2006, 3, 1).get());
+  EXPECT_THAT(iso(allDay->occurrencesOnTimeRange(range(start, to), *CALDateOnly::dateOnlyWithYear(2006, 1, 1))),
+              ElementsAre("20060101", "20060201"));
+
+  // A counted rule ends at its last occurrence, so the third one of a rule
+  // on the 1st at midnight is found but never produced.
+  auto counted = CALMonthlyRecurrence::rule();
+  counted->setCount(3);
+  EXPECT_THAT(expand(*counted, start, to), ElementsAre("20060101T000000+0100", "20060201T000000+0100"));
+  EXPECT_EQ(counted->cachedEndDateForRecurrenceStart(*start)->isoStringRepresentation(), "20060301T000000+0100");
+}
+
+TEST(RecurrenceRuleTest, CountedEndSearchLeavesOutTheLastSecondOfEachYear) {
+  // Each year is searched up to 23:59:59 on 31 December, end excluded: an
+  // occurrence at that second is not counted, and the rule runs one day on.
+  const TimeZonePtr gmt = TimeZone::timeZoneWithName("GMT");
+  const CALDateRef start = CALDateTime::dateWithYear(2006, 12, 30, 23, 59, 59, gmt);
+  auto rule = CALDailyRecurrence::rule();
+  rule->setCount(3);
+  EXPECT_THAT(expand(*rule, start, CALDateTime::dateWithYear(2007, 2, 1, 0, 0, 0, gmt)),
+              ElementsAre("20061230T235959+0000", "20061231T235959+0000", "20070101T235959+0000",
+                          "20070102T235959+0000"));
+}
+
+TEST(RecurrenceRuleTest, YearlyByDayWithoutByMonthStaysInTheStartsMonth) {
+  struct Case {
+    std::vector<CALWeekDayNumber> byDay;
+    CALDateRef start;
+    std::vector<std::string> expected;
+  };
+  const std::vector<Case> cases = {
+      // The 20th Monday of January does not exist: only the start remains.
+      {{{1, 20}}, floating(2006, 1, 2, 9), {"20060102T090000"}},
+      // The last Friday of March, not of the year.
+      {{{5, -1}}, floating(2006, 3, 31, 9), {"20060331T090000", "20070330T090000", "20080328T090000"}},
+      // Every Monday of March.
+      {{{1, 0}},
+       floating(2006, 3, 6, 9),
+       {"20060306T090000", "20060313T090000", "20060320T090000", "20060327T090000", "20070305T090000",
+        "20070312T090000", "20070319T090000", "20070326T090000", "20080303T090000", "20080310T090000",
+        "20080317T090000", "20080324T090000", "20080331T090000"}},
+  };
+  for (const Case& c : cases) {
+    auto rule = CALYearlyRecurrence::rule();
+    rule->setByDay(c.byDay);
+    EXPECT_THAT(expand(*rule, c.start, floating(2009, 1, 1)), ElementsAreArray(c.expected))
+        << c.start->isoStringRepresentation();
+  }
+  // The start's month is what the rule means when it names none.
+  auto withMonth = CALYearlyRecurrence::rule();
+  withMonth->setByMonth(std::vector{3}).setByDay(std::vector<CALWeekDayNumber>{{1, 0}});
+  auto withoutMonth = CALYearlyRecurrence::rule();
+  withoutMonth->setByDay(std::vector<CALWeekDayNumber>{{1, 0}});
+  EXPECT_TRUE(withoutMonth->isEqualToRule(*withMonth, floating(2006, 3, 6).get()));
+  EXPECT_FALSE(withoutMonth->isEqualToRule(*withMonth, floating(2006, 4, 3).get()));
+}
+
 TEST(RecurrenceRuleTest, YearDayZeroIsTheFirstDayOfTheNextYear) {
   auto rule = CALYearlyRecurrence::rule();
   rule->setByYearDay(std::vector{0, 1, -1});
