@@ -45,17 +45,16 @@ TEST(ArrayIteration, ConjunctionAndDisjunctionStopEarly) {
 }
 
 TEST(ArrayIteration, UnqueueRemovesTheTrueTail) {
-  Array array{1, 2, 3, 4};
-  EXPECT_FALSE(unqueueWhileTrue(array, above2));
-  EXPECT_EQ(array, (Array{1, 2}));
-
-  Array all{5, 6};
-  EXPECT_TRUE(unqueueWhileTrue(all, above2));
-  EXPECT_TRUE(all.empty());
-
-  Array none{5, 1};
-  EXPECT_FALSE(unqueueWhileTrue(none, above2));
-  EXPECT_EQ(none, (Array{5, 1}));
+  const struct {
+    Array array;
+    bool all;
+    Array left;
+  } cases[] = {{{1, 2, 3, 4}, false, {1, 2}}, {{5, 6}, true, {}}, {{5, 1}, false, {5, 1}}};
+  for (const auto& c : cases) {
+    Array array = c.array.copy();
+    EXPECT_EQ(unqueueWhileTrue(array, above2), c.all);
+    EXPECT_EQ(array, c.left);
+  }
 }
 
 TEST(DictionaryIteration, FindAndUnqueue) {
