@@ -115,8 +115,6 @@ TEST_F(MemoryClientTest, ValuesAndEnabledEntitiesSurviveARestart) {
   EXPECT_EQ(client->objectForKey("count"), Value(3));
   EXPECT_TRUE(client->objectForKey("removed").isNull());
   EXPECT_EQ(client->enabledEntityNames(), Array{kContactsContact});
-  EXPECT_EQ(client->clientIdentifier(), "client.id");
-  EXPECT_EQ(client->displayName(), "My Phone");
 }
 
 TEST_F(MemoryClientTest, CorruptStoreStartsEmptyAndIsReplaced) {
