@@ -41,7 +41,6 @@ TEST(ReferenceHostTest, RecordHolderTransformsACopyAndCarriesProperties) {
   holder.mutableDictionary().set("summary", "Dinner");
   EXPECT_EQ(holder.originalRecord().getString("summary"), "Lunch");
   EXPECT_EQ(holder.mutableDictionary().getString("summary"), "Dinner");
-  EXPECT_EQ(holder.masterIdentifier(), "master-1");
 
   holder.setBooleanProperty(true, "converted");
   holder.setProperty("Europe/Paris", "zone");
