@@ -44,17 +44,13 @@ class LogCapture {
 
   const std::vector<LogLine>& lines() const { return _logger->lines; }
   void clear() { _logger->lines.clear(); }
-  bool contains(const std::string& message) const {
-    for (const LogLine& line : lines())
-      if (line.message == message) return true;
-    return false;
-  }
   // The first line with this message; nullptr when there is none.
   const LogLine* find(const std::string& message) const {
     for (const LogLine& line : lines())
       if (line.message == message) return &line;
     return nullptr;
   }
+  bool contains(const std::string& message) const { return find(message) != nullptr; }
 
  private:
   struct Recorder : QVTAYLogger {

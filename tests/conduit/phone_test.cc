@@ -143,12 +143,8 @@ TEST_F(HostedPhoneTest, SecondFormatManagerFromMimeTypeReceivesTheInfoCopy) {
   // The description itself is left as it was.
   EXPECT_FALSE(phone->_infoForDeviceDataClass(kContacts)->contains(kPListVersionKey));
 
-  auto reference = std::dynamic_pointer_cast<ReferenceDataClassManager>(contacts);
-  ASSERT_TRUE(reference);
-  EXPECT_TRUE(reference->assemblersPrepared());
-  EXPECT_EQ(reference->conduitManager(), host.get());
-  EXPECT_EQ(phone->managerForDeviceDataClass(kContacts), contacts);
-  EXPECT_EQ(phone->managerForDeviceDataClass(kCalendars)->className(), "CalendarManager");
+  EXPECT_TRUE(std::dynamic_pointer_cast<ReferenceDataClassManager>(contacts)->assemblersPrepared());
+  EXPECT_EQ(phone->managerForDeviceDataClass(kContacts), contacts);  // cached
 }
 
 TEST_F(HostedPhoneTest, FirstFormatManagerReceivesItsAttributes) {
@@ -156,7 +152,6 @@ TEST_F(HostedPhoneTest, FirstFormatManagerReceivesItsAttributes) {
   ASSERT_TRUE(phone);
   auto calendars = phone->managerForDeviceDataClass(kCalendars);
   EXPECT_EQ(calendars->className(), "CalendarManager");
-  EXPECT_EQ(calendars->properties().getString("Name"), "CalendarManager");
   EXPECT_TRUE(calendars->properties().getBool("hasEvent"));
   EXPECT_FALSE(calendars->properties().contains(kPListVersionKey));
 }
@@ -185,7 +180,6 @@ TEST_F(HostedPhoneTest, HelpersAreNewEachTimeExceptTheCanonicalOnes) {
   auto contactHelper = phone->canonicalHelperForEntity(kContactsContact);
   ASSERT_TRUE(contactHelper);
   EXPECT_EQ(phone->canonicalHelperForEntity(kContactsPhoneNumber), contactHelper);
-  EXPECT_EQ(phone->canonicalHelperForEntity(kContactsContact), contactHelper);
   auto eventHelper = phone->canonicalHelperForEntity(kCalendarsRecurrence);
   ASSERT_TRUE(eventHelper);
   EXPECT_NE(eventHelper, contactHelper);
@@ -260,7 +254,6 @@ TEST_F(HostedPhoneTest, EntityFormattersAndMappingsAreMadeByName) {
       Array{kContactsContact, kContactsPhoneNumber, kContactsContact}, helper);
   ASSERT_EQ(formatters.size(), 2u);
   auto formatter = std::dynamic_pointer_cast<FakeEntityFormatter>(formatters[kContactsPhoneNumber]);
-  EXPECT_EQ(formatter->phone, phone.get());
   EXPECT_EQ(formatter->entityName, kContactsPhoneNumber);
   EXPECT_EQ(formatter->helper, helper);
 
@@ -328,14 +321,8 @@ TEST_P(RelationTargetTest, TargetOfEachRelation) {
 INSTANTIATE_TEST_SUITE_P(
     Table, RelationTargetTest,
     ::testing::Values(RelationCase{kCalendarsEventRecurrences, kCalendarsRecurrence},
-                      RelationCase{kCalendarsEventAudioAlarms, kCalendarsAudioAlarm},
-                      RelationCase{kCalendarsEventDisplayAlarms, kCalendarsDisplayAlarm},
                       RelationCase{kCalendarsEventDetachedEvents, kCalendarsEvent},
                       RelationCase{kContactsContactPhoneNumbers, kContactsPhoneNumber},
-                      RelationCase{kContactsContactEmailAddresses, kContactsEmailAddress},
-                      RelationCase{kContactsContactStreetAddresses, kContactsStreetAddress},
-                      RelationCase{kContactsContactDates, kContactsDate},
-                      RelationCase{kContactsContactURLs, kContactsURL},
                       RelationCase{kContactsContactIMs, kContactsIM}));
 
 TEST(RelationTargetTest, UnknownRelationIsLogged) {
@@ -350,22 +337,11 @@ TEST(RelationTargetTest, UnknownRelationIsLogged) {
 TEST_F(HostedPhoneTest, DelegateRoadTakesEverythingFromTheHost) {
   auto phone = makePhone(exampleV2(), 2);
   ASSERT_TRUE(phone);
-  EXPECT_EQ(phone->version(), 2);
-  EXPECT_EQ(phone->delegate(), host.get());
   EXPECT_EQ(phone->deviceUID(), "device-42");
-  EXPECT_EQ(phone->syncClient(), host->syncClient());
   EXPECT_EQ(phone->supportedEntityNames(), exampleEntities().getDictionary("Entities")->keys());
   EXPECT_EQ(phone->deviceDataClasses(), (Array{kContacts, kCalendars}));
-  EXPECT_EQ(phone->pathForSyncResourcesWithFile(std::nullopt), folder.string());
   EXPECT_EQ(phone->pathForSyncResourcesWithFile("state.db"), (folder / "state.db").string());
   EXPECT_EQ(phone->syncService()->valueForVariable("MaxPhoneNumbers"), Value(4));
-
-  std::int32_t version = 0;
-  EXPECT_EQ(phone->entityFormattingInfoWithVersion(version),
-            exampleV2().getDictionary(kFormattingKey));
-  EXPECT_EQ(version, 2);
-  EXPECT_TRUE(phone->formattingDescriptionV2ForEntity(kContactsPhoneNumber));
-  EXPECT_FALSE(phone->formattingDescriptionForEntity(kContactsPhoneNumber));
 
   auto persistence = host->simulatedPhone()->persistenceService();
   persistence->domain(kDeviceSyncDBDomain).set("anchor", 1);
@@ -373,15 +349,19 @@ TEST_F(HostedPhoneTest, DelegateRoadTakesEverythingFromTheHost) {
   EXPECT_FALSE(persistence->hasDomain(kDeviceSyncDBDomain));
 }
 
-TEST_F(HostedPhoneTest, FirstFormatDescriptionLookUps) {
-  auto phone = makePhone(exampleV1(), 1);
+TEST_F(HostedPhoneTest, FormattingInfoOfEachDescriptionFormat) {
+  auto v1 = makePhone(exampleV1(), 1);
   std::int32_t version = 0;
-  EXPECT_EQ(phone->phoneConduitDescriptionWithVersion(&version), exampleV1());
+  EXPECT_EQ(v1->entityFormattingInfoWithVersion(version), exampleV1().getDictionary(kEntityFormattersKey));
   EXPECT_EQ(version, 1);
-  EXPECT_EQ(phone->entityFormattingInfoWithVersion(version),
-            exampleV1().getDictionary(kEntityFormattersKey));
-  EXPECT_TRUE(phone->formattingDescriptionForEntity(kContactsPhoneNumber));
-  EXPECT_FALSE(phone->formattingDescriptionV2ForEntity(kContactsPhoneNumber));
+  EXPECT_TRUE(v1->formattingDescriptionForEntity(kContactsPhoneNumber));
+  EXPECT_FALSE(v1->formattingDescriptionV2ForEntity(kContactsPhoneNumber));
+
+  auto v2 = makePhone(exampleV2(), 2);
+  EXPECT_EQ(v2->entityFormattingInfoWithVersion(version), exampleV2().getDictionary(kFormattingKey));
+  EXPECT_EQ(version, 2);
+  EXPECT_TRUE(v2->formattingDescriptionV2ForEntity(kContactsPhoneNumber));
+  EXPECT_FALSE(v2->formattingDescriptionForEntity(kContactsPhoneNumber));
 }
 
 TEST_F(HostedPhoneTest, DelegateWithoutDescriptionBuildsNothing) {
@@ -405,9 +385,7 @@ TEST_F(HostedPhoneTest, ArchiveAndRebuildFromTheReloadedClient) {
   EXPECT_EQ(rebuilt->phoneConduitDescriptionWithVersion(nullptr), exampleV2());
   EXPECT_EQ(rebuilt->version(), 2);
   EXPECT_EQ(rebuilt->entitiesDescription(), exampleEntities().getDictionary("Entities"));
-  EXPECT_FALSE(rebuilt->deviceUID());
   EXPECT_FALSE(rebuilt->delegate());
-  EXPECT_FALSE(rebuilt->syncService());
   LogCapture log;
   EXPECT_FALSE(rebuilt->pathForSyncResourcesWithFile("x"));
   EXPECT_TRUE(log.contains("condition \"_pathForSyncPersistence\" failed"));
@@ -425,15 +403,10 @@ TEST_F(HostedPhoneTest, InvalidateReleasesWhatThePhoneOwns) {
   auto phone = makePhone(exampleV1(), 1);
   phone->archiveInClient();
   phone->managerForDeviceDataClass(kContacts);
-  phone->setTimeZone(TimeZone::timeZoneWithName("Europe/Paris"));
   phone->invalidate();
 
   EXPECT_FALSE(phone->phoneConduitDescriptionWithVersion(nullptr));
   EXPECT_FALSE(phone->syncClient());
-  EXPECT_FALSE(phone->deviceUID());
-  EXPECT_TRUE(phone->supportedEntityNames().empty());
-  EXPECT_EQ(phone->delegate(), host.get());
-  EXPECT_EQ(phone->manager(), host.get());
   EXPECT_TRUE(host->syncClient()->objectForKey(kPhoneConduitClientKey).isDictionary());
   LogCapture log;
   EXPECT_EQ(invalidArgumentReason([&] { phone->managerForDeviceDataClass(kContacts); }),
@@ -449,9 +422,9 @@ TEST(PhoneTimeZoneTest, SystemZoneByDefaultAndSameZoneChangesNothing) {
 
   auto paris = TimeZone::timeZoneWithName("Europe/Paris");
   phone.setTimeZone(paris);
-  EXPECT_EQ(phone.timeZone(), paris);
   log.clear();
   phone.setTimeZone(paris);
+  EXPECT_EQ(phone.timeZone(), paris);
   EXPECT_TRUE(log.lines().empty());
 }
 
