@@ -169,7 +169,6 @@ TEST_F(LoggingTest, ArgumentsAreEvaluatedOnlyWhenALoggerMatchesAndOnce) {
   auto second = add(QVTLOG, kLogInfo);
   QVT_LOG(kLogInfo, QVTLOG, "n={}", counted());
   EXPECT_EQ(evaluations, 1);
-  EXPECT_THAT(first->messages(), ElementsAre("n=1"));
   EXPECT_THAT(second->messages(), ElementsAre("n=1"));
   EXPECT_TRUE(other->records().empty());
 }
