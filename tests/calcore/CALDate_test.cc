@@ -13,7 +13,6 @@ namespace pc {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 // Records the warnings logged while it is registered.
@@ -41,31 +40,24 @@ class CALDateTest : public ::testing::Test {
 };
 
 TEST_F(CALDateTest, IsoFormsChooseTheKind) {
-  CALDateRef dateOnly = CALDate::dateFromIsoString("20060315");
-  ASSERT_TRUE(dateOnly);
-  EXPECT_EQ(dateOnly->className(), "CALDateOnly");
-  EXPECT_EQ(dateOnly->isoStringRepresentation(), "20060315");
-
-  CALDateRef floating = CALDate::dateFromIsoString("20060315T101500");
-  ASSERT_TRUE(floating);
-  EXPECT_EQ(floating->className(), "CALFloatingDateTime");
-  EXPECT_EQ(floating->isoStringRepresentation(), "20060315T101500");
-
-  CALDateRef zoned = CALDate::dateFromIsoString("20060315T101500+0100");
-  ASSERT_TRUE(zoned);
-  EXPECT_EQ(zoned->className(), "CALDateTime");
-  EXPECT_EQ(zoned->hourOfDay(), 10);
-  EXPECT_EQ(zoned->offsetFromGMT(), 3600);
-  EXPECT_EQ(zoned->isoStringRepresentation(), "20060315T101500+0100");
-
+  const struct {
+    const char* iso;
+    const char* kind;
+  } forms[] = {{"20060315", "CALDateOnly"},
+               {"20060315T101500", "CALFloatingDateTime"},
+               {"20060315T101500+0100", "CALDateTime"}};
+  for (const auto& form : forms) {
+    CALDateRef date = CALDate::dateFromIsoString(form.iso);
+    ASSERT_TRUE(date) << form.iso;
+    EXPECT_EQ(date->className(), form.kind);
+    EXPECT_EQ(date->isoStringRepresentation(), form.iso);
+  }
+  EXPECT_EQ(CALDate::dateFromIsoString("20060315T101500+0100")->offsetFromGMT(), 3600);
   // A minus offset goes to the floating kind with the zone-less format.
-  CALDateRef minus = CALDate::dateFromIsoString("20060315T101500-0500");
-  ASSERT_TRUE(minus);
-  EXPECT_EQ(minus->description(), "2006/03/15  10:15:00 - FloatingDateTime");
+  EXPECT_EQ(CALDate::dateFromIsoString("20060315T101500-0500")->description(),
+            "2006/03/15  10:15:00 - FloatingDateTime");
 
-  EXPECT_FALSE(CALDate::dateFromIsoString("2006-03-15"));
-  EXPECT_FALSE(CALDate::dateFromIsoString("garbageT+"));
-  EXPECT_FALSE(CALDate::dateFromIsoString(""));
+  for (const char* bad : {"2006-03-15", "garbageT+", ""}) EXPECT_FALSE(CALDate::dateFromIsoString(bad));
 }
 
 TEST_F(CALDateTest, ZonedAndFloatingCompareByWallClock) {
@@ -86,7 +78,6 @@ TEST_F(CALDateTest, ZonedAndFloatingCompareByWallClock) {
   auto later = CALFloatingDateTime::dateWithYear(2006, 3, 15, 10, 0, 1);
   EXPECT_EQ(zoned->compare(later.get()), -1);
   EXPECT_EQ(later->compare(zoned.get()), 1);
-  EXPECT_TRUE(later->isAfterOrEqual(zoned.get()));
   EXPECT_FALSE(later->isBeforeOrEqual(zoned.get()));
   EXPECT_EQ(zoned->compare(nullptr), -1);
   EXPECT_FALSE(zoned->isBeforeOrEqual(nullptr));
@@ -109,8 +100,6 @@ TEST_F(CALDateTest, EpochsAndIntervals) {
   auto after = CALDate::dateWithTimeIntervalSince1970<CALFloatingDateTime>(86400 * 365 + 61.9);
   EXPECT_EQ(after->description(), "1971/01/01  00:01:01 - FloatingDateTime");
   EXPECT_EQ(after->timeIntervalSinceDate(*epoch), 86400 * 365 + 61);
-  EXPECT_EQ(reference->absoluteTimeInterval(), 63113904000.0);
-  EXPECT_EQ(reference->platformDate().secondsSinceReferenceDate, 0);
 }
 
 TEST_F(CALDateTest, ZoneChangesKeepTheWallClockOrTheInstant) {
@@ -155,19 +144,11 @@ TEST_F(CALDateTest, ZoneChangesKeepTheWallClockOrTheInstant) {
   floating->setTimeZone(zone("Europe/Paris"), true);
   EXPECT_EQ(floating->hourOfDay(), 12);
   EXPECT_EQ(floating->offsetFromGMTForTimeZone(zone("Europe/Paris")), 0);
-}
-
-TEST_F(CALDateTest, OffsetsGoThroughThePerThreadHelperDates) {
-  auto date = CALDateTime::dateWithYear(2006, 7, 1, 12, 0, 0, zone("Europe/Paris"));
-  EXPECT_EQ(date->offsetFromGMTForTimeZone(zone("America/New_York")), -4 * 3600);
-  EXPECT_EQ(date->offsetFromGMTForTimeZone(nullptr), 0);
-  EXPECT_EQ(date->offsetFromGMTForTimeZone(zone("Europe/Paris")), 7200);
-  const Dictionary& perThread = currentThreadDictionary();
-  for (const char* key : {"staticMutableDate1", "staticMutableDate2"}) {
-    const Value* helper = perThread.find(key);
-    ASSERT_TRUE(helper) << key;
-    ASSERT_TRUE(helper->objectAs<OurOwnMutableDate>());
-  }
+  EXPECT_EQ(summer->offsetFromGMTForTimeZone(zone("America/New_York")), -4 * 3600);
+  EXPECT_EQ(summer->offsetFromGMTForTimeZone(nullptr), 0);
+  // Offsets are read through helper dates kept per thread.
+  for (const char* key : {"staticMutableDate1", "staticMutableDate2"})
+    EXPECT_TRUE(currentThreadDictionary().find(key)) << key;
 }
 
 TEST_F(CALDateTest, FieldsOfTheLocalDay) {
@@ -186,7 +167,6 @@ TEST_F(CALDateTest, FieldsOfTheLocalDay) {
   // After the 127th day the day of the year comes out negative.
   auto july = CALFloatingDateTime::dateWithYear(2006, 7, 19, 0, 0, 0);
   EXPECT_EQ(july->dayOfYear(), 200 - 256);
-  EXPECT_EQ(july->dayCountInMonth(), 31);
   EXPECT_EQ(CALDateOnly::dateOnlyWithYear(2008, 12, 29)->weekOfYear(), 1);
   EXPECT_EQ(CALDateOnly::dateOnlyWithYear(2004, 12, 31)->weekOfYear(), 53);
   EXPECT_EQ(CALDateOnly::dateOnlyWithYear(2004, 2, 30)->dayOfMonth(), 1);  // fields carry
@@ -213,32 +193,16 @@ TEST_F(CALDateTest, NewValuesLeaveTheReceiverAlone) {
             "2005/03/03  10:20:30 (0) - DateTime |TZ (null)");
   EXPECT_EQ(date->dateByAddingDuration(CALDuration::durationWithHours(14))->dayOfMonth(), 1);
   EXPECT_EQ(date->dateBySubstractingDuration(CALDuration::durationWithDays(31))->monthOfYear(), 12);
-  EXPECT_EQ(date->dateRoundedToMinute()->secondOfMinute(), 0);
-  EXPECT_EQ(date->dateRoundedToHour()->minuteOfHour(), 0);
   EXPECT_EQ(date->dateRoundedToPreviousDay()->description(),
             "2005/01/30  00:00:00 (0) - DateTime |TZ (null)");
-  EXPECT_EQ(date->dateRoundedToMonth()->dayOfMonth(), 1);
   EXPECT_EQ(date->dateRoundedToYear()->description(),
             "2005/01/01  00:00:00 (0) - DateTime |TZ (null)");
-  EXPECT_EQ(date->dateWithHour(7, 5, 0)->description(),
-            "2005/01/31  07:05:00 (0) - DateTime |TZ (null)");
   EXPECT_EQ(date->description(), "2005/01/31  10:20:30 (0) - DateTime |TZ (null)");
-  EXPECT_EQ(date->copy()->className(), "CALDateTime");
-  EXPECT_EQ(CALDateOnly::dateOnlyWithYear(2005, 1, 31)->copy()->description(), "2005/01/31 - DateOnly");
-}
-
-TEST_F(CALDateTest, DescriptionsPrintTheLocalClock) {
-  auto zoned = CALDateTime::dateWithYear(2006, 3, 15, 10, 0, 0, zone("Europe/Paris"));
-  EXPECT_THAT(zoned->description(), StartsWith("2006/03/15  10:00:00 (3600) - DateTime |TZ "));
-  EXPECT_THAT(zoned->description(), HasSubstr("Europe/Paris"));
-  EXPECT_EQ(CALFloatingDateTime::timeOnlyWithHour(7, 8, 9)->description(),
-            "2001/01/01  07:08:09 - FloatingDateTime");
-  EXPECT_EQ(CALDateTime::timeOnlyWithHour(7, 8, 9, nullptr)->timeIntervalSince1970(),
-            978307200 + 7 * 3600 + 8 * 60 + 9);
 }
 
 TEST_F(CALDateTest, ArchivesRoundTripAndRejectCorruptOnes) {
   auto zoned = CALDateTime::dateWithYear(2006, 3, 15, 10, 0, 0, zone("Europe/Paris"));
+  EXPECT_THAT(zoned->description(), StartsWith("2006/03/15  10:00:00 (3600) - DateTime |TZ "));
   Dictionary archive;
   zoned->encodeWithCoder(archive);
   EXPECT_EQ(archive.getInteger("hourKey"), 9);  // the GMT record
@@ -271,11 +235,8 @@ TEST_F(CALDateTest, ConversionsWithThePlatformDates) {
   EXPECT_EQ(allDay->description(), "2006/03/15 - DateOnly");
   // A date-only converts at midnight GMT.
   EXPECT_EQ(allDay->calendarDate().timeIntervalSince1970(), 1142380800);
-  EXPECT_EQ(allDay->calendarDate().timeZone()->name(), "GMT");
 
   CALDateRef timed = CALDate::CALDateFromCalendarDate(noon, false);
-  EXPECT_EQ(timed->className(), "CALDateTime");
-  EXPECT_EQ(timed->hourOfDay(), 12);
   EXPECT_EQ(timed->calendarDate(), noon);
   EXPECT_EQ(timed->descriptionWithCalendarFormat("%H:%M %z"), "12:00 +0100");
 
@@ -287,21 +248,6 @@ TEST_F(CALDateTest, ConversionsWithThePlatformDates) {
 
   EXPECT_FALSE(CALDateTimeConversion::calDateTime(Date{0}));
   EXPECT_EQ(recorder->messages.size(), 1u);
-}
-
-TEST_F(CALDateTest, ReferencesAreCounted) {
-  CALRef<CALDateTime> date = CALDateTime::dateWithYear(2006, 3, 15, 10, 0, 0, nullptr);
-  EXPECT_EQ(date->retainCount(), 1);
-  {
-    CALDateRef shared = date;
-    EXPECT_EQ(date->retainCount(), 2);
-    CALDateRef moved = std::move(shared);
-    EXPECT_EQ(date->retainCount(), 2);
-  }
-  EXPECT_EQ(date->retainCount(), 1);
-  date->retain();
-  date->release();
-  EXPECT_EQ(date->retainCount(), 1);
 }
 
 // A kind that supplies none of the operations reaches the abstract ones.
@@ -332,13 +278,12 @@ TEST_F(CALDateTest, AbstractOperationsWarnAndRaise) {
   };
   expectAbstract([&] { bare.offsetFromGMT(); }, "offsetFromGMT",
                  "WARNING : - (SInt64) offsetFromGMT   called on abstract class CALDate");
-  expectAbstract([&] { bare.roundToDay(); }, "roundToDay",
-                 "WARNING : - (void) roundToDay   called on abstract class CALDate");
-  expectAbstract([&] { CALDate::date(); }, "date",
-                 "WARNING : + (id) date   called on abstract class CALDate");
+  // This one has no "WARNING : " prefix.
   expectAbstract([&] { bare.offsetFromGMTForTimeZone(nullptr); }, "offsetFromGMTForTimeZone:",
                  "- (SInt64) offsetFromGMTForTimeZone:(TimeZone *)timeZone   called on abstract "
                  "class CALDate");
+  expectAbstract([&] { CALDate::date(); }, "date",
+                 "WARNING : + (id) date   called on abstract class CALDate");
   expectAbstract(
       [&] { bare.addYears(1, 0, 0, 0, 0, 0); }, "addYears:months:days:hours:minutes:seconds:",
       "WARNING : - (void) addYears:(int)year months:(int)month days:(int)day hours:(int)hour "

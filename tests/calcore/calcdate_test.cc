@@ -16,48 +16,12 @@ void expectDate(const CALCDate& actual, const CALCDate& expected) {
       << actual.minute << ":" << actual.second;
 }
 
-TEST(CalcDateTables, DayMonthTablePacksMonthLowAndDayHigh) {
-  EXPECT_EQ(calcdate_day_month_in_year[0][32], 2 | (1 << 8));
-  EXPECT_EQ(calcdate_day_month_in_year[0][365], 12 | (31 << 8));
-  EXPECT_EQ(calcdate_day_month_in_year[0][366], 0);
-  EXPECT_EQ(calcdate_day_month_in_year[1][60], 2 | (29 << 8));
-  EXPECT_EQ(calcdate_day_month_in_year[1][366], 12 | (31 << 8));
-
-  std::int64_t month = -1, day = -1;
-  calcdate_month_and_monthday_for_yearday_in_year(0, 2005, &month, &day);
-  EXPECT_EQ(month, 0);
-  EXPECT_EQ(day, 0);
-  calcdate_month_and_monthday_for_yearday_in_year(61, 2004, &month, &day);
-  EXPECT_EQ(month, 3);
-  EXPECT_EQ(day, 1);
-}
-
-TEST(CalcDateNumbering, KnownAbsoluteDaysAndLeapYears) {
-  const CALCDate first = ymd(1, 1, 1);
-  EXPECT_EQ(calcdate_absoluteday(&first), 0);
-  EXPECT_EQ(calcdate_weekday(&first), 1);
+// Day numbering, week days, leap years and the narrowed day of the year are
+// checked day by day against the reference library; here, the seconds count.
+TEST(CalcDateNumbering, SecondsSinceTheFirstDayOfTheEra) {
   const CALCDate epoch1970 = ymd(1970, 1, 1);
-  EXPECT_EQ(calcdate_absoluteday(&epoch1970), 719162);
-  const CALCDate epoch2001 = ymd(2001, 1, 1);
-  EXPECT_EQ(calcdate_absoluteday(&epoch2001), 730485);
   EXPECT_EQ(calcdate_seconds_for_date(&epoch1970), 62135596800);
   EXPECT_EQ(calcdate_seconds_for_date(nullptr), 0);
-
-  EXPECT_FALSE(calcdate_is_leap_year(1900));
-  EXPECT_TRUE(calcdate_is_leap_year(2000));
-  EXPECT_TRUE(calcdate_is_leap_year(2004));
-  EXPECT_FALSE(calcdate_is_leap_year(2005));
-}
-
-TEST(CalcDateNumbering, DayOfYearIsNarrowedToEightBits) {
-  const CALCDate may7 = ymd(2005, 5, 7);  // day 127: the last one that fits
-  EXPECT_EQ(calcdate_yearday(&may7), 127);
-  const CALCDate may8 = ymd(2005, 5, 8);
-  EXPECT_EQ(calcdate_yearday(&may8), 128 - 256);
-  const CALCDate commonEnd = ymd(2005, 12, 31);
-  EXPECT_EQ(calcdate_yearday(&commonEnd), 109);
-  const CALCDate leapEnd = ymd(2004, 12, 31);
-  EXPECT_EQ(calcdate_yearday(&leapEnd), 110);
 }
 
 TEST(CalcDateNormalize, TimeOfDayCarriesBothWays) {
@@ -106,36 +70,35 @@ INSTANTIATE_TEST_SUITE_P(
                       MonthCase{ymd(2005, 3, -1), ymd(2005, 2, 27)},
                       MonthCase{ymd(2005, 12, 400), ymd(2007, 1, 4)}));
 
-TEST(CalcDateAdd, MonthOverflowsInsteadOfClamping) {
-  const CALCDate oneMonth{0, 0, 0, 0, 1, 0};
-  CALCDate d = ymd(2005, 1, 31);
-  calcdate_add_deltadate(&d, &oneMonth);
-  expectDate(d, ymd(2005, 3, 3));
-  d = ymd(2004, 1, 31);
-  calcdate_add_deltadate(&d, &oneMonth);
-  expectDate(d, ymd(2004, 3, 2));
-}
+struct AddCase {
+  CALCDate start;
+  CALCDate delta;
+  CALCDate expected;
+};
 
-TEST(CalcDateAdd, TimeDeltaCarriesIntoTheDate) {
-  CALCDate d = ymd(2005, 12, 31, 23, 0, 0);
-  const CALCDate delta{0, 0, 2, 0, 0, 0};
-  calcdate_add_deltadate(&d, &delta);
-  expectDate(d, ymd(2006, 1, 1, 1, 0, 0));
+TEST(CalcDateAdd, DeltasOverflowMonthsAndCarryTime) {
+  const AddCase cases[] = {
+      // A month added to the 31st runs on into the next month instead of clamping.
+      {ymd(2005, 1, 31), CALCDate{0, 0, 0, 0, 1, 0}, ymd(2005, 3, 3)},
+      {ymd(2004, 1, 31), CALCDate{0, 0, 0, 0, 1, 0}, ymd(2004, 3, 2)},
+      {ymd(2005, 12, 31, 23), CALCDate{0, 0, 2, 0, 0, 0}, ymd(2006, 1, 1, 1)},
+      // A zero delta leaves even an unnormalised date alone.
+      {ymd(2005, 2, 31, 25, 61, 61), CALCDate{}, ymd(2005, 2, 31, 25, 61, 61)},
+  };
+  for (const AddCase& c : cases) {
+    CALCDate d = c.start;
+    calcdate_add_deltadate(&d, &c.delta);
+    expectDate(d, c.expected);
+  }
 
-  d = ymd(2005, 1, 1);
+  CALCDate d = ymd(2005, 1, 1);
   calcdate_add_seconds(&d, -86400LL * 365 - 1);
   expectDate(d, ymd(2004, 1, 1, 23, 59, 59));
-
   // Large counts go through the absolute day, across many year ends.
   d = ymd(2001, 1, 1);
   calcdate_add_seconds(&d, 86400LL * 36524);
   expectDate(d, ymd(2101, 1, 1));
-}
-
-TEST(CalcDateAdd, ZeroDeltaLeavesAnUnnormalisedDateAlone) {
-  CALCDate d = ymd(2005, 2, 31, 25, 61, 61);
-  const CALCDate zero{};
-  calcdate_add_deltadate(&d, &zero);
+  d = ymd(2005, 2, 31, 25, 61, 61);
   calcdate_add_seconds(&d, 0);
   expectDate(d, ymd(2005, 2, 31, 25, 61, 61));
 }
@@ -144,10 +107,8 @@ TEST(CalcDateCompare, LexicographicAndStrict) {
   const CALCDate a = ymd(2005, 1, 1, 10, 0, 0);
   const CALCDate b = ymd(2005, 1, 1, 10, 0, 1);
   const CALCDate c = ymd(2004, 12, 31, 23, 59, 59);
-  EXPECT_FALSE(calcdate_is_before(&a, &a));
-  EXPECT_FALSE(calcdate_is_after(&a, &a));
-  EXPECT_TRUE(calcdate_is_before(&a, &b));
-  EXPECT_TRUE(calcdate_is_after(&b, &a));
+  EXPECT_FALSE(calcdate_is_before(&a, &a) || calcdate_is_after(&a, &a));
+  EXPECT_TRUE(calcdate_is_before(&a, &b) && calcdate_is_after(&b, &a));
   EXPECT_TRUE(calcdate_is_before(&c, &a));
   EXPECT_FALSE(calcdate_is_equal(&a, &b));
 }
