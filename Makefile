@@ -7,6 +7,9 @@ JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CTEST_ARGS ?= --output-on-failure
 PROGRAM     = $(BUILD)/tools/phoneconduit
 
+# The build tool make runs below needs no "Entering directory" lines.
+MAKEFLAGS  += --no-print-directory
+
 .PHONY: all deps configure build test demo bench test-sanitize clean
 
 all: build
