@@ -1,5 +1,5 @@
 #pragma once
-// Collects the messages logged while it lives, at every level and domain.
+// Collects what is logged while it lives, at every level and domain.
 
 #include <memory>
 #include <string>
@@ -9,6 +9,12 @@
 
 namespace pc::test {
 
+struct LogLine {
+  std::string type;
+  int level;
+  std::string message;
+};
+
 class LogCapture {
  public:
   LogCapture() { QVTAYLogger::addLogger(_logger, std::nullopt, kAllLevels); }
@@ -16,19 +22,32 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  const std::vector<std::string>& messages() const { return _logger->messages; }
+  const std::vector<LogLine>& lines() const { return _logger->lines; }
+  std::vector<std::string> messages() const {
+    std::vector<std::string> texts;
+    for (const LogLine& line : lines()) texts.push_back(line.message);
+    return texts;
+  }
+  // The first line with this message; nullptr when there is none.
+  const LogLine* find(const std::string& message) const {
+    for (const LogLine& line : lines())
+      if (line.message == message) return &line;
+    return nullptr;
+  }
+  bool contains(const std::string& message) const { return find(message) != nullptr; }
+  void clear() { _logger->lines.clear(); }
 
  private:
   static constexpr int kAllLevels = kLogError | kLogWarning | kLogImportant | kLogInfo;
 
   struct Logger : QVTAYLogger {
     std::string className() const override { return "LogCaptureLogger"; }
-    void dumpLogInFile(const char*, const char*, unsigned, const std::string&, int,
+    void dumpLogInFile(const char*, const char*, unsigned, const std::string& type, int level,
                        const std::string& message) override {
-      messages.push_back(message);
+      lines.push_back({type, level, message});
     }
     std::optional<URL> urlToFile() const override { return std::nullopt; }
-    std::vector<std::string> messages;
+    std::vector<LogLine> lines;
   };
   std::shared_ptr<Logger> _logger = std::make_shared<Logger>();
 };
