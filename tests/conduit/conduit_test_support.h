@@ -1,18 +1,17 @@
 #pragma once
-// Shared by the conduit tests: a temporary folder, a logger that records what
-// is logged, and stand-ins for the classes the phone creates by name when the
-// real ones are not part of the build.
+// Shared by the conduit tests: a temporary folder, the log capture, and
+// stand-ins for the classes the phone creates by name when the real ones are
+// not part of the build.
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <string>
-#include <vector>
 
-#include "async/AYLogger.h"
 #include "conduit/ConduitProtocols.h"
 #include "platform/Registry.h"
+#include "util/LogCapture.h"
 
 namespace pc::testing {
 
@@ -26,43 +25,8 @@ inline std::filesystem::path makeTemporaryFolder() {
   return pattern;
 }
 
-struct LogLine {
-  std::string type;
-  int level;
-  std::string message;
-};
-
-// Records every message of every level while it is alive.
-class LogCapture {
- public:
-  LogCapture() : _logger(std::make_shared<Recorder>()) {
-    QVTAYLogger::addLogger(_logger, std::nullopt, 15);
-  }
-  ~LogCapture() { QVTAYLogger::removeLogger(_logger, std::nullopt, 15); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  const std::vector<LogLine>& lines() const { return _logger->lines; }
-  void clear() { _logger->lines.clear(); }
-  // The first line with this message; nullptr when there is none.
-  const LogLine* find(const std::string& message) const {
-    for (const LogLine& line : lines())
-      if (line.message == message) return &line;
-    return nullptr;
-  }
-  bool contains(const std::string& message) const { return find(message) != nullptr; }
-
- private:
-  struct Recorder : QVTAYLogger {
-    void dumpLogInFile(const char*, const char*, unsigned, const std::string& type, int level,
-                       const std::string& message) override {
-      lines.push_back({type, level, message});
-    }
-    std::optional<URL> urlToFile() const override { return std::nullopt; }
-    std::vector<LogLine> lines;
-  };
-  std::shared_ptr<Recorder> _logger;
-};
+using test::LogCapture;
+using test::LogLine;
 
 // A data-class helper that keeps its properties and claims fixed entities.
 class FakeHelper : public Object, public QVTSyncRecordTransformer, public EntityFormatterDelegate {
