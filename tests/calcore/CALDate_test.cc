@@ -1,13 +1,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "async/AYLogger.h"
 #include "calcore/CALDateOnly.h"
 #include "calcore/CALDateTime.h"
 #include "calcore/CALDuration.h"
 #include "calcore/CALFloatingDateTime.h"
 #include "platform/Exception.h"
 #include "platform/ThreadDictionary.h"
+#include "util/LogCapture.h"
 
 namespace pc {
 namespace {
@@ -15,28 +15,11 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::StartsWith;
 
-// Records the warnings logged while it is registered.
-class WarningRecorder : public QVTAYLogger {
- public:
-  std::string className() const override { return "WarningRecorder"; }
-  void dumpLogInFile(const char*, const char*, unsigned, const std::string&, int,
-                     const std::string& message) override {
-    messages.push_back(message);
-  }
-  std::optional<URL> urlToFile() const override { return std::nullopt; }
-  std::vector<std::string> messages;
-};
-
 class CALDateTest : public ::testing::Test {
  protected:
-  void SetUp() override { QVTAYLogger::addLogger(recorder, std::nullopt, kLogWarning | kLogError); }
-  void TearDown() override {
-    QVTAYLogger::removeLogger(recorder, std::nullopt, kLogWarning | kLogError);
-  }
-
   static TimeZonePtr zone(const char* name) { return TimeZone::timeZoneWithName(name); }
 
-  std::shared_ptr<WarningRecorder> recorder = std::make_shared<WarningRecorder>();
+  test::LogCapture log;
 };
 
 TEST_F(CALDateTest, IsoFormsChooseTheKind) {
@@ -68,7 +51,7 @@ TEST_F(CALDateTest, ZonedAndFloatingCompareByWallClock) {
   EXPECT_EQ(floating->compare(zoned.get()), 0);
   EXPECT_TRUE(zoned->isEqualToDate(floating.get()));
   EXPECT_FALSE(zoned->isEqual(floating.get()));
-  EXPECT_THAT(recorder->messages, ElementsAre("WARNING : isEqual ran on two dates of different type"));
+  EXPECT_THAT(log.messages(), ElementsAre("WARNING : isEqual ran on two dates of different type"));
 
   // Two zoned dates compare instants, whatever their zones.
   auto sameInstant = CALDateTime::dateWithYear(2006, 3, 15, 4, 0, 0, zone("America/New_York"));
@@ -226,7 +209,7 @@ TEST_F(CALDateTest, ArchivesRoundTripAndRejectCorruptOnes) {
   auto gmt = CALDate::dateWithCoder<CALDateTime>(unknownZone);
   ASSERT_TRUE(gmt);
   EXPECT_EQ(gmt->offsetFromGMT(), 0);
-  EXPECT_EQ(recorder->messages.size(), 4u);
+  EXPECT_EQ(log.messages().size(), 4u);
 }
 
 TEST_F(CALDateTest, ConversionsWithThePlatformDates) {
@@ -247,7 +230,7 @@ TEST_F(CALDateTest, ConversionsWithThePlatformDates) {
             "CALDateOnly");
 
   EXPECT_FALSE(CALDateTimeConversion::calDateTime(Date{0}));
-  EXPECT_EQ(recorder->messages.size(), 1u);
+  EXPECT_EQ(log.messages().size(), 1u);
 }
 
 // A kind that supplies none of the operations reaches the abstract ones.
@@ -266,7 +249,7 @@ TEST_F(CALDateTest, AbstractOperationsWarnAndRaise) {
   BareDate bare;
   const auto expectAbstract = [&](auto operation, const std::string& selector,
                                   const std::string& warning) {
-    recorder->messages.clear();
+    log.clear();
     try {
       operation();
       ADD_FAILURE() << selector << " did not raise";
@@ -274,7 +257,7 @@ TEST_F(CALDateTest, AbstractOperationsWarnAndRaise) {
       EXPECT_EQ(e.name(), kNotImplementedInSubClass);
       EXPECT_EQ(e.reason(), selector + " method called on abstract class");
     }
-    EXPECT_THAT(recorder->messages, ElementsAre(warning));
+    EXPECT_THAT(log.messages(), ElementsAre(warning));
   };
   expectAbstract([&] { bare.offsetFromGMT(); }, "offsetFromGMT",
                  "WARNING : - (SInt64) offsetFromGMT   called on abstract class CALDate");
@@ -289,9 +272,9 @@ TEST_F(CALDateTest, AbstractOperationsWarnAndRaise) {
       "WARNING : - (void) addYears:(int)year months:(int)month days:(int)day hours:(int)hour "
       "minutes:(int)minute seconds:(long long)second   called on abstract class CALDate");
 
-  recorder->messages.clear();
+  log.clear();
   EXPECT_EQ(bare.description(), "_____ abstract date class ______");
-  EXPECT_EQ(recorder->messages.size(), 1u);
+  EXPECT_EQ(log.messages().size(), 1u);
 }
 
 }  // namespace
