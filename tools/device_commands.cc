@@ -41,7 +41,8 @@ struct DescribeOptions {
 
 void describe(const DescribeOptions& options) {
   const Dictionary description = readDictionary(options.devicePath);
-  if (!description.getDictionary(kSyncDataClassesKey)) {
+  const std::optional<Dictionary> dataClasses = description.getDictionary(kSyncDataClassesKey);
+  if (!dataClasses) {
     throw CommandError(options.devicePath + ": not a device description (no \"" +
                        kSyncDataClassesKey + "\" dictionary)");
   }
@@ -60,7 +61,7 @@ void describe(const DescribeOptions& options) {
       std::make_shared<SimulatedPhone>("described-device"), client);
   host->setPhoneConduitDescription(description, version);
   host->setSyncEnginePlist(entities);
-  for (const auto& [dataClass, info] : *description.getDictionary(kSyncDataClassesKey)) {
+  for (const auto& [dataClass, info] : *dataClasses) {
     if (auto infoDictionary = info.asDictionary()) {
       const std::string service = infoDictionary->getString(kParserServiceKey);
       if (!service.empty()) host->addParserService(service, "PropertyListParser");
