@@ -123,11 +123,6 @@ class CFPhone {
   std::optional<std::string> _mimeTypeFromProperties(const Dictionary& info,
                                                      std::optional<Dictionary>* managerProperties,
                                                      const std::string& dataClassName) const;
-  // Decodes a resource: a string names itself; a dictionary is named by its
-  // "Name" entry and is itself the attributes. Raises invalid-argument for any
-  // other kind of value.
-  static std::optional<std::string> resourceNameAttributes(const Value& resource,
-                                                           std::optional<Dictionary>* attributes);
 
  private:
   void _commonSetup();

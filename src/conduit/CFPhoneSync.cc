@@ -10,6 +10,7 @@
 #include "engine/SchemaNames.h"
 #include "platform/Exception.h"
 #include "platform/Registry.h"
+#include "util/SyncCategory.h"
 
 namespace pc {
 
@@ -163,21 +164,6 @@ std::optional<std::string> CFPhone::targetEntityForRelationKey(
 
 // --- Resources and MIME types ------------------------------------------------------
 
-std::optional<std::string> CFPhone::resourceNameAttributes(const Value& resource,
-                                                           std::optional<Dictionary>* attributes) {
-  std::optional<std::string> ret;
-  if (const std::string* name = resource.asString()) {
-    ret = *name;
-  } else if (auto dictionary = resource.asDictionary()) {
-    ret = stringEntry(*dictionary, "Name");
-    if (attributes) *attributes = *dictionary;
-  } else if (!resource.isNull()) {
-    logAndRaise(fmt::format("cannot extract name from the object type: {}", resource.kindName()));
-  }
-  QVT_CHECK(ret);
-  return ret;
-}
-
 std::optional<Dictionary> CFPhone::_infoForDeviceDataClass(
     const std::string& dataClassName) const {
   auto map = descriptionEntry(kSyncDataClassesKey);
@@ -199,7 +185,7 @@ std::optional<std::string> CFPhone::_mimeTypeFromProperties(
     return stringEntry(info, kMimeTypeKey);
   }
   const std::optional<std::string> managerName =
-      resourceNameAttributes(info.get(kDataClassManagerKey), managerProperties);
+      SyncCategory::resourceNameAttributes(info.get(kDataClassManagerKey), managerProperties);
   if (managerName == "ContactManager") return kVCardMimeType;
   if (managerName == "CalendarManager" || dataClassName == kCalendars) return kVCalendarMimeType;
   if (dataClassName == kContacts) return kVCardMimeType;
@@ -291,7 +277,7 @@ std::shared_ptr<DataClassManager> CFPhone::managerForDeviceDataClass(
     }
   } else {
     std::optional<Dictionary> attributes;
-    if (auto managerName = resourceNameAttributes(properties.get(kDataClassManagerKey), &attributes)) {
+    if (auto managerName = SyncCategory::resourceNameAttributes(properties.get(kDataClassManagerKey), &attributes)) {
       manager = ClassRegistry::createAs<DataClassManager>(*managerName);
       if (manager)
         manager->initWithProperty(attributes.value_or(Dictionary()), dataClassName, _conduitManager);
@@ -315,12 +301,12 @@ DeviceParserPtr CFPhone::parserForDeviceDataClass(const std::string& dataClassNa
   if (info && info->contains(kParserKey)) {
     std::optional<Dictionary> managerAttributes;
     if (info->contains(kDataClassManagerKey))
-      resourceNameAttributes(info->get(kDataClassManagerKey), &managerAttributes);
+      SyncCategory::resourceNameAttributes(info->get(kDataClassManagerKey), &managerAttributes);
     const Value parserResource = info->get(kParserKey);
     QVT_LOG(kLogInfo, phoneSyncLogDomain(), "Found a parserName {}", parserResource);
     std::optional<Dictionary> parserAttributes;
     const std::optional<std::string> parserName =
-        resourceNameAttributes(parserResource, &parserAttributes);
+        SyncCategory::resourceNameAttributes(parserResource, &parserAttributes);
 
     // The manager's attributes win over the parser's of the same key.
     std::optional<Dictionary> context = parserAttributes ? parserAttributes : managerAttributes;

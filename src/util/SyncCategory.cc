@@ -55,6 +55,8 @@ namespace SyncCategory {
 
 std::optional<std::string> resourceNameAttributes(const Value& resource,
                                                   std::optional<Dictionary>* attributes) {
+  // A missing resource is no resource: nothing to name, nothing to report.
+  if (resource.isNull()) return std::nullopt;
   std::optional<std::string> name;
   if (const std::string* text = resource.asString()) {
     name = *text;

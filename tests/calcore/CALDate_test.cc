@@ -7,7 +7,7 @@
 #include "calcore/CALFloatingDateTime.h"
 #include "platform/Exception.h"
 #include "platform/ThreadDictionary.h"
-#include "util/LogCapture.h"
+#include "support/LogCapture.h"
 
 namespace pc {
 namespace {

@@ -10,7 +10,7 @@
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
 #include "platform/Exception.h"
-#include "util/LogCapture.h"
+#include "support/LogCapture.h"
 
 namespace pc {
 namespace {

@@ -8,7 +8,7 @@
 #include "calcore/CALDateOnly.h"
 #include "calcore/CALDateTime.h"
 #include "calcore/CALRecurrenceFrequencies.h"
-#include "util/LogCapture.h"
+#include "support/LogCapture.h"
 
 namespace pc {
 namespace {

@@ -11,7 +11,7 @@
 
 #include "conduit/ConduitProtocols.h"
 #include "platform/Registry.h"
-#include "util/LogCapture.h"
+#include "support/LogCapture.h"
 
 namespace pc::testing {
 

@@ -112,23 +112,6 @@ TEST(SecondFormatMimeTypeTest, ReadFromInfoWhichBecomesTheManagerProperties) {
   EXPECT_FALSE(phone->_mimeTypeFromProperties(Dictionary{}, nullptr, kCalendars));
 }
 
-TEST(ResourceTest, NamesAndAttributes) {
-  std::optional<Dictionary> attributes;
-  EXPECT_EQ(CFPhone::resourceNameAttributes("PropertyListParser", &attributes),
-            "PropertyListParser");
-  EXPECT_FALSE(attributes);
-
-  const Dictionary resource{{"Name", "ContactManager"}, {"limit", 3}};
-  EXPECT_EQ(CFPhone::resourceNameAttributes(resource, &attributes), "ContactManager");
-  EXPECT_EQ(attributes, resource);
-
-  LogCapture log;
-  EXPECT_FALSE(CFPhone::resourceNameAttributes(Dictionary{{"limit", 3}}, nullptr));
-  EXPECT_TRUE(log.contains("condition \"ret\" failed"));
-  EXPECT_EQ(invalidArgumentReason([] { CFPhone::resourceNameAttributes(Array{"x"}, nullptr); }),
-            "cannot extract name from the object type: array");
-}
-
 // --- Managers, helpers, parsers, mappings ------------------------------------
 
 TEST_F(HostedPhoneTest, SecondFormatManagerFromMimeTypeReceivesTheInfoCopy) {

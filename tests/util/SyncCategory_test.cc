@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "LogCapture.h"
+#include "support/LogCapture.h"
 #include "platform/Exception.h"
 
 namespace pc {
@@ -66,6 +66,11 @@ TEST(ResourceNameAttributes, ReadsStringsAndDictionaries) {
   ASSERT_TRUE(attributes);
   EXPECT_TRUE(attributes->isIdenticalTo(resource));
   EXPECT_EQ(resourceNameAttributes(resource, nullptr), "QVTSyncEventTransformer");
+  // A description without the entry: no name, no attributes, no report.
+  LogCapture log;
+  EXPECT_EQ(resourceNameAttributes(Value(), &attributes), std::nullopt);
+  EXPECT_TRUE(attributes);
+  EXPECT_TRUE(log.messages().empty());
 }
 
 TEST(ResourceNameAttributes, ReportsMissingNamesAndRefusesOtherKinds) {
