@@ -82,7 +82,7 @@ class CFPhone {
   TimeZonePtr timeZone();
   void setTimeZone(TimeZonePtr tz);
 
-  // --- Description look-ups --------------------------------------------------
+  // --- Description look-ups (the SyncToolExtension operations) ---------------
   // The device description; writes the format version through `version`
   // when one is given (the call a delegate answers, so a phone can describe
   // another).
@@ -133,6 +133,8 @@ class CFPhone {
                        const std::function<Array()>& engineNames);
   std::optional<Dictionary> descriptionEntry(const char* key) const;
 
+  // Fields keep the underscore names that failed-condition reports print
+  // ("_devicePlist", "_entities", ...).
   std::int32_t _version = 0;
   SyncConduitManagerDelegateProtocol* _delegate = nullptr;
   std::optional<Dictionary> _devicePlist;
