@@ -464,10 +464,9 @@ std::optional<Array> datesOfDetachedEventsForIdentifier(const TruthSnapshot& sna
     if (!record) continue;
     auto original = dateForKey(*record, kCalendarsEventOriginalDate);
     if (!original) {
-      QVT_LOG(kLogError, logDomain(),
-              "Corruption found in the truth.  The following event is detached but does not "
-              "have a recurrence id:\n{}",
-              *record);
+      // clang-format off
+      QVT_LOG(kLogError, logDomain(), "Corruption found in the truth.  The following event is detached but does not have a recurrence id:\n{}", *record);
+      // clang-format on
       continue;
     }
     if (zone) original->setTimeZone(zone);
