@@ -331,6 +331,43 @@ TEST_F(HostedPhoneTest, DelegateRoadTakesEverythingFromTheHost) {
   EXPECT_FALSE(persistence->hasDomain(kDeviceSyncDBDomain));
 }
 
+TEST_F(HostedPhoneTest, ResourcePathsStayInsideThePersistenceFolder) {
+  auto phone = makePhone(exampleV2(), 2);
+  const std::string inside = (folder / "state.db").string();
+  const std::vector<std::pair<std::optional<std::string>, std::optional<std::string>>> cases = {
+      {std::nullopt, folder.string()}, {"", folder.string()},  {"/", folder.string()},
+      {".", folder.string()},          {"state.db", inside},   {"/state.db", inside},
+      {"sub/../state.db", inside},     {"//etc/passwd", (folder / "etc/passwd").string()},
+      {"../state.db", std::nullopt},   {"/sub/../../state.db", std::nullopt},
+  };
+  for (const auto& [file, expected] : cases) {
+    LogCapture log;
+    EXPECT_EQ(phone->pathForSyncResourcesWithFile(file), expected) << file.value_or("(none)");
+    EXPECT_EQ(log.contains("file name \"" + file.value_or("") + "\" leads out of " + folder.string()),
+              !expected);
+  }
+}
+
+TEST_F(HostedPhoneTest, PhoneDescribesAnotherPhone) {
+  auto phone = makePhone(exampleV2(), 2);
+  auto twin = CFPhone::phoneWithDelegate(phone.get());
+  ASSERT_TRUE(twin);
+  EXPECT_EQ(twin->delegate(), phone.get());
+  EXPECT_EQ(twin->version(), 2);
+  EXPECT_EQ(twin->phoneConduitDescriptionWithVersion(nullptr), exampleV2());
+  EXPECT_EQ(twin->entitiesDescription(), exampleEntities().getDictionary("Entities"));
+  EXPECT_EQ(twin->syncClient(), phone->syncClient());
+  EXPECT_EQ(twin->deviceUID(), "device-42");
+  EXPECT_EQ(twin->pathForSyncResourcesWithFile(std::nullopt), folder.string());
+  // Parsers by service name come from the first phone's host.
+  EXPECT_TRUE(twin->parserForDeviceDataClass(kCalendars));
+
+  phone->invalidate();
+  LogCapture log;
+  EXPECT_FALSE(CFPhone::phoneWithDelegate(phone.get()));
+  EXPECT_TRUE(log.contains("can't find phone conduit description"));
+}
+
 TEST_F(HostedPhoneTest, FormattingInfoOfEachDescriptionFormat) {
   auto v1 = makePhone(exampleV1(), 1);
   std::int32_t version = 0;
