@@ -22,9 +22,13 @@ Value orNull(const std::optional<Dictionary>& dictionary) {
   return dictionary ? Value(*dictionary) : Value();
 }
 
+std::optional<Dictionary> deepCopyOf(const std::optional<Dictionary>& dictionary) {
+  return dictionary ? std::optional(dictionary->deepCopy()) : std::nullopt;
+}
+
 }  // namespace
 
-CFPhone::CFPhone(std::optional<Dictionary> properties) : _devicePlist(std::move(properties)) {
+CFPhone::CFPhone(std::optional<Dictionary> properties) : _devicePlist(deepCopyOf(properties)) {
   QVT_CHECK(_devicePlist);
   _commonSetup();
 }
@@ -49,7 +53,7 @@ std::unique_ptr<CFPhone> CFPhone::phoneWithDelegate(SyncConduitManagerDelegatePr
     QVT_LOG(kLogWarning, phoneLogDomain(), "cannot find phoneConduit parameters");
     return nullptr;
   }
-  auto phone = std::make_unique<CFPhone>(std::move(description));
+  auto phone = std::make_unique<CFPhone>(description);
   phone->_delegate = delegate;
   phone->_version = version;
   phone->_setup();
@@ -63,7 +67,7 @@ void CFPhone::_setup() {
             "FIX metaclasses cannot find syncEngine description for client");
   if (auto entities = engineDescription ? engineDescription->getDictionary(kEngineClientEntitiesKey)
                                         : std::nullopt)
-    _entities = entities->copy();
+    _entities = entities->deepCopy();
   _client = _delegate->syncClient();
   _device = _delegate->device();
   if (_device) _deviceId = _device->deviceUID();
@@ -74,11 +78,11 @@ std::unique_ptr<CFPhone> CFPhone::phoneWithClient(std::shared_ptr<SyncEngineClie
   std::optional<Dictionary> description =
       client ? client->objectForKey(kPhoneConduitClientKey).asDictionary() : std::nullopt;
   if (!description) return nullptr;
-  auto phone = std::make_unique<CFPhone>(std::move(description));
+  auto phone = std::make_unique<CFPhone>(description);
   phone->_client = std::move(client);
   phone->_version = SyncClientState::intForKey(*phone->_client, kPCVersionClientKey, 0);
   if (auto entities = phone->_client->objectForKey(kEntitiesDescClientKey).asDictionary())
-    phone->_entities = entities->copy();
+    phone->_entities = entities->deepCopy();
   return phone;
 }
 
@@ -86,8 +90,8 @@ void CFPhone::archiveInClient() {
   QVT_CHECK(_entities);
   QVT_CHECK(_devicePlist);
   if (!QVT_CHECK(_client)) return;
-  _client->setObject(orNull(_entities), kEntitiesDescClientKey);
-  _client->setObject(orNull(_devicePlist), kPhoneConduitClientKey);
+  _client->setObject(orNull(deepCopyOf(_entities)), kEntitiesDescClientKey);
+  _client->setObject(orNull(deepCopyOf(_devicePlist)), kPhoneConduitClientKey);
   SyncClientState::setInt(*_client, _version, kPCVersionClientKey);
 }
 
@@ -137,9 +141,19 @@ Array CFPhone::deviceDataClasses() const {
 
 std::optional<std::string> CFPhone::pathForSyncResourcesWithFile(
     const std::optional<std::string>& file) const {
+  namespace fs = std::filesystem;
   QVT_CHECK(_pathForSyncPersistence);
   if (!file || !_pathForSyncPersistence) return _pathForSyncPersistence;
-  return (std::filesystem::path(*_pathForSyncPersistence) / *file).string();
+  // The name always lands inside the folder: a leading separator is dropped,
+  // as appending a path component does, and ".." may not climb out.
+  const fs::path relative = fs::path(*file).relative_path().lexically_normal();
+  if (relative.empty() || relative == ".") return _pathForSyncPersistence;
+  if (*relative.begin() == "..") {
+    QVT_LOG(kLogError, phoneLogDomain(), "file name \"{}\" leads out of {}", *file,
+            *_pathForSyncPersistence);
+    return std::nullopt;
+  }
+  return (fs::path(*_pathForSyncPersistence) / relative).string();
 }
 
 void CFPhone::eraseAllPersistentStates() {
@@ -164,6 +178,16 @@ void CFPhone::setTimeZone(TimeZonePtr tz) {
   QVT_LOG(kLogInfo, phoneLogDomain(), "setting time zone to {}",
           tz ? tz->description() : std::string("<null>"));
   _timeZone = std::move(tz);
+}
+
+std::optional<Dictionary> CFPhone::syncEnginePlist() {
+  if (!_entities) return std::nullopt;
+  return Dictionary{{kEngineClientEntitiesKey, _entities->deepCopy()}};
+}
+
+DeviceParserPtr CFPhone::parserWithName(const std::string& name, const Dictionary& info,
+                                        CFPhone& phone) {
+  return _delegate ? _delegate->parserWithName(name, info, phone) : nullptr;
 }
 
 std::optional<Dictionary> CFPhone::descriptionEntry(const char* key) const {

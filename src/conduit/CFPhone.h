@@ -4,7 +4,13 @@
 // objects built on demand for each data class: data-class managers, parsers,
 // data-class helpers and entity formatters. A phone is built from a device
 // description alone, from the host's conduit-manager delegate, or from a
-// sync-engine client in which an earlier phone archived itself.
+// sync-engine client in which an earlier phone archived itself. A phone can
+// itself be the delegate another phone is built from.
+//
+// The phone keeps its own deep copies of the description and the entity
+// lists, never changes them after construction, and lets them out only as
+// deep copies: what callers, clients and the objects it creates do with the
+// containers they get never reaches the phone.
 
 #include <cstdint>
 #include <functional>
@@ -40,7 +46,7 @@ inline constexpr const char* kPhoneConduitClientKey = "com.velmora.granite.Phone
 inline constexpr const char* kPCVersionClientKey = "com.velmora.granite.PCVersion";
 inline constexpr const char* kEntitiesDescClientKey = "com.velmora.granite.EntitiesDesc";
 
-class CFPhone {
+class CFPhone : public SyncConduitManagerDelegateProtocol {
  public:
   // From a device description alone (a missing one is reported).
   explicit CFPhone(std::optional<Dictionary> properties);
@@ -53,7 +59,7 @@ class CFPhone {
 
   CFPhone(const CFPhone&) = delete;
   CFPhone& operator=(const CFPhone&) = delete;
-  ~CFPhone();
+  ~CFPhone() override;
 
   // Stores the description, the entities and the version in the client, so
   // that phoneWithClient can rebuild this phone.
@@ -70,11 +76,14 @@ class CFPhone {
   SyncConduitManager* manager() const;
   std::optional<std::string> deviceUID() const { return _deviceId; }
   std::shared_ptr<SyncEngineClient> syncClient() const { return _client; }
+  std::shared_ptr<QVTDeviceObject> device() const { return _device; }
   void _setSyncClient(std::shared_ptr<SyncEngineClient> client);
   std::shared_ptr<DeviceSyncService> syncService() const;
   // The names of the data classes the description syncs.
   Array deviceDataClasses() const;
-  // The persistence folder, or `file` inside it.
+  // The persistence folder, or `file` inside it. The name is relative to the
+  // folder (leading separators are dropped); a name whose ".." would lead out
+  // of the folder answers nothing, logged.
   std::optional<std::string> pathForSyncResourcesWithFile(
       const std::optional<std::string>& file) const;
   void eraseAllPersistentStates();
@@ -115,6 +124,18 @@ class CFPhone {
   DeviceParserPtr parserForDeviceDataClass(const std::string& dataClassName);
   ValueMappingPtr mapperForAttribute(const std::string& attribute, const std::string& entityName);
 
+  // --- As the delegate another phone is built from -----------------------------
+  // The description and version, the entities (as the "Entities" entry of an
+  // engine description), the client, the device and the persistence folder of
+  // this phone; parsers by service name come from this phone's own delegate.
+  std::optional<Dictionary> phoneConduitDescriptionWithVersion(std::int32_t* version) override;
+  std::optional<Dictionary> syncEnginePlist() override;
+  std::shared_ptr<SyncEngineClient> syncClient() override { return _client; }
+  std::shared_ptr<QVTDeviceObject> device() override { return _device; }
+  std::optional<std::string> pathForSyncPersistence() override { return _pathForSyncPersistence; }
+  DeviceParserPtr parserWithName(const std::string& name, const Dictionary& info,
+                                 CFPhone& phone) override;
+
   std::optional<Dictionary> _infoForDeviceDataClass(const std::string& dataClassName) const;
   // The name when a class of that name is registered.
   static std::optional<std::string> _classFromName(const std::string& name);
@@ -131,6 +152,7 @@ class CFPhone {
   // allAttributesForEntity and allRelationsForEntity, on their own cache.
   Array namesForEntity(const std::string& entityName, std::optional<Dictionary>& cache,
                        const std::function<Array()>& engineNames);
+  // The description's entry itself, for reads inside the phone (not copied).
   std::optional<Dictionary> descriptionEntry(const char* key) const;
 
   // Fields keep the underscore names that failed-condition reports print

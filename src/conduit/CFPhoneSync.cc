@@ -65,6 +65,10 @@ Value orNull(const std::optional<Dictionary>& dictionary) {
   return dictionary ? Value(*dictionary) : Value();
 }
 
+std::optional<Dictionary> deepCopyOf(const std::optional<Dictionary>& dictionary) {
+  return dictionary ? std::optional(dictionary->deepCopy()) : std::nullopt;
+}
+
 // Where each relationship of the engine's schema leads.
 constexpr std::pair<const char*, const char*> kRelationTargets[] = {
     {kCalendarsEventRecurrences, kCalendarsRecurrence},
@@ -82,33 +86,39 @@ constexpr std::pair<const char*, const char*> kRelationTargets[] = {
 }  // namespace
 
 // --- Description look-ups ------------------------------------------------------
+// Every look-up answers a deep copy: the description stays as it was loaded
+// whatever the caller does with the answer.
 
 std::optional<Dictionary> CFPhone::phoneConduitDescriptionWithVersion(
     std::int32_t* version) const {
   if (version) *version = _version;
-  return _devicePlist;
+  return deepCopyOf(_devicePlist);
+}
+
+std::optional<Dictionary> CFPhone::phoneConduitDescriptionWithVersion(std::int32_t* version) {
+  return std::as_const(*this).phoneConduitDescriptionWithVersion(version);
 }
 
 std::optional<Dictionary> CFPhone::entityFormattingInfoWithVersion(std::int32_t& version) const {
   version = _version;
-  return descriptionEntry(_version < 2 ? kEntityFormattersKey : kFormattingKey);
+  return deepCopyOf(descriptionEntry(_version < 2 ? kEntityFormattersKey : kFormattingKey));
 }
 
 std::optional<Dictionary> CFPhone::formattingDescriptionForEntity(
     const std::string& entityName) const {
   auto formatters = descriptionEntry(kEntityFormattersKey);
-  return formatters ? formatters->getDictionary(entityName) : std::nullopt;
+  return deepCopyOf(formatters ? formatters->getDictionary(entityName) : std::nullopt);
 }
 
 std::optional<Dictionary> CFPhone::formattingDescriptionV2ForEntity(
     const std::string& entityName) const {
   auto formatting = descriptionEntry(kFormattingKey);
-  return formatting ? formatting->getDictionary(entityName) : std::nullopt;
+  return deepCopyOf(formatting ? formatting->getDictionary(entityName) : std::nullopt);
 }
 
 std::optional<Dictionary> CFPhone::entitiesDescription() const {
   QVT_CHECK(_entities);
-  return _entities;
+  return deepCopyOf(_entities);
 }
 
 Array CFPhone::supportedEntityNames() const { return _entities ? _entities->keys() : Array(); }
@@ -118,7 +128,8 @@ std::optional<Array> CFPhone::allKeysForEntity(const std::string& entityName) co
     QVT_LOG(kLogError, phoneSyncLogDomain(), "badly initialized");
     return std::nullopt;
   }
-  return _entities->getArray(entityName);
+  auto keys = _entities->getArray(entityName);
+  return keys ? std::optional(keys->deepCopy()) : std::nullopt;
 }
 
 Array CFPhone::allAttributesForEntity(const std::string& entityName) {
@@ -138,19 +149,21 @@ Array CFPhone::allRelationsForEntity(const std::string& entityName) {
 Array CFPhone::namesForEntity(const std::string& entityName, std::optional<Dictionary>& cache,
                               const std::function<Array()>& engineNames) {
   if (entityName.empty()) logAndRaise("entity is not a correct entity name");
+  // The cache keeps the computed array; callers get their own copy of it.
   if (cache) {
-    if (auto cached = cache->getArray(entityName)) return *cached;
+    if (auto cached = cache->getArray(entityName)) return cached->deepCopy();
   }
   const Array names = engineNames();
   if (names.empty()) logAndRaise("entity unknown to sync services");
 
-  const std::optional<Array> keys = allKeysForEntity(entityName);
+  const std::optional<Array> keys = _entities ? _entities->getArray(entityName) : std::nullopt;
+  if (!_entities) QVT_LOG(kLogError, phoneSyncLogDomain(), "badly initialized");
   Array result;
   for (const Value& name : names)
     if (keys && keys->contains(name)) result.add(name);
   QVT_LOG(kLogInfo, phoneSyncLogDomain(), "computed {} for {}", result, entityName);
   if (cache) cache->set(entityName, result);
-  return result;
+  return result.deepCopy();
 }
 
 std::optional<std::string> CFPhone::targetEntityForRelationKey(
@@ -164,12 +177,14 @@ std::optional<std::string> CFPhone::targetEntityForRelationKey(
 
 // --- Resources and MIME types ------------------------------------------------------
 
+// A deep copy: the factories below hand it (or parts of it) to the objects
+// they create, which may keep and change what they get.
 std::optional<Dictionary> CFPhone::_infoForDeviceDataClass(
     const std::string& dataClassName) const {
   auto map = descriptionEntry(kSyncDataClassesKey);
   std::optional<Dictionary> info = map ? map->getDictionary(dataClassName) : std::nullopt;
   QVT_CHECK(info);
-  return info;
+  return deepCopyOf(info);
 }
 
 std::optional<std::string> CFPhone::_classFromName(const std::string& name) {
@@ -254,7 +269,7 @@ std::shared_ptr<DataClassManager> CFPhone::managerForDeviceDataClass(
     if (auto it = _managers->find(dataClassName); it != _managers->end()) return it->second;
   }
   const std::optional<Dictionary> info = _infoForDeviceDataClass(dataClassName);
-  Dictionary properties = info ? info->copy() : Dictionary();
+  Dictionary properties = info.value_or(Dictionary());  // the phone's own copy
 
   std::shared_ptr<DataClassManager> manager;
   if (_version > 1) {
@@ -349,7 +364,7 @@ ValueMappingPtr CFPhone::mapperForAttribute(const std::string& attribute,
   if (!mappings) return nullptr;
   auto mapping = createByName<ValueMapping>("QVTSyncMapping");
   if (mapping)
-    mapping->initWithArray(*mappings,
+    mapping->initWithArray(mappings->deepCopy(),
                            SyncClientState::defaultValueForAttribute(attribute, entityName));
   return mapping;
 }

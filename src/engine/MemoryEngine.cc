@@ -209,7 +209,7 @@ MemorySyncEngineClient::MemorySyncEngineClient(std::string identifier, std::stri
                                                Array supportedEntityNames, std::string storePath)
     : _identifier(std::move(identifier)),
       _displayName(std::move(displayName)),
-      _supported(supportedEntityNames.copy()),
+      _supported(supportedEntityNames.deepCopy()),
       _storePath(std::move(storePath)) {
   load();
 }
@@ -243,22 +243,24 @@ void MemorySyncEngineClient::save() {
             error.description());
 }
 
+// The store hands out and takes in deep copies, so that what the caller does
+// with a value afterwards reaches neither the memory nor the file.
 Value MemorySyncEngineClient::objectForKey(const std::string& key) const {
-  return _values.get(key);
+  return _values.get(key).deepCopy();
 }
 
 void MemorySyncEngineClient::setObject(const Value& value, const std::string& key) {
   if (value.isNull())
     _values.remove(key);
   else
-    _values.set(key, value);
+    _values.set(key, value.deepCopy());
   save();
 }
 
 void MemorySyncEngineClient::setEnabled(bool enabled, const Array& entityNames) {
   for (const Value& name : entityNames) {
     if (!_supported.contains(name)) continue;
-    if (enabled && !_enabled.contains(name)) _enabled.add(name);
+    if (enabled && !_enabled.contains(name)) _enabled.add(name.deepCopy());
     if (!enabled) _enabled.remove(name);
   }
   save();
@@ -267,7 +269,7 @@ void MemorySyncEngineClient::setEnabled(bool enabled, const Array& entityNames) 
 // --- MemoryTruthSnapshot --------------------------------------------------------
 
 void MemoryTruthSnapshot::addRecord(const std::string& identifier, const Dictionary& record) {
-  _records.insert_or_assign(identifier, record);
+  _records.insert_or_assign(identifier, record.deepCopy());
 }
 
 void MemoryTruthSnapshot::removeRecord(const std::string& identifier) {
@@ -278,7 +280,7 @@ std::optional<Dictionary> MemoryTruthSnapshot::recordWithIdentifier(
     const std::string& identifier) const {
   auto it = _records.find(identifier);
   if (it == _records.end()) return std::nullopt;
-  return it->second;
+  return it->second.deepCopy();
 }
 
 Array MemoryTruthSnapshot::recordIdentifiersForEntityName(const std::string& entityName) const {
@@ -293,7 +295,7 @@ Dictionary MemoryTruthSnapshot::recordsWithIdentifiers(const Array& identifiers)
   for (const Value& identifier : identifiers) {
     if (!identifier.isString()) continue;
     if (auto it = _records.find(identifier.string()); it != _records.end())
-      records.set(identifier, it->second);
+      records.set(identifier, it->second.deepCopy());
   }
   return records;
 }
@@ -303,7 +305,7 @@ Array MemoryTruthSnapshot::targetIdentifiersForRelationshipName(
   auto it = _records.find(sourceIdentifier);
   if (it == _records.end()) return Array();
   auto targets = it->second.getArray(relationshipName);
-  return targets ? targets->copy() : Array();
+  return targets ? targets->deepCopy() : Array();
 }
 
 }  // namespace pc

@@ -70,8 +70,8 @@ class MemorySyncEngineClient : public SyncEngineClient {
   std::string displayName() const override { return _displayName; }
   Value objectForKey(const std::string& key) const override;
   void setObject(const Value& value, const std::string& key) override;
-  Array supportedEntityNames() const override { return _supported.copy(); }
-  Array enabledEntityNames() const override { return _enabled.copy(); }
+  Array supportedEntityNames() const override { return _supported.deepCopy(); }
+  Array enabledEntityNames() const override { return _enabled.deepCopy(); }
   void setEnabled(bool enabled, const Array& entityNames) override;
 
   const std::string& storePath() const { return _storePath; }
@@ -95,9 +95,10 @@ class MemorySyncEngineClient : public SyncEngineClient {
 // identifiers under the relationship name, as the engine's records hold them.
 class MemoryTruthSnapshot : public TruthSnapshot {
  public:
-  // Stores (or replaces) the record; the snapshot keeps the dictionary given.
+  // Stores (or replaces) a deep copy of the record.
   void addRecord(const std::string& identifier, const Dictionary& record);
   void removeRecord(const std::string& identifier);
+  // A deep copy of the record, which the caller may change freely.
   std::optional<Dictionary> recordWithIdentifier(const std::string& identifier) const;
   // Identifiers of the records of one entity, in identifier order.
   Array recordIdentifiersForEntityName(const std::string& entityName) const;

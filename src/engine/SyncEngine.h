@@ -4,6 +4,10 @@
 // (TruthSnapshot) and the plug-in interface of engine-side record formatting
 // (EngineRecordFormatting). Records are dictionaries whose entity name is held
 // under kEngineRecordEntityNameKey; relationships hold arrays of identifiers.
+//
+// Containers cross these interfaces as copies: a store keeps its own deep copy
+// of what it is given and answers deep copies of what it keeps, so editing a
+// value after storing it, or one that was read back, never changes the store.
 
 #include <memory>
 #include <optional>
@@ -43,9 +47,9 @@ class SyncEngineClient {
   virtual std::string clientIdentifier() const = 0;
   virtual std::string displayName() const = 0;
 
-  // Null when the key holds nothing.
+  // Null when the key holds nothing; a container is the caller's own copy.
   virtual Value objectForKey(const std::string& key) const = 0;
-  // Storing null removes the key.
+  // Stores a deep copy of `value`; storing null removes the key.
   virtual void setObject(const Value& value, const std::string& key) = 0;
 
   virtual Array supportedEntityNames() const = 0;
@@ -60,7 +64,7 @@ class TruthSnapshot {
   virtual ~TruthSnapshot() = default;
 
   // Identifier -> record for every identifier that names a record; unknown
-  // identifiers are left out.
+  // identifiers are left out. The records are the caller's own copies.
   virtual Dictionary recordsWithIdentifiers(const Array& identifiers) const = 0;
   // The identifiers the relationship of the source record points at; empty
   // when the record or the relationship is unknown.

@@ -3,15 +3,15 @@
 namespace pc {
 
 RecordHolder::RecordHolder(const Dictionary& originalRecord, std::string masterIdentifier)
-    : _originalRecord(originalRecord),
-      _mutableDictionary(originalRecord.copy()),
+    : _originalRecord(originalRecord.deepCopy()),
+      _mutableDictionary(originalRecord.deepCopy()),
       _masterIdentifier(std::move(masterIdentifier)) {}
 
 void RecordHolder::setProperty(const Value& value, const std::string& key) {
   if (value.isNull())
     _properties.remove(key);
   else
-    _properties.set(key, value);
+    _properties.set(key, value.deepCopy());
 }
 
 }  // namespace pc

@@ -65,12 +65,13 @@ class SyncConduitManager {
 // "CalendarManager" or any registered class) and then initialised.
 class DataClassManager : public Object {
  public:
-  // `properties`: the manager's part of the device description; `manager`
-  // is not owned and may be null.
+  // `properties`: the manager's part of the device description, which the
+  // manager copies if it keeps it; `manager` is not owned and may be null.
   virtual void initWithProperty(const Dictionary& properties, const std::string& deviceDataClass,
                                 SyncConduitManager* manager) = 0;
   virtual void prepareAssemblers() = 0;
   virtual std::string deviceDataClass() const = 0;
+  // The caller's own copy.
   virtual Dictionary properties() const = 0;
 };
 
@@ -79,7 +80,7 @@ class DataClassManager : public Object {
 class DeviceParser : public Object {
  public:
   // `phone` is not owned; `context` holds the parser's (and its manager's)
-  // attributes from the device description, when there are any.
+  // attributes from the device description, when there are any (copied if kept).
   virtual void initWithPhone(CFPhone* phone, const std::optional<Dictionary>& context) = 0;
   virtual Data dataFromRecords(const Array& records) = 0;
   // nullopt when the data cannot be read.
@@ -92,11 +93,11 @@ using DeviceParserPtr = std::shared_ptr<DeviceParser>;
 class SyncConduitManagerDelegateProtocol {
  public:
   virtual ~SyncConduitManagerDelegateProtocol() = default;
-  // The device description; fills `version` (when given) with its format
-  // version. nullopt when the host has none for this phone.
+  // The device description, as the caller's own copy; fills `version` (when
+  // given) with its format version. nullopt when the host has none for this phone.
   virtual std::optional<Dictionary> phoneConduitDescriptionWithVersion(std::int32_t* version) = 0;
   // The engine's description of the client (its "Entities" entry: entity
-  // name -> keys the phone syncs).
+  // name -> keys the phone syncs), as the caller's own copy.
   virtual std::optional<Dictionary> syncEnginePlist() = 0;
   virtual std::shared_ptr<SyncEngineClient> syncClient() = 0;
   virtual std::shared_ptr<QVTDeviceObject> device() = 0;
@@ -109,24 +110,33 @@ class SyncConduitManagerDelegateProtocol {
 // One record on its way to or from the phone: the engine's record, the copy
 // being transformed in place, the identifier of its master record, and side
 // properties that travel from mangling to the unmangling of the same record.
+//
+// The holder keeps its own deep copies: of the engine's record when it is
+// made, and of every property value it is given; it answers deep copies of
+// them, so the original stays the engine's record whatever is done to the
+// record being transformed or to an answer. The record being transformed is
+// the one container shared on purpose: it is edited in place.
 class RecordHolder {
  public:
   explicit RecordHolder(const Dictionary& originalRecord, std::string masterIdentifier = {});
 
-  const Dictionary& originalRecord() const { return _originalRecord; }
-  // Shared with the holder: changes made through it are the holder's.
+  // The engine's record, as the caller's own copy.
+  Dictionary originalRecord() const { return _originalRecord.deepCopy(); }
+  // Shared with the holder: changes made through it are the holder's. It
+  // starts as a deep copy of the engine's record.
   Dictionary mutableDictionary() const { return _mutableDictionary; }
+  // Makes `record` the record being transformed (shared, as above).
   void setMutableDictionary(const Dictionary& record) { _mutableDictionary = record; }
   const std::string& masterIdentifier() const { return _masterIdentifier; }
   void setMasterIdentifier(std::string identifier) { _masterIdentifier = std::move(identifier); }
 
-  // Storing null removes the property.
+  // Stores a deep copy of `value`; storing null removes the property.
   void setProperty(const Value& value, const std::string& key);
   void setBooleanProperty(bool value, const std::string& key) { setProperty(Value(value), key); }
-  // Null when the property is not set.
-  Value propertyForKey(const std::string& key) const { return _properties.get(key); }
+  // Null when the property is not set; a container is the caller's own copy.
+  Value propertyForKey(const std::string& key) const { return _properties.get(key).deepCopy(); }
   bool booleanPropertyForKey(const std::string& key) const { return _properties.getBool(key); }
-  const Dictionary& properties() const { return _properties; }
+  Dictionary properties() const { return _properties.deepCopy(); }
 
  private:
   Dictionary _originalRecord;

@@ -21,7 +21,7 @@ const std::string& hostLogDomain() {
 // --- Services and the simulated phone -------------------------------------------------
 
 std::optional<Value> SimulatedSyncService::valueForVariable(const std::string& name) const {
-  if (const Value* value = _variables.find(name)) return *value;
+  if (const Value* value = _variables.find(name)) return value->deepCopy();
   return std::nullopt;
 }
 
@@ -55,14 +55,14 @@ Data SimulatedPhone::sendData(const std::string& dataClass) const {
 void ReferenceDataClassManager::initWithProperty(const Dictionary& properties,
                                                  const std::string& deviceDataClass,
                                                  SyncConduitManager* manager) {
-  _properties = properties;
+  _properties = properties.deepCopy();
   _deviceDataClass = deviceDataClass;
   _conduitManager = manager;
 }
 
 void PropertyListParser::initWithPhone(CFPhone* phone, const std::optional<Dictionary>& context) {
   _phone = phone;
-  _context = context;
+  _context = context ? std::optional(context->deepCopy()) : std::nullopt;
 }
 
 Data PropertyListParser::dataFromRecords(const Array& records) {
@@ -92,10 +92,24 @@ ReferenceConduitManager::ReferenceConduitManager(std::shared_ptr<SimulatedPhone>
                                                  std::shared_ptr<SyncEngineClient> client)
     : _device(std::move(device)), _client(std::move(client)) {}
 
-void ReferenceConduitManager::setPhoneConduitDescription(std::optional<Dictionary> description,
-                                                         std::int32_t version) {
-  _description = std::move(description);
+namespace {
+std::optional<Dictionary> deepCopyOf(const std::optional<Dictionary>& dictionary) {
+  return dictionary ? std::optional(dictionary->deepCopy()) : std::nullopt;
+}
+}  // namespace
+
+void ReferenceConduitManager::setPhoneConduitDescription(
+    const std::optional<Dictionary>& description, std::int32_t version) {
+  _description = deepCopyOf(description);
   _version = version;
+}
+
+void ReferenceConduitManager::setSyncEnginePlist(const std::optional<Dictionary>& plist) {
+  _syncEnginePlist = deepCopyOf(plist);
+}
+
+std::optional<Dictionary> ReferenceConduitManager::syncEnginePlist() {
+  return deepCopyOf(_syncEnginePlist);
 }
 
 void ReferenceConduitManager::addParserService(const std::string& name,
@@ -106,7 +120,7 @@ void ReferenceConduitManager::addParserService(const std::string& name,
 std::optional<Dictionary> ReferenceConduitManager::phoneConduitDescriptionWithVersion(
     std::int32_t* version) {
   if (version) *version = _version;
-  return _description;
+  return deepCopyOf(_description);
 }
 
 DeviceParserPtr ReferenceConduitManager::parserWithName(const std::string& name,

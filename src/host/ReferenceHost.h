@@ -18,12 +18,15 @@ namespace pc {
 // Answers "$name" variables from a dictionary.
 class SimulatedSyncService : public DeviceSyncService {
  public:
-  explicit SimulatedSyncService(Dictionary variables = Dictionary()) : _variables(variables) {}
+  explicit SimulatedSyncService(const Dictionary& variables = Dictionary())
+      : _variables(variables.deepCopy()) {}
 
   std::string className() const override { return "SimulatedSyncService"; }
   std::string serviceName() const override { return kSynchronisationServiceName; }
   std::optional<Value> valueForVariable(const std::string& name) const override;
-  void setVariable(const Value& value, const std::string& name) { _variables.set(name, value); }
+  void setVariable(const Value& value, const std::string& name) {
+    _variables.set(name, value.deepCopy());
+  }
 
  private:
   Dictionary _variables;
@@ -36,7 +39,8 @@ class SimulatedPersistenceService : public DevicePersistenceService {
   std::string serviceName() const override { return kPersistenceServiceName; }
   void cleanupDomain(const std::string& domain) override;
 
-  // The domain's state, created empty on first use.
+  // The domain's state, created empty on first use; shared, so that the
+  // caller edits the device's state in place.
   Dictionary domain(const std::string& name);
   bool hasDomain(const std::string& name) const { return _domains.count(name) != 0; }
 
@@ -77,7 +81,7 @@ class ReferenceDataClassManager : public DataClassManager {
                         SyncConduitManager* manager) override;
   void prepareAssemblers() override { _assemblersPrepared = true; }
   std::string deviceDataClass() const override { return _deviceDataClass; }
-  Dictionary properties() const override { return _properties; }
+  Dictionary properties() const override { return _properties.deepCopy(); }
 
   SyncConduitManager* conduitManager() const { return _conduitManager; }
   bool assemblersPrepared() const { return _assemblersPrepared; }
@@ -108,7 +112,10 @@ class PropertyListParser : public DeviceParser {
   std::optional<Array> recordsFromData(const Data& data) override;
 
   CFPhone* phone() const { return _phone; }
-  const std::optional<Dictionary>& context() const { return _context; }
+  // The caller's own copy.
+  std::optional<Dictionary> context() const {
+    return _context ? std::optional(_context->deepCopy()) : std::nullopt;
+  }
 
  private:
   CFPhone* _phone = nullptr;
@@ -124,14 +131,15 @@ class ReferenceConduitManager : public SyncConduitManager,
                           std::shared_ptr<SyncEngineClient> client);
 
   // The device description and its format version.
-  void setPhoneConduitDescription(std::optional<Dictionary> description, std::int32_t version);
-  void setSyncEnginePlist(std::optional<Dictionary> plist) { _syncEnginePlist = std::move(plist); }
+  void setPhoneConduitDescription(const std::optional<Dictionary>& description,
+                                  std::int32_t version);
+  void setSyncEnginePlist(const std::optional<Dictionary>& plist);
   void setPathForSyncPersistence(std::optional<std::string> path) { _path = std::move(path); }
   // Makes `parserClassName` the parser supplied for the service `name`.
   void addParserService(const std::string& name, const std::string& parserClassName);
 
   std::optional<Dictionary> phoneConduitDescriptionWithVersion(std::int32_t* version) override;
-  std::optional<Dictionary> syncEnginePlist() override { return _syncEnginePlist; }
+  std::optional<Dictionary> syncEnginePlist() override;
   std::shared_ptr<SyncEngineClient> syncClient() override { return _client; }
   std::shared_ptr<QVTDeviceObject> device() override { return _device; }
   std::optional<std::string> pathForSyncPersistence() override { return _path; }

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "conduit/ConduitProtocols.h"
+#include "platform/PropertyList.h"
 #include "platform/Registry.h"
 #include "support/LogCapture.h"
 
@@ -27,6 +28,17 @@ inline std::filesystem::path makeTemporaryFolder() {
 
 using test::LogCapture;
 using test::LogLine;
+
+// A device description or entity description shipped in examples/devices.
+inline Dictionary loadExample(const std::string& name) {
+  auto contents = PropertyList::fromFile(std::string(PC_SOURCE_DIR) + "/examples/devices/" + name);
+  EXPECT_TRUE(contents) << name;
+  return contents ? contents->dictionary() : Dictionary();
+}
+
+inline Dictionary exampleV1() { return loadExample("contacts-calendar-phone-v1.plist"); }
+inline Dictionary exampleV2() { return loadExample("contacts-calendar-phone-v2.plist"); }
+inline Dictionary exampleEntities() { return loadExample("contacts-calendar-phone.entities.plist"); }
 
 // A data-class helper that keeps its properties and claims fixed entities.
 class FakeHelper : public Object, public QVTSyncRecordTransformer, public EntityFormatterDelegate {
