@@ -760,17 +760,18 @@ void CALRecurrenceRule::invalidateCache() {
   _cachedStartDate = nullptr;
 }
 
-void CALRecurrenceRule::addCachedDates(const CALDateList& dates) {
-  CALDateList added = dates;
+void CALRecurrenceRule::addCachedDates(CALDateList added) {
   if (!std::is_sorted(added.begin(), added.end(), dateBefore)) sortDates(added);
   if (added.empty()) return;
   // An extension lies after (or before) what is cached: no date to compare.
   if (_cachedDates.empty() || dateBefore(_cachedDates.back(), added.front())) {
-    _cachedDates.insert(_cachedDates.end(), added.begin(), added.end());
+    _cachedDates.insert(_cachedDates.end(), std::make_move_iterator(added.begin()),
+                        std::make_move_iterator(added.end()));
     return;
   }
   if (dateBefore(added.back(), _cachedDates.front())) {
-    _cachedDates.insert(_cachedDates.begin(), added.begin(), added.end());
+    _cachedDates.insert(_cachedDates.begin(), std::make_move_iterator(added.begin()),
+                        std::make_move_iterator(added.end()));
     return;
   }
   CALDateList merged;

@@ -219,7 +219,7 @@ class CALRecurrenceRule : public Object {
   void invalidateCache();
   // Merges the dates into the sorted cache; dates already cached are logged
   // and kept once.
-  void addCachedDates(const CALDateList& dates);
+  void addCachedDates(CALDateList dates);
   // Replaces the cached dates (sorted here, without duplicates).
   void setCachedDates(CALDateList dates);
   void setCachedStartDate(const CALDate* start);
