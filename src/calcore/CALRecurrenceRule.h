@@ -283,7 +283,7 @@ class CALRecurrenceRule : public Object {
   bool _hasSameParts(const CALRecurrenceRule& other) const;
   // Empties the date cache and the end-date cache: the parts changed.
   void _partsChanged();
-  // The request as the cache keeps it: no earlier than the recurrence start.
+  // The request as the cache keeps it: without start, from the recurrence start.
   CALTimeRange _requestFrom(const CALTimeRange& range, const CALDate& start) const;
   // Whether the rule ends by itself (until date, or count reached).
   bool _hasOwnEnd(const CALDate& start);
