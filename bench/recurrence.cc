@@ -1,8 +1,10 @@
 // Recurrence expansion of the calendar core against the peer engine of
 // libical. Both expand the same rules from the same start over ten years;
 // the summary prints the occurrences per second of each and the ratio. Also:
-// the search for the last occurrence of a counted rule, and a range request
-// answered from the rule's cache against the same request generated afresh.
+// the search for the last occurrence of a counted rule, a range request
+// answered from the rule's cache against the same request generated afresh,
+// a cached range extended year by year against generating each year alone,
+// and the conversion of a long count into an until date.
 #include <benchmark/benchmark.h>
 #include <libical/ical.h>
 
@@ -14,8 +16,10 @@
 #include <vector>
 
 #include "calcore/CALDateTime.h"
+#include "calcore/CALEventExploder.h"
 #include "calcore/CALFloatingDateTime.h"
 #include "calcore/CALRecurrenceFrequencies.h"
+#include "engine/SchemaNames.h"
 
 namespace {
 
@@ -149,11 +153,56 @@ void BM_Core_UncachedRange(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(rule->realOccurrencesOnTimeRange(month, *first));
 }
 
+// A daily rule whose first century is cached, asked for the year after its
+// cached range on each iteration: the cost should be that of generating the
+// new year (BM_Core_GenerateYear), whatever the size of the cache.
+constexpr int kCachedYears = 100;
+constexpr int kExtensions = 200;
+
+CALTimeRange dailyYearsFrom(const CALDate& first, int fromYear, int toYear) {
+  return CALTimeRange(fromYear ? CALFloatingDateTime::dateWithYear(fromYear, 1, 1, 0, 0, 0).get() : &first,
+                      CALFloatingDateTime::dateWithYear(toYear, 1, 1, 0, 0, 0).get());
+}
+
+void BM_Core_ExtendCachedYear(benchmark::State& state) {
+  const CALDateRef first = start(0);
+  std::unique_ptr<CALRecurrenceRule> rule = rules()[0].make();
+  rule->occurrencesOnTimeRange(dailyYearsFrom(*first, 0, 2006 + kCachedYears), *first);
+  int year = 2006 + kCachedYears;
+  for (auto _ : state) {
+    ++year;
+    benchmark::DoNotOptimize(rule->occurrencesOnTimeRange(dailyYearsFrom(*first, year - 1, year), *first));
+  }
+}
+
+void BM_Core_GenerateYear(benchmark::State& state) {
+  const CALDateRef first = start(0);
+  std::unique_ptr<CALRecurrenceRule> rule = rules()[0].make();
+  int year = 2006 + kCachedYears;
+  for (auto _ : state) {
+    ++year;
+    benchmark::DoNotOptimize(rule->realOccurrencesOnTimeRange(dailyYearsFrom(*first, year - 1, year), *first));
+  }
+}
+
+// A daily event counted to 50000 occurrences rewritten with an until date.
+void BM_Exploder_LongCountToUntilDate(benchmark::State& state) {
+  const Dictionary event{{kCalendarsEventStartDate,
+                          CalendarDate::dateWithYear(2006, 1, 2, 9, 0, 0, TimeZone::timeZoneWithName("Europe/Paris"))}};
+  for (auto _ : state) {
+    Dictionary recurrence{{kCalendarsRecurrenceFrequency, "daily"}, {kCalendarsRecurrenceCount, 50000}};
+    benchmark::DoNotOptimize(CALEventExploder::convertRuleFromCountToUntilDate(recurrence, event));
+  }
+}
+
 BENCHMARK(BM_Core_Expand)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Peer_Expand)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Core_CountedEndDate)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Core_CachedRange)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_Core_UncachedRange)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Core_ExtendCachedYear)->Unit(benchmark::kMicrosecond)->Iterations(kExtensions);
+BENCHMARK(BM_Core_GenerateYear)->Unit(benchmark::kMicrosecond)->Iterations(kExtensions);
+BENCHMARK(BM_Exploder_LongCountToUntilDate)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 // Prints occurrences per second of both engines (CPU time: the machine is
 // shared) and the cache's gain.
@@ -178,6 +227,11 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     if (cached > 0 && uncached > 0)
       std::printf("One month from the cache: %.1f us, generated: %.1f us (%.1f times faster)\n", cached, uncached,
                   uncached / cached);
+    const double extended = _seconds["BM_Core_ExtendCachedYear/iterations:200"];
+    const double generated = _seconds["BM_Core_GenerateYear/iterations:200"];
+    if (extended > 0 && generated > 0)
+      std::printf("One more year of a cached century: %.1f us, the year generated alone: %.1f us (ratio %.2f)\n",
+                  extended, generated, extended / generated);
   }
 
  private:

@@ -8,6 +8,7 @@
 #include "calcore/CALDateOnly.h"
 #include "calcore/CALDateTime.h"
 #include "calcore/CALRecurrenceFrequencies.h"
+#include "calcore/calcdate.h"
 #include "engine/SchemaNames.h"
 #include "platform/Exception.h"
 
@@ -167,9 +168,10 @@ CALDateList CALEventExploder::produceDatesForTimeRange(const CALTimeRange& range
                 record);
         continue;
       }
-      // The original date of an all-day event is read in the event's zone.
-      const CalendarDate day =
-          _allDay && start->timeZone() ? original->dateWithTimeZone(start->timeZone()) : *original;
+      // The original date of an all-day event is read in the zone of the
+      // event's start: 22:00 GMT on the 13th is the 14th in Paris.
+      const TimeZonePtr& zone = _allDay ? startValue->timeZone() : start->timeZone();
+      const CalendarDate day = _allDay && zone ? original->dateWithTimeZone(zone) : *original;
       if (CALDateRef excludedDay = CALDate::CALDateFromCalendarDate(day, true); QVT_CHECK(excludedDay))
         excluded.push_back(excludedDay);
     }
@@ -221,8 +223,10 @@ CALDateList CALEventExploder::datesProducedForRecurrence(const Dictionary& recur
   const CALDateRef start = CALDate::CALDateFromCalendarDate(*startValue, exploder.allDay());
   const CALDateRef until = CALDate::CALDateFromCalendarDate(*untilValue, exploder.allDay());
   if (!QVT_CHECK(start && until)) return {};
+  // The start is an occurrence even when the until date comes before it.
+  const CALDate& last = until->isBefore(start.get()) ? *start : *until;
   const CALTimeRange range(start->dateByAddingYears(0, 0, -1, 0, 0, 0).get(),
-                           until->dateByAddingYears(0, 0, 1, 0, 0, 0).get());
+                           last.dateByAddingYears(0, 0, 1, 0, 0, 0).get());
   return exploder.produceDatesForTimeRange(range, nullptr, std::string(), true);
 }
 
@@ -283,8 +287,9 @@ Dictionary CALEventExploder::convertRuleFromCountToUntilDate(Dictionary recurren
   CALEventExploder exploder(event, recurrence);
   const CALDateRef start = CALDate::CALDateFromCalendarDate(*startValue, exploder.allDay());
   if (!QVT_CHECK(start)) return recurrence;
-  // Estimates that grow past the calendar's range stop at its end.
-  const CALDateRef farthest = CALDate::distantFuture<CALDateTime>();
+  // Estimates that grow past the supported years stop at their end.
+  const CALDateRef farthest = CALDateTime::dateWithYear(static_cast<std::int32_t>(kCALCDateLastYear + 1), 1, 1, 0,
+                                                        0, 0, TimeZone::timeZoneWithName("GMT"));
   CALDateRef lastOccurrence;
   for (int attempt = 0; attempt < 10 && !lastOccurrence; ++attempt) {
     CALDateRef end = start->dateByAddingRawInterval(std::min(span, farthest->timeIntervalSinceDate(*start)));

@@ -21,12 +21,12 @@ int CALDailyRecurrence::lastSpecifiedRulePartOrder() const {
 
 CALTimeRangeList CALDailyRecurrence::matchingDaysOnTimeRangeArray(const CALTimeRangeList& spans,
                                                                   const CALDate& start) const {
-  return _walkPeriods(
-      spans, start, [](const CALDate& date, const CALRecurrenceRule&) { return _localDay(date); },
-      [](std::int64_t day, const CALDate&, const CALRecurrenceRule&) {
-        return _daysSpan(day, day);
-      });
+  return _walkPeriods(spans, start);
 }
+
+std::int64_t CALDailyRecurrence::_periodIndex(const CALDate& date) const { return _localDay(date); }
+
+CALTimeRange CALDailyRecurrence::_periodSpan(std::int64_t day) const { return _daysSpan(day, day); }
 
 CALTimeRangeList CALDailyRecurrence::_daySpansOfPeriod(const CALTimeRange& period,
                                                        const CALDate& start) const {
@@ -38,11 +38,22 @@ CALTimeRangeList CALDailyRecurrence::_daySpansOfPeriod(const CALTimeRange& perio
     spans = applyRulePart(&CALRecurrenceRule::generateByMonthOnTimeRange, spans, start);
     if (byMonthDay()) spans = applyRulePart(&CALRecurrenceRule::generateByMonthDayOnTimeRange, spans, start);
   } else if (byWeekno()) {
-    spans = applyRulePart(&CALRecurrenceRule::generateByWeeknoOnTimeRange, spans, start);
-    return applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, spans, start);
+    // A day near a year's end may lie in a week numbered by the year before
+    // or after (week 1 may begin in December): the weeks come from the days
+    // around it.
+    const std::int64_t day = _localDay(*period.startDate());
+    CALTimeRangeList weeks;
+    for (const CALTimeRange& week : generateByWeeknoOnTimeRange(_daysSpan(day - 6, day + 6), start))
+      if (std::optional<CALTimeRange> part = period.intersection(week)) weeks.push_back(std::move(*part));
+    return applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, weeks, start);
   }
   if (byDay()) spans = applyRulePart(&CALRecurrenceRule::generatePeriodicByDayOnTimeRange, spans, start);
   return spans;
+}
+
+void CALDailyRecurrence::_writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const {
+  if (!rule.byMonth() && rule.byWeekno() && !rule.byDay())
+    rule.setByDay(std::vector<CALWeekDayNumber>{CALWeekDayNumber(start.dayOfWeek(), 0)});
 }
 
 // --- Weekly ---------------------------------------------------------------------------
@@ -53,17 +64,18 @@ int CALWeeklyRecurrence::lastSpecifiedRulePartOrder() const {
 
 CALTimeRangeList CALWeeklyRecurrence::matchingWeeksOnTimeRangeArray(const CALTimeRangeList& spans,
                                                                     const CALDate& start) const {
-  // Weeks are numbered by their first day, which is (weekStart + 6) mod 7
-  // modulo 7 in absolute days (day 0 is a Monday).
-  return _walkPeriods(
-      spans, start,
-      [](const CALDate& date, const CALRecurrenceRule& rule) {
-        return (_localDay(date) + numberOfDaysUntilPreviousOccurrenceOfDay(rule.weekStart(), date)) / 7;
-      },
-      [](std::int64_t week, const CALDate&, const CALRecurrenceRule& rule) {
-        const std::int64_t first = week * 7 + (rule.weekStart() + 6) % 7;
-        return _daysSpan(first, first + 6);
-      });
+  return _walkPeriods(spans, start);
+}
+
+// Weeks are numbered by their first day, which is (weekStart + 6) mod 7
+// modulo 7 in absolute days (day 0 is a Monday).
+std::int64_t CALWeeklyRecurrence::_periodIndex(const CALDate& date) const {
+  return (_localDay(date) + numberOfDaysUntilPreviousOccurrenceOfDay(weekStart(), date)) / 7;
+}
+
+CALTimeRange CALWeeklyRecurrence::_periodSpan(std::int64_t week) const {
+  const std::int64_t first = week * 7 + (weekStart() + 6) % 7;
+  return _daysSpan(first, first + 6);
 }
 
 CALTimeRangeList CALWeeklyRecurrence::_daySpansOfPeriod(const CALTimeRange& week,
@@ -99,18 +111,18 @@ CALTimeRangeList CALMonthlyRecurrence::matchingMonthsOnTimeRangeArray(const CALT
   // Unlike days and weeks, a month that begins exactly at the last instant
   // is not walked: an until date (or last counted occurrence) at 00:00:00
   // on the 1st ends the rule with the month before.
-  return _walkPeriods(
-      spans, start,
-      [](const CALDate& date, const CALRecurrenceRule&) {
-        const CALCDate local = _localFields(date);
-        return local.year * 12 + local.month - 1;
-      },
-      [](std::int64_t month, const CALDate&, const CALRecurrenceRule&) {
-        CALCDate first{0, 0, 0, 1, month % 12 + 1, month / 12};
-        const std::int64_t firstDay = calcdate_absoluteday(&first);
-        return _daysSpan(firstDay, firstDay + calcdate_daycount_in_month(&first) - 1);
-      },
-      true);
+  return _walkPeriods(spans, start, true);
+}
+
+std::int64_t CALMonthlyRecurrence::_periodIndex(const CALDate& date) const {
+  const CALCDate local = _localFields(date);
+  return local.year * 12 + local.month - 1;
+}
+
+CALTimeRange CALMonthlyRecurrence::_periodSpan(std::int64_t month) const {
+  CALCDate first{0, 0, 0, 1, month % 12 + 1, month / 12};
+  const std::int64_t firstDay = calcdate_absoluteday(&first);
+  return _daysSpan(firstDay, firstDay + calcdate_daycount_in_month(&first) - 1);
 }
 
 CALTimeRangeList CALMonthlyRecurrence::_daySpansOfPeriod(const CALTimeRange& period,
@@ -135,12 +147,14 @@ int CALYearlyRecurrence::lastSpecifiedRulePartOrder() const {
 
 CALTimeRangeList CALYearlyRecurrence::_matchingPeriods(const CALTimeRangeList& spans,
                                                        const CALDate& start) const {
-  return _walkPeriods(
-      spans, start, [](const CALDate& date, const CALRecurrenceRule&) { return _localFields(date).year; },
-      [](std::int64_t year, const CALDate&, const CALRecurrenceRule&) {
-        return _daysSpan(calcdate_absoluteday_for_year(static_cast<std::int32_t>(year)),
-                         calcdate_absoluteday_for_year(static_cast<std::int32_t>(year + 1)) - 1);
-      });
+  return _walkPeriods(spans, start);
+}
+
+std::int64_t CALYearlyRecurrence::_periodIndex(const CALDate& date) const { return _localFields(date).year; }
+
+CALTimeRange CALYearlyRecurrence::_periodSpan(std::int64_t year) const {
+  return _daysSpan(calcdate_absoluteday_for_year(static_cast<std::int32_t>(year)),
+                   calcdate_absoluteday_for_year(static_cast<std::int32_t>(year + 1)) - 1);
 }
 
 CALTimeRangeList CALYearlyRecurrence::_daySpansOfPeriod(const CALTimeRange& year,
@@ -166,7 +180,13 @@ CALTimeRangeList CALYearlyRecurrence::_daySpansOfPeriod(const CALTimeRange& year
 }
 
 void CALYearlyRecurrence::_writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const {
-  if (rule.byYearDay() || rule.byWeekno()) return;
+  if (rule.byYearDay()) return;
+  if (rule.byWeekno()) {
+    // Numbered weeks fall on the start's weekday when nothing finer is given.
+    if (!rule.byDay() && _noDayOrTimePart())
+      rule.setByDay(std::vector<CALWeekDayNumber>{CALWeekDayNumber(start.dayOfWeek(), 0)});
+    return;
+  }
   if (!rule.byMonth()) rule.setByMonth(std::vector<int>{start.monthOfYear()});
   if (!rule.byMonthDay() && _noDayOrTimePart()) rule.setByMonthDay(std::vector<int>{start.dayOfMonth()});
 }

@@ -42,8 +42,10 @@ class CALDailyRecurrence : public CALRecurrenceRule {
   CALTimeRangeList _matchingPeriods(const CALTimeRangeList& spans, const CALDate& start) const override {
     return matchingDaysOnTimeRangeArray(spans, start);
   }
+  std::int64_t _periodIndex(const CALDate& date) const override;
+  CALTimeRange _periodSpan(std::int64_t index) const override;
   CALTimeRangeList _daySpansOfPeriod(const CALTimeRange& period, const CALDate& start) const override;
-  void _writeOutDefaults(CALRecurrenceRule&, const CALDate&) const override {}
+  void _writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const override;
   std::unique_ptr<CALRecurrenceRule> _emptyCopy() const override { return rule(); }
 };
 
@@ -63,6 +65,8 @@ class CALWeeklyRecurrence : public CALRecurrenceRule {
   CALTimeRangeList _matchingPeriods(const CALTimeRangeList& spans, const CALDate& start) const override {
     return matchingWeeksOnTimeRangeArray(spans, start);
   }
+  std::int64_t _periodIndex(const CALDate& date) const override;
+  CALTimeRange _periodSpan(std::int64_t index) const override;
   CALTimeRangeList _daySpansOfPeriod(const CALTimeRange& period, const CALDate& start) const override;
   void _writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const override;
   std::unique_ptr<CALRecurrenceRule> _emptyCopy() const override { return rule(); }
@@ -83,6 +87,8 @@ class CALMonthlyRecurrence : public CALRecurrenceRule {
   CALTimeRangeList _matchingPeriods(const CALTimeRangeList& spans, const CALDate& start) const override {
     return matchingMonthsOnTimeRangeArray(spans, start);
   }
+  std::int64_t _periodIndex(const CALDate& date) const override;
+  CALTimeRange _periodSpan(std::int64_t index) const override;
   CALTimeRangeList _daySpansOfPeriod(const CALTimeRange& period, const CALDate& start) const override;
   void _writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const override;
   std::unique_ptr<CALRecurrenceRule> _emptyCopy() const override { return rule(); }
@@ -104,6 +110,8 @@ class CALYearlyRecurrence : public CALRecurrenceRule {
  protected:
   CALYearlyRecurrence() = default;
   CALTimeRangeList _matchingPeriods(const CALTimeRangeList& spans, const CALDate& start) const override;
+  std::int64_t _periodIndex(const CALDate& date) const override;
+  CALTimeRange _periodSpan(std::int64_t index) const override;
   CALTimeRangeList _daySpansOfPeriod(const CALTimeRange& period, const CALDate& start) const override;
   void _writeOutDefaults(CALRecurrenceRule& rule, const CALDate& start) const override;
   std::unique_ptr<CALRecurrenceRule> _emptyCopy() const override { return rule(); }

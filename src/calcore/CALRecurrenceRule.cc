@@ -77,6 +77,35 @@ bool sameDate(const CALDate* a, const CALDate* b) {
   return a->isEqual(b);
 }
 
+bool dateBefore(const CALDateRef& a, const CALDateRef& b) { return a->compare(b.get()) < 0; }
+
+// A BYxxx list as the expansion reads it: order and repetition do not count.
+CALRulePartList asSet(CALRulePartList list) {
+  if (list) {
+    std::sort(list->begin(), list->end());
+    list->erase(std::unique(list->begin(), list->end()), list->end());
+  }
+  return list;
+}
+
+CALWeekDayList asSet(CALWeekDayList list) {
+  if (list) {
+    std::sort(list->begin(), list->end(), [](const CALWeekDayNumber& a, const CALWeekDayNumber& b) {
+      return a.day() != b.day() ? a.day() < b.day() : a.number() < b.number();
+    });
+    list->erase(std::unique(list->begin(), list->end()), list->end());
+  }
+  return list;
+}
+
+// The first day of week 1 of `year`: the week (from `weekStart`) that has
+// four days or more in the year.
+std::int64_t firstDayOfWeekOne(std::int64_t year, int weekStart) {
+  const std::int64_t january1 = calcdate_absoluteday_for_year(static_cast<std::int32_t>(year));
+  const int daysIntoWeek = (weekdayOfDay(january1) - weekStart + 7) % 7;
+  return january1 - daysIntoWeek + (7 - daysIntoWeek >= 4 ? 0 : 7);
+}
+
 }  // namespace
 
 std::string descriptionOfDates(const CALDateList& dates) {
@@ -95,58 +124,72 @@ std::string CALRecurrenceRule::description() const {
 
 CALRecurrenceRule& CALRecurrenceRule::setRange(std::optional<CALTimeRange> range) {
   _range = std::move(range);
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setCount(int count) {
   _count = count;
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setInterval(int interval) {
   _interval = interval;
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setWeekStart(int day) {
   _weekStart = day;
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setUntilDate(const CALDate* date) {
   _untilDate = date ? date->copy() : nullptr;
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setByMonth(CALRulePartList list) {
   _byMonth = std::move(list);
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setByWeekno(CALRulePartList list) {
   _byWeekno = std::move(list);
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setByYearDay(CALRulePartList list) {
   _byYearDay = std::move(list);
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setByMonthDay(CALRulePartList list) {
   _byMonthDay = std::move(list);
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setByDay(CALWeekDayList list) {
   _byDay = std::move(list);
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setByHour(CALRulePartList list) {
   _byHour = std::move(list);
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setByMinute(CALRulePartList list) {
   _byMinute = std::move(list);
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setBySecond(CALRulePartList list) {
   _bySecond = std::move(list);
+  _partsChanged();
   return *this;
 }
 CALRecurrenceRule& CALRecurrenceRule::setBySetpos(CALRulePartList list) {
   _bySetpos = std::move(list);
+  _partsChanged();
   return *this;
 }
 
@@ -202,26 +245,47 @@ CALDateList CALRecurrenceRule::occurrencesOnTimeRange(const CALTimeRange& range,
     };
     request = CALTimeRange(floating(range.startDate()).get(), floating(range.endDate()).get());
   }
+  request = _requestFrom(request, recurrenceStart);
+  // Endless occurrences cannot be listed, nor the range marked as cached.
+  if (!request.endDate() && !_hasOwnEnd(recurrenceStart))
+    return realOccurrencesOnTimeRange(request, recurrenceStart);
   if (!isTimeRangeCached(request, recurrenceStart)) addDatesOnTimeRange(request, recurrenceStart);
   return cachedDatesOnTimeRange(request);
+}
+
+CALTimeRange CALRecurrenceRule::_requestFrom(const CALTimeRange& range, const CALDate& start) const {
+  // Nothing occurs before the recurrence start.
+  if (range.startDate()) return range;
+  return CALTimeRange(&start, range.endDate());
+}
+
+bool CALRecurrenceRule::_hasOwnEnd(const CALDate& start) {
+  return _untilDate || (_count >= 1 && cachedEndDateForRecurrenceStart(start));
 }
 
 CALDateList CALRecurrenceRule::realOccurrencesOnTimeRange(const CALTimeRange& requested,
                                                           const CALDate& start) {
   // Timed starts read the range in their own zone.
   CALTimeRange range = requested;
-  if (dynamic_cast<const CALDateTime*>(&start) && bounded(requested)) {
-    CALDateRef from = requested.startDate()->copy(), to = requested.endDate()->copy();
-    from->setTimeZone(start.timeZone());
-    to->setTimeZone(start.timeZone());
-    range = CALTimeRange(from.get(), to.get());
+  if (dynamic_cast<const CALDateTime*>(&start)) {
+    auto inStartZone = [&](const CALDate* date) -> CALDateRef {
+      if (!date) return nullptr;
+      CALDateRef copy = date->copy();
+      copy->setTimeZone(start.timeZone());
+      return copy;
+    };
+    range = CALTimeRange(inStartZone(requested.startDate()).get(), inStartZone(requested.endDate()).get());
   }
   CALDateList dates;
-  CALDateRef end = range.startDate() ? realEndDateOnTimeRange(range, start) : nullptr;
-  if (!end) return dates;  // unbounded and not bounded by the rule either
-  const CALDate* generationStart = range.startDate()->isAfter(&start) ? range.startDate() : &start;
-  const bool excludingEnd = range.endDate() && end->isEqualToDate(range.endDate());
-  if (generationStart->isBeforeOrEqual(end.get())) {
+  // Generation begins at the later of the range's start and the recurrence
+  // start, and ends with the rule or the range, whichever ends first; an
+  // open range on an endless rule generates nothing but the start.
+  const CALDate* generationStart =
+      range.startDate() && range.startDate()->isAfter(&start) ? range.startDate() : &start;
+  const CALTimeRange requestedPart(generationStart, range.endDate());
+  const CALDateRef end = realEndDateOnTimeRange(range, start);
+  const bool excludingEnd = end && range.endDate() && end->isEqualToDate(range.endDate());
+  if (end && generationStart->isBeforeOrEqual(end.get())) {
     const CALTimeRange window(generationStart, end.get());
     for (const CALTimeRange& period : _matchingPeriods({window}, start)) {
       CALDateList found = _occurrencesInPeriod(period, start);
@@ -231,7 +295,7 @@ CALDateList CALRecurrenceRule::realOccurrencesOnTimeRange(const CALTimeRange& re
     sortWithoutDuplicates(dates);
     dates = filterOccurrences(dates, window, excludingEnd);
   }
-  addRecStartDateIfNeeded(dates, range, start);
+  addRecStartDateIfNeeded(dates, requestedPart, start);
   return dates;
 }
 
@@ -243,7 +307,6 @@ CALDateList CALRecurrenceRule::_occurrencesInPeriod(const CALTimeRange& period,
 }
 
 CALTimeRangeList CALRecurrenceRule::_walkPeriods(const CALTimeRangeList& spans, const CALDate& start,
-                                                 PeriodIndex indexOf, PeriodSpan spanOf,
                                                  bool strictEnd) const {
   CALTimeRangeList periods;
   const CALDate* earliest = nullptr;
@@ -255,14 +318,14 @@ CALTimeRangeList CALRecurrenceRule::_walkPeriods(const CALTimeRangeList& spans, 
   }
   if (!earliest) return periods;
   const std::int64_t step = std::max(1, _interval);
-  const std::int64_t origin = indexOf(start, *this);
-  const std::int64_t from = indexOf(*earliest, *this);
-  std::int64_t last = indexOf(*latest, *this);
-  if (strictEnd && !spanOf(last, start, *this).startDate()->isBefore(latest)) --last;
+  const std::int64_t origin = _periodIndex(start);
+  const std::int64_t from = _periodIndex(*earliest);
+  std::int64_t last = _periodIndex(*latest);
+  if (strictEnd && !_periodSpan(last).startDate()->isBefore(latest)) --last;
   // Jump straight to the last period of the interval's grid before the spans.
   for (std::int64_t index = from > origin ? origin + (from - origin) / step * step : origin; index <= last;
        index += step) {
-    CALTimeRange period = spanOf(index, start, *this);
+    CALTimeRange period = _periodSpan(index);
     if (std::any_of(spans.begin(), spans.end(),
                     [&](const CALTimeRange& span) { return span.intersectsTimeRange(period); }))
       periods.push_back(std::move(period));
@@ -271,15 +334,16 @@ CALTimeRangeList CALRecurrenceRule::_walkPeriods(const CALTimeRangeList& spans, 
 }
 
 bool CALRecurrenceRule::ruleMatchesDate(const CALDate& date) const {
-  const std::int64_t day = _localDay(date);
-  const CALTimeRangeList periods = _matchingPeriods({_daysSpan(day, day)}, date);
-  return !periods.empty() && containsDate(_occurrencesInPeriod(periods.front(), date), date);
+  // A period's days may spill into the next or previous period (weeks and
+  // days of the year at a year's end).
+  const std::int64_t period = _periodIndex(date);
+  for (std::int64_t index : {period, period - 1, period + 1})
+    if (containsDate(_occurrencesInPeriod(_periodSpan(index), date), date)) return true;
+  return false;
 }
 
 CALTimeRange CALRecurrenceRule::acceptableMoveToTimeRangeForDate(const CALDate& date) const {
-  const std::int64_t day = _localDay(date);
-  const CALTimeRangeList periods = _matchingPeriods({_daysSpan(day, day)}, date);
-  return periods.empty() ? _daysSpan(day, day) : periods.front();
+  return _periodSpan(_periodIndex(date));
 }
 
 std::unique_ptr<CALRecurrenceRule> CALRecurrenceRule::proposedRuleForMovingFrom(const CALDate& from,
@@ -334,9 +398,16 @@ std::unique_ptr<CALRecurrenceRule> CALRecurrenceRule::_copyOfParts() const {
 bool CALRecurrenceRule::_hasSameParts(const CALRecurrenceRule& o) const {
   return className() == o.className() && _count == o._count && _interval == o._interval &&
          weekStart() == o.weekStart() && sameDate(_untilDate.get(), o._untilDate.get()) &&
-         _byMonth == o._byMonth && _byWeekno == o._byWeekno && _byYearDay == o._byYearDay &&
-         _byMonthDay == o._byMonthDay && _byDay == o._byDay && _byHour == o._byHour &&
-         _byMinute == o._byMinute && _bySecond == o._bySecond && _bySetpos == o._bySetpos;
+         asSet(_byMonth) == asSet(o._byMonth) && asSet(_byWeekno) == asSet(o._byWeekno) &&
+         asSet(_byYearDay) == asSet(o._byYearDay) && asSet(_byMonthDay) == asSet(o._byMonthDay) &&
+         asSet(_byDay) == asSet(o._byDay) && asSet(_byHour) == asSet(o._byHour) &&
+         asSet(_byMinute) == asSet(o._byMinute) && asSet(_bySecond) == asSet(o._bySecond) &&
+         asSet(_bySetpos) == asSet(o._bySetpos);
+}
+
+void CALRecurrenceRule::_partsChanged() {
+  invalidateCache();
+  _ruleCachedEndDates.clear();
 }
 
 bool CALRecurrenceRule::isEqualToRule(const CALRecurrenceRule& other,
@@ -428,17 +499,14 @@ CALTimeRangeList CALRecurrenceRule::generateByMonthOnTimeRange(const CALTimeRang
   return spans;
 }
 
-CALTimeRange CALRecurrenceRule::week(int week, int year) const {
-  // Week 1 is the first week (from the week start day) with four days or
-  // more in the year.
-  auto firstWeekStart = [this](std::int64_t y) {
-    const std::int64_t january1 = calcdate_absoluteday_for_year(static_cast<std::int32_t>(y));
-    const int daysIntoWeek = (weekdayOfDay(january1) - weekStart() + 7) % 7;
-    return january1 - daysIntoWeek + (7 - daysIntoWeek >= 4 ? 0 : 7);
-  };
-  const std::int64_t week1 = firstWeekStart(year);
-  const std::int64_t weekCount = (firstWeekStart(year + 1) - week1) / 7;
-  const std::int64_t first = week1 + 7 * (week > 0 ? week - 1 : weekCount + week);
+int CALRecurrenceRule::numberOfWeeksInYear(int year) const {
+  return static_cast<int>((firstDayOfWeekOne(year + 1, weekStart()) - firstDayOfWeekOne(year, weekStart())) / 7);
+}
+
+std::optional<CALTimeRange> CALRecurrenceRule::week(int week, int year) const {
+  const int weekCount = numberOfWeeksInYear(year);
+  if (week == 0 || week > weekCount || week < -weekCount) return std::nullopt;
+  const std::int64_t first = firstDayOfWeekOne(year, weekStart()) + 7 * (week > 0 ? week - 1 : weekCount + week);
   return _daysSpan(first, first + 6);
 }
 
@@ -449,8 +517,7 @@ CALTimeRangeList CALRecurrenceRule::generateByWeeknoOnTimeRange(const CALTimeRan
   for (int year = static_cast<int>(_localFields(*span.startDate()).year);
        year <= _localFields(*span.endDate()).year; ++year) {
     for (int number : *_byWeekno)
-      if (number != 0 && number >= -53 && number <= 53)
-        spans.push_back(week(number, year));
+      if (std::optional<CALTimeRange> numbered = week(number, year)) spans.push_back(std::move(*numbered));
   }
   return spans;
 }
@@ -693,10 +760,42 @@ void CALRecurrenceRule::invalidateCache() {
   _cachedStartDate = nullptr;
 }
 
-void CALRecurrenceRule::addCachedDates(const CALDateList& dates) {
-  if (std::any_of(dates.begin(), dates.end(), [&](const CALDateRef& d) { return containsDate(_cachedDates, *d); }))
-    QVT_LOG(kLogWarning, ruleLogDomain(), "WARNING : adding twice the same date in a recurrence cache");
-  _cachedDates.insert(_cachedDates.end(), dates.begin(), dates.end());
+void CALRecurrenceRule::addCachedDates(CALDateList added) {
+  if (!std::is_sorted(added.begin(), added.end(), dateBefore)) sortDates(added);
+  if (added.empty()) return;
+  // An extension lies after (or before) what is cached: no date to compare.
+  if (_cachedDates.empty() || dateBefore(_cachedDates.back(), added.front())) {
+    _cachedDates.insert(_cachedDates.end(), std::make_move_iterator(added.begin()),
+                        std::make_move_iterator(added.end()));
+    return;
+  }
+  if (dateBefore(added.back(), _cachedDates.front())) {
+    _cachedDates.insert(_cachedDates.begin(), std::make_move_iterator(added.begin()),
+                        std::make_move_iterator(added.end()));
+    return;
+  }
+  CALDateList merged;
+  merged.reserve(_cachedDates.size() + added.size());
+  bool twice = false;
+  auto cached = _cachedDates.begin(), fresh = added.begin();
+  while (cached != _cachedDates.end() || fresh != added.end()) {
+    if (fresh == added.end() || (cached != _cachedDates.end() && dateBefore(*cached, *fresh))) {
+      merged.push_back(std::move(*cached++));
+    } else if (cached == _cachedDates.end() || dateBefore(*fresh, *cached)) {
+      merged.push_back(std::move(*fresh++));
+    } else {
+      twice = true;
+      merged.push_back(std::move(*cached++));
+      ++fresh;
+    }
+  }
+  if (twice) QVT_LOG(kLogWarning, ruleLogDomain(), "WARNING : adding twice the same date in a recurrence cache");
+  _cachedDates = std::move(merged);
+}
+
+void CALRecurrenceRule::setCachedDates(CALDateList dates) {
+  sortWithoutDuplicates(dates);
+  _cachedDates = std::move(dates);
 }
 
 void CALRecurrenceRule::setCachedStartDate(const CALDate* start) {
@@ -709,9 +808,16 @@ bool CALRecurrenceRule::isTimeRangeCached(const CALTimeRange& range, const CALDa
 }
 
 CALDateList CALRecurrenceRule::cachedDatesOnTimeRange(const CALTimeRange& range) const {
-  CALDateList dates = filterOccurrences(_cachedDates, range, true);
-  sortDates(dates);
-  return dates;
+  // The cache is sorted: the range's dates are one run of it.
+  const CALDate* from = range.startDate();
+  const CALDate* to = range.endDate();
+  if (!from) return {};
+  auto first = std::partition_point(_cachedDates.begin(), _cachedDates.end(),
+                                    [&](const CALDateRef& date) { return date->isBefore(from); });
+  auto last = to ? std::partition_point(first, _cachedDates.end(),
+                                        [&](const CALDateRef& date) { return date->isBefore(to); })
+                 : _cachedDates.end();
+  return CALDateList(first, last);
 }
 
 void CALRecurrenceRule::addDatesOnTimeRange(const CALTimeRange& range, const CALDate& start) {
@@ -726,7 +832,7 @@ void CALRecurrenceRule::addDatesOnTimeRange(const CALTimeRange& range, const CAL
   invalidateCache();
   setCachedStartDate(&start);
   _cachedTimeRange = range;
-  _cachedDates = realOccurrencesOnTimeRange(range, start);
+  setCachedDates(realOccurrencesOnTimeRange(range, start));
 }
 
 }  // namespace pc

@@ -15,7 +15,9 @@
 //
 // A rule caches the dates it produced for one recurrence start (so that
 // overlapping requests only generate what is missing) and, per recurrence
-// start, the last occurrence of a counted rule.
+// start, the last occurrence of a counted rule. The dates are kept sorted, so
+// that extending the cached range costs what generating the extension costs.
+// Every setter empties both caches.
 
 #include <cstdint>
 #include <memory>
@@ -104,17 +106,24 @@ class CALRecurrenceRule : public Object {
 
   // --- Occurrences -----------------------------------------------------------
 
-  // The occurrences in `range` (end excluded), sorted, through the cache.
+  // The occurrences in `range` (end excluded), sorted, through the cache. A
+  // range without start begins at the recurrence start. A range without end
+  // on a rule without end (no until date, no count reached before 2050) has
+  // endless occurrences: it answers the recurrence start alone and leaves
+  // the cache as it was.
   CALDateList occurrencesOnTimeRange(const CALTimeRange& range, const CALDate& recurrenceStart);
-  // The uncached generator. An unbounded range yields nothing unless the
-  // rule bounds itself (until date, or a count reached before 2050).
+  // The uncached generator. Nothing is generated past an open end unless
+  // the rule bounds itself (until date, or a count reached before 2050); the
+  // recurrence start is answered whenever the range holds it.
   CALDateList realOccurrencesOnTimeRange(const CALTimeRange& range, const CALDate& recurrenceStart);
   // The last occurrence of a counted rule; null when the rule is not counted
   // or its count is not reached before 2050.
   CALDateRef cachedEndDateForRecurrenceStart(const CALDate& recurrenceStart);
   void computeAndCacheEndDateForRecurrenceStart(const CALDate& recurrenceStart);
-  // Whether `date` is one of the dates the rule produces in its period,
-  // ignoring the interval (the date taken as its own recurrence start).
+  // Whether `date` is one of the dates the rule produces, ignoring the
+  // interval (the date taken as its own recurrence start). The periods next
+  // to the date's are asked too: a yearly rule's week 1 may begin in the
+  // December before, its day 0 is the next year's 1 January.
   bool ruleMatchesDate(const CALDate& date) const;
   // The period (day, week, month or year) holding `date`: an occurrence moved
   // within it stays in its period of the interval's grid.
@@ -126,9 +135,10 @@ class CALRecurrenceRule : public Object {
   // parts that are missing follow the start and need no change.
   std::unique_ptr<CALRecurrenceRule> proposedRuleForMovingFrom(const CALDate& from, const CALDate& to,
                                                                bool* changes) const;
-  // Same frequency and parts. With a start date, the parts the start fills
-  // in (the weekday of a weekly rule, the day of a monthly one...) are
-  // compared as if written out.
+  // Same frequency and parts; the BYxxx lists are compared as sets (order
+  // and repetition mean nothing to the expansion). With a start date, the
+  // parts the start fills in (the weekday of a weekly rule, the day of a
+  // monthly one...) are compared as if written out.
   bool isEqualToRule(const CALRecurrenceRule& other, const CALDate* consideringStartDate) const;
 
   // --- Rule-part generators ------------------------------------------------
@@ -167,8 +177,11 @@ class CALRecurrenceRule : public Object {
 
   // Week `week` of `year`: weeks begin on the rule's week start day and week
   // 1 is the first one with at least four days in the year; negative numbers
-  // count from the year's last week.
-  CALTimeRange week(int week, int year) const;
+  // count from the year's last week. Nothing for 0 or a number beyond the
+  // year's own count of weeks (52 or 53), from either end.
+  std::optional<CALTimeRange> week(int week, int year) const;
+  // 52 or 53, for the rule's week start day.
+  int numberOfWeeksInYear(int year) const;
   // Days from `date` forward to the next `day` (0 to 6).
   static int numberOfDaysUntilNextOccurrenceOfDay(int day, const CALDate& date);
   // Days from `date` back to the previous `day`, as a negative count (-6 to 0).
@@ -204,9 +217,11 @@ class CALRecurrenceRule : public Object {
   // --- Simple cache ------------------------------------------------------------
 
   void invalidateCache();
-  // Appends (logging dates already cached).
-  void addCachedDates(const CALDateList& dates);
-  void setCachedDates(CALDateList dates) { _cachedDates = std::move(dates); }
+  // Merges the dates into the sorted cache; dates already cached are logged
+  // and kept once.
+  void addCachedDates(CALDateList dates);
+  // Replaces the cached dates (sorted here, without duplicates).
+  void setCachedDates(CALDateList dates);
   void setCachedStartDate(const CALDate* start);
   void setCachedTimeRange(std::optional<CALTimeRange> range) { _cachedTimeRange = std::move(range); }
   const CALDateList& cachedDates() const { return _cachedDates; }
@@ -223,19 +238,19 @@ class CALRecurrenceRule : public Object {
   // period, that intersect any of `spans`.
   virtual CALTimeRangeList _matchingPeriods(const CALTimeRangeList& spans,
                                             const CALDate& start) const = 0;
+  // A period index of a date (days, weeks, months or years; any origin),
+  // and the span of the period of an index.
+  virtual std::int64_t _periodIndex(const CALDate& date) const = 0;
+  virtual CALTimeRange _periodSpan(std::int64_t index) const = 0;
   // The candidate day spans of one period.
   virtual CALTimeRangeList _daySpansOfPeriod(const CALTimeRange& period,
                                              const CALDate& start) const = 0;
-  // A period index of a date (days, weeks, months or years; any origin).
-  using PeriodIndex = std::int64_t (*)(const CALDate& date, const CALRecurrenceRule& rule);
-  using PeriodSpan = CALTimeRange (*)(std::int64_t index, const CALDate& start,
-                                      const CALRecurrenceRule& rule);
   // The walk shared by the frequencies: periods from the start's, every
   // `interval` periods, while they begin before or at the spans' last
   // instant; with `strictEnd`, a period that begins exactly at that instant
   // is left out too.
   CALTimeRangeList _walkPeriods(const CALTimeRangeList& spans, const CALDate& start,
-                                PeriodIndex indexOf, PeriodSpan spanOf, bool strictEnd = false) const;
+                                bool strictEnd = false) const;
   // The candidates of one period, sorted, without duplicates, through BYSETPOS.
   CALDateList _occurrencesInPeriod(const CALTimeRange& period, const CALDate& start) const;
   // Day arithmetic on local wall clocks, so that days stay whole across
@@ -266,6 +281,12 @@ class CALRecurrenceRule : public Object {
 
  private:
   bool _hasSameParts(const CALRecurrenceRule& other) const;
+  // Empties the date cache and the end-date cache: the parts changed.
+  void _partsChanged();
+  // The request as the cache keeps it: without start, from the recurrence start.
+  CALTimeRange _requestFrom(const CALTimeRange& range, const CALDate& start) const;
+  // Whether the rule ends by itself (until date, or count reached).
+  bool _hasOwnEnd(const CALDate& start);
   CALDateRef _lookUpEndDate(const CALDate& start, bool* found) const;
 
   std::optional<CALTimeRange> _range;

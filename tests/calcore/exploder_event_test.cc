@@ -19,6 +19,7 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::Not;
 
 const TimeZonePtr& paris() {
   static const TimeZonePtr zone = TimeZone::timeZoneWithName("Europe/Paris");
@@ -137,6 +138,60 @@ TEST(EventExploderTest, ExclusionsRemoveWholeDays) {
   EXPECT_THAT(log.messages(), Contains(HasSubstr("corruption in the truth.  detached event with no recurrence id")));
   EXPECT_THAT(iso(exploder.produceDatesForTimeRange(range(2006, 3, 1, 2006, 3, 3), &truth, "e1", true)),
               ElementsAre("20060301T100000+0100", "20060302T100000+0100"));
+}
+
+TEST(EventExploderTest, AllDayOriginalDatesAreReadInTheEventsZone) {
+  // 22:00 GMT on 13 July is 14 July in Paris, the zone of the event's start.
+  Dictionary event{{kCalendarsEventStartDate, parisDate(2007, 7, 10)},
+                   {kCalendarsEventAllDay, true},
+                   {kCalendarsEventDetachedEvents, Array{"d1"}}};
+  MemoryTruthSnapshot truth;
+  truth.addRecord("e1", event);
+  truth.addRecord("d1", Dictionary{{kCalendarsEventOriginalDate,
+                                    CalendarDate::dateWithYear(2007, 7, 13, 22, 0, 0, TimeZone::timeZoneWithName("GMT"))}});
+  CALEventExploder exploder(event, recurrence("daily"));
+  EXPECT_THAT(iso(exploder.produceDatesForTimeRange(range(2007, 7, 10, 2007, 7, 17), &truth, "e1")),
+              ElementsAre("20070710", "20070711", "20070712", "20070713", "20070715", "20070716"));
+}
+
+TEST(EventExploderTest, ConversionsCountTheStartAndReachTheLastSupportedYear) {
+  test::LogCapture log;
+  const Dictionary event = timedEvent(parisDate(2006, 3, 1, 10));
+  // An until date before the start still leaves the start: one occurrence,
+  // not a count of 0, which would mean no end at all.
+  const Dictionary early = CALEventExploder::convertRuleFromUntilDateToCount(
+      recurrence("daily", {{kCalendarsRecurrenceUntil, parisDate(2006, 2, 1)}}), event);
+  EXPECT_EQ(early.getInteger(kCalendarsRecurrenceCount), 1);
+  CALEventExploder converted(event, early);
+  EXPECT_THAT(iso(converted.produceDatesForTimeRange(range(2006, 1, 1, 2007, 1, 1), nullptr, "e1")),
+              ElementsAre("20060301T100000+0100"));
+
+  struct Case {
+    const char* frequency;
+    CalendarDate start;
+    int count;
+    const char* until;
+  };
+  const std::vector<Case> cases = {
+      {"yearly", parisDate(2006, 3, 1, 10), 995, "3000-03-01 22:59:59 GMT"},
+      {"yearly", parisDate(2006, 3, 1, 10), 1280, "3285-03-01 22:59:59 GMT"},
+      {"daily", parisDate(3100, 3, 1, 10), 3, "3100-03-03 22:59:59 GMT"},
+  };
+  for (const Case& c : cases) {
+    const Dictionary record = CALEventExploder::convertRuleFromCountToUntilDate(
+        recurrence(c.frequency, {{kCalendarsRecurrenceCount, c.count}}), timedEvent(c.start));
+    EXPECT_FALSE(record.contains(kCalendarsRecurrenceCount)) << c.until;
+    EXPECT_EQ(gmtText(record.get(kCalendarsRecurrenceUntil)), c.until);
+  }
+  EXPECT_THAT(log.messages(), Not(Contains(HasSubstr("not enought result"))));
+}
+
+TEST(EventExploderTest, ChangingTheRuleChangesTheOccurrences) {
+  const Dictionary event = timedEvent(parisDate(2006, 3, 1, 10));
+  CALEventExploder exploder(event, recurrence("daily"));
+  EXPECT_EQ(exploder.produceDatesForTimeRange(range(2006, 3, 1, 2006, 3, 8), nullptr, "e1").size(), 7u);
+  exploder.rule().setCount(2);
+  EXPECT_EQ(exploder.produceDatesForTimeRange(range(2006, 3, 1, 2006, 3, 8), nullptr, "e1").size(), 2u);
 }
 
 TEST(EventExploderTest, EventsForDatesMoveACleanCopy) {

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -274,9 +275,162 @@ TEST(RecurrenceRuleTest, WeekOneMayBeginInTheYearBefore) {
   EXPECT_THAT(expand(*rule, floating(2025, 12, 29, 8), floating(2029, 1, 1)),
               ElementsAre("20251229T080000", "20270104T080000", "20280103T080000"));
   // 2026 begins on a Thursday: its 53rd and last week ends in 2027.
-  EXPECT_EQ(rule->week(-1, 2026).description(),
+  EXPECT_EQ(rule->week(-1, 2026)->description(),
             CALTimeRange(floating(2026, 12, 28).get(), floating(2027, 1, 3)->dateWithHour(23, 59, 59).get())
                 .description());
+}
+
+using RuleMaker = std::function<std::unique_ptr<CALRecurrenceRule>()>;
+
+std::vector<CALWeekDayNumber> weekdays(std::initializer_list<int> days) {
+  std::vector<CALWeekDayNumber> list;
+  for (int day : days) list.emplace_back(day, 0);
+  return list;
+}
+
+template <class Rule>
+RuleMaker make(std::function<void(CALRecurrenceRule&)> setParts) {
+  return [setParts] {
+    std::unique_ptr<CALRecurrenceRule> rule = Rule::rule();
+    setParts(*rule);
+    return rule;
+  };
+}
+
+TEST(RecurrenceRuleTest, WeekNumbersCountOnlyTheWeeksOfTheirOwnYear) {
+  // 2015, 2020 and 2026 have 53 weeks (from Monday); the years between 52.
+  // Week 53 then exists only in those years, and week -53 is their week 1.
+  struct Case {
+    const char* what;
+    RuleMaker rule;
+    std::vector<std::string> expected;
+  };
+  const std::vector<Case> cases = {
+      {"yearly 53 MO", make<CALYearlyRecurrence>([](auto& r) { r.setByWeekno(std::vector{53}).setByDay(weekdays({1})); }),
+       {"20151228T090000", "20201228T090000", "20261228T090000"}},
+      {"yearly -53 MO",
+       make<CALYearlyRecurrence>([](auto& r) { r.setByWeekno(std::vector{-53}).setByDay(weekdays({1})); }),
+       {"20151228T090000", "20191230T090000", "20251229T090000"}},
+      {"daily 53", make<CALDailyRecurrence>([](auto& r) { r.setByWeekno(std::vector{53}); }),
+       {"20151228T090000", "20201228T090000", "20261228T090000"}},
+      {"weekly 53 MO", make<CALWeeklyRecurrence>([](auto& r) { r.setByWeekno(std::vector{53}).setByDay(weekdays({1})); }),
+       {"20151228T090000", "20201228T090000", "20261228T090000"}},
+      {"weekly 53 MO, weeks from Sunday",
+       make<CALWeeklyRecurrence>(
+           [](auto& r) { r.setByWeekno(std::vector{53}).setByDay(weekdays({1})).setWeekStart(0); }),
+       {"20151228T090000", "20201228T090000", "20251229T090000"}},
+  };
+  for (const Case& c : cases)
+    EXPECT_THAT(expand(*c.rule(), floating(2015, 12, 28, 9), floating(2031, 1, 1)), ElementsAreArray(c.expected))
+        << c.what;
+  // A day belongs to the week its number names, even when that week is
+  // numbered by the next year.
+  EXPECT_THAT(expand(*make<CALDailyRecurrence>([](auto& r) { r.setByWeekno(std::vector{1}); })(),
+                     floating(2014, 12, 29, 9), floating(2031, 1, 1)),
+              ElementsAre("20141229T090000", "20160104T090000", "20170102T090000", "20180101T090000",
+                          "20181231T090000", "20191230T090000", "20210104T090000", "20220103T090000",
+                          "20230102T090000", "20240101T090000", "20241230T090000", "20251229T090000",
+                          "20270104T090000", "20280103T090000", "20290101T090000", "20291231T090000",
+                          "20301230T090000"));
+
+  auto rule = CALYearlyRecurrence::rule();
+  EXPECT_EQ(rule->numberOfWeeksInYear(2015), 53);
+  EXPECT_EQ(rule->numberOfWeeksInYear(2016), 52);
+  EXPECT_FALSE(rule->week(53, 2016));
+  EXPECT_FALSE(rule->week(-53, 2016));
+  EXPECT_FALSE(rule->week(0, 2016));
+  EXPECT_EQ(rule->week(-52, 2016)->description(), rule->week(1, 2016)->description());
+}
+
+TEST(RecurrenceRuleTest, EveryDateARuleProducesMatchesIt) {
+  // Weeks and days of the year reach across the year's end: the matching
+  // must look at the neighbouring period too.
+  struct Case {
+    const char* what;
+    RuleMaker rule;
+    CALDateRef start;
+  };
+  const std::vector<Case> cases = {
+      {"yearly week 1 MO",
+       make<CALYearlyRecurrence>([](auto& r) { r.setByWeekno(std::vector{1}).setByDay(weekdays({1})); }),
+       floating(2014, 12, 29, 9)},
+      {"yearly week 53 FR,SA,SU",
+       make<CALYearlyRecurrence>([](auto& r) { r.setByWeekno(std::vector{53}).setByDay(weekdays({5, 6, 0})); }),
+       floating(2016, 1, 1, 9)},
+      {"yearly last week SU",
+       make<CALYearlyRecurrence>([](auto& r) { r.setByWeekno(std::vector{-1}).setByDay(weekdays({0})); }),
+       floating(2016, 1, 3, 9)},
+      {"yearly days 0, 1, -1, 366",
+       make<CALYearlyRecurrence>([](auto& r) { r.setByYearDay(std::vector{0, 1, -1, 366}); }),
+       floating(2015, 12, 31, 9)},
+      {"daily week 1", make<CALDailyRecurrence>([](auto& r) { r.setByWeekno(std::vector{1}); }),
+       floating(2014, 12, 29, 9)},
+      {"monthly last FR", make<CALMonthlyRecurrence>([](auto& r) { r.setByDay({{{5, -1}}}); }),
+       floating(2015, 12, 25, 9)},
+      {"weekly TU,TH with BYHOUR",
+       make<CALWeeklyRecurrence>([](auto& r) { r.setByDay(weekdays({2, 4})).setByHour(std::vector{9, 18}); }),
+       floating(2015, 12, 29, 9)},
+  };
+  for (const Case& c : cases) {
+    std::unique_ptr<CALRecurrenceRule> rule = c.rule();
+    const CALDateList dates = rule->occurrencesOnTimeRange(range(c.start, floating(2030, 1, 1)), *c.start);
+    ASSERT_GT(dates.size(), 5u) << c.what;
+    for (const CALDateRef& date : dates)
+      EXPECT_TRUE(rule->ruleMatchesDate(*date)) << c.what << " " << date->isoStringRepresentation();
+  }
+
+  struct Mismatch {
+    RuleMaker rule;
+    CALDateRef date;
+  };
+  const std::vector<Mismatch> mismatches = {
+      // Week 53 of 2018 does not exist; 31 December is week 1 of 2019.
+      {make<CALYearlyRecurrence>([](auto& r) { r.setByWeekno(std::vector{53}).setByDay(weekdays({1})); }),
+       floating(2018, 12, 31, 9)},
+      {make<CALYearlyRecurrence>([](auto& r) { r.setByWeekno(std::vector{1}).setByDay(weekdays({1})); }),
+       floating(2026, 1, 5, 9)},
+      {make<CALYearlyRecurrence>([](auto& r) { r.setByYearDay(std::vector{0}); }), floating(2026, 12, 31, 9)},
+  };
+  for (const Mismatch& m : mismatches)
+    EXPECT_FALSE(m.rule()->ruleMatchesDate(*m.date)) << m.date->isoStringRepresentation();
+}
+
+TEST(RecurrenceRuleTest, EqualityReadsTheListsAsSets) {
+  struct Case {
+    RuleMaker a, b;
+    CALDateRef start;  // null: compared as written
+    bool equal;
+  };
+  const CALDateRef monday = floating(2006, 3, 6, 9);
+  const CALDateRef tuesday = floating(2006, 3, 7, 9);
+  const std::vector<Case> cases = {
+      {make<CALWeeklyRecurrence>([](auto& r) { r.setByDay(weekdays({1, 3})); }),
+       make<CALWeeklyRecurrence>([](auto& r) { r.setByDay(weekdays({3, 1, 3})); }), nullptr, true},
+      {make<CALMonthlyRecurrence>([](auto& r) { r.setByMonthDay(std::vector{1, 15}); }),
+       make<CALMonthlyRecurrence>([](auto& r) { r.setByMonthDay(std::vector{15, 1}); }), nullptr, true},
+      {make<CALYearlyRecurrence>([](auto& r) { r.setByMonth(std::vector{3, 1}).setBySetpos(std::vector{-1, 1}); }),
+       make<CALYearlyRecurrence>([](auto& r) { r.setByMonth(std::vector{1, 3}).setBySetpos(std::vector{1, -1}); }),
+       monday, true},
+      {make<CALWeeklyRecurrence>([](auto& r) { r.setByDay(weekdays({1, 3})); }),
+       make<CALWeeklyRecurrence>([](auto& r) { r.setByDay(weekdays({1})); }), nullptr, false},
+      {make<CALMonthlyRecurrence>([](auto& r) { r.setByDay({{{1, 1}, {1, -1}}}); }),
+       make<CALMonthlyRecurrence>([](auto& r) { r.setByDay({{{1, -1}, {1, 1}}}); }), nullptr, true},
+      // Numbered weeks without BYDAY fall on the start's weekday.
+      {make<CALDailyRecurrence>([](auto& r) { r.setByWeekno(std::vector{10}); }),
+       make<CALDailyRecurrence>([](auto& r) { r.setByWeekno(std::vector{10}).setByDay(weekdays({1})); }), monday,
+       true},
+      {make<CALDailyRecurrence>([](auto& r) { r.setByWeekno(std::vector{10}); }),
+       make<CALDailyRecurrence>([](auto& r) { r.setByWeekno(std::vector{10}).setByDay(weekdays({1})); }), tuesday,
+       false},
+      {make<CALYearlyRecurrence>([](auto& r) { r.setByWeekno(std::vector{10}); }),
+       make<CALYearlyRecurrence>([](auto& r) { r.setByWeekno(std::vector{10}).setByDay(weekdays({1})); }), monday,
+       true},
+  };
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    const Case& c = cases[i];
+    EXPECT_EQ(c.a()->isEqualToRule(*c.b(), c.start.get()), c.equal) << "case " << i;
+    EXPECT_EQ(c.b()->isEqualToRule(*c.a(), c.start.get()), c.equal) << "case " << i;
+  }
 }
 
 TEST(RecurrenceRuleTest, MissingTimePartsComeFromTheStart) {
