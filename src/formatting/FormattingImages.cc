@@ -55,6 +55,35 @@ void onSizePrepared(GdkPixbufLoader* loader, int width, int height, gpointer dat
   gdk_pixbuf_loader_set_size(loader, w, h);
 }
 
+// Whether a JPEG stream ends its last scan: the JPEG decoder fills a
+// truncated image with grey instead of failing, so the end-of-image marker
+// must follow the last start-of-scan marker (neither can occur inside the
+// entropy-coded data, where 0xff is always followed by 0 or a restart code).
+bool jpegIsComplete(const Data& bytes) {
+  const std::vector<std::uint8_t>& b = bytes.bytes();
+  std::size_t lastScan = 0;
+  bool ended = false;
+  for (std::size_t i = 0; i + 1 < b.size(); ++i) {
+    if (b[i] != 0xff) continue;
+    if (b[i + 1] == 0xda) {
+      lastScan = i;
+      ended = false;
+    } else if (b[i + 1] == 0xd9 && lastScan) {
+      ended = true;
+    }
+  }
+  return ended;
+}
+
+bool isJPEG(GdkPixbufLoader* loader) {
+  GdkPixbufFormat* format = gdk_pixbuf_loader_get_format(loader);
+  if (!format) return false;
+  gchar* name = gdk_pixbuf_format_get_name(format);
+  const bool jpeg = name && std::strcmp(name, "jpeg") == 0;
+  g_free(name);
+  return jpeg;
+}
+
 // The decoded image, already reduced to fit maxWidth x maxHeight; nullptr
 // when the bytes cannot be read.
 GdkPixbuf* decodeReduced(const Data& bytes, int maxWidth, int maxHeight) {
@@ -68,6 +97,7 @@ GdkPixbuf* decodeReduced(const Data& bytes, int maxWidth, int maxHeight) {
   }
   // Closing reports a truncated image; the loader is closed in every case.
   ok = gdk_pixbuf_loader_close(loader, nullptr) && ok && !request.refused;
+  if (ok && isJPEG(loader)) ok = jpegIsComplete(bytes);
   GdkPixbuf* image = ok ? gdk_pixbuf_loader_get_pixbuf(loader) : nullptr;
   if (image) g_object_ref(image);
   g_object_unref(loader);

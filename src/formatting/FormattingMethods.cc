@@ -223,7 +223,8 @@ std::optional<std::string> FormattingMethods::removeAllButFirstPlus(
   const bool plus = hasPrefix(*string, "+");
   std::string result = *string;
   if (junk) removeFromString(result, *junk);
-  if (plus) result.insert(0, "+");
+  // Re-inserted only when removal took it away (a missing set removes nothing).
+  if (plus && !hasPrefix(result, "+")) result = "+" + result;
   return result;
 }
 

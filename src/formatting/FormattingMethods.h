@@ -19,6 +19,7 @@
 // of "FormattingMethods" (see registeredSelectors); subclasses for phone
 // families add theirs under their own class name.
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "formatting/FormattingMethods.h"
+#include "platform/Registry.h"
 
 // The member `name` of `Cls` with the parameter list `params`, which picks one
 // overload.
