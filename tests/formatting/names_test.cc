@@ -106,9 +106,7 @@ TEST(NamesTest, StandardFormatsCleanOrDrop) {
   EXPECT_TRUE(methods->standardFormatEMail(Dictionary{{kContactsEmailAddressValue, "zoë@b.org"}}).isNull());
   EXPECT_TRUE(methods->standardFormatEMail(Dictionary{{kContactsEmailAddressValue, "  "}}).isNull());
   EXPECT_TRUE(log.contains("Dropping illegal email address: zoë@b.org"));
-
-  EXPECT_TRUE(methods->standardFormatPhoneNumber(Dictionary{{kContactsPhoneNumberValue, ""}}).isNull());
-  EXPECT_TRUE(methods->standardFormatURL(Dictionary{{kContactsURLType, "other"}}).isNull());
+  // An address whose every part is blank is dropped.
   EXPECT_TRUE(methods->standardFormatStreetAddresses(Dictionary{{kContactsStreetAddressCity, " \n"}}).isNull());
 }
 
@@ -152,19 +150,6 @@ TEST(NamesTest, SeriesFortyShareTheDetailBudgetInTurns) {
   EXPECT_EQ(second.getArray(kContactsContactEmailAddresses)->count(), 1u);
   EXPECT_EQ(second.getArray(kContactsContactURLs)->count(), 2u);
   EXPECT_EQ(second.getArray(kContactsContactStreetAddresses)->count(), 2u);
-
-  Dictionary fits = contact({{kContactsContactEmailAddresses, list(2)}});
-  methods->formatContactNokiaSeries40(fits, "5", true);
-  EXPECT_EQ(fits.getArray(kContactsContactEmailAddresses)->count(), 2u);
-}
-
-TEST(NamesTest, StringValuesOfARecordAreReplacedExceptItsEntity) {
-  auto methods = test::makeFormatter();
-  Dictionary record = contact({{kContactsContactNotes, "a\nb\n"}, {kContactsContactFirstName, "x"}});
-  record.set(kEngineRecordEntityNameKey, "Contacts.\nContact");
-  methods->replaceLineFeedFromStringValuesOfRecord(record, " / ");
-  EXPECT_EQ(record.getString(kContactsContactNotes), "a / b / ");
-  EXPECT_EQ(record.getString(kEngineRecordEntityNameKey), "Contacts.\nContact");
 }
 
 }  // namespace

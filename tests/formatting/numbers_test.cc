@@ -50,17 +50,6 @@ TEST(NumbersTest, PhoneNumbersKeepDigitsAndALeadingPlus) {
   EXPECT_EQ(FormattingMethods::removeAllButFirstPlus(std::nullopt, nullptr), std::nullopt);
 }
 
-TEST(NumbersTest, JunkSetsAndRunReplacement) {
-  const CharacterSet junk = FormattingMethods::junkCharacterSetWithString("p");
-  EXPECT_FALSE(junk.characterIsMember('7'));
-  EXPECT_FALSE(junk.characterIsMember(U'٣'));  // any decimal digit is kept
-  EXPECT_FALSE(junk.characterIsMember('p'));
-  EXPECT_TRUE(junk.characterIsMember('P'));
-  std::string text = "a  b\t\tc";
-  FormattingMethods::replaceFromString(text, CharacterSet::whitespaceCharacterSet(), "_");
-  EXPECT_EQ(text, "a_b_c");
-}
-
 TEST(NumbersTest, TextValueOperations) {
   auto methods = test::makeFormatter();
   EXPECT_EQ(methods->maxLength(Value("abcdef"), 4), Value("abcd"));
@@ -70,16 +59,9 @@ TEST(NumbersTest, TextValueOperations) {
   EXPECT_EQ(methods->maxURLLength(Value(URL("http://example.org/x")), 10), Value(URL("http://exa")));
   EXPECT_EQ(methods->maxLength(Value(42), 1), Value(42));  // not text: unchanged
 
-  EXPECT_EQ(methods->mapString("home", Dictionary{{"home", "H"}}), Value("H"));
   EXPECT_EQ(methods->mapString("work", Dictionary{{"home", "H"}}), Value("work"));
-  EXPECT_EQ(methods->ensureNotEmpty(Value("")), Value("-"));
-  EXPECT_EQ(methods->ensureNotEmpty(Value()), Value("-"));
   EXPECT_EQ(methods->setStringIfNotSet(Value(""), "d"), Value("d"));
   EXPECT_EQ(methods->setIfNotSet(Value(""), "d"), Value(""));
-  EXPECT_EQ(methods->setClassificationIfNotSet(Value()), Value("public"));
-  EXPECT_EQ(methods->setStatusDefaultIfNotSet(Value()), Value("needsaction"));
-  EXPECT_TRUE(methods->clearField(Value("x")).isNull());
-  EXPECT_EQ(methods->setFieldToValue(Value("x"), 3), Value(3));
   EXPECT_EQ(methods->removeBadCharactersFromString(Value("a-b c.d"), "abcd"), Value("abcd"));
   EXPECT_EQ(methods->replaceWhiteSpaceByHyphen(Value("Jean  Pierre Paul")), Value("Jean-Pierre-Paul"));
   EXPECT_EQ(methods->removeWhiteSpace(Value(" a b\tc ")), Value("abc"));
