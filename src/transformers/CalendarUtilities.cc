@@ -23,8 +23,8 @@ const std::string& logDomain() {
 constexpr std::int64_t kSecondsPerDay = 86400;
 
 // Indexed by CalendarDate::dayOfWeek (0 is Sunday).
-constexpr std::array<const char*, 7> kWeekDayNames = {
-    "sunday", "monday", "tuesday", "wednesday", "thursday", "friday", "saturday"};
+constexpr std::array<const char*, 7> kWeekDayNames = {"sunday",   "monday", "tuesday", "wednesday",
+                                                      "thursday", "friday", "saturday"};
 
 std::optional<int> weekDayIndex(const Value& name) {
   if (!name.isString()) return std::nullopt;
@@ -95,8 +95,7 @@ bool followStartDay(Dictionary& recurrence, const CalendarDate& start,
   };
   if (frequency == "weekly" || frequency == "monthly") {
     if (auto day = soleElement(recurrence, kCalendarsRecurrenceBydaydays)) {
-      if (weekDayIndex(*day) == start.dayOfWeek() &&
-          startInSource.dayOfWeek() != start.dayOfWeek())
+      if (weekDayIndex(*day) == start.dayOfWeek() && startInSource.dayOfWeek() != start.dayOfWeek())
         rewrite(kCalendarsRecurrenceBydaydays, kWeekDayNames[startInSource.dayOfWeek()]);
     }
   }
@@ -130,8 +129,7 @@ struct ZoneMove {
 // Moves the date of each sub-record of a relation (alarms, recurrences).
 // Answers the new array when a sub-record changed; its changed records are
 // copies, the others the stored records themselves.
-std::optional<Array> movedRelation(const Array& relation, const ZoneMove& move,
-                                   bool followStart) {
+std::optional<Array> movedRelation(const Array& relation, const ZoneMove& move, bool followStart) {
   Array result;
   bool anyChanged = false;
   for (const Value& element : relation) {
@@ -243,8 +241,9 @@ bool isMultiDayEvent(const Dictionary& record) {
          static_cast<double>(kSecondsPerDay);
 }
 
-std::optional<CalendarDate> referenceDateForAlarmComputationInTimeZone(
-    const Dictionary& record, const TimeZonePtr& zone, bool* allDayDate) {
+std::optional<CalendarDate> referenceDateForAlarmComputationInTimeZone(const Dictionary& record,
+                                                                       const TimeZonePtr& zone,
+                                                                       bool* allDayDate) {
   std::optional<CalendarDate> date;
   bool allDay = false;
   if (entityName(record) == kCalendarsEvent) {
@@ -261,9 +260,7 @@ std::optional<CalendarDate> referenceDateForAlarmComputationInTimeZone(
 
 // --- Queries on an alarm ---
 
-bool isDisplayAlarm(const Dictionary& alarm) {
-  return entityName(alarm) == kCalendarsDisplayAlarm;
-}
+bool isDisplayAlarm(const Dictionary& alarm) { return entityName(alarm) == kCalendarsDisplayAlarm; }
 
 bool isAbsoluteAlarm(const Dictionary& alarm) {
   return hasPart(alarm, kCalendarsMailAlarmTriggerdate);
@@ -323,9 +320,8 @@ void convertDatesInTimeZone(Dictionary& record, const TimeZonePtr& timeZone,
     if (isAllDayEvent(record)) {
       keys = {kCalendarsEventDisplayAlarms, kCalendarsEventAudioAlarms};
     } else {
-      keys = {kCalendarsEventOriginalDate,   kCalendarsEventStartDate,
-              kCalendarsEventEndDate,        kCalendarsEventDisplayAlarms,
-              kCalendarsEventAudioAlarms,    kCalendarsEventRecurrences};
+      keys = {kCalendarsEventOriginalDate,  kCalendarsEventStartDate,   kCalendarsEventEndDate,
+              kCalendarsEventDisplayAlarms, kCalendarsEventAudioAlarms, kCalendarsEventRecurrences};
       move.start = dateForKey(record, kCalendarsEventStartDate);
       if (move.start && fromTimeZone && !sameZone(move.start->timeZone(), fromTimeZone))
         move.startInSource = move.start->dateWithTimeZone(fromTimeZone);
@@ -374,8 +370,8 @@ void convertDatesInTimeZone(Dictionary& record, const TimeZonePtr& timeZone,
 
 void normalizeRecurrenceWithStartDate(Dictionary& recurrence,
                                       const std::optional<CalendarDate>& startDate,
-                                      const std::optional<std::string>& weekStartDay,
-                                      bool isAllDay, bool untilDateIsDateOnly) {
+                                      const std::optional<std::string>& weekStartDay, bool isAllDay,
+                                      bool untilDateIsDateOnly) {
   if (const Value* frequencyValue = recurrence.find(kCalendarsRecurrenceFrequency);
       frequencyValue && !frequencyValue->isNull()) {
     const std::string frequency = frequencyValue->stringValue();
@@ -468,10 +464,9 @@ std::optional<Array> datesOfDetachedEventsForIdentifier(const TruthSnapshot& sna
     if (!record) continue;
     auto original = dateForKey(*record, kCalendarsEventOriginalDate);
     if (!original) {
-      QVT_LOG(kLogError, logDomain(),
-              "Corruption found in the truth.  The following event is detached but does not "
-              "have a recurrence id:\n{}",
-              *record);
+      // clang-format off
+      QVT_LOG(kLogError, logDomain(), "Corruption found in the truth.  The following event is detached but does not have a recurrence id:\n{}", *record);
+      // clang-format on
       continue;
     }
     if (zone) original->setTimeZone(zone);

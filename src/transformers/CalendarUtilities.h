@@ -58,8 +58,9 @@ bool isMultiDayEvent(const Dictionary& record);
 // The date alarms are counted from: an event's start or a task's due date.
 // For an all-day one, with a zone given, 00:00:00 of its day in that zone.
 // `allDayDate` (may be nullptr) receives whether it was an all-day date.
-std::optional<CalendarDate> referenceDateForAlarmComputationInTimeZone(
-    const Dictionary& record, const TimeZonePtr& zone, bool* allDayDate = nullptr);
+std::optional<CalendarDate> referenceDateForAlarmComputationInTimeZone(const Dictionary& record,
+                                                                       const TimeZonePtr& zone,
+                                                                       bool* allDayDate = nullptr);
 
 // --- Queries on an alarm ---
 
@@ -108,8 +109,8 @@ void convertDatesInTimeZone(Dictionary& record, const TimeZonePtr& timeZone,
 // GMT of its day (read in the start's zone for a timed event).
 void normalizeRecurrenceWithStartDate(Dictionary& recurrence,
                                       const std::optional<CalendarDate>& startDate,
-                                      const std::optional<std::string>& weekStartDay,
-                                      bool isAllDay, bool untilDateIsDateOnly);
+                                      const std::optional<std::string>& weekStartDay, bool isAllDay,
+                                      bool untilDateIsDateOnly);
 // Normalises every recurrence of an assembled event with its start date and
 // all-day flag (no week-start day, until not date-only).
 void qvt_normalizeAssembledEvent(Dictionary& event);
