@@ -103,16 +103,6 @@ TEST(CalcDateAdd, DeltasOverflowMonthsAndCarryTime) {
   expectDate(d, ymd(2005, 2, 31, 25, 61, 61));
 }
 
-TEST(CalcDateCompare, LexicographicAndStrict) {
-  const CALCDate a = ymd(2005, 1, 1, 10, 0, 0);
-  const CALCDate b = ymd(2005, 1, 1, 10, 0, 1);
-  const CALCDate c = ymd(2004, 12, 31, 23, 59, 59);
-  EXPECT_FALSE(calcdate_is_before(&a, &a) || calcdate_is_after(&a, &a));
-  EXPECT_TRUE(calcdate_is_before(&a, &b) && calcdate_is_after(&b, &a));
-  EXPECT_TRUE(calcdate_is_before(&c, &a));
-  EXPECT_FALSE(calcdate_is_equal(&a, &b));
-}
-
 TEST(CalcDateDiff, TimeOfDayDifferenceBorrowsADay) {
   const CALCDate a = ymd(2005, 3, 10, 9, 0, 0);
   const CALCDate b = ymd(2005, 1, 15, 10, 30, 15);
@@ -153,10 +143,6 @@ INSTANTIATE_TEST_SUITE_P(
                   CALCDate{0, 0, 23, 22, 1, 0}},
         DeltaCase{"DaysOnly", ymd(2005, 3, 10, 9), ymd(2005, 1, 15, 10), kCALCDateDaysUnit,
                   CALCDate{0, 0, 0, 53, 0, 0}},
-        DeltaCase{"HoursOnly", ymd(2005, 3, 10, 9), ymd(2005, 1, 15, 10), kCALCDateHoursUnit,
-                  CALCDate{0, 0, 53 * 24 + 23, 0, 0, 0}},
-        DeltaCase{"AllButSeconds", ymd(2005, 3, 10, 9, 0, 30), ymd(2005, 1, 15, 10),
-                  kCALCDateAllUnits & ~kCALCDateSecondsUnit, CALCDate{0, 0, 23, 22, 1, 0}},
         DeltaCase{"AllButDays", ymd(2005, 3, 10, 9), ymd(2005, 1, 15, 10),
                   kCALCDateAllUnits & ~kCALCDateDaysUnit, CALCDate{0, 0, 22 * 24 + 23, 0, 1, 0}},
         DeltaCase{"AllButMonths", ymd(2005, 3, 10, 9), ymd(2005, 1, 15, 10),
@@ -176,18 +162,9 @@ INSTANTIATE_TEST_SUITE_P(
         // Years kept, months turned into days measured from the earlier year.
         DeltaCase{"YearsAndDays", ymd(2007, 5, 1), ymd(2005, 3, 1),
                   kCALCDateYearsUnit | kCALCDateDaysUnit, CALCDate{0, 0, 0, 61, 0, 2}},
-        DeltaCase{"DaysAcrossYearEnds", ymd(2007, 5, 1), ymd(2005, 3, 1), kCALCDateDaysUnit,
-                  CALCDate{0, 0, 0, 791, 0, 0}},
         DeltaCase{"MonthBorrowAcrossYearEnd", ymd(2006, 1, 10), ymd(2005, 12, 20),
                   kCALCDateAllUnits, CALCDate{0, 0, 0, 21, 0, 0}}),
     [](const auto& info) { return std::string(info.param.name); });
-
-TEST(CalcDateDelta, EqualDatesGiveZero) {
-  const CALCDate a = ymd(2005, 3, 10, 9);
-  CALCDate out{1, 1, 1, 1, 1, 1};
-  calcdate_delta_ymdhms_with_flags(&a, &a, &out, kCALCDateAllUnits);
-  expectDate(out, CALCDate{});
-}
 
 }  // namespace
 }  // namespace pc
