@@ -122,9 +122,6 @@ TEST(WallClockTest, SkippedAndRepeatedReadingsOnEveryPath) {
   const auto hourAndOffset = [](const CALDate& date) {
     return date.descriptionWithCalendarFormat("%Y-%m-%d %H:%M %z");
   };
-  EXPECT_EQ(hourAndOffset(*CALDateTime::dateWithYear(2006, 4, 2, 2, 30, 0, newYork)), "2006-04-02 03:30 -0400");
-  EXPECT_EQ(hourAndOffset(*CALDateTime::dateWithYear(2006, 10, 29, 2, 30, 0, paris)), "2006-10-29 02:30 +0200");
-
   // Re-zoning with the wall clock kept.
   auto moved = CALDateTime::dateWithYear(2006, 4, 2, 2, 30, 0, nullptr);
   moved->setTimeZone(newYork, true);
