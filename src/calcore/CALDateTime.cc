@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <cmath>
+
 #include "async/Log.h"
 #include "calcore/CALDateOnly.h"
 
@@ -148,7 +150,8 @@ void CALDateTime::_comparisonRecords(const CALDate& other, CALCDate* mine, CALCD
 
 void CALDateTime::_takeCalendarDate(const CalendarDate& date) {
   _cdate = CALCDate{0, 0, 0, 1, 1, 2001};
-  calcdate_add_seconds(&_cdate, static_cast<std::int64_t>(date.timeIntervalSinceReferenceDate()));
+  // Whole seconds, rounding down, so that a fraction never moves the date later.
+  calcdate_add_seconds(&_cdate, static_cast<std::int64_t>(std::floor(date.timeIntervalSinceReferenceDate())));
   _timeZone = date.timeZone();
   _invalidateOffsetCache();
 }

@@ -1,15 +1,19 @@
 // Wall clock to instant, checked against the C library's reading of the zone
 // database (TZ + localtime_r), which shares no code with the ICU tables the
-// platform uses. Every half hour of 1990-2030 in zones whose changes fall at
-// 02:00, at midnight, by 30 minutes or by a whole day.
+// platform uses. Every half hour around each change of 1990-2030, and a
+// sample in between, in zones whose changes fall at 02:00, at midnight, by 30
+// minutes or by a whole day.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <map>
 #include <optional>
 #include <string>
-#include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "calcore/CALDateTime.h"
 #include "calcore/CALEventExploder.h"
@@ -43,27 +47,64 @@ class ScopedTZ {
   std::optional<std::string> _saved;
 };
 
-// The instant each half-hour wall clock stands for, by the C library: the
-// first instant that reads so, and for a reading that never occurs, the
-// reading taken with the offset in force just before the gap.
-std::unordered_map<std::int64_t, std::int64_t> expectedInstants(const char* zoneName) {
-  const ScopedTZ tz(zoneName);
-  std::unordered_map<std::int64_t, std::int64_t> instants;
+constexpr std::int64_t kDay = 86400;
+
+// The C library's offset at an instant, in the zone TZ names.
+std::int64_t offsetAt(std::int64_t t) {
+  const time_t instant = t;
+  struct tm local {};
+  localtime_r(&instant, &local);
+  return local.tm_gmtoff;
+}
+
+// Instants a day apart at which the offset differs from the day before: each
+// change lies in the day before one of them.
+std::vector<std::int64_t> changeDays(std::int64_t from, std::int64_t to) {
+  std::vector<std::int64_t> days;
+  for (std::int64_t t = from, previous = offsetAt(from); t < to; t += kDay)
+    if (const std::int64_t offset = offsetAt(t); offset != std::exchange(previous, offset)) days.push_back(t);
+  return days;
+}
+
+// The instant each half-hour wall clock of [from, to) stands for, by the C
+// library: the first instant that reads so, and for a reading that never
+// occurs, the reading taken with the offset in force just before the gap.
+std::map<std::int64_t, std::int64_t> expectedInstants(std::int64_t from, std::int64_t to) {
+  std::map<std::int64_t, std::int64_t> instants;
+  const auto keep = [&](std::int64_t wall, std::int64_t instant) {
+    if (wall >= from && wall < to) instants.try_emplace(wall, instant);
+  };
   std::optional<std::int64_t> previousWall;
   std::int64_t previousOffset = 0;
-  for (std::int64_t t = k1990 - 86400; t < k2031 + 86400; t += kStep) {
-    const time_t instant = t;
-    struct tm local {};
-    localtime_r(&instant, &local);
-    const std::int64_t wall = t + local.tm_gmtoff;
-    instants.try_emplace(wall, t);
+  for (std::int64_t t = from - kDay; t < to + kDay; t += kStep) {
+    const std::int64_t offset = offsetAt(t);
+    const std::int64_t wall = t + offset;
+    keep(wall, t);
     if (previousWall)
       for (std::int64_t skipped = *previousWall + kStep; skipped < wall; skipped += kStep)
-        instants.try_emplace(skipped, skipped - previousOffset);
+        keep(skipped, skipped - previousOffset);
     previousWall = wall;
-    previousOffset = local.tm_gmtoff;
+    previousOffset = offset;
   }
   return instants;
+}
+
+// Every half hour of the days around each change, and a wall clock every few
+// days (at a drifting hour) in between, with the instant each stands for.
+std::vector<std::pair<std::int64_t, std::int64_t>> sweepCases(const char* zoneName) {
+  const ScopedTZ tz(zoneName);
+  std::vector<std::pair<std::int64_t, std::int64_t>> cases;
+  std::int64_t coveredUntil = k1990;
+  for (const std::int64_t day : changeDays(k1990 - kDay, k2031 + kDay)) {
+    const std::int64_t windowStart = std::max(day - 3 * kDay, coveredUntil);
+    for (std::int64_t wall = coveredUntil; wall < windowStart; wall += 5 * kDay + 3 * 3600 + kStep)
+      cases.emplace_back(wall, wall - offsetAt(wall - offsetAt(wall)));
+    for (const auto& entry : expectedInstants(windowStart, day + 2 * kDay)) cases.push_back(entry);
+    coveredUntil = day + 2 * kDay;
+  }
+  for (std::int64_t wall = coveredUntil; wall < k2031; wall += 5 * kDay + 3 * 3600 + kStep)
+    cases.emplace_back(wall, wall - offsetAt(wall - offsetAt(wall)));
+  return cases;
 }
 
 struct tm gmtFields(std::int64_t seconds) {
@@ -73,27 +114,23 @@ struct tm gmtFields(std::int64_t seconds) {
   return fields;
 }
 
-TEST(WallClockTest, EveryHalfHourAgreesWithTheCLibrary) {
+TEST(WallClockTest, EveryHalfHourAroundChangesAgreesWithTheCLibrary) {
   for (const char* name : {"America/New_York", "America/Sao_Paulo", "Europe/Paris", "Australia/Lord_Howe",
                            "America/Havana", "America/Santiago", "Pacific/Auckland", "Pacific/Apia",
                            "America/Caracas", "Europe/Moscow", "Asia/Tehran", "Australia/Adelaide"}) {
     const TimeZonePtr zone = TimeZone::timeZoneWithName(name);
     ASSERT_TRUE(zone) << name;
-    const auto expected = expectedInstants(name);
     int failures = 0;
-    for (std::int64_t wall = k1990; wall < k2031 && failures < 5; wall += kStep) {
-      const auto found = expected.find(wall);
-      ASSERT_NE(found, expected.end()) << name << " " << wall;
+    for (const auto& [wall, expected] : sweepCases(name)) {
       const struct tm f = gmtFields(wall);
       const int year = f.tm_year + 1900, month = f.tm_mon + 1;
       const auto zoned = CALDateTime::dateWithYear(year, month, f.tm_mday, f.tm_hour, f.tm_min, 0, zone);
       const auto platform = CalendarDate::dateWithYear(year, month, f.tm_mday, f.tm_hour, f.tm_min, 0, zone);
-      if (zoned->timeIntervalSince1970() != found->second ||
-          platform.timeIntervalSince1970() != found->second) {
-        ++failures;
+      if (zoned->timeIntervalSince1970() != expected || platform.timeIntervalSince1970() != expected) {
         ADD_FAILURE() << name << " " << year << "-" << month << "-" << f.tm_mday << " " << f.tm_hour << ":"
-                      << f.tm_min << ": expected " << found->second << ", date gives "
+                      << f.tm_min << ": expected " << expected << ", date gives "
                       << zoned->timeIntervalSince1970() << ", platform gives " << platform.timeIntervalSince1970();
+        if (++failures == 5) break;
       }
     }
   }
@@ -105,14 +142,20 @@ TEST(WallClockTest, EveryHalfHourAgreesWithTheCLibrary) {
 TEST(WallClockTest, RoundingNeverMovesLaterNorLeavesTheDay) {
   for (const char* name : {"America/Sao_Paulo", "Europe/Paris", "America/New_York", "Australia/Lord_Howe"}) {
     const TimeZonePtr zone = TimeZone::timeZoneWithName(name);
-    for (std::int64_t t = 1136073600; t < 1546300800; t += 3 * kStep + 17) {  // 2006 to 2018
-      auto date = CALDateTime::dateWithYear(1970, 1, 1, 0, 0, 0, zone);
-      date->addSecondsInGMT(t - static_cast<std::int64_t>(date->timeIntervalSince1970()));
-      for (const CALDateRef& rounded : {date->dateRoundedToHour(), date->dateRoundedToDay()}) {
-        ASSERT_TRUE(rounded->isBeforeOrEqual(date.get())) << name << " " << date->description();
-        ASSERT_EQ(rounded->dayOfMonth(), date->dayOfMonth()) << name << " " << date->description();
-      }
+    std::vector<std::int64_t> days;
+    {
+      const ScopedTZ tz(name);
+      days = changeDays(1136073600, 1546300800);  // 2006 to 2018
     }
+    for (const std::int64_t day : days)
+      for (std::int64_t t = day - kDay - 6 * 3600; t < day + 6 * 3600; t += kStep + 17) {
+        auto date = CALDateTime::dateWithYear(1970, 1, 1, 0, 0, 0, zone);
+        date->addSecondsInGMT(t - static_cast<std::int64_t>(date->timeIntervalSince1970()));
+        for (const CALDateRef& rounded : {date->dateRoundedToHour(), date->dateRoundedToDay()}) {
+          ASSERT_TRUE(rounded->isBeforeOrEqual(date.get())) << name << " " << date->description();
+          ASSERT_EQ(rounded->dayOfMonth(), date->dayOfMonth()) << name << " " << date->description();
+        }
+      }
   }
 }
 
