@@ -116,6 +116,9 @@ BENCHMARK(BM_Core_AddDelta);
 BENCHMARK(BM_Reference_AddDelta);
 
 // Collects the CPU time per iteration (the machine is shared: wall time is noisy) of each run and prints the ratios.
+// Each operation may take at most this many times the reference's time.
+constexpr double kTargetRatio = 1.2;
+
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
@@ -125,12 +128,14 @@ class RatioReporter : public benchmark::ConsoleReporter {
   }
   void Finalize() override {
     ConsoleReporter::Finalize();
-    std::printf("\nCalendar core / reference library (CPU time per operation):\n");
+    std::printf("\nCalendar core / reference library (CPU time per operation, target %.1f at most):\n",
+                kTargetRatio);
     for (const char* operation : {"DayToDate", "DateToDay", "Normalize", "AddDelta"}) {
       const double core = _nanoseconds[std::string("BM_Core_") + operation];
       const double reference = _nanoseconds[std::string("BM_Reference_") + operation];
       if (core > 0 && reference > 0)
-        std::printf("  %-10s %8.2f ns / %8.2f ns = %5.2f\n", operation, core, reference, core / reference);
+        std::printf("  %-10s %8.2f ns / %8.2f ns = %5.2f%s\n", operation, core, reference, core / reference,
+                    core / reference > kTargetRatio ? "  (above the target)" : "");
     }
   }
 

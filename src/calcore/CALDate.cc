@@ -1,5 +1,6 @@
 #include "calcore/CALDate.h"
 
+#include <limits>
 #include <typeinfo>
 
 #include "async/Log.h"
@@ -32,6 +33,7 @@ double secondsSince2001(const CALCDate& record) {
 // --- Reference counting ------------------------------------------------------
 
 const CALDate* CALDate::retain() const {
+  if (_refCount == std::numeric_limits<std::uint16_t>::max()) return copy().detach();
   ++_refCount;
   return this;
 }
@@ -480,7 +482,18 @@ CalendarDate CALDate::calendarDate() const {
 }
 
 std::string CALDate::descriptionWithCalendarFormat(std::string_view format) const {
-  return calendarDate().descriptionWithCalendarFormat(format);
+  if (dynamic_cast<const CALDateTime*>(this)) return calendarDate().descriptionWithCalendarFormat(format);
+  // A wall clock read as GMT prints as itself: no zone can skip or repeat it.
+  return CalendarDate(Date{secondsSince2001(_cdate)}).descriptionWithCalendarFormat(format);
+}
+
+std::string CALDate::descriptionWithCalendarFormat(std::string_view format, const Value&) const {
+  return descriptionWithCalendarFormat(format);
+}
+
+void CALDate::_takeCalendarDate(const CalendarDate& date) {
+  setYear(date.yearOfCommonEra(), date.monthOfYear(), date.dayOfMonth(), date.hourOfDay(),
+          date.minuteOfHour(), date.secondOfMinute(), date.timeZone());
 }
 
 std::string CALDate::isoStringRepresentation() const {

@@ -36,10 +36,10 @@ class CALRef {
  public:
   CALRef() = default;
   CALRef(std::nullptr_t) {}
-  // Takes one new reference to `object`.
-  explicit CALRef(T* object) : _object(object) {
-    if (_object) _object->retain();
-  }
+  // Takes one new reference to `object`. What retain answers is held: an
+  // object whose count is full answers an equal copy instead of itself.
+  explicit CALRef(T* object)
+      : _object(object ? const_cast<T*>(static_cast<const T*>(object->retain())) : nullptr) {}
   // Takes over the reference the caller owns (a freshly created object).
   static CALRef adopt(T* object) {
     CALRef ref;
@@ -93,7 +93,10 @@ class CALDate {
   CALDate& operator=(const CALDate&) = delete;
   virtual ~CALDate() = default;
 
-  // Reference counting. The count is not atomic: one thread at a time.
+  // Reference counting. The count is not atomic: one thread at a time. The
+  // count is 16 bits: once it is full, retain answers a new copy of the date
+  // (with its own count) rather than wrapping, so that a widely shared date
+  // is never freed while still in use.
   const CALDate* retain() const;
   void release() const;
   std::uint16_t retainCount() const { return _refCount; }
@@ -121,8 +124,10 @@ class CALDate {
   template <std::derived_from<CALDate> Kind>
   static CALRef<Kind> dateWithString(std::string_view text,
                                      std::string_view calendarFormat = kDefaultCalendarFormat);
-  // 0001-01-01 00:00:00 and 3000-01-01 00:00:00 (GMT for a CALDateTime):
-  // the ends of the range the civil arithmetic is exact in.
+  // 0001-01-02 00:00:00 and 3000-01-01 00:00:00 (GMT for a CALDateTime):
+  // inside the range the civil arithmetic is exact in, read in any zone (a
+  // day after the first supported day, so that zones west of GMT stay in
+  // year 1).
   template <std::derived_from<CALDate> Kind>
   static CALRef<Kind> distantPast();
   template <std::derived_from<CALDate> Kind>
@@ -256,7 +261,11 @@ class CALDate {
   // --- Printing and conversions -------------------------------------------
 
   virtual std::string description() const;
+  // A CALDateTime prints in its zone; the floating kinds print their own wall
+  // clock, whatever the system zone (%z and %Z then print "+0000" and "GMT").
   std::string descriptionWithCalendarFormat(std::string_view format) const;
+  // The locale is accepted and ignored: names print in English.
+  std::string descriptionWithCalendarFormat(std::string_view format, const Value& locale) const;
   std::string isoStringRepresentation() const;
   // The platform's instant and calendar date; a CALDateTime in its zone, a
   // CALFloatingDateTime read in the system zone, a CALDateOnly in GMT.
@@ -287,6 +296,12 @@ class CALDate {
   bool _isSameLocalDay(const CALDate* other) const;
   // The zone the platform conversions read the wall clock in.
   virtual TimeZonePtr _conversionZone() const = 0;
+  // Sets the date from a parsed calendar date: the floating kinds take its
+  // wall clock, a CALDateTime its instant and zone.
+  virtual void _takeCalendarDate(const CalendarDate& date);
+  // Called after the record was set from outside (construction, decoding,
+  // another date); a CALDateOnly drops the time of day there.
+  virtual void _didSetRecord() {}
   // Copies record, zone and format from `other` (no offset cache).
   void _copyStateFrom(const CALDate& other);
   void _invalidateOffsetCache() const { _timeZoneCacheIsValid = false; }
@@ -368,15 +383,13 @@ CALRef<Kind> CALDate::dateWithString(std::string_view text, std::string_view cal
       parsed->yearOfCommonEra() > kCALCDateLastYear)
     return nullptr;
   CALRef<Kind> date = _make<Kind>();
-  date->setYear(parsed->yearOfCommonEra(), parsed->monthOfYear(), parsed->dayOfMonth(),
-                parsed->hourOfDay(), parsed->minuteOfHour(), parsed->secondOfMinute(),
-                parsed->timeZone());
+  static_cast<CALDate&>(*date)._takeCalendarDate(*parsed);
   return date;
 }
 
 template <std::derived_from<CALDate> Kind>
 CALRef<Kind> CALDate::distantPast() {
-  return _withRecord<Kind>(CALCDate{0, 0, 0, 1, 1, 1}, nullptr);
+  return _withRecord<Kind>(CALCDate{0, 0, 0, 2, 1, 1}, nullptr);
 }
 
 template <std::derived_from<CALDate> Kind>
@@ -416,6 +429,7 @@ CALRef<Kind> CALDate::dateWithCoder(const Dictionary& coder) {
   CALDate& base = *date;
   base._cdate = record;
   base._timeZone = _decodeZone(coder);
+  base._didSetRecord();
   return date;
 }
 

@@ -26,6 +26,8 @@ class CALDateOnly : public CALFloatingDateTime {
   CALDateOnly() = default;
 
   TimeZonePtr _conversionZone() const override { return TimeZone::gmt(); }
+  // A day has no time of day: whatever sets the record keeps only its day.
+  void _didSetRecord() override { _cdate.hour = _cdate.minute = _cdate.second = 0; }
 };
 
 // Conversions from the platform's calendar dates: the day in the date's zone.

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <cmath>
+
 #include "async/Log.h"
 #include "calcore/CALDateOnly.h"
 
@@ -69,19 +71,16 @@ void CALDateTime::setYear(std::int32_t year, std::uint32_t month, std::uint32_t 
   calcdate_normalize_hms(&local);
   calcdate_normalize_ymd(&local);
   _timeZone = std::move(zone);
-  // The zone's offset is known at instants, not wall clocks: take the offset
-  // at the wall clock read as GMT, then correct once with the offset at the
-  // instant that gives.
-  const auto placeAt = [&](std::int64_t offset) {
-    _cdate = local;
-    calcdate_add_seconds(&_cdate, -offset);
-    _invalidateOffsetCache();
-  };
-  placeAt(0);
-  const std::int64_t guess = offsetFromGMT();
-  placeAt(guess);
-  const std::int64_t corrected = offsetFromGMT();
-  if (corrected != guess) placeAt(corrected);
+  // The zone turns the wall clock into an instant by the platform's one rule:
+  // a skipped reading is the instant after the gap, a repeated one its first.
+  std::int64_t offset = 0;
+  if (_timeZone) {
+    const Date wall{static_cast<double>(calcdate_seconds_for_date(&local) - kCALSecondsFrom1To2001)};
+    offset = _timeZone->secondsFromGMTForWallClock(wall);
+  }
+  _cdate = local;
+  calcdate_add_seconds(&_cdate, -offset);
+  _invalidateOffsetCache();
 }
 
 void CALDateTime::setTimeZone(TimeZonePtr zone, bool keepingLocalDate) {
@@ -118,6 +117,10 @@ void CALDateTime::addYears(int years, int months, int days, int hours, int minut
   _invalidateOffsetCache();
 }
 
+CALDateRef CALDateTime::dateOnlyFromDate(const CALDate& date) {
+  return CALDateOnly::dateOnlyFromDate(date);
+}
+
 void CALDateTime::takeValueFrom(const CALDate* other) {
   if (!other) return;
   _cdate = *other->cdate();
@@ -143,6 +146,14 @@ void CALDateTime::_comparisonRecords(const CALDate& other, CALCDate* mine, CALCD
     *mine = _cdate;
   else
     getCDateInTimeZone(mine);  // against a wall clock, compare wall clocks
+}
+
+void CALDateTime::_takeCalendarDate(const CalendarDate& date) {
+  _cdate = CALCDate{0, 0, 0, 1, 1, 2001};
+  // Whole seconds, rounding down, so that a fraction never moves the date later.
+  calcdate_add_seconds(&_cdate, static_cast<std::int64_t>(std::floor(date.timeIntervalSinceReferenceDate())));
+  _timeZone = date.timeZone();
+  _invalidateOffsetCache();
 }
 
 TimeZonePtr CALDateTime::_conversionZone() const { return _timeZone ? _timeZone : TimeZone::gmt(); }

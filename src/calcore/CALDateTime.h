@@ -16,6 +16,8 @@ class CALDateTime : public CALDate {
                                               std::uint32_t second, TimeZonePtr zone);
   // Now, in the system zone.
   static CALRef<CALDateTime> date();
+  // A CALDateOnly of the local day of `date`.
+  static CALDateRef dateOnlyFromDate(const CALDate& date);
 
   CALDateRef copy() const override;
   std::string className() const override { return "CALDateTime"; }
@@ -32,7 +34,8 @@ class CALDateTime : public CALDate {
   bool isEqualAsDateOnly(const CALDate* other) const override { return _isSameLocalDay(other); }
 
   // A wall clock skipped by a daylight-saving change reads as the instant
-  // after the gap; a repeated one as its later occurrence.
+  // after the gap (02:30 becomes 03:30 daylight time); a repeated one as its
+  // first occurrence.
   void setYear(std::int32_t year, std::uint32_t month, std::uint32_t day, std::uint32_t hour,
                std::uint32_t minute, std::uint32_t second, TimeZonePtr zone) override;
   void setTimeZone(TimeZonePtr zone) override { setTimeZone(std::move(zone), false); }
@@ -60,6 +63,7 @@ class CALDateTime : public CALDate {
 
   void _comparisonRecords(const CALDate& other, CALCDate* mine, CALCDate* theirs) const override;
   TimeZonePtr _conversionZone() const override;
+  void _takeCalendarDate(const CalendarDate& date) override;
 };
 
 // Conversions from the platform's dates.

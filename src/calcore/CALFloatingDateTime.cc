@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include "calcore/CALDateOnly.h"
+
 namespace pc {
 
 CALRef<CALFloatingDateTime> CALFloatingDateTime::dateWithYear(std::int32_t year, std::uint32_t month,
@@ -23,6 +25,10 @@ CALRef<CALFloatingDateTime> CALFloatingDateTime::date() {
   return CALFloatingDateConversion::calFloatingDateTime(CalendarDate::now(TimeZone::systemTimeZone()));
 }
 
+CALDateRef CALFloatingDateTime::dateOnlyFromDate(const CALDate& date) {
+  return CALDateOnly::dateOnlyFromDate(date);
+}
+
 CALDateRef CALFloatingDateTime::copy() const {
   CALRef<CALFloatingDateTime> date = _make<CALFloatingDateTime>();
   date->_copyStateFrom(*this);
@@ -33,6 +39,7 @@ void CALFloatingDateTime::_setRecord(const CALCDate& local) {
   _cdate = local;
   calcdate_normalize_hms(&_cdate);
   calcdate_normalize_ymd(&_cdate);
+  _didSetRecord();
 }
 
 void CALFloatingDateTime::setYear(std::int32_t year, std::uint32_t month, std::uint32_t day,
@@ -54,7 +61,9 @@ void CALFloatingDateTime::addYears(int years, int months, int days, int hours, i
 }
 
 void CALFloatingDateTime::takeValueFrom(const CALDate* other) {
-  if (other) other->getCDateInTimeZone(&_cdate);
+  if (!other) return;
+  other->getCDateInTimeZone(&_cdate);
+  _didSetRecord();
 }
 
 double CALFloatingDateTime::timeIntervalSinceNow() const { return timeIntervalSinceDate(*date()); }

@@ -16,6 +16,8 @@ class CALFloatingDateTime : public CALDate {
                                                       std::uint32_t second);
   // The system zone's wall clock now.
   static CALRef<CALFloatingDateTime> date();
+  // A CALDateOnly of the local day of `date`.
+  static CALDateRef dateOnlyFromDate(const CALDate& date);
 
   CALDateRef copy() const override;
   std::string className() const override { return "CALFloatingDateTime"; }

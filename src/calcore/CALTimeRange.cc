@@ -154,7 +154,9 @@ bool CALTimeRange::isEqualTo(const CALTimeRange& other) const {
 }
 
 int CALTimeRange::compareStartDate(const CALTimeRange& other) const {
+  // A missing start is minus infinity: before every start, equal to another.
   if (!_startDate) return other._startDate ? -1 : 0;
+  if (!other._startDate) return 1;
   return _startDate->compare(other.startDate());
 }
 

@@ -1,6 +1,5 @@
 #include "calcore/calcdate.h"
 
-#include <cmath>
 
 namespace pc {
 
@@ -28,9 +27,10 @@ std::int64_t secondOfDay(const CALCDate* date) {
 }  // namespace
 
 bool calcdate_is_leap_year(std::int64_t year) {
-  if (year % 4 != 0) return false;
+  // For a multiple of 100, "year / 100 divisible by 4" is "divisible by 16".
+  if ((year & 3) != 0) return false;
   if (year % 100 != 0) return true;
-  return (year / 100) % 4 == 0;
+  return (year & 15) == 0;
 }
 
 std::int32_t calcdate_absoluteday_for_year(std::int32_t year) {
@@ -54,24 +54,22 @@ std::int64_t calcdate_seconds_for_date(const CALCDate* date) {
 }
 
 void calcdate_fill_ymd_with_absoluteday(CALCDate* date, std::uint32_t absoluteDay) {
-  // Years counted from March, so that the leap day ends the year. The single
-  // precision of x is part of the contract: it fixes the exact range.
-  const std::uint32_t shifted = absoluteDay + 307;
-  const float x = static_cast<float>(static_cast<double>(shifted) - 0.25);
-  const auto centuries = static_cast<std::uint32_t>(std::floor(static_cast<double>(x) / 36524.25));
-  const std::uint32_t gregorian = centuries - centuries / 4;
-  const float sum = static_cast<float>(gregorian) + x;
-  const double year = std::floor(static_cast<double>(sum) / 365.25);
-  const auto rest =
-      static_cast<std::uint32_t>(static_cast<double>(shifted + gregorian) - std::floor(365.25 * year));
-  const std::uint32_t month = (5 * rest + 456) / 153;
-  date->year = static_cast<std::int64_t>(year);
-  date->month = month;
-  date->day = rest - (153 * month - 457) / 5;
-  if (month > 12) {
-    date->year += 1;
-    date->month -= 12;
-  }
+  // Days are counted from 0000-03-01 so that the leap day ends the year; the
+  // divisions by the lengths of centuries, years and months are done as
+  // multiplications and shifts. Exact for every absolute day up to 1,200,000
+  // (years 1 to 3286), the range the date classes use.
+  const std::uint32_t n = 4 * (absoluteDay + 306) + 3;
+  const std::uint32_t century = n / 146097;
+  const std::uint32_t dayOfCentury = n % 146097 / 4;
+  const std::uint64_t yearProduct = std::uint64_t{2939745} * (4 * dayOfCentury + 3);
+  const auto yearOfCentury = static_cast<std::uint32_t>(yearProduct >> 32);
+  const std::uint32_t dayOfYear = static_cast<std::uint32_t>(yearProduct) / 2939745 / 4;  // 0 = 1 March
+  const std::uint32_t monthProduct = 2141 * dayOfYear + 197913;
+  const std::uint32_t month = monthProduct >> 16;  // 3..14
+  const bool nextYear = dayOfYear >= 306;          // January or February
+  date->year = std::int64_t{100 * century + yearOfCentury} + nextYear;
+  date->month = nextYear ? month - 12 : month;
+  date->day = (monthProduct & 0xffff) / 2141 + 1;
 }
 
 void calcdate_year_and_yearday_for_absoluteday(CALCDate* /*date*/, std::uint32_t /*absoluteDay*/) {}
@@ -94,12 +92,21 @@ bool calcdate_is_ymd_normalized(const CALCDate* date) {
 }
 
 bool calcdate_normalize_hms(CALCDate* date) {
-  std::int64_t day = date->day;
-  carry(date->second, date->minute, 60);
-  carry(date->minute, date->hour, 60);
-  carry(date->hour, day, 24);
-  if (day == date->day) return false;
-  date->day = day;
+  if (calcdate_is_hms_normalized(date)) return false;
+  // Carrying seconds into minutes, minutes into hours and hours into days,
+  // each rounding down, is one floor division of the seconds of the day.
+  const std::int64_t seconds = secondOfDay(date);
+  std::int64_t days = seconds / 86400;
+  std::int64_t rest = seconds % 86400;
+  if (rest < 0) {
+    rest += 86400;
+    --days;
+  }
+  date->hour = rest / 3600;
+  date->minute = rest / 60 % 60;
+  date->second = rest % 60;
+  if (days == 0) return false;
+  date->day += days;
   return true;
 }
 
@@ -109,8 +116,26 @@ int calcdate_normalize_ymd(CALCDate* date) {
     carry(m, date->year, 12);
     date->month = m + 1;
   }
-  const int leap = leapIndex(date->year);
+  int leap = leapIndex(date->year);
   if (date->day >= 1 && date->day <= calcdate_day_in_month[leap][date->month]) return 0;
+  // A day a month or two past the end (the common case of stepping by days)
+  // walks forward month by month; anything further goes through the
+  // absolute day. Both give the same date.
+  const std::int64_t dayBefore = date->day;
+  const std::int64_t monthBefore = date->month;
+  const std::int64_t yearBefore = date->year;
+  for (int step = 0; step < 2 && date->day > calcdate_day_in_month[leap][date->month]; ++step) {
+    date->day -= calcdate_day_in_month[leap][date->month];
+    if (++date->month > 12) {
+      date->month = 1;
+      leap = leapIndex(++date->year);
+    }
+    if (date->day <= calcdate_day_in_month[leap][date->month]) return 1;
+  }
+  date->day = dayBefore;
+  date->month = monthBefore;
+  date->year = yearBefore;
+  leap = leapIndex(date->year);
   const std::int64_t absoluteDay = calcdate_absoluteday_for_year(static_cast<std::int32_t>(date->year)) +
                                    calcdate_day_in_year_for_month[leap][date->month] + date->day - 1;
   calcdate_fill_ymd_with_absoluteday(date, static_cast<std::uint32_t>(absoluteDay));

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <iterator>
@@ -339,11 +338,6 @@ class DateParser {
 };
 
 }  // namespace
-
-Date Date::now() {
-  const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
-  return dateWithTimeIntervalSince1970(std::chrono::duration<double>(sinceEpoch).count());
-}
 
 CalendarDate::CalendarDate() : CalendarDate(Date{}) {}
 

@@ -1,33 +1,16 @@
 #pragma once
-// The platform's date types. `Date` is an instant (seconds since the reference
-// date 2001-01-01 00:00:00 GMT). `CalendarDate` is an instant read in a time
-// zone: its fields are those of the proleptic Gregorian calendar in that zone.
+// The platform's calendar date: an instant (platform/Date.h) read in a time
+// zone, with the fields of the proleptic Gregorian calendar in that zone.
 
 #include <compare>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "platform/Date.h"
 #include "platform/TimeZone.h"
 
 namespace pc {
-
-// Seconds between 1970-01-01 and 2001-01-01.
-inline constexpr double kTimeIntervalBetween1970AndReferenceDate = 978307200.0;
-
-struct Date {
-  double secondsSinceReferenceDate = 0;
-
-  static Date now();
-  static Date dateWithTimeIntervalSince1970(double seconds) {
-    return Date{seconds - kTimeIntervalBetween1970AndReferenceDate};
-  }
-  double timeIntervalSinceReferenceDate() const { return secondsSinceReferenceDate; }
-  double timeIntervalSince1970() const {
-    return secondsSinceReferenceDate + kTimeIntervalBetween1970AndReferenceDate;
-  }
-  auto operator<=>(const Date&) const = default;
-};
 
 class CalendarDate {
  public:

@@ -22,7 +22,7 @@
 #include <regex>
 #include <vector>
 
-#include "platform/CalendarDate.h"
+#include "platform/Date.h"
 
 namespace pc {
 namespace {

@@ -111,11 +111,6 @@ TEST_F(CALDateTest, ZoneChangesKeepTheWallClockOrTheInstant) {
   EXPECT_EQ(night->hourOfDay(), 4);
   EXPECT_EQ(night->offsetFromGMT(), -5 * 3600);
 
-  // A wall clock skipped by the change reads as the instant after the gap.
-  auto skipped = CALDateTime::dateWithYear(2006, 3, 26, 2, 30, 0, zone("Europe/Paris"));
-  EXPECT_EQ(skipped->hourOfDay(), 3);
-  EXPECT_EQ(skipped->minuteOfHour(), 30);
-
   // Rounding to the day happens on the local clock.
   auto lateEvening = CALDateTime::dateWithYear(2006, 7, 1, 23, 30, 0, zone("Europe/Paris"));
   EXPECT_EQ(lateEvening->dateRoundedToDay()->description().substr(0, 20), "2006/07/01  00:00:00");
@@ -231,6 +226,58 @@ TEST_F(CALDateTest, ConversionsWithThePlatformDates) {
 
   EXPECT_FALSE(CALDateTimeConversion::calDateTime(Date{0}));
   EXPECT_EQ(log.messages().size(), 1u);
+}
+
+// A floating date is the same wall clock whatever the system zone, even one
+// that skips it.
+TEST_F(CALDateTest, FloatingDatesIgnoreTheSystemZone) {
+  const TimeZonePtr saved = TimeZone::systemTimeZone();
+  for (const char* system : {"America/New_York", "America/Sao_Paulo", "Europe/Paris"}) {
+    TimeZone::setSystemTimeZone(zone(system));
+    for (const auto& [date, iso] :
+         {std::pair{CALFloatingDateTime::dateWithYear(2006, 4, 2, 2, 30, 0), "20060402T023000"},
+          std::pair{CALFloatingDateTime::dateWithYear(2018, 11, 4, 0, 30, 0), "20181104T003000"},
+          std::pair{CALFloatingDateTime::dateWithYear(2006, 3, 26, 2, 30, 0), "20060326T023000"}}) {
+      EXPECT_EQ(date->isoStringRepresentation(), iso) << system;
+      EXPECT_TRUE(CALDate::dateFromIsoString(iso)->isEqual(date.get())) << system << " " << iso;
+      EXPECT_EQ(date->descriptionWithCalendarFormat("%Y%m%dT%H%M%S", Value()), iso) << system;
+    }
+  }
+  TimeZone::setSystemTimeZone(saved);
+}
+
+TEST_F(CALDateTest, DateOnlyValuesHaveNoTimeOfDay) {
+  const auto timed = CALFloatingDateTime::dateWithYear(2006, 3, 15, 10, 15, 0);
+  const auto day = CALDateOnly::dateOnlyWithYear(2006, 3, 15);
+  const auto zoned = CALDateTime::dateWithYear(2006, 3, 15, 23, 30, 0, zone("America/New_York"));
+  for (const CALDateRef& made : {CALDateRef(CALDate::dateWithDate<CALDateOnly>(*timed)),
+                                 CALDateRef(CALDate::dateWithString<CALDateOnly>("20060315T101500", "%Y%m%dT%H%M%S")),
+                                 CALFloatingDateTime::dateOnlyFromDate(*timed),
+                                 CALDateTime::dateOnlyFromDate(*zoned)}) {
+    ASSERT_TRUE(made);
+    EXPECT_EQ(made->className(), "CALDateOnly");
+    EXPECT_TRUE(made->isMidnight());
+    EXPECT_TRUE(made->isEqual(day.get())) << made->description();
+    EXPECT_EQ(made->isoStringRepresentation(), "20060315");
+  }
+  Dictionary archive;
+  timed->encodeWithCoder(archive);
+  EXPECT_TRUE(CALDate::dateWithCoder<CALDateOnly>(archive)->isEqual(day.get()));
+}
+
+// The first date of the range read in any zone stays inside the supported years.
+TEST_F(CALDateTest, DistantPastStaysInRangeInEveryZone) {
+  const auto future = CALDate::distantFuture<CALDateTime>();
+  const double span = future->timeIntervalSinceDate(*CALDate::distantPast<CALDateTime>());
+  for (const char* name : {"Pacific/Honolulu", "America/New_York", "Pacific/Kiritimati", "Etc/GMT+12"}) {
+    auto past = CALDate::distantPast<CALDateTime>();
+    past->setTimeZone(zone(name));
+    EXPECT_EQ(past->yearOfCommonEra(), 1) << name;
+    EXPECT_EQ(future->timeIntervalSinceDate(*past), span) << name;
+    auto floating = CALDate::dateWithDate<CALFloatingDateTime>(*past);
+    EXPECT_GT(floating->timeIntervalSinceDate(*CALDate::distantPast<CALFloatingDateTime>()), -86400) << name;
+    EXPECT_LT(floating->timeIntervalSinceDate(*CALDate::distantFuture<CALFloatingDateTime>()), 0) << name;
+  }
 }
 
 // A kind that supplies none of the operations reaches the abstract ones.

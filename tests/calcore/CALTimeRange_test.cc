@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "calcore/CALDateTime.h"
 #include "calcore/CALDuration.h"
 #include "calcore/CALFloatingDateTime.h"
@@ -125,6 +127,37 @@ TEST_F(CALTimeRangeTest, UnboundedRanges) {
   expectRange(rest.first, range(10, 11));
   ASSERT_TRUE(rest.second);
   EXPECT_FALSE(rest.second->endDate());
+}
+
+// compareStartDate sorts ranges: it must be antisymmetric and transitive,
+// with a missing start before every start.
+TEST_F(CALTimeRangeTest, StartComparisonIsAStrictWeakOrdering) {
+  const std::vector<CALTimeRange> ranges = {CALTimeRange(nullptr, at(9).get()), CALTimeRange(nullptr, nullptr),
+                                            range(9, 10), range(9, 11), range(10, 12)};
+  const auto rank = [](size_t i) { return i < 2 ? 0 : i < 4 ? 1 : 2; };  // equal starts share a rank
+  for (size_t i = 0; i < ranges.size(); ++i)
+    for (size_t j = 0; j < ranges.size(); ++j) {
+      const int expected = rank(i) < rank(j) ? -1 : rank(i) > rank(j) ? 1 : 0;
+      EXPECT_EQ(ranges[i].compareStartDate(ranges[j]), expected) << i << " vs " << j;
+    }
+}
+
+// The dates' count is 16 bits: sharing one date among more holders than it
+// counts must not free it while they use it.
+TEST_F(CALTimeRangeTest, ADateSharedByManyRangesStaysAlive) {
+  std::vector<CALTimeRange> copies;
+  {
+    const CALTimeRange original = range(10, 11);
+    copies.assign(70000, original);
+  }
+  copies.erase(copies.begin() + 3, copies.end());
+  for (const CALTimeRange& copy : copies) EXPECT_TRUE(copy.isEqualTo(range(10, 11)));
+  copies.clear();
+  const CALDateRef date = at(10);
+  std::vector<CALDateRef> holders(70000, date);
+  EXPECT_GE(date->retainCount(), 1u);
+  holders.clear();
+  EXPECT_EQ(date->retainCount(), 1u);
 }
 
 TEST_F(CALTimeRangeTest, UnionIntersectionAndSimplification) {

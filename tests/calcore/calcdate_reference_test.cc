@@ -45,7 +45,7 @@ TEST(CalcDateReference, EveryDayAgreesBothWays) {
 TEST(CalcDateReference, AddingDaysAgreesAcrossTheRange) {
   // Day deltas of several sizes, both signs, from dates spread over the range;
   // day deltas never meet the deliberate month overflow.
-  const std::int64_t deltas[] = {1, -1, 30, -59, 366, -1461, 36524, -146097};
+  const std::int64_t deltas[] = {1, -1, 30, 45, 62, -59, 366, -1461, 36524, -146097};
   for (std::uint32_t day = 200'000; day <= 1'000'000; day += 997) {
     for (const std::int64_t delta : deltas) {
       CALCDate d{};
