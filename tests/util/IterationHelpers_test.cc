@@ -92,6 +92,30 @@ TEST_P(BatchedIterators, ArrayReadsEverythingInBatchesOf20) {
     EXPECT_EQ(fetches[i], std::min<std::size_t>(20, count - 20 * i));
 }
 
+// The walk covers the elements below the end fixed at the start: appending
+// (which moves the array's storage) adds nothing to it, shrinking cuts it.
+TEST(BatchedIterators, ArrayMayChangeWhileItIsWalked) {
+  Array array = numbers(45);
+  QVTFastArrayIteratorState state;
+  QVTFastArrayIteratorInit(&state, array);
+  int expected = 0;
+  while (const Value* element = QVTFastArrayIteratorNext(&state)) {
+    EXPECT_EQ(element->intValue(), expected++);
+    if (expected == 1)
+      for (int i = 0; i < 1000; ++i) array.add(fmt::format("appended {}", i));
+  }
+  EXPECT_EQ(expected, 45);
+
+  array = numbers(45);
+  QVTFastArrayIteratorInit(&state, array);
+  expected = 0;
+  while (const Value* element = QVTFastArrayIteratorNext(&state)) {
+    EXPECT_EQ(element->intValue(), expected++);
+    if (expected == 15) array.removeRange(30, 15);
+  }
+  EXPECT_EQ(expected, 30);
+}
+
 TEST_P(BatchedIterators, DictionaryReadsParallelKeysAndValues) {
   const int count = GetParam();
   Dictionary dictionary;
