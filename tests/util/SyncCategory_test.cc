@@ -1,5 +1,8 @@
 #include "util/SyncCategory.h"
 
+#include <cstdint>
+#include <limits>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -39,6 +42,31 @@ TEST(Truncation, ModifiersMoveTheBudget) {
   // Lengths are UTF-16 units and a surrogate pair is never cut.
   EXPECT_EQ(qvt_truncationToMaxLength("a😀b", 2), "a");
   EXPECT_EQ(qvt_truncationToMaxLength("a😀b", 3), "a😀");
+}
+
+// Budgets at the ends of the 64-bit range neither wrap nor drop the text.
+TEST(Truncation, ExtremeLimitsAndModifiersSaturate) {
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
+  const auto per = [](const char* string, std::int64_t length) {
+    return Dictionary{{"stringModifier", string}, {"lengthModifier", length}};
+  };
+  const struct {
+    long length;
+    Array modifiers;
+    std::optional<std::string> expected;
+  } cases[] = {
+      {kMax, {per("a", 1)}, "aaaaa"},
+      {kMax, {per("a", kMax), per("a", kMax)}, "aaaaa"},
+      {5, {per("a", kMin)}, std::nullopt},
+      {kMin, {per("a", -1)}, std::nullopt},
+      {kMin, {per("a", kMax)}, "aaaaa"},
+      {3, {per("a", kMax), per("a", -kMax)}, "aaa"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(qvt_truncationToMaxLength("aaaaa", c.length, c.modifiers), c.expected)
+        << c.length << " " << Value(c.modifiers).description();
+  EXPECT_EQ(qvt_truncationToMaxLength(URL("x:y"), std::numeric_limits<long>::max()), URL("x:y"));
 }
 
 TEST(Truncation, MalformedModifiersAreIgnoredAndLogged) {
