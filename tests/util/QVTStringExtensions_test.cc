@@ -1,5 +1,7 @@
 #include "util/QVTStringExtensions.h"
 
+#include <sys/mman.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -20,6 +22,20 @@ TEST(HexForms, EncodeAndDecode) {
   EXPECT_EQ(qvt_stringFromUCS2HexaString("0041D83DDE00"), "A😀");
   EXPECT_EQ(qvt_stringFromUTF8HexaString("c3a9"), "é");
   EXPECT_EQ(qvt_stringFromUTF8HexaString(""), "");
+}
+
+TEST(HexForms, UCS2ConversionIsLossyAndReportsWhatItCannotConvert) {
+  // Ill-formed UTF-8 is replaced, not refused.
+  EXPECT_EQ(qvt_convertToUCS2Hexa("a\xff" "b"), "0061fffd0062");
+  // A text too long to convert: reserved, never touched, pages of zeros.
+  const std::size_t size = (std::size_t{1} << 30) + 1;
+  void* pages = mmap(nullptr, size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  ASSERT_NE(pages, MAP_FAILED);
+  LogCapture log;
+  EXPECT_EQ(qvt_convertToUCS2Hexa(std::string_view(static_cast<const char*>(pages), size)), "");
+  ASSERT_THAT(log.messages(), ElementsAre("this is not possible under lossy conversion"));
+  EXPECT_EQ(log.lines()[0].level, kLogError);
+  munmap(pages, size);
 }
 
 TEST(HexForms, MalformedHexIsRefused) {
