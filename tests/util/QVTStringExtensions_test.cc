@@ -155,9 +155,7 @@ TEST(DefaultNames, NumberPastTheHighestUsed) {
   } cases[] = {
       {"Calendar", {"Calendar", "Calendar 3"}, "Calendar 4"},
       {"Calendar", {"Other"}, "Calendar"},
-      {"Calendar", {}, "Calendar"},
       {"Calendar", {"Calendar"}, "Calendar 2"},
-      {"Calendar 2", {"Calendar 2"}, "Calendar 3"},
       {"Calendar", {"Calendar 2b", "Calendars 9", "Calendar 0", 7}, "Calendar"},
       {"Work Calendar", {"Work Calendar 12", "Work Calendar"}, "Work Calendar 13"},
       {"7", {"7"}, "7 2"},

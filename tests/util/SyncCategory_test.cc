@@ -93,7 +93,6 @@ TEST(ResourceNameAttributes, ReadsStringsAndDictionaries) {
   EXPECT_EQ(resourceNameAttributes(resource, &attributes), "QVTSyncEventTransformer");
   ASSERT_TRUE(attributes);
   EXPECT_TRUE(attributes->isIdenticalTo(resource));
-  EXPECT_EQ(resourceNameAttributes(resource, nullptr), "QVTSyncEventTransformer");
   // A description without the entry: no name, no attributes, no report.
   LogCapture log;
   EXPECT_EQ(resourceNameAttributes(Value(), &attributes), std::nullopt);
