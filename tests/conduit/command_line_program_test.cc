@@ -26,6 +26,7 @@ const char* const kCommands[] = {
 int lines(const std::string& text) { return static_cast<int>(std::count(text.begin(), text.end(), '\n')); }
 
 TEST_F(CommandLineProgramTest, EveryCommandHasHelpWithAnExample) {
+  EXPECT_THAT(runProgram("--help").standardOutput, HasSubstr("Example:\n  phoneconduit explode"));
   for (const std::string command : {"explode", "convert-limit", "describe-device"}) {
     const ProgramRun run = runProgram(command + " --help");
     EXPECT_EQ(run.status, 0) << command;
