@@ -106,9 +106,10 @@ std::int64_t Field::integer(std::int64_t low, std::int64_t high) const {
     const std::int64_t number = _value.integerValue();
     if (number >= low && number <= high) return number;
   } else if (_value.isReal()) {
+    // Beyond ±2^62 a real is no count, and its conversion could overflow.
     const double number = _value.doubleValue();
-    if (std::nearbyint(number) == number && number >= static_cast<double>(low) &&
-        number <= static_cast<double>(high))
+    if (std::fabs(number) < 0x1p62 && std::nearbyint(number) == number &&
+        static_cast<std::int64_t>(number) >= low && static_cast<std::int64_t>(number) <= high)
       return static_cast<std::int64_t>(number);
   }
   expected(what);
