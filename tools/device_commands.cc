@@ -134,7 +134,8 @@ void describe(const DescribeOptions& options) {
       std::make_shared<SimulatedPhone>("described-device"), client);
   host->setPhoneConduitDescription(description, version);
   host->setSyncEnginePlist(entities);
-  for (const auto& [dataClass, info] : *description.getDictionary(kSyncDataClassesKey)) {
+  const Dictionary dataClassInfos = descriptionField[kSyncDataClassesKey].dictionary();
+  for (const auto& [dataClass, info] : dataClassInfos) {
     const std::string service = info.dictionary().getString(kParserServiceKey);
     if (!service.empty()) host->addParserService(service, "PropertyListParser");
   }
