@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,65 +16,37 @@ namespace pc::testing {
 
 struct ProgramRun {
   int status;
-  std::string output;          // standard output and standard error, as they came
+  std::string output;          // standard output, then standard error
   std::string standardOutput;  // each on its own
   std::string standardError;
 };
 
+// The text of a file ("" when it cannot be read).
+inline std::string fileText(const std::string& path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
 // `arguments` are read by the shell.
 inline ProgramRun runProgram(const std::string& arguments) {
+  const std::string errors = ::testing::TempDir() + "phoneconduit-stderr-" + std::to_string(getpid());
+  const std::string command = std::string(PC_PROGRAM) + " " + arguments + " 2>" + errors;
   ProgramRun run{-1, {}, {}, {}};
-  const std::string command = std::string(PC_PROGRAM) + " " + arguments;
-  int out[2], err[2];
-  if (pipe(out) != 0) return run;
-  if (pipe(err) != 0) {
-    close(out[0]);
-    close(out[1]);
-    return run;
-  }
-  const pid_t child = fork();
-  if (child == 0) {
-    dup2(out[1], STDOUT_FILENO);
-    dup2(err[1], STDERR_FILENO);
-    close(out[0]);
-    close(err[0]);
-    execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  close(out[1]);
-  close(err[1]);
-  pollfd streams[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-  std::string* texts[2] = {&run.standardOutput, &run.standardError};
-  int open = 2;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return run;
   std::array<char, 4096> buffer;
-  while (open > 0 && poll(streams, 2, -1) > 0) {
-    for (int i = 0; i < 2; ++i) {
-      if (streams[i].fd < 0 || !(streams[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-      const ssize_t n = read(streams[i].fd, buffer.data(), buffer.size());
-      if (n > 0) {
-        texts[i]->append(buffer.data(), static_cast<std::size_t>(n));
-        run.output.append(buffer.data(), static_cast<std::size_t>(n));
-      } else {
-        close(streams[i].fd);
-        streams[i].fd = -1;
-        --open;
-      }
-    }
-  }
-  int status = 0;
-  if (child > 0 && waitpid(child, &status, 0) == child) run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  while (std::size_t n = fread(buffer.data(), 1, buffer.size(), pipe)) run.standardOutput.append(buffer.data(), n);
+  const int status = pclose(pipe);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  run.standardError = fileText(errors);
+  std::remove(errors.c_str());
+  run.output = run.standardOutput + run.standardError;
   return run;
 }
 
 // A path under examples/.
 inline std::string examplePath(const std::string& relativePath) {
   return std::string(PC_SOURCE_DIR) + "/examples/" + relativePath;
-}
-
-// The text of a file ("" when it cannot be read).
-inline std::string fileText(const std::string& path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 // Writes `text` to a file of the tests' temporary folder; answers its path.
