@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <vector>
 
 namespace pc::testing {
 
@@ -49,10 +50,18 @@ inline std::string examplePath(const std::string& relativePath) {
   return std::string(PC_SOURCE_DIR) + "/examples/" + relativePath;
 }
 
+// The files temporaryFile wrote since the last ProgramTest ended.
+inline std::vector<std::string>& temporaryFiles() {
+  static std::vector<std::string> files;
+  return files;
+}
+
 // Writes `text` to a file of the tests' temporary folder; answers its path.
+// A ProgramTest removes the file when it ends.
 inline std::string temporaryFile(const std::string& name, const std::string& text) {
   const std::string path = ::testing::TempDir() + "phoneconduit-" + std::to_string(getpid()) + "-" + name;
   std::ofstream(path) << text;
+  temporaryFiles().push_back(path);
   return path;
 }
 
@@ -61,6 +70,10 @@ class ProgramTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (std::string(PC_PROGRAM).empty()) GTEST_SKIP() << "the program is not built";
+  }
+  void TearDown() override {
+    for (const std::string& path : temporaryFiles()) std::remove(path.c_str());
+    temporaryFiles().clear();
   }
 };
 
