@@ -1,8 +1,10 @@
 #pragma once
 // The subcommands of phoneconduit, one group per source file. Each adds its
 // subcommands to the program; a subcommand reports a problem with the user's
-// input by throwing CommandError, which the program prints on standard error
-// before exiting with status 1.
+// input by throwing CommandError (exit status 1), a problem with the command
+// line itself by throwing CommandLineError (exit status 2). The program
+// prints either once on standard error, and what the command wrote on
+// standard output only when it succeeds.
 
 #include <stdexcept>
 
@@ -14,6 +16,15 @@ class CommandError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
+
+class CommandLineError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// Parses the command line and runs the chosen subcommand; answers the exit
+// status: 0 success, 1 bad input, 2 bad command line (no command included).
+int runCommandLine(CLI::App& app, int argc, char** argv);
 
 // explode, convert-limit.
 void addRecurrenceCommands(CLI::App& app);

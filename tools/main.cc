@@ -4,12 +4,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include <exception>
-#include <iostream>
-
 #include "async/AYLogger.h"
 #include "commands.h"
-#include "platform/Exception.h"
 
 int main(int argc, char** argv) {
   CLI::App app{"phoneconduit: reduces calendar and contact records to what a phone model can hold, "
@@ -23,21 +19,5 @@ int main(int argc, char** argv) {
   // Errors always reach standard error; the user's preferences may ask for more.
   pc::QVTRegisterLogs();
 
-  // Subcommands run from the parse; their failures are the user's to read.
-  try {
-    app.parse(argc, argv);
-    if (app.get_subcommands().empty()) std::cout << app.help();
-  } catch (const CLI::ParseError& e) {
-    return app.exit(e);
-  } catch (const pc::tools::CommandError& e) {
-    std::cerr << "phoneconduit: " << e.what() << "\n";
-    return 1;
-  } catch (const pc::Exception& e) {
-    std::cerr << "phoneconduit: " << e.description() << "\n";
-    return 1;
-  } catch (const std::exception& e) {
-    std::cerr << "phoneconduit: " << e.what() << "\n";
-    return 1;
-  }
-  return 0;
+  return pc::tools::runCommandLine(app, argc, argv);
 }

@@ -2,42 +2,101 @@
 // convert-limit: a recurrence record rewritten to end by count, until date or
 // last occurrence.
 
+#include <cstdint>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <string>
+
+#include <fmt/format.h>
 
 #include "calcore/CALEventExploder.h"
 #include "commands.h"
 #include "engine/SchemaNames.h"
 #include "util/PHCMangling.h"
+#include "validation.h"
 
 namespace pc::tools {
 
 namespace {
 
-Dictionary readEvent(const std::string& path) {
-  std::string error;
-  std::optional<Dictionary> event = readRecordFile(path, &error);
-  if (!event) throw CommandError(error);
-  if (!event->get(kCalendarsEventStartDate).isDate()) throw CommandError(path + ": the event has no start date");
-  return *event;
+// Counts and intervals are 32-bit in the recurrence rules.
+constexpr std::int64_t kLargestCount = std::numeric_limits<std::int32_t>::max();
+
+// A list of non-zero whole numbers within ±limit.
+void checkNumberList(const Field& list, std::int64_t low, std::int64_t limit) {
+  if (!list.present()) return;
+  const std::size_t count = list.array().count();
+  for (std::size_t i = 0; i < count; ++i) {
+    const Field element = list.at(i);
+    const std::int64_t number = element.integer(low < 0 ? -limit : 1, limit);
+    if (number == 0) element.fail(fmt::format("0 is not a whole number from 1 to {} or -1 to -{}", limit, limit));
+  }
 }
 
-// The single recurrence record of an assembled event.
-Dictionary recurrenceOf(const Dictionary& event, const std::string& path) {
-  const std::optional<Array> recurrences = event.getArray(kCalendarsEventRecurrences);
-  if (!recurrences || recurrences->count() != 1 || !recurrences->at(0).asDictionary())
-    throw CommandError(path + ": the event needs exactly one recurrence record under \"" +
-                       kCalendarsEventRecurrences + "\"");
-  return recurrences->at(0).dictionary();
+std::string dayName(const Field& field) {
+  return field.member({"sunday", "monday", "tuesday", "wednesday", "thursday", "friday", "saturday"});
 }
 
-CALDateRef dateArgument(const std::string& text, const char* option) {
-  CALDateRef date = CALDate::dateFromIsoString(text);
-  if (!date)
-    throw CommandError(std::string(option) + ": \"" + text +
-                       "\" is not a date (20060315, 20060315T101500 or 20060315T101500+0100)");
-  return date;
+// Everything of a recurrence record that the rules read.
+void checkRecurrence(const Field& recurrence, const CalendarDate& start) {
+  recurrence.dictionary();
+  recurrence[kCalendarsRecurrenceFrequency].required("one of daily, weekly, monthly or yearly");
+  recurrence[kCalendarsRecurrenceFrequency].member({"daily", "weekly", "monthly", "yearly"});
+  for (const char* key : {kCalendarsRecurrenceInterval, kCalendarsRecurrenceCount})
+    if (recurrence[key].present()) recurrence[key].integer(1, kLargestCount);
+  const Field until = recurrence[kCalendarsRecurrenceUntil];
+  if (until.present()) {
+    if (until.date() < start) until.fail("the until date is before the event's start date");
+    if (recurrence[kCalendarsRecurrenceCount].present())
+      recurrence.fail("a recurrence ends by a count or by an until date, not both");
+  }
+  if (recurrence[kCalendarsRecurrenceWeekstartday].present()) dayName(recurrence[kCalendarsRecurrenceWeekstartday]);
+  checkNumberList(recurrence[kCalendarsRecurrenceBymonth], 1, 12);
+  checkNumberList(recurrence[kCalendarsRecurrenceByweeknumber], -1, 53);
+  checkNumberList(recurrence[kCalendarsRecurrenceByyearday], -1, 366);
+  checkNumberList(recurrence[kCalendarsRecurrenceBymonthday], -1, 31);
+  checkNumberList(recurrence[kCalendarsRecurrenceBysetpos], -1, 366);
+
+  // BYDAY: day names with their ordinals (0: every such day) side by side.
+  const Field days = recurrence[kCalendarsRecurrenceBydaydays];
+  const Field ordinals = recurrence[kCalendarsRecurrenceBydayfreq];
+  if (days.present())
+    for (std::size_t i = 0; i < days.array().count(); ++i) dayName(days.at(i));
+  if (ordinals.present()) {
+    if (!days.present()) ordinals.fail(fmt::format("ordinals without the day names of \"{}\"", kCalendarsRecurrenceBydaydays));
+    const std::size_t count = ordinals.array().count();
+    for (std::size_t i = 0; i < count; ++i) ordinals.at(i).integer(-53, 53);
+    if (count != days.array().count())
+      ordinals.fail(fmt::format("{} ordinals for {} day names in \"{}\"", count, days.array().count(),
+                                kCalendarsRecurrenceBydaydays));
+  }
+}
+
+// An event record with exactly one recurrence, checked.
+struct RecurringEvent {
+  Dictionary event;
+  Field recurrence;
+  CalendarDate start;
+  bool allDay;
+};
+
+RecurringEvent readRecurringEvent(const std::string& path) {
+  const Field record = readRecordInput(path);
+  const CalendarDate start = record[kCalendarsEventStartDate].required("a calendar date").date();
+  const Field end = record[kCalendarsEventEndDate];
+  if (end.present() && end.date() < start) end.fail("the end date is before the start date");
+  const bool allDay = record[kCalendarsEventAllDay].present() && record[kCalendarsEventAllDay].boolean();
+  const Field exceptionDates = record[kCalendarsEventExceptionDates];
+  if (exceptionDates.present())
+    for (std::size_t i = 0; i < exceptionDates.array().count(); ++i) exceptionDates.at(i).date();
+
+  const Field recurrences = record[kCalendarsEventRecurrences];
+  const std::size_t count = recurrences.required("an array of one recurrence record").array().count();
+  if (count != 1)
+    recurrences.fail(fmt::format("{} recurrence records; the command works on an event with exactly one", count));
+  checkRecurrence(recurrences.at(0), start);
+  return {record.dictionary(), recurrences.at(0), start, allDay};
 }
 
 void printRecord(const Dictionary& record) {
@@ -54,17 +113,17 @@ struct ExplodeOptions {
 };
 
 void explode(const ExplodeOptions& options) {
-  const Dictionary event = readEvent(options.eventPath);
-  recurrenceOf(event, options.eventPath);
-  const CALDateRef from = dateArgument(options.from, "--from");
-  const CALDateRef to = dateArgument(options.to, "--to");
-  std::unique_ptr<CALEventExploder> exploder = CALEventExploder::CALEventExploderWithAssembledEvent(event);
-  if (!exploder) throw CommandError(options.eventPath + ": the recurrence record is empty");
+  const CALDateRef from = dateOption(options.from, "--from");
+  const CALDateRef to = dateOption(options.to, "--to");
+  if (!from->isBefore(to.get()))
+    throw CommandLineError(fmt::format("--to: {} is not after --from {}", options.to, options.from));
+  const RecurringEvent recurring = readRecurringEvent(options.eventPath);
+  CALEventExploder exploder(recurring.event, recurring.recurrence.dictionary());
   // Without a truth there are no detached events: only exception dates apply.
-  const CALDateList dates = exploder->produceDatesForTimeRange(CALTimeRange(from.get(), to.get()), nullptr,
-                                                               std::string(), options.ignoreExceptionDates);
+  const CALDateList dates = exploder.produceDatesForTimeRange(CALTimeRange(from.get(), to.get()), nullptr,
+                                                              std::string(), options.ignoreExceptionDates);
   if (options.events) {
-    printRecord(Dictionary{{"Events", exploder->eventsForDates(dates)}});
+    printRecord(Dictionary{{"Events", exploder.eventsForDates(dates)}});
     return;
   }
   for (const CALDateRef& date : dates) std::cout << date->isoStringRepresentation() << "\n";
@@ -75,19 +134,32 @@ struct ConvertOptions {
 };
 
 void convertLimit(const ConvertOptions& options) {
-  const Dictionary event = readEvent(options.eventPath);
-  const Dictionary recurrence = recurrenceOf(event, options.eventPath).copy();
+  const RecurringEvent recurring = readRecurringEvent(options.eventPath);
+  const Field& recurrenceField = recurring.recurrence;
+  const Dictionary recurrence = recurrenceField.dictionary().copy();
   const bool toUntil = options.to == "until";
   const char* needed = toUntil ? kCalendarsRecurrenceCount : kCalendarsRecurrenceUntil;
   if (!recurrence.contains(needed))
-    throw CommandError(options.eventPath + ": the recurrence has no " + needed + " to convert from");
+    recurrenceField.fail(fmt::format("no \"{}\" to convert from", needed));
+
   Dictionary converted;
-  if (toUntil)
-    converted = CALEventExploder::convertRuleFromCountToUntilDate(recurrence, event);
-  else if (options.to == "count")
-    converted = CALEventExploder::convertRuleFromUntilDateToCount(recurrence, event);
-  else
-    converted = CALEventExploder::convertRuleFromUntilDateToLastOcurrenceDate(recurrence, event);
+  if (toUntil) {
+    // A count the rule does not reach has no last occurrence to end on.
+    CALEventExploder exploder(recurring.event, recurrence);
+    const CALDateRef start = CALDate::CALDateFromCalendarDate(recurring.start, recurring.allDay);
+    if (!exploder.rule().cachedEndDateForRecurrenceStart(*start))
+      recurrenceField[kCalendarsRecurrenceCount].fail(
+          fmt::format("the recurrence does not reach {} occurrences before 2050",
+                      recurrence.get(kCalendarsRecurrenceCount).integerValue()));
+    converted = CALEventExploder::convertRuleFromCountToUntilDate(recurrence, recurring.event);
+  } else if (options.to == "count") {
+    converted = CALEventExploder::convertRuleFromUntilDateToCount(recurrence, recurring.event);
+  } else {
+    converted = CALEventExploder::convertRuleFromUntilDateToLastOcurrenceDate(recurrence, recurring.event);
+  }
+  // The conversion to an until date or a count removes the other ending.
+  if (options.to != "last" && converted.contains(needed))
+    recurrenceField.fail(fmt::format("the recurrence could not be converted to end by {}", options.to));
   printRecord(converted);
 }
 
@@ -108,6 +180,8 @@ void addRecurrenceCommands(CLI::App& app) {
                            "Keep the occurrences on exception dates");
   explodeCommand->add_flag("--events", explodeOptions->events,
                            "Print one event record per occurrence instead of the dates");
+  explodeCommand->footer(
+      "Example:\n  phoneconduit explode examples/events/weekly-team-meeting.plist --from 20261101 --to 20261201");
   explodeCommand->callback([explodeOptions] { explode(*explodeOptions); });
 
   auto convertOptions = std::make_shared<ConvertOptions>();
@@ -119,6 +193,8 @@ void addRecurrenceCommands(CLI::App& app) {
       ->check(CLI::IsMember({"count", "until", "last"}));
   convertCommand->add_option("EVENT", convertOptions->eventPath, "Event record file with one recurrence")
       ->required();
+  convertCommand->footer(
+      "Example:\n  phoneconduit convert-limit --to until examples/events/monthly-on-the-31st.plist");
   convertCommand->callback([convertOptions] { convertLimit(*convertOptions); });
 }
 

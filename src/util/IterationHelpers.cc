@@ -120,13 +120,13 @@ const Value* QVTFastArrayIteratorNext(QVTFastArrayIteratorState* state) {
     const std::size_t length =
         nextBatchLength(state->index, std::min(state->end, state->array.count()));
     if (length == 0) return nullptr;
-    const Value* first = state->array.values().data() + state->index;
-    for (std::size_t i = 0; i < length; ++i) state->batch[i] = first + i;
+    const std::vector<Value>& values = state->array.values();
+    for (std::size_t i = 0; i < length; ++i) state->batch[i] = values[state->index + i];
     state->index += length;
     state->batchSize = length;
     state->batchPosition = 0;
   }
-  return state->batch[state->batchPosition++];
+  return &state->batch[state->batchPosition++];
 }
 
 void QVTFastDictionaryIteratorInit(QVTFastDictionaryIteratorState* state,

@@ -78,8 +78,12 @@ bool unqueueWhileTrue(Dictionary& dictionary, DictionaryTestFunction function,
 // --- Batched iterators ---
 //
 // The state record is the caller's (usually on the stack). Elements are
-// fetched up to kQVTFastIteratorBatchSize at a time; the pointers answered
-// stay valid while the collection is not changed.
+// fetched up to kQVTFastIteratorBatchSize at a time into the record itself,
+// so the collection may be changed while it is walked: the array iterator
+// visits the elements below the end fixed at initialisation that are still
+// there when their batch is fetched, the dictionary iterator the entries it
+// had at initialisation. A
+// pointer answered stays valid until the next call on the same record.
 
 inline constexpr std::size_t kQVTFastIteratorBatchSize = 20;
 
@@ -89,7 +93,8 @@ struct QVTFastArrayIteratorState {
   std::size_t batchPosition = 0;  // next slot to answer
   std::size_t batchSize = 0;      // slots filled by the last fetch
   Array array;
-  const Value* batch[kQVTFastIteratorBatchSize] = {};
+  // Copies, not pointers into the array: appending may move its storage.
+  Value batch[kQVTFastIteratorBatchSize];
 };
 
 struct QVTFastDictionaryIteratorState {

@@ -1,5 +1,8 @@
 #include "util/PHCMangling.h"
 
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
 #include <vector>
 
 #include <fmt/format.h>
@@ -25,13 +28,43 @@ Value unmangleCalendarDate(const Dictionary& tagged, std::string& problem) {
     return {};
   }
   std::string error;
-  std::optional<CalendarDate> date =
-      CalendarDate::dateWithString(text->string(), kNicePListDateFormat, nullptr, &error);
+  std::optional<CalendarDate> date = phc_dateFromNiceText(text->string(), error);
   if (!date) {
     problem = fmt::format("cannot read date \"{}\": {}", text->string(), error);
     return {};
   }
   return *date;
+}
+
+std::vector<std::string_view> blankSeparatedWords(std::string_view text) {
+  std::vector<std::string_view> words;
+  std::size_t at = 0;
+  while (true) {
+    at = text.find_first_not_of(" \t\n\r", at);
+    if (at == std::string_view::npos) return words;
+    const std::size_t end = std::min(text.find_first_of(" \t\n\r", at), text.size());
+    words.push_back(text.substr(at, end - at));
+    at = end;
+  }
+}
+
+// "+hhmm", "-hhmm" or "+hh:mm", the forms "%z" reads.
+bool isOffsetText(std::string_view text) {
+  const auto digits = [&](std::size_t at) { return std::isdigit(static_cast<unsigned char>(text[at])) != 0; };
+  if (text.size() < 5 || (text[0] != '+' && text[0] != '-') || !digits(1) || !digits(2)) return false;
+  if (text.size() == 5) return digits(3) && digits(4);
+  return text.size() == 6 && text[3] == ':' && digits(4) && digits(5);
+}
+
+// An offset as "%z" prints it: whole minutes, the seconds dropped.
+int printedOffset(int seconds) {
+  const int magnitude = std::abs(seconds);
+  return (seconds < 0 ? -1 : 1) * (magnitude / 3600 * 3600 + magnitude / 60 % 60 * 60);
+}
+
+std::string offsetText(int seconds) {
+  const int magnitude = std::abs(seconds);
+  return fmt::format("{}{:02}{:02}", seconds < 0 ? '-' : '+', magnitude / 3600, magnitude / 60 % 60);
 }
 
 Value unmangleURL(const Dictionary& tagged, std::string& problem) {
@@ -145,6 +178,47 @@ Value _phc_manglePlistForEncoding(const Value& value) {
   if (const URL* address = value.asURL())
     return Dictionary{{kTaggedURLKey, address->absoluteString()}, {kGRNTypeKey, kURLTypeName}};
   return value;
+}
+
+std::optional<CalendarDate> phc_dateFromNiceText(std::string_view text, std::string& problem) {
+  const std::vector<std::string_view> words = blankSeparatedWords(text);
+  if (words.size() != 3 && words.size() != 4) {
+    problem = "expected \"day/month/year hours:minutes:seconds zone offset\"";
+    return std::nullopt;
+  }
+  // The parser ignores text after what it reads; the zone and the offset
+  // are the last words, so they must be read whole.
+  const auto isZoneCharacter = [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || std::string_view("_/+-:").find(c) != std::string_view::npos;
+  };
+  if (!std::all_of(words[2].begin(), words[2].end(), isZoneCharacter)) {
+    problem = fmt::format("\"{}\" is not a time zone name", words[2]);
+    return std::nullopt;
+  }
+  if (words.size() == 4 && !isOffsetText(words[3])) {
+    problem = fmt::format("\"{}\" is not an offset (+hhmm or -hhmm)", words[3]);
+    return std::nullopt;
+  }
+  // Without an offset the zone decides the instant.
+  const std::string_view format = words.size() == 3 ? kNicePListDateFormatWithoutOffset : kNicePListDateFormat;
+  std::optional<CalendarDate> date = CalendarDate::dateWithString(text, format, nullptr, &problem);
+  if (!date || words.size() == 3) return date;
+
+  // With one, the instant is the reading of the wall clock that has that
+  // offset in the zone. The offset is written to the minute, while zones of
+  // the past have seconds in theirs: take the zone's exact offset near the
+  // written one, and check that it is in force at the wall clock.
+  const TimeZone& zone = *date->timeZone();
+  const double wallClock = CalendarDate::dateWithString(text, "%d/%m/%Y %H:%M:%S")->timeIntervalSinceReferenceDate();
+  const int written = static_cast<int>(wallClock - date->timeIntervalSinceReferenceDate());
+  const int exact = zone.secondsFromGMT(date->date());
+  const Date instant{wallClock - exact};
+  if (zone.secondsFromGMT(instant) != exact || printedOffset(exact) != written) {
+    problem = fmt::format("offset {} is not one {} has at {} {}", offsetText(written), zone.name(), words[0],
+                          words[1]);
+    return std::nullopt;
+  }
+  return CalendarDate(instant, date->timeZone());
 }
 
 Value _phc_manglePlistForDecoding(const Value& value) { return Decoder(nullptr).decode(value, {}); }

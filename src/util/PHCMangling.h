@@ -25,8 +25,17 @@ inline constexpr const char* kCalendarDateTypeName = "CalendarDate";
 inline constexpr const char* kURLTypeName = "URL";
 inline constexpr const char* kTaggedDateKey = "date";
 inline constexpr const char* kTaggedURLKey = "value";
-// %Z prints the zone's full name, so that the zone reads back.
-inline constexpr const char* kNicePListDateFormat = "%d/%m/%Y %H:%M:%S %Z";
+// %Z prints the zone's full name, so that the zone reads back; %z the offset
+// in force, so that the two readings of a wall clock repeated when daylight
+// saving ends stay two instants. Text without the offset (the earlier form)
+// still reads, a repeated wall clock then as its first reading.
+inline constexpr const char* kNicePListDateFormat = "%d/%m/%Y %H:%M:%S %Z %z";
+inline constexpr const char* kNicePListDateFormatWithoutOffset = "%d/%m/%Y %H:%M:%S %Z";
+
+// The date a tagged dictionary's text stands for; nullopt with `problem`
+// saying why for text of neither form, an unknown zone, an offset the zone
+// does not have at that wall clock, or text after the date.
+std::optional<CalendarDate> phc_dateFromNiceText(std::string_view text, std::string& problem);
 
 // The nice plist text of `value`; nullopt (logged "cannot encode") when it
 // holds a kind a property list cannot (null, an object, a non-string key).

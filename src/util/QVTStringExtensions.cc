@@ -10,6 +10,7 @@
 #include <unicode/coll.h>
 #include <unicode/translit.h>
 #include <unicode/unistr.h>
+#include <unicode/ustring.h>
 #include <unicode/utf8.h>
 #include <uuid/uuid.h>
 
@@ -141,8 +142,26 @@ std::optional<std::string> qvt_stringFromUTF8HexaString(std::string_view hexa) {
 }
 
 std::string qvt_convertToUCS2Hexa(std::string_view text) {
+  // Lossy: an ill-formed UTF-8 sequence becomes U+FFFD. What remains to fail
+  // is a text beyond what one conversion can hold.
+  std::u16string units;
+  UErrorCode status = U_ZERO_ERROR;
+  if (text.size() <= static_cast<std::size_t>(std::numeric_limits<int32_t>::max() / 2)) {
+    const auto length = static_cast<int32_t>(text.size());
+    units.resize(text.size());  // UTF-16 never needs more units than UTF-8 has bytes
+    int32_t written = 0;
+    u_strFromUTF8WithSub(units.data(), length, &written, text.data(), length, 0xFFFD, nullptr, &status);
+    units.resize(static_cast<std::size_t>(std::max(written, 0)));
+  } else {
+    status = U_BUFFER_OVERFLOW_ERROR;
+  }
+  if (U_FAILURE(status)) {
+    QVT_LOG(kLogError, QVTLOG, "this is not possible under lossy conversion");
+    return {};
+  }
   std::string bigEndian;
-  for (char16_t unit : toUTF16(text)) {
+  bigEndian.reserve(units.size() * 2);
+  for (char16_t unit : units) {
     bigEndian += static_cast<char>(unit >> 8);
     bigEndian += static_cast<char>(unit & 0xFF);
   }

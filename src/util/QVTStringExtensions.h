@@ -35,7 +35,9 @@ std::optional<std::string> qvt_convertToUTF8Hexa(std::string_view text);
 // Decodes hexadecimal UTF-8. nullopt for text longer than 10000 characters,
 // hexadecimal that does not parse, or bytes that are not UTF-8.
 std::optional<std::string> qvt_stringFromUTF8HexaString(std::string_view hexa);
-// UTF-16 big-endian, four lower-case digits per unit, no byte-order mark.
+// UTF-16 big-endian, four lower-case digits per unit, no byte-order mark;
+// ill-formed UTF-8 reads as U+FFFD. Empty (logged) when the text is too long
+// to convert.
 std::string qvt_convertToUCS2Hexa(std::string_view text);
 // Decodes hexadecimal UTF-16 big-endian; nullopt when it does not parse (not
 // whole units, a non-digit, an unpaired surrogate).

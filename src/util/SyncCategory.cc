@@ -1,6 +1,7 @@
 #include "util/SyncCategory.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -35,9 +36,18 @@ Dictionary sliceWhere(const Dictionary& dictionary, const Value& keys, bool inCo
   return slice;
 }
 
+// Length budgets are summed in 128 bits and kept within ±2^96 at every step:
+// no product of an occurrence count (below 2^63) by a 64-bit modifier, nor
+// any sum of such, can then overflow, and every budget beyond a text's
+// length still keeps the whole text.
+using Budget = __int128;
+constexpr Budget kBudgetLimit = Budget{1} << 96;
+
+Budget clampedBudget(Budget budget) { return std::clamp(budget, -kBudgetLimit, kBudgetLimit); }
+
 // The growth of the length budget a modifier gives `text`, 0 for a modifier
 // that does not apply (or is malformed, which is logged).
-long lengthModifierFor(std::string_view text, const Value& modifier) {
+Budget lengthModifierFor(std::string_view text, const Value& modifier) {
   const auto description = modifier.asDictionary();
   const Value string = description ? description->get("stringModifier") : Value();
   const Value length = description ? description->get("lengthModifier") : Value();
@@ -45,8 +55,9 @@ long lengthModifierFor(std::string_view text, const Value& modifier) {
     QVT_LOG(kLogWarning, QVTLOG, "ignored truncation modifier: {}", modifier);
     return 0;
   }
-  return static_cast<long>(SyncCategory::occurrenceNb(text, string.string())) *
-         static_cast<long>(length.integerValue());
+  const std::size_t occurrences = SyncCategory::occurrenceNb(text, string.string());
+  return clampedBudget(Budget{static_cast<std::int64_t>(std::min<std::size_t>(occurrences, INT64_MAX))} *
+                       Budget{length.integerValue()});
 }
 
 }  // namespace
@@ -94,11 +105,11 @@ std::size_t occurrenceNb(std::string_view text, std::string_view string) {
 
 std::optional<std::string> qvt_truncationToMaxLength(std::string_view text, long length,
                                                      const std::optional<Array>& modifiers) {
-  long budget = length;
+  Budget budget = length;
   if (modifiers)
-    for (const Value& modifier : *modifiers) budget += lengthModifierFor(text, modifier);
+    for (const Value& modifier : *modifiers) budget = clampedBudget(budget + lengthModifierFor(text, modifier));
   if (budget < 1) return std::nullopt;
-  return utf16Prefix(text, static_cast<std::size_t>(budget));
+  return utf16Prefix(text, static_cast<std::size_t>(std::min<Budget>(budget, SIZE_MAX)));
 }
 
 std::optional<URL> qvt_truncationToMaxLength(const URL& address, long length) {

@@ -5,27 +5,43 @@
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstdio>
+#include <fstream>
 #include <string>
+#include <vector>
 
 namespace pc::testing {
 
 struct ProgramRun {
   int status;
-  std::string output;  // standard output and standard error
+  std::string output;          // standard output, then standard error
+  std::string standardOutput;  // each on its own
+  std::string standardError;
 };
 
+// The text of a file ("" when it cannot be read).
+inline std::string fileText(const std::string& path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// `arguments` are read by the shell.
 inline ProgramRun runProgram(const std::string& arguments) {
-  const std::string command = std::string(PC_PROGRAM) + " " + arguments + " 2>&1";
-  ProgramRun run{-1, {}};
+  const std::string errors = ::testing::TempDir() + "phoneconduit-stderr-" + std::to_string(getpid());
+  const std::string command = std::string(PC_PROGRAM) + " " + arguments + " 2>" + errors;
+  ProgramRun run{-1, {}, {}, {}};
   FILE* pipe = popen(command.c_str(), "r");
   if (!pipe) return run;
   std::array<char, 4096> buffer;
-  while (std::size_t n = fread(buffer.data(), 1, buffer.size(), pipe)) run.output.append(buffer.data(), n);
+  while (std::size_t n = fread(buffer.data(), 1, buffer.size(), pipe)) run.standardOutput.append(buffer.data(), n);
   const int status = pclose(pipe);
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  run.standardError = fileText(errors);
+  std::remove(errors.c_str());
+  run.output = run.standardOutput + run.standardError;
   return run;
 }
 
@@ -34,11 +50,30 @@ inline std::string examplePath(const std::string& relativePath) {
   return std::string(PC_SOURCE_DIR) + "/examples/" + relativePath;
 }
 
+// The files temporaryFile wrote since the last ProgramTest ended.
+inline std::vector<std::string>& temporaryFiles() {
+  static std::vector<std::string> files;
+  return files;
+}
+
+// Writes `text` to a file of the tests' temporary folder; answers its path.
+// A ProgramTest removes the file when it ends.
+inline std::string temporaryFile(const std::string& name, const std::string& text) {
+  const std::string path = ::testing::TempDir() + "phoneconduit-" + std::to_string(getpid()) + "-" + name;
+  std::ofstream(path) << text;
+  temporaryFiles().push_back(path);
+  return path;
+}
+
 // Skips the tests of a fixture when the program was not built.
 class ProgramTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (std::string(PC_PROGRAM).empty()) GTEST_SKIP() << "the program is not built";
+  }
+  void TearDown() override {
+    for (const std::string& path : temporaryFiles()) std::remove(path.c_str());
+    temporaryFiles().clear();
   }
 };
 

@@ -28,9 +28,6 @@ TEST(ArrayIteration, MapKeepsNonNullResultsInOrder) {
   EXPECT_EQ(qvt_map(numbers(5),
                     [](const Value& e, void*) { return e.intValue() % 2 ? Value() : Value(e.intValue() * 10); }),
             (Array{0, 20, 40}));
-  EXPECT_EQ(qvt_mapWithSelector(Array{"a", "bc"},
-                                [](const Value& e) { return Value(e.string().size()); }),
-            (Array{1, 2}));
 }
 
 TEST(ArrayIteration, ConjunctionAndDisjunctionStopEarly) {
@@ -92,6 +89,30 @@ TEST_P(BatchedIterators, ArrayReadsEverythingInBatchesOf20) {
     EXPECT_EQ(fetches[i], std::min<std::size_t>(20, count - 20 * i));
 }
 
+// The walk covers the elements below the end fixed at the start: appending
+// (which moves the array's storage) adds nothing to it, shrinking cuts it.
+TEST(BatchedIterators, ArrayMayChangeWhileItIsWalked) {
+  Array array = numbers(45);
+  QVTFastArrayIteratorState state;
+  QVTFastArrayIteratorInit(&state, array);
+  int expected = 0;
+  while (const Value* element = QVTFastArrayIteratorNext(&state)) {
+    EXPECT_EQ(element->intValue(), expected++);
+    if (expected == 1)
+      for (int i = 0; i < 1000; ++i) array.add(fmt::format("appended {}", i));
+  }
+  EXPECT_EQ(expected, 45);
+
+  array = numbers(45);
+  QVTFastArrayIteratorInit(&state, array);
+  expected = 0;
+  while (const Value* element = QVTFastArrayIteratorNext(&state)) {
+    EXPECT_EQ(element->intValue(), expected++);
+    if (expected == 15) array.removeRange(30, 15);
+  }
+  EXPECT_EQ(expected, 30);
+}
+
 TEST_P(BatchedIterators, DictionaryReadsParallelKeysAndValues) {
   const int count = GetParam();
   Dictionary dictionary;
@@ -112,7 +133,7 @@ TEST_P(BatchedIterators, DictionaryReadsParallelKeysAndValues) {
   EXPECT_FALSE(QVTFastDictionaryIteratorNext(&state, nullptr, nullptr));
 }
 
-INSTANTIATE_TEST_SUITE_P(Lengths, BatchedIterators, ::testing::Values(0, 1, 19, 20, 21, 40, 45));
+INSTANTIATE_TEST_SUITE_P(Lengths, BatchedIterators, ::testing::Values(0, 20, 45));
 
 }  // namespace
 }  // namespace pc

