@@ -19,5 +19,7 @@ class CommandError : public std::runtime_error {
 void addRecurrenceCommands(CLI::App& app);
 // describe-device.
 void addDeviceCommands(CLI::App& app);
+// methods.
+void addMethodsCommands(CLI::App& app);
 
 }  // namespace pc::tools

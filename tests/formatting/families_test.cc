@@ -1,0 +1,207 @@
+// Phone families (Motorola, Symbian), the Symbian labels in several
+// languages, and operations reached by selector as descriptions name them.
+
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+
+#include "FormattingFixture.h"
+#include "engine/SchemaNames.h"
+#include "formatting/FormattingKeys.h"
+#include "formatting/QVTAgentFormatting.h"
+#include "formatting/QVTMotorolaFormatter.h"
+#include "platform/LocalizedStrings.h"
+#include "support/LogCapture.h"
+
+namespace pc {
+namespace {
+
+using namespace formatting_keys;
+
+std::shared_ptr<QVTMotorolaFormatter> motorola(const Value& information, bool asciiOnly = false) {
+  auto client = test::phoneClient("Europe/Paris");
+  if (!information.isNull()) client->setObject(information, kMotorolaPhoneInformationKey);
+  auto formatter = test::makeFormatter<QVTMotorolaFormatter>(
+      "QVTMotorolaFormatter", "", Dictionary{{kOnlySupportASCIICharKey, asciiOnly}}, client);
+  formatter->awakeFromSynchronization();
+  return formatter;
+}
+
+TEST(MotorolaTest, LimitsComeFromThePhoneOrDefaults) {
+  test::LogCapture log;
+  auto defaults = motorola(Value());
+  EXPECT_EQ(defaults->maxNameLength(), 30u);
+  EXPECT_EQ(defaults->maxPhoneLength(), 20u);
+  EXPECT_EQ(defaults->maxEmailAddressLength(), 30u);
+  EXPECT_EQ(defaults->maxEventTitleLength(), 30u);
+  const test::LogLine* complaint = log.find("phone information should be provided");
+  ASSERT_NE(complaint, nullptr);
+  EXPECT_EQ(complaint->type, ".sync.QVTMotorolaFormatter");
+  EXPECT_TRUE(log.contains("got _maxNameLength=30 _maxPhoneLength=20 _maxEmailAddressLength=30 _maxEventTitleLength=30"));
+
+  auto reported = motorola(Dictionary{{kMaxNameLengthKey, 12}, {kMaxPhoneLengthKey, "8"}});
+  EXPECT_EQ(reported->maxNameLength(), 12u);
+  EXPECT_EQ(reported->maxPhoneLength(), 8u);
+  EXPECT_EQ(reported->maxEmailAddressLength(), 0u);
+}
+
+TEST(MotorolaTest, RecordsFitThePhone) {
+  auto phone = motorola(Dictionary{{kMaxNameLengthKey, 8}, {kMaxPhoneLengthKey, 10},
+                                   {kMaxEmailAddressLengthKey, 6}, {kMaxEventTitleLength, 5}},
+                        true);
+  Dictionary person{{kContactsContactFirstName, "Zoë Anne"}, {kContactsContactLastName, "Ng"}};
+  phone->formatContactRecord(person);
+  EXPECT_EQ(person.getString(kContactsContactFirstName), "Zo?-A");
+  EXPECT_EQ(person.getString(kContactsContactLastName), "Ng");
+
+  Dictionary company{{kContactsContactCompanyName, "Acme"}};
+  phone->formatContactRecord(company);
+  EXPECT_EQ(company.getString(kContactsContactFirstName), "Acme");
+  EXPECT_FALSE(company.contains(kContactsContactCompanyName));
+
+  Dictionary number{{kContactsPhoneNumberType, kContactsPhoneNumberTypeOther},
+                    {kContactsPhoneNumberValue, "+1 (800) CALLNOW"}};
+  phone->formatPhoneRecord(number);
+  EXPECT_EQ(number.getString(kContactsPhoneNumberType), kContactsPhoneNumberTypeHome);
+  EXPECT_EQ(number.getString(kContactsPhoneNumberValue), "+180022556");
+
+  Dictionary mail{{kContactsEmailAddressType, "home"}, {kContactsEmailAddressValue, "ann@example.org"}};
+  phone->formatEmailAddressRecord(mail);
+  EXPECT_EQ(mail.getString(kContactsEmailAddressType), "work");
+  EXPECT_EQ(mail.getString(kContactsEmailAddressValue), "ann@ex");
+
+  Dictionary event{{kCalendarsEventSummary, "Board meeting"}};
+  phone->formatEventRecord(event);
+  EXPECT_EQ(event.getString(kCalendarsEventSummary), "Board");
+}
+
+// Runs `body` with LANGUAGE set to `language`, the label table rebuilt.
+template <class F>
+void inLanguage(const char* language, F body) {
+  const char* saved = std::getenv("LANGUAGE");
+  const std::string previous = saved ? saved : "";
+  setenv("LANGUAGE", language, 1);
+  resetLocalizedStrings();
+  QVTAgentFormatting::initialize();
+  body();
+  if (saved) setenv("LANGUAGE", previous.c_str(), 1);
+  else unsetenv("LANGUAGE");
+  resetLocalizedStrings();
+  QVTAgentFormatting::initialize();
+}
+
+TEST(AgentTest, UIQKeepsOnlyThePhonesOwnLabels) {
+  auto agent = test::makeFormatter<QVTAgentFormatting>("QVTAgentFormatting");
+  auto other = [](const char* label) {
+    return Dictionary{{kContactsPhoneNumberType, kContactsPhoneNumberTypeOther}, {kContactsPhoneNumberLabel, label}};
+  };
+  struct Language {
+    const char* name;
+    const char* homePager;  // the phone's label in that language
+    const char* foreign;    // another language's label, not the phone's
+  };
+  for (const Language& language : {Language{"fr_FR.UTF-8", "Bip domicile", "Home pager"},
+                                    Language{"de", "Pager privat", "Bip domicile"},
+                                    Language{"en_GB:fr", "Home pager", "Pager privat"}}) {
+    SCOPED_TRACE(language.name);
+    inLanguage(language.name, [&] {
+      EXPECT_EQ(QVTAgentFormatting::symbianLocalizer()->getString("home pager"), language.homePager);
+      test::LogCapture log;
+      Dictionary kept = other(language.homePager);
+      agent->UIQPhoneNumbers(kept);
+      EXPECT_EQ(kept.getString(kContactsPhoneNumberLabel), language.homePager);
+      EXPECT_EQ(kept.getString(kContactsPhoneNumberType), "other");
+      EXPECT_TRUE(log.contains("symbian label, keep it"));
+
+      for (const char* label : {language.foreign, "Cottage"}) {
+        Dictionary dropped = other(label);
+        agent->UIQPhoneNumbers(dropped);
+        EXPECT_FALSE(dropped.contains(kContactsPhoneNumberLabel)) << label;
+        EXPECT_EQ(dropped.getString(kContactsPhoneNumberType), "main");
+      }
+      EXPECT_TRUE(log.contains("other label, drop it"));
+    });
+  }
+  // No language known: the keys themselves.
+  inLanguage("xx_YY", [] { EXPECT_EQ(localizedString("Synchro", "home pager"), "home pager"); });
+  Dictionary mobile{{kContactsPhoneNumberType, "mobile"}, {kContactsPhoneNumberLabel, "Cottage"}};
+  agent->UIQPhoneNumbers(mobile);
+  EXPECT_EQ(mobile.getString(kContactsPhoneNumberLabel), "Cottage");
+}
+
+TEST(AgentTest, LanguagePreferencesFollowTheEnvironment) {
+  const char* saved[3] = {std::getenv("LANGUAGE"), std::getenv("LC_ALL"), std::getenv("LC_MESSAGES")};
+  const std::string previous[3] = {saved[0] ? saved[0] : "", saved[1] ? saved[1] : "", saved[2] ? saved[2] : ""};
+  setenv("LANGUAGE", "pt_BR:de", 1);
+  setenv("LC_ALL", "fr_CA.UTF-8@x", 1);
+  EXPECT_THAT(preferredLanguages(), ::testing::ElementsAre("pt_BR", "pt", "de", "fr_CA", "fr"));
+  setenv("LANGUAGE", "", 1);
+  setenv("LC_ALL", "C", 1);
+  EXPECT_THAT(preferredLanguages(), ::testing::IsEmpty());
+  const char* names[3] = {"LANGUAGE", "LC_ALL", "LC_MESSAGES"};
+  for (int i = 0; i < 3; ++i) {
+    if (saved[i]) setenv(names[i], previous[i].c_str(), 1);
+    else unsetenv(names[i]);
+  }
+}
+
+TEST(AgentTest, SeriesSixtyAndURLTypes) {
+  auto agent = test::makeFormatter<QVTAgentFormatting>("QVTAgentFormatting");
+  // On Series 60 a labelled "other" number stays "other".
+  Dictionary labelled{{kContactsPhoneNumberType, "other"}, {kContactsPhoneNumberLabel, "Cottage"}};
+  agent->series60PhoneNumbers(labelled);
+  EXPECT_EQ(labelled.getString(kContactsPhoneNumberType), "other");
+
+  // The type asked for is ignored: a plain "other" address is a home page.
+  Dictionary url{{kContactsURLType, "other"}, {kContactsURLLabel, ""}};
+  agent->changeRegularOtherTypeButKeepCustomType(url, "work");
+  EXPECT_EQ(url.getString(kContactsURLType), "home page");
+  Dictionary custom{{kContactsURLType, "other"}, {kContactsURLLabel, "Blog"}};
+  agent->changeRegularOtherTypeButKeepCustomType(custom, "work");
+  EXPECT_EQ(custom.getString(kContactsURLType), "other");
+}
+
+TEST(MethodTableTest, DescriptionsReachOperationsBySelector) {
+  auto motorolaPhone = motorola(Dictionary{{kMaxPhoneLengthKey, 4}});
+  // A family inherits every base operation, with its argument kinds.
+  const MethodInfo* inherited = MethodTable::lookup("QVTMotorolaFormatter", "maxLength::");
+  ASSERT_NE(inherited, nullptr);
+  EXPECT_EQ(inherited->argumentTypes, "@i");
+  EXPECT_EQ(MethodTable::lookup("FormattingMethods", "formatPhoneRecord:"), nullptr);
+
+  EXPECT_EQ(test::callSelector(motorolaPhone, "maxLength::", {"abcdef", 3}), Value("abc"));
+  EXPECT_EQ(test::callSelector(motorolaPhone, "maxFirstNameAndLastName:length:firstNameFirst:",
+                               {Dictionary{{kContactsContactFirstName, "Abcdef"}}, "4", "YES"})
+                .dictionary().getString(kContactsContactFirstName), "Abcd");
+  EXPECT_EQ(test::callSelector(motorolaPhone, "phoneTimeZone", {}), Value("Europe/Paris"));
+
+  // Chained value operations, and sub-record filters that stop at a drop.
+  auto chain = Array{Value(Invocation::invocationWithTarget(motorolaPhone, "removeWhiteSpace:")),
+                     Value(Invocation::invocationWithTarget(motorolaPhone, "ensureNotEmpty:"))};
+  EXPECT_EQ(motorolaPhone->_catenateInvocation(" \t", chain), Value("-"));
+
+  auto filter = [&](const char* selector) { return Value(Invocation::invocationWithTarget(motorolaPhone, selector)); };
+  const Dictionary event{{kEngineRecordEntityNameKey, kCalendarsEvent}};
+  const Dictionary alarm{{kCalendarsAudioAlarmTriggerduration, 0}};
+  EXPECT_FALSE(motorolaPhone->onObject(event, alarm, Array{filter("dropAlarmInThePast:alarm:")}).isNull());
+  EXPECT_TRUE(motorolaPhone->onObject(event, alarm,
+                                      Array{filter("genericAlarmFilterWithNoAlarmOnEventOrAfter:alarm:"),
+                                            filter("dropAlarmInThePast:alarm:")}).isNull());
+
+  // Every registered selector of the base class is found again by name.
+  const auto selectors = FormattingMethods::registeredSelectors("FormattingMethods");
+  EXPECT_GE(selectors.size(), 60u);
+  for (const auto& entry : selectors) {
+    const MethodInfo* method = MethodTable::lookup("QVTAgentFormatting", entry.selector);
+    ASSERT_NE(method, nullptr) << entry.selector;
+    EXPECT_EQ(method->argumentTypes, entry.argumentTypes);
+    // Each colon of a selector stands for one argument.
+    EXPECT_EQ(std::count(entry.selector.begin(), entry.selector.end(), ':'),
+              static_cast<long>(entry.argumentTypes.size())) << entry.selector;
+  }
+  EXPECT_THAT(FormattingMethods::formattingClassNames(),
+              ::testing::ElementsAre("FormattingMethods", "QVTAgentFormatting", "QVTMotorolaFormatter"));
+}
+
+}  // namespace
+}  // namespace pc

@@ -1,0 +1,145 @@
+// Contact photos reduced to the phone's box. The images are drawn here with
+// gdk-pixbuf and saved in each format; hostile ones are made by patching the
+// declared size of a real one.
+
+#include <gdk-pixbuf/gdk-pixbuf.h>
+#include <gmock/gmock.h>
+
+#include "FormattingFixture.h"
+#include "support/LogCapture.h"
+
+namespace pc {
+namespace {
+
+// A width x height image in `format` ("jpeg", "png", "bmp", "tiff"): a
+// gradient, so that encoders cannot shrink it to nothing.
+Data makeImage(int width, int height, const char* format, bool alpha = false) {
+  GdkPixbuf* pixbuf = gdk_pixbuf_new(GDK_COLORSPACE_RGB, alpha, 8, width, height);
+  const int channels = gdk_pixbuf_get_n_channels(pixbuf), stride = gdk_pixbuf_get_rowstride(pixbuf);
+  guchar* pixels = gdk_pixbuf_get_pixels(pixbuf);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) {
+      guchar* p = pixels + y * stride + x * channels;
+      p[0] = static_cast<guchar>(x * 255 / width);
+      p[1] = static_cast<guchar>(y * 255 / height);
+      p[2] = static_cast<guchar>((x ^ y) & 0xff);
+      if (alpha) p[3] = x < width / 2 ? 0 : 255;
+    }
+  gchar* buffer = nullptr;
+  gsize length = 0;
+  EXPECT_TRUE(gdk_pixbuf_save_to_buffer(pixbuf, &buffer, &length, format, nullptr, nullptr));
+  g_object_unref(pixbuf);
+  Data data(buffer, length);
+  g_free(buffer);
+  return data;
+}
+
+struct Size {
+  int width = 0, height = 0;
+  std::string format;
+};
+
+Size decodedSize(const Value& image) {
+  GdkPixbufLoader* loader = gdk_pixbuf_loader_new();
+  gdk_pixbuf_loader_write(loader, image.data().bytes().data(), image.data().length(), nullptr);
+  gdk_pixbuf_loader_close(loader, nullptr);
+  Size size;
+  if (GdkPixbuf* pixbuf = gdk_pixbuf_loader_get_pixbuf(loader)) {
+    size.width = gdk_pixbuf_get_width(pixbuf);
+    size.height = gdk_pixbuf_get_height(pixbuf);
+  }
+  if (GdkPixbufFormat* format = gdk_pixbuf_loader_get_format(loader)) {
+    gchar* name = gdk_pixbuf_format_get_name(format);
+    size.format = name;
+    g_free(name);
+  }
+  g_object_unref(loader);
+  return size;
+}
+
+TEST(ImagesTest, EveryFormatIsScaledIntoTheBoxAsJPEG) {
+  auto methods = test::makeFormatter();
+  struct Case {
+    const char* format;
+    int width, height, wantWidth, wantHeight;
+  };
+  const Case cases[] = {
+      {"jpeg", 640, 480, 160, 120}, {"png", 300, 600, 60, 120}, {"bmp", 400, 100, 160, 40},
+      {"tiff", 320, 240, 160, 120},
+      // Smaller than the box: re-encoded at its own size, never enlarged.
+      {"png", 50, 30, 50, 30},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.format);
+    const Data input = makeImage(c.width, c.height, c.format);
+    const Value reduced = methods->reduceImage(input, 160, 120, 100);
+    ASSERT_TRUE(reduced.isData());
+    const Size size = decodedSize(reduced);
+    EXPECT_EQ(size.format, "jpeg");
+    EXPECT_EQ(size.width, c.wantWidth);
+    EXPECT_EQ(size.height, c.wantHeight);
+  }
+  // Transparent parts are drawn on white.
+  const Value flattened = methods->reduceImage(makeImage(100, 100, "png", true), 160, 120, 10);
+  EXPECT_EQ(decodedSize(flattened).width, 100);
+}
+
+TEST(ImagesTest, SmallEnoughBytesAndNonImagesAreAnsweredUnchanged) {
+  auto methods = test::makeFormatter();
+  const Data input = makeImage(640, 480, "jpeg");
+  EXPECT_EQ(methods->reduceImage(input, 160, 120, static_cast<int>(input.length())), Value(input));
+  EXPECT_TRUE(methods->reduceImage(Value(), 160, 120, 0).isNull());
+  EXPECT_EQ(methods->reduceImage(Value("text"), 160, 120, 0), Value("text"));
+}
+
+TEST(ImagesTest, UnreadableImagesAreLoggedAndAnsweredAsGiven) {
+  auto methods = test::makeFormatter();
+  const Data jpeg = makeImage(640, 480, "jpeg");
+  const Data png = makeImage(64, 48, "png");
+
+  // Huge declared dimensions: 60000 x 60000 in the JPEG frame header.
+  Data hugeJPEG = jpeg;
+  auto& bytes = hugeJPEG.mutableBytes();
+  for (std::size_t i = 0; i + 8 < bytes.size(); ++i) {
+    if (bytes[i] == 0xff && (bytes[i + 1] == 0xc0 || bytes[i + 1] == 0xc2)) {
+      bytes[i + 5] = bytes[i + 7] = 0xea;  // 0xea60 = 60000
+      bytes[i + 6] = bytes[i + 8] = 0x60;
+      break;
+    }
+  }
+  Data truncated(jpeg.bytes().data(), jpeg.length() / 3);
+  Data wrongMagic = png;
+  wrongMagic.mutableBytes()[1] = 'X';
+  Data zeros(std::vector<std::uint8_t>(4096, 0));
+  Data garbage(std::vector<std::uint8_t>(4096, 0x5a));
+
+  const std::pair<const char*, Data> cases[] = {{"huge", hugeJPEG},   {"truncated", truncated},
+                                                {"magic", wrongMagic}, {"zeros", zeros},
+                                                {"garbage", garbage}};
+  for (const auto& [name, bad] : cases) {
+    SCOPED_TRACE(name);
+    test::LogCapture log;
+    EXPECT_EQ(methods->reduceImage(bad, 160, 120, 10), Value(bad));
+    const test::LogLine* line = log.find("can't read the image or the context");
+    ASSERT_NE(line, nullptr);
+    EXPECT_EQ(line->level, 1);
+    EXPECT_EQ(line->type, ".sync.FormattingMethods");
+  }
+  // The instance still works afterwards.
+  EXPECT_EQ(decodedSize(methods->reduceImage(jpeg, 160, 120, 10)).width, 160);
+}
+
+TEST(ImagesTest, DrawingContextLimits) {
+  auto methods = test::makeFormatter();
+  test::LogCapture log;
+  EXPECT_FALSE(methods->_setupContextWithWidth(0, 10));
+  EXPECT_TRUE(log.contains("No Context"));
+  const Data jpeg = makeImage(64, 48, "jpeg");
+  EXPECT_EQ(methods->reduceImage(jpeg, 100000, 100000, 10), Value(jpeg));
+  EXPECT_TRUE(methods->_setupContextWithWidth(16, 16));
+  EXPECT_TRUE(methods->_setupContextWithWidth(32, 32));
+  EXPECT_TRUE(log.contains("condition \"NULL==_contextMemory\" failed"));
+}
+
+}  // namespace
+}  // namespace pc

@@ -1,0 +1,71 @@
+// Priorities, phone numbers and the value operations on text.
+
+#include <gmock/gmock.h>
+
+#include "FormattingFixture.h"
+#include "support/LogCapture.h"
+
+namespace pc {
+namespace {
+
+TEST(NumbersTest, PrioritiesAreQuantisedToWhatThePhoneHolds) {
+  auto methods = test::makeFormatter();
+  struct Case {
+    int priority, max, none, want;
+  };
+  const Case cases[] = {
+      {1, 3, 0, 1}, {2, 3, 0, 1}, {3, 3, 0, 1}, {5, 3, 0, 5}, {6, 3, 0, 5}, {7, 3, 0, 9},
+      {9, 3, 0, 9}, {0, 3, 0, 0}, {0, 3, 3, 9}, {0, 5, 1, 1}, {4, 9, 0, 4}, {2, 5, 0, 1}, {3, 5, 0, 3},
+      // A phone with a single priority maps everything onto it.
+      {7, 1, 0, 1},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(methods->mapPriorityLikeAlmanac(c.priority, c.max, c.none), Value(c.want))
+        << c.priority << " on 1.." << c.max << " none " << c.none;
+  }
+  // A value that survives the round trip is answered as received.
+  EXPECT_EQ(methods->mapPriorityLikeAlmanac("5", 3, 0), Value("5"));
+
+  test::LogCapture log;
+  EXPECT_EQ(methods->mapPriorityLikeAlmanac(12, 3, 0), Value(9));
+  const test::LogLine* line = log.find("strange val is too big parameter invalid");
+  ASSERT_NE(line, nullptr);
+  EXPECT_EQ(line->level, 1);
+  EXPECT_EQ(line->type, "QVT");
+}
+
+TEST(NumbersTest, PhoneNumbersKeepDigitsAndALeadingPlus) {
+  auto methods = test::makeFormatter();
+  EXPECT_EQ(methods->removeAllNonDigitButFirstPlus(Value("+33 (1) 23-45")), Value("+3312345"));
+  EXPECT_EQ(methods->removeAllNonDigitButFirstPlus(Value("12p34*#+5")), Value("12p34*#5"));
+  EXPECT_EQ(methods->removeAllNonDigitButFirstPlusS55(Value("+12p34*#")), Value("+1234*#"));
+  EXPECT_EQ(methods->convertPhoneNameToPhoneNumber(Value("1-800-CALLNOW")), Value("1-800-2255669"));
+  EXPECT_EQ(methods->convertPhoneNameToPhoneNumber(Value("abc")), Value("abc"));
+  EXPECT_EQ(FormattingMethods::convertPhoneNameToPhoneNumber(std::string_view("PQRS TUV WXYZ")),
+            "7777 888 9999");
+
+  test::LogCapture log;
+  EXPECT_EQ(FormattingMethods::removeAllButFirstPlus(std::string("+1 a"), nullptr), "+1 a");
+  EXPECT_TRUE(log.contains("condition \"junk\" failed"));
+  EXPECT_EQ(FormattingMethods::removeAllButFirstPlus(std::nullopt, nullptr), std::nullopt);
+}
+
+TEST(NumbersTest, TextValueOperations) {
+  auto methods = test::makeFormatter();
+  EXPECT_EQ(methods->maxLength(Value("abcdef"), 4), Value("abcd"));
+  EXPECT_EQ(methods->maxLength(Value("ab\ncd"), 4), Value("ab\nc"));
+  EXPECT_EQ(methods->maxLengthForVObjectPropValue(Value("ab\ncd"), 4), Value("ab\n"));
+  EXPECT_TRUE(methods->maxLength(Value("abc"), 0).isNull());
+  EXPECT_EQ(methods->maxURLLength(Value(URL("http://example.org/x")), 10), Value(URL("http://exa")));
+  EXPECT_EQ(methods->maxLength(Value(42), 1), Value(42));  // not text: unchanged
+
+  EXPECT_EQ(methods->mapString("work", Dictionary{{"home", "H"}}), Value("work"));
+  EXPECT_EQ(methods->setStringIfNotSet(Value(""), "d"), Value("d"));
+  EXPECT_EQ(methods->setIfNotSet(Value(""), "d"), Value(""));
+  EXPECT_EQ(methods->removeBadCharactersFromString(Value("a-b c.d"), "abcd"), Value("abcd"));
+  EXPECT_EQ(methods->replaceWhiteSpaceByHyphen(Value("Jean  Pierre Paul")), Value("Jean-Pierre-Paul"));
+  EXPECT_EQ(methods->removeWhiteSpace(Value(" a b\tc ")), Value("abc"));
+}
+
+}  // namespace
+}  // namespace pc
