@@ -78,6 +78,8 @@ bool isChain(const Array& description, const std::shared_ptr<FormattingMethods>&
 
 // --- Building stored calls -------------------------------------------------------------
 
+namespace SyncInvocation {
+
 InvocationPtr invocationForSelector(const ObjectPtr& target, const std::string& selector) {
   InvocationPtr invocation = Invocation::invocationWithTarget(target, selector);
   if (!invocation) {
@@ -142,6 +144,8 @@ InvocationPtr _simpleInvocationFromObject(const Value& description,
   QVT_CHECK(invocation);
   return invocation;
 }
+
+}  // namespace SyncInvocation
 
 // --- Construction -------------------------------------------------------------------
 

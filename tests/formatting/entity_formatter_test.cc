@@ -222,7 +222,7 @@ TEST(EntityFormatterRecords, AssembledRecordsGoThroughGlobalFormattingThenTheHel
   Dictionary record{{"summary", "x"}};
   formatter->formatAssembledRecord(record);
   EXPECT_EQ(record.get("assembled"), Value(true));
-  EXPECT_TRUE(helper->calls.empty() || helper->calls.back() == "formatAssembledRecord");
+  EXPECT_EQ(helper->calls.back(), "formatAssembledRecord");
 }
 
 }  // namespace

@@ -146,19 +146,5 @@ TEST(FieldFormatter, ConstructionFailuresRaiseWhatTheyLog) {
   EXPECT_TRUE(log.contains("condition \"FilteringMaxPerRecord == _filteringType\" failed"));
 }
 
-TEST(FieldFormatter, LargeImagesAreReduced) {
-  // A 64 x 64 white PNG is well above a 16-byte threshold.
-  auto owner = makeEntityFormatter(
-      "Test.Entity", std::nullopt,
-      Dictionary{{"image", Dictionary{{"imageThresholdSize", 16}, {"imageMaxWidth", 8},
-                                      {"imageMaxHeight", 8}}}});
-  auto field = owner->fieldFormatterForFieldName("image");
-  bool rejected = false;
-  const Value small = Data::fromString("tiny");
-  EXPECT_EQ(field->formatField(small, &rejected), small);
-  EXPECT_EQ(field->thresold(), 16);
-  EXPECT_EQ(field->maxWidth(), 8);
-}
-
 }  // namespace
 }  // namespace pc::test
