@@ -80,6 +80,8 @@ TEST(EntityFormatterInvocations, MalformedDescriptionsRaiseWhatTheyLog) {
        "MaxNumber should be strictly positive.  Currently, it is 0"},
       {"global formatting that is not a name", Dictionary{{"GlobalFormatting", 1}},
        "The object 1 does not describe a proper invocation"},
+      {"filter that does not take two records", Dictionary{{"PreFiltering", Array{"clearField:"}}},
+       "not enough argument for method clearField:"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
