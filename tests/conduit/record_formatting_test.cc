@@ -249,7 +249,8 @@ TEST(DescriptionCheck, CollectsEveryProblemWithItsKeyPath) {
 }
 
 // Random changes to records and descriptions: building may refuse a
-// description with an exception, formatting never fails and both sides agree.
+// description with an exception (which the check then reports), formatting
+// never fails and both sides agree.
 TEST(RecordFormattingFuzz, RandomMutationsNeverCrashAndBothSidesAgree) {
   installStandIns();
   std::mt19937 random(20261122);
@@ -287,10 +288,15 @@ TEST(RecordFormattingFuzz, RandomMutationsNeverCrashAndBothSidesAgree) {
   for (int round = 0; round < 60; ++round) {
     Value description = Value(device(round % 2 ? "v1" : "v2").deepCopy());
     if (round % 3) mutate(description, 0);
+    // A description the check passes must build; one that does not build must
+    // have problems.
+    const std::vector<DescriptionProblem> problems =
+        checkDeviceDescription(description.dictionary(), entities(), options());
     std::unique_ptr<DeviceFormatting> phone;
     try {
       phone = DeviceFormatting::phoneSide(description.dictionary(), entities(), options());
-    } catch (const Exception&) {
+    } catch (const Exception& exception) {
+      EXPECT_FALSE(problems.empty()) << exception.reason();
       continue;
     }
     ++built;
