@@ -10,6 +10,7 @@
 #include "async/Log.h"
 #include "engine/SchemaNames.h"
 #include "platform/PropertyList.h"
+#include "platform/Registry.h"
 
 namespace pc {
 
@@ -304,6 +305,18 @@ Array MemoryTruthSnapshot::targetIdentifiersForRelationshipName(
   if (it == _records.end()) return Array();
   auto targets = it->second.getArray(relationshipName);
   return targets ? targets->copy() : Array();
+}
+
+std::shared_ptr<EngineRecordFormatting> loadRecordFormatter(
+    const std::string& className, std::shared_ptr<SyncEngineClient> client,
+    std::shared_ptr<const TruthSnapshot> snapshot) {
+  auto plugIn = ClassRegistry::createAs<EngineRecordFormattingPlugIn>(className);
+  if (!plugIn) {
+    QVT_LOG(kLogError, QVTLOG, "cannot load record formatter class {}", className);
+    return nullptr;
+  }
+  plugIn->initWithClient(std::move(client), std::move(snapshot));
+  return plugIn;
 }
 
 }  // namespace pc

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "engine/SyncEngine.h"
+#include "platform/Object.h"
 #include "platform/Value.h"
 
 namespace pc {
@@ -110,5 +111,20 @@ class MemoryTruthSnapshot : public TruthSnapshot {
  private:
   std::map<std::string, Dictionary> _records;
 };
+
+// A record-formatting plug-in that the engine creates by class name for one
+// client (the client names its formatter class; the phone conduit's is
+// "QVTSyncFormatter").
+class EngineRecordFormattingPlugIn : public Object, public EngineRecordFormatting {
+ public:
+  virtual void initWithClient(std::shared_ptr<SyncEngineClient> client,
+                              std::shared_ptr<const TruthSnapshot> snapshot) = 0;
+};
+
+// A new plug-in of the registered class `className`, made for the client and
+// the snapshot; nullptr (logged) when no such plug-in class is registered.
+std::shared_ptr<EngineRecordFormatting> loadRecordFormatter(
+    const std::string& className, std::shared_ptr<SyncEngineClient> client,
+    std::shared_ptr<const TruthSnapshot> snapshot);
 
 }  // namespace pc

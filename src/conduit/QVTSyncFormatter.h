@@ -1,0 +1,58 @@
+#pragma once
+// The engine's record-formatting plug-in for one client: it rebuilds the
+// phone that an earlier synchronisation archived in the client, keeps one
+// entity formatter per entity the phone supports, and answers each record as
+// the phone would hold it, so that the engine can tell a change made on the
+// phone from a loss caused by formatting. The engine loads it by class name
+// ("QVTSyncFormatter", see loadRecordFormatter in engine/MemoryEngine.h).
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "engine/MemoryEngine.h"
+#include "engine/SyncEngine.h"
+#include "platform/Value.h"
+
+namespace pc {
+
+class EntityFormatter;
+
+class QVTSyncFormatter : public EngineRecordFormattingPlugIn {
+ public:
+  QVTSyncFormatter() = default;
+  QVTSyncFormatter(std::shared_ptr<SyncEngineClient> client,
+                   std::shared_ptr<const TruthSnapshot> snapshot) {
+    initWithClient(std::move(client), std::move(snapshot));
+  }
+  ~QVTSyncFormatter() override;
+
+  std::string className() const override { return "QVTSyncFormatter"; }
+
+  // An entity whose formatter cannot be built is logged and left out; a
+  // client without an archived phone gives no entities at all.
+  void initWithClient(std::shared_ptr<SyncEngineClient> client,
+                      std::shared_ptr<const TruthSnapshot> snapshot) override;
+
+  // A formatted copy of the record; nullopt when the phone rejects it or no
+  // formatter serves its entity. A formatter that fails while formatting
+  // answers the unformatted copy.
+  std::optional<Dictionary> formattedRecordForRecord(const Dictionary& record,
+                                                    const std::string& identifier) override;
+  Array supportedEntityNames() const override { return entities; }
+
+  // The formatter of one entity (nullptr when there is none), for callers
+  // that assemble master records with their sub-records.
+  std::shared_ptr<EntityFormatter> formatterForEntity(const std::string& entityName) const;
+
+ private:
+  static const std::string& logDomain();
+
+  std::shared_ptr<const TruthSnapshot> snapShot;
+  std::shared_ptr<SyncEngineClient> client;
+  std::optional<std::map<std::string, std::shared_ptr<EntityFormatter>>> formatters;
+  Array entities;
+};
+
+}  // namespace pc
