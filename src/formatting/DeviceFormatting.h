@@ -90,6 +90,8 @@ class DeviceFormatting {
  private:
   struct Impl;
   explicit DeviceFormatting(std::unique_ptr<Impl> impl);
+  static std::unique_ptr<DeviceFormatting> engineSideForClient(
+      std::shared_ptr<SyncEngineClient> client, std::shared_ptr<const TruthSnapshot> snapshot);
   std::unique_ptr<Impl> _impl;
 };
 

@@ -1,0 +1,91 @@
+#include "conduit/QVTSyncFormatter.h"
+
+#include <mutex>
+
+#include "async/AYLogger.h"
+#include "async/Log.h"
+#include "conduit/CFPhone.h"
+#include "conduit/ConditionReport.h"
+#include "engine/SchemaNames.h"
+#include "formatting/EntityFormatter.h"
+#include "platform/Exception.h"
+#include "platform/Registry.h"
+
+namespace pc {
+
+PC_REGISTER_CLASS(QVTSyncFormatter, "");
+
+namespace {
+std::once_flag sLogsRegistered;
+}  // namespace
+
+QVTSyncFormatter::~QVTSyncFormatter() = default;
+
+const std::string& QVTSyncFormatter::logDomain() {
+  static const std::string domain =
+      phcFormatLogDomain(".sync.", phcSimplifyFileName("QVTSyncFormatter"));
+  return domain;
+}
+
+void QVTSyncFormatter::initWithClient(std::shared_ptr<SyncEngineClient> aClient,
+                                      std::shared_ptr<const TruthSnapshot> snapshot) {
+  std::call_once(sLogsRegistered, [] { QVTRegisterLogs(); });
+  QVT_LOG(kLogInfo, logDomain(), "heho {} {}",
+          aClient ? aClient->clientIdentifier() : std::string("(null)"),
+          aClient ? aClient->displayName() : std::string("(null)"));
+  client = std::move(aClient);
+  snapShot = std::move(snapshot);
+  formatters.emplace();
+  entities = Array();
+
+  std::unique_ptr<CFPhone> phone = CFPhone::phoneWithClient(client);
+  if (!phone) return;
+  entities = phone->supportedEntityNames();
+  for (const Value& entity : entities) {
+    const std::string entityName = entity.stringValue();
+    try {
+      auto formatter = std::make_shared<EntityFormatter>();
+      formatter->initWithPhone(*phone, entityName);
+      formatter->_setSnapShot(snapShot);
+      if (DataClassHelperPtr helper = phone->canonicalHelperForEntity(entityName))
+        formatter->setHelper(std::move(helper));
+      else
+        QVT_LOG(kLogInfo, logDomain(), "no helper for {}", entityName);
+      (*formatters)[entityName] = formatter;
+      formatter->awakeFromSynchronization();
+    } catch (const Exception&) {
+      QVT_LOG(kLogError, logDomain(), "some methods are not in the bundle");
+      formatters->erase(entityName);
+    }
+  }
+  phone->invalidate();
+}
+
+std::shared_ptr<EntityFormatter> QVTSyncFormatter::formatterForEntity(
+    const std::string& entityName) const {
+  if (!formatters) return nullptr;
+  auto it = formatters->find(entityName);
+  return it == formatters->end() ? nullptr : it->second;
+}
+
+std::optional<Dictionary> QVTSyncFormatter::formattedRecordForRecord(
+    const Dictionary& record, const std::string& identifier) {
+  QVT_CHECK_NAMED(formatters, "_formatters");
+  QVT_LOG(kLogInfo, logDomain(), "ask to format {}\n{}", identifier, record);
+  std::shared_ptr<EntityFormatter> formatter =
+      formatterForEntity(record.get(kEngineRecordEntityNameKey).stringValue());
+  if (!formatter) {
+    QVT_LOG(kLogWarning, logDomain(), "no formatter!!");
+    return std::nullopt;
+  }
+  std::optional<Dictionary> answer = record.copy();
+  try {
+    answer = formatter->formatRecord(*answer);
+  } catch (const Exception& exception) {
+    QVT_LOG(kLogError, logDomain(), "exception {}", exception.description());
+  }
+  QVT_LOG(kLogInfo, logDomain(), "result is\n{}", answer ? Value(*answer) : Value());
+  return answer;
+}
+
+}  // namespace pc
