@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -31,6 +32,33 @@ namespace {
 
 // Exit status of a format run in which some records were rejected.
 constexpr int kSomeRecordsRejected = 3;
+constexpr int kUnusableDescription = 1;
+
+// The command's result goes to standard output directly, once everything
+// that could fail has been checked; a status other than success then ends
+// the program here, so that what was printed stays printed.
+void emit(const std::string& text) {
+  std::cout.flush();
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
+}
+
+[[noreturn]] void finish(int status) {
+  std::cout.flush();
+  std::cerr.flush();
+  std::fflush(stdout);
+  std::exit(status);
+}
+
+// The phone keeps only the keys it syncs, which leaves out the record's
+// entity name; the printed record gets it back, first, so that the output is
+// a record file again.
+Dictionary withEntityName(const Dictionary& record, const std::string& entity) {
+  if (record.contains(kEngineRecordEntityNameKey) || entity.empty()) return record;
+  Dictionary named{{kEngineRecordEntityNameKey, entity}};
+  for (const auto& [key, value] : record) named.set(key, value);
+  return named;
+}
 
 Dictionary readDictionary(const std::string& path) {
   PropertyListError error;
@@ -259,7 +287,7 @@ void format(const FormatOptions& options) {
       continue;
     }
     std::string error;
-    std::optional<std::string> text = recordText(*results[i].record, &error);
+    std::optional<std::string> text = recordText(withEntityName(*results[i].record, results[i].entity), &error);
     if (!text) throw CommandError(results[i].path + ": the formatted record " + error);
     texts[i] = std::move(*text);
   }
@@ -295,13 +323,14 @@ void format(const FormatOptions& options) {
       out << "}";
     }
     out << "]}\n";
-    std::cout << out.str();
+    emit(out.str());
   } else if (options.outputFolder.empty()) {
     // One record file per formatted record, in the order given.
-    for (const std::string& text : texts) std::cout << text;
+    std::string all;
+    for (const std::string& text : texts) all += text;
+    emit(all);
   }
-  std::cout.flush();
-  if (rejected) throw CLI::RuntimeError(kSomeRecordsRejected);
+  if (rejected) finish(kSomeRecordsRejected);
 }
 
 // --- check-device ---------------------------------------------------------------------
@@ -339,8 +368,8 @@ void checkDevice(const DeviceOptions& options) {
     for (std::size_t i = 0; i < entities.count(); ++i)
       out << (i ? ", " : "") << jsonString(entities.at(i).stringValue());
     out << "]}\n";
-    std::cout << out.str() << std::flush;
-    if (!problems.empty()) throw CLI::RuntimeError(1);
+    emit(out.str());
+    if (!problems.empty()) finish(kUnusableDescription);
     return;
   }
 
@@ -348,11 +377,11 @@ void checkDevice(const DeviceOptions& options) {
     std::cerr << "phoneconduit: " << options.devicePath << ": "
               << (problem.keyPath.empty() ? std::string() : problem.keyPath + ": ") << problem.message
               << "\n";
-  if (!problems.empty()) throw CLI::RuntimeError(1);
+  if (!problems.empty()) finish(kUnusableDescription);
 
-  std::cout << options.devicePath << ": usable, " << entities.count() << " entities:";
-  for (const Value& entity : entities) std::cout << " " << entity.stringValue();
-  std::cout << "\n";
+  std::string summary = options.devicePath + ": usable, " + std::to_string(entities.count()) + " entities:";
+  for (const Value& entity : entities) summary += " " + entity.stringValue();
+  emit(summary + "\n");
 }
 
 }  // namespace
