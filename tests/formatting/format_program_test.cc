@@ -165,6 +165,33 @@ TEST_F(FormatProgramTest, BothSidesPrintTheSameRecords) {
   EXPECT_EQ(phone.output, engine.output);
 }
 
+// The engine side rebuilds the phone from its client alone: "$name"
+// variables, which only the connected device answers, are unknown there.
+TEST_F(FormatProgramTest, VariablesReachThePhoneSideOnly) {
+  const std::string folder = scratchFolder("variables");
+  const std::string variables = writeFile(folder, "variables.plist",
+                                          "<plist version=\"1.0\"><dict><key>MaxPhoneNumbers</key>"
+                                          "<integer>3</integer></dict></plist>");
+  const std::string device = "--device " + examplesFolder() + "devices/contacts-calendar-phone-v1.plist --entities " +
+                             examplesFolder() + "devices/contacts-calendar-phone.entities.plist ";
+  const std::string record = " " + contact("05-latin-jrgenmller.plist");
+
+  const ProgramRun phone = runForOutput("format " + device + "--variables " + variables + record);
+  EXPECT_EQ(phone.status, 0);
+  EXPECT_THAT(phone.output, HasSubstr("<string>+493090182052</string>"));
+  const ProgramRun engine = runForOutput("format --engine-side " + device + "--variables " + variables + record);
+  EXPECT_EQ(engine.status, 0);
+  EXPECT_THAT(engine.output, HasSubstr("<string>Jürgen</string>"));
+  EXPECT_THAT(engine.output, Not(HasSubstr("<string>+493090182052</string>")));
+
+  const ProgramRun missing = runProgram("format " + device + record);
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_THAT(missing.output, HasSubstr("MaxNumber should be strictly positive.  Currently, it is 0"));
+  const ProgramRun check = runProgram("check-device " + device);
+  EXPECT_EQ(check.status, 1);
+  EXPECT_THAT(check.output, HasSubstr("EntityFormatters/Contacts.PhoneNumber/MaxNumber: the ivar MaxPhoneNumbers is not defined"));
+}
+
 TEST_F(FormatProgramTest, BadInputStopsBeforeAnythingIsPrinted) {
   const std::string folder = scratchFolder("bad-input");
   const ExamplePhone basic{"basic-phone", {}, {}, {}};
