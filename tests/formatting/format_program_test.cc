@@ -148,6 +148,17 @@ TEST_F(FormatProgramTest, FormatPrintsRecordsAndCountsRejectedOnes) {
   EXPECT_EQ(json.status, 3);
   EXPECT_THAT(json.output, HasSubstr("\"formatted\": 1, \"rejected\": 1"));
   EXPECT_THAT(json.output, HasSubstr("\"status\": \"rejected\", \"reason\": \""));
+
+  // With an output folder, the formatted records are files named after their
+  // inputs and nothing is printed.
+  const std::string folder = scratchFolder("output-dir");
+  const ProgramRun files = runForOutput(arguments + " --output-dir " + folder);
+  EXPECT_EQ(files.status, 3);
+  EXPECT_EQ(files.output, "");
+  const std::optional<Dictionary> written = readRecordFile(folder + "/event-04.plist", &error);
+  ASSERT_TRUE(written) << error;
+  EXPECT_EQ(written->getString("entityName"), "Calendars.Event");
+  EXPECT_FALSE(std::filesystem::exists(folder + "/task-01.plist"));
 }
 
 TEST_F(FormatProgramTest, BothSidesPrintTheSameRecords) {
