@@ -19,6 +19,7 @@
 
 #include "async/AYLogger.h"
 #include "commands.h"
+#include "conduit/CFPhone.h"
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
 #include "formatting/DeviceFormatting.h"
@@ -183,8 +184,9 @@ void addDeviceOptions(CLI::App* command, const std::shared_ptr<DeviceOptions>& o
 // written into it before the phone is built, so the phone finds them there.
 LoadedDevice loadDevice(const DeviceOptions& options, const std::string& clientStorePath) {
   LoadedDevice device{readDictionary(options.devicePath), readDictionary(options.entitiesPath), {}};
-  if (!device.description.getDictionary("SyncDataClasses"))
-    throw CommandError(options.devicePath + ": not a device description (no \"SyncDataClasses\" dictionary)");
+  if (!device.description.getDictionary(kSyncDataClassesKey))
+    throw CommandError(options.devicePath + ": not a device description (no \"" +
+                       std::string(kSyncDataClassesKey) + "\" dictionary)");
   if (!device.entities.getDictionary(kEngineClientEntitiesKey))
     throw CommandError(options.entitiesPath + ": no \"" + std::string(kEngineClientEntitiesKey) +
                        "\" dictionary");
@@ -200,6 +202,24 @@ LoadedDevice loadDevice(const DeviceOptions& options, const std::string& clientS
     if (!store.lastSaveSucceeded()) throw CommandError(clientStorePath + ": cannot write the client store");
   }
   return device;
+}
+
+// "key/path: " of the problem that stopped a phone from being built: the
+// problem the check finds with the same message, else the first it finds.
+std::string whereInDescription(const LoadedDevice& device, const std::string& message) {
+  std::vector<DescriptionProblem> problems;
+  try {
+    problems = checkDeviceDescription(device.description, device.entities, device.options);
+  } catch (const Exception&) {
+    return std::string();
+  }
+  const DescriptionProblem* found = problems.empty() ? nullptr : &problems.front();
+  for (const DescriptionProblem& problem : problems)
+    if (problem.message == message) {
+      found = &problem;
+      break;
+    }
+  return found && !found->keyPath.empty() ? found->keyPath + ": " : std::string();
 }
 
 // --- format ---------------------------------------------------------------------------
@@ -265,7 +285,7 @@ void format(const FormatOptions& options) {
         if (!formatting) throw CommandError(storePath + ": the client store holds no phone");
       }
     } catch (const Exception& e) {
-      throw CommandError(options.devicePath + ": " + e.reason() +
+      throw CommandError(options.devicePath + ": " + whereInDescription(device, e.reason()) + e.reason() +
                          " (phoneconduit check-device lists every problem)");
     }
     if (!formatting) throw CommandError(options.devicePath + ": no phone can be built from this description");

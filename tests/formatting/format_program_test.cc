@@ -197,7 +197,8 @@ TEST_F(FormatProgramTest, VariablesReachThePhoneSideOnly) {
 
   const ProgramRun missing = runProgram("format " + device + record);
   EXPECT_EQ(missing.status, 1);
-  EXPECT_THAT(missing.output, HasSubstr("MaxNumber should be strictly positive.  Currently, it is 0"));
+  EXPECT_THAT(missing.output, HasSubstr("EntityFormatters/Contacts.PhoneNumber/MaxNumber: MaxNumber should be "
+                                        "strictly positive.  Currently, it is 0"));
   const ProgramRun check = runProgram("check-device " + device);
   EXPECT_EQ(check.status, 1);
   EXPECT_THAT(check.output, HasSubstr("EntityFormatters/Contacts.PhoneNumber/MaxNumber: the ivar MaxPhoneNumbers is not defined"));
