@@ -7,6 +7,7 @@
 #include "conduit/CFPhone.h"
 #include "conduit/ConditionReport.h"
 #include "engine/SchemaNames.h"
+#include "host/HostInterfaces.h"
 #include "formatting/EntityFormatter.h"
 #include "platform/Exception.h"
 #include "platform/Registry.h"
@@ -16,7 +17,24 @@ namespace pc {
 PC_REGISTER_CLASS(QVTSyncFormatter, "");
 
 namespace {
+
 std::once_flag sLogsRegistered;
+
+// The device's variables as the phone side stored them in the client.
+class StoredVariablesService : public DeviceSyncService {
+ public:
+  explicit StoredVariablesService(Dictionary variables) : _variables(std::move(variables)) {}
+  std::string className() const override { return "StoredVariablesService"; }
+  std::string serviceName() const override { return kSynchronisationServiceName; }
+  std::optional<Value> valueForVariable(const std::string& name) const override {
+    const Value* value = _variables.find(name);
+    return value ? std::optional(*value) : std::nullopt;
+  }
+
+ private:
+  Dictionary _variables;
+};
+
 }  // namespace
 
 QVTSyncFormatter::~QVTSyncFormatter() = default;
@@ -41,11 +59,19 @@ void QVTSyncFormatter::initWithClient(std::shared_ptr<SyncEngineClient> aClient,
   std::unique_ptr<CFPhone> phone = CFPhone::phoneWithClient(client);
   if (!phone) return;
   entities = phone->supportedEntityNames();
+  std::shared_ptr<DeviceSyncService> service = phone->syncService();
+  if (!service) {
+    const auto stored = client->objectForKey(kDeviceVariablesClientKey).asDictionary();
+    service = std::make_shared<StoredVariablesService>(stored.value_or(Dictionary()));
+  }
   for (const Value& entity : entities) {
     const std::string entityName = entity.stringValue();
     try {
       auto formatter = std::make_shared<EntityFormatter>();
-      formatter->initWithPhone(*phone, entityName);
+      formatter->initWithDescriptions(entityName, phone->formattingDescriptionForEntity(entityName),
+                                      phone->formattingDescriptionV2ForEntity(entityName),
+                                      phone->allKeysForEntity(entityName), service,
+                                      phone->syncClient());
       formatter->_setSnapShot(snapShot);
       if (DataClassHelperPtr helper = phone->canonicalHelperForEntity(entityName))
         formatter->setHelper(std::move(helper));

@@ -19,6 +19,11 @@ namespace pc {
 
 class EntityFormatter;
 
+// Where a phone side keeps the values of the device's "$name" variables in
+// its client, so that the engine side, which has no device, resolves them the
+// same way.
+inline constexpr const char* kDeviceVariablesClientKey = "com.velmora.granite.DeviceVariables";
+
 class QVTSyncFormatter : public EngineRecordFormattingPlugIn {
  public:
   QVTSyncFormatter() = default;

@@ -169,6 +169,7 @@ std::unique_ptr<DeviceFormatting> DeviceFormatting::phoneSide(
     formatter->awakeFromSynchronization();
   }
   phone.archiveInClient();
+  impl->client->setObject(Value(options.variables), kDeviceVariablesClientKey);
   return std::unique_ptr<DeviceFormatting>(new DeviceFormatting(std::move(impl)));
 }
 

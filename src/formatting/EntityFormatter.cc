@@ -54,6 +54,15 @@ const StandardMethod* standardMethodFor(const std::string& entityName) {
   return nullptr;
 }
 
+// A call of `selector` that must take `count` arguments.
+InvocationPtr invocationTaking(const ObjectPtr& target, const std::string& selector,
+                               std::size_t count) {
+  InvocationPtr invocation = SyncInvocation::invocationForSelector(target, selector);
+  if (invocation->argumentCount() != count)
+    logAndRaise(fmt::format("not enough argument for method {}", selector));
+  return invocation;
+}
+
 const MethodInfo* methodNamed(const std::shared_ptr<FormattingMethods>& formatter,
                               const Value& name) {
   const std::string* text = name.asString();
@@ -77,6 +86,8 @@ bool isChain(const Array& description, const std::shared_ptr<FormattingMethods>&
 }  // namespace
 
 // --- Building stored calls -------------------------------------------------------------
+
+namespace SyncInvocation {
 
 InvocationPtr invocationForSelector(const ObjectPtr& target, const std::string& selector) {
   InvocationPtr invocation = Invocation::invocationWithTarget(target, selector);
@@ -142,6 +153,8 @@ InvocationPtr _simpleInvocationFromObject(const Value& description,
   QVT_CHECK(invocation);
   return invocation;
 }
+
+}  // namespace SyncInvocation
 
 // --- Construction -------------------------------------------------------------------
 
@@ -301,7 +314,7 @@ void EntityFormatter::initWithDescriptions(const std::string& entityName,
     check::step({}, [&] {
       if (!global->isString())
         logAndRaise(fmt::format("The object {} does not describe a proper invocation", *global));
-      globalProcessing = invocationForSelector(formatter, global->string());
+      globalProcessing = invocationTaking(formatter, global->string(), 1);
       QVT_LOG(kLogInfo, logDomain(), "global processing with {}", Value(globalProcessing));
     });
   }
@@ -311,7 +324,8 @@ void EntityFormatter::setupPreFiltering(const Value& description) {
   namespace check = description_check;
   if (const std::string* name = description.asString()) {
     QVT_LOG(kLogInfo, logDomain(), "prefiltering with method name {}", *name);
-    check::step({}, [&] { preFiltering = invocationForSelector(formatter, *name); });
+    // A filter takes the master record and the sub-record.
+    check::step({}, [&] { preFiltering = invocationTaking(formatter, *name, 2); });
   } else if (auto names = description.asArray()) {
     Array invocations;
     for (std::size_t i = 0; i < names->count(); ++i) {
@@ -319,7 +333,7 @@ void EntityFormatter::setupPreFiltering(const Value& description) {
         const Value& name = names->at(i);
         if (!name.isString())
           logAndRaise(fmt::format("The object {} does not describe a proper invocation", name));
-        invocations.add(Value(invocationForSelector(formatter, name.string())));
+        invocations.add(Value(invocationTaking(formatter, name.string(), 2)));
       });
     }
     preFiltering = invocationForSelector(formatter, "onObject:subRecord:doInvocations:");

@@ -33,6 +33,8 @@ class TruthSnapshot;
 
 // --- Building stored calls from description values ------------------------------
 
+namespace SyncInvocation {
+
 // A call of `selector` on `target`. Raises invalid-argument (after the level-1
 // line "cannot find method signature for "-[Class selector]"") when the
 // target's class has no such method.
@@ -51,6 +53,12 @@ Value reinterpretValueForService(const Value& value, const DeviceSyncService* se
 InvocationPtr _simpleInvocationFromObject(const Value& description,
                                           const DeviceSyncService* service,
                                           const std::shared_ptr<FormattingMethods>& formatter);
+
+}  // namespace SyncInvocation
+
+using SyncInvocation::_simpleInvocationFromObject;
+using SyncInvocation::invocationForSelector;
+using SyncInvocation::reinterpretValueForService;
 
 class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDelegate {
  public:

@@ -1,6 +1,7 @@
 // Contact photos: reduceImage decodes any format gdk-pixbuf reads (JPEG, PNG,
 // GIF, BMP, TIFF), scales it to fit the phone's box keeping its proportions,
-// draws it into the instance's drawing buffer and encodes it as JPEG.
+// draws it into the instance's drawing buffer and encodes it as JPEG (the
+// "public.jpeg" type phones expect for contact photos).
 //
 // The decoder is told the final size as soon as the image's header is read
 // (the loader's "size-prepared" signal), so a large JPEG is decoded at a

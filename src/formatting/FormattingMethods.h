@@ -59,7 +59,9 @@ class FormattingMethods : public Object {
   // Called once when a synchronisation starts.
   virtual void awakeFromSynchronization() {}
 
-  // The engine's truth for the current synchronisation (replaced, not copied).
+  // The engine's truth for the current synchronisation (replaced, not copied);
+  // the one operation of the PrivateFromatterBundle interface the entity
+  // formatter calls.
   void _setSnapShot(std::shared_ptr<const TruthSnapshot> snapShot);
   const std::shared_ptr<const TruthSnapshot>& snapShot() const { return _snapShot; }
   // The phone's time zone, read from the client at creation (the system zone

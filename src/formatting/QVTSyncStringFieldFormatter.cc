@@ -151,9 +151,9 @@ void QVTSyncStringFieldFormatter::initWithProperties(const Dictionary& propertie
   _maxHeight = intEntry(properties, "imageMaxHeight");
   if (_thresold >= 1 && (_maxWidth == 0 || _maxHeight == 0)) {
     description_check::step("imageThresholdSize", [] {
-      logAndRaise(
-          "can't have a positive threshold and a non positive dimension.  Fix the client "
-          "formatting description");
+      // clang-format off
+      logAndRaise("can't have a positive threshold and a non positive dimension.  Fix the client formatting description");
+      // clang-format on
     });
   }
 }

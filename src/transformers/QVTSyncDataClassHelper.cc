@@ -69,8 +69,10 @@ const std::shared_ptr<FormattingMethods>& QVTSyncDataClassHelper::formattingMeth
 
 Array QVTSyncDataClassHelper::allPossibleEntities() {
   raiseException(kNotImplementedInSubClass,
-                 fmt::format("The method {} of class {}, a subClass of {}, is not implemented and "
-                             "it should be.",
+                 fmt::format(
+                     // clang-format off
+                     "The method {} of class {}, a subClass of {}, is not implemented and it should be.",
+                     // clang-format on
                              "allPossibleEntities", className(), "QVTSyncDataClassHelper"));
 }
 

@@ -75,17 +75,32 @@ TEST(MotorolaTest, RecordsFitThePhone) {
   EXPECT_EQ(event.getString(kCalendarsEventSummary), "Board");
 }
 
+// Sets an environment variable while it lives.
+class ScopedEnvironment {
+ public:
+  ScopedEnvironment(const char* name, const char* value) : _name(name) {
+    if (const char* saved = std::getenv(name)) _saved = saved;
+    setenv(name, value, 1);
+  }
+  ~ScopedEnvironment() {
+    if (_saved) setenv(_name, _saved->c_str(), 1);
+    else unsetenv(_name);
+  }
+
+ private:
+  const char* _name;
+  std::optional<std::string> _saved;
+};
+
 // Runs `body` with LANGUAGE set to `language`, the label table rebuilt.
 template <class F>
 void inLanguage(const char* language, F body) {
-  const char* saved = std::getenv("LANGUAGE");
-  const std::string previous = saved ? saved : "";
-  setenv("LANGUAGE", language, 1);
-  resetLocalizedStrings();
-  QVTAgentFormatting::initialize();
-  body();
-  if (saved) setenv("LANGUAGE", previous.c_str(), 1);
-  else unsetenv("LANGUAGE");
+  {
+    ScopedEnvironment environment("LANGUAGE", language);
+    resetLocalizedStrings();
+    QVTAgentFormatting::initialize();
+    body();
+  }
   resetLocalizedStrings();
   QVTAgentFormatting::initialize();
 }
@@ -130,19 +145,12 @@ TEST(AgentTest, UIQKeepsOnlyThePhonesOwnLabels) {
 }
 
 TEST(AgentTest, LanguagePreferencesFollowTheEnvironment) {
-  const char* saved[3] = {std::getenv("LANGUAGE"), std::getenv("LC_ALL"), std::getenv("LC_MESSAGES")};
-  const std::string previous[3] = {saved[0] ? saved[0] : "", saved[1] ? saved[1] : "", saved[2] ? saved[2] : ""};
-  setenv("LANGUAGE", "pt_BR:de", 1);
-  setenv("LC_ALL", "fr_CA.UTF-8@x", 1);
-  EXPECT_THAT(preferredLanguages(), ::testing::ElementsAre("pt_BR", "pt", "de", "fr_CA", "fr"));
-  setenv("LANGUAGE", "", 1);
-  setenv("LC_ALL", "C", 1);
-  EXPECT_THAT(preferredLanguages(), ::testing::IsEmpty());
-  const char* names[3] = {"LANGUAGE", "LC_ALL", "LC_MESSAGES"};
-  for (int i = 0; i < 3; ++i) {
-    if (saved[i]) setenv(names[i], previous[i].c_str(), 1);
-    else unsetenv(names[i]);
+  {
+    ScopedEnvironment language("LANGUAGE", "pt_BR:de"), all("LC_ALL", "fr_CA.UTF-8@x");
+    EXPECT_THAT(preferredLanguages(), ::testing::ElementsAre("pt_BR", "pt", "de", "fr_CA", "fr"));
   }
+  ScopedEnvironment language("LANGUAGE", ""), all("LC_ALL", "C");
+  EXPECT_THAT(preferredLanguages(), ::testing::IsEmpty());
 }
 
 TEST(AgentTest, SeriesSixtyAndURLTypes) {

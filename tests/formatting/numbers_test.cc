@@ -53,7 +53,6 @@ TEST(NumbersTest, PhoneNumbersKeepDigitsAndALeadingPlus) {
 TEST(NumbersTest, TextValueOperations) {
   auto methods = test::makeFormatter();
   EXPECT_EQ(methods->maxLength(Value("abcdef"), 4), Value("abcd"));
-  EXPECT_EQ(methods->maxLength(Value("ab\ncd"), 4), Value("ab\nc"));
   EXPECT_EQ(methods->maxLengthForVObjectPropValue(Value("ab\ncd"), 4), Value("ab\n"));
   EXPECT_TRUE(methods->maxLength(Value("abc"), 0).isNull());
   EXPECT_EQ(methods->maxURLLength(Value(URL("http://example.org/x")), 10), Value(URL("http://exa")));
