@@ -32,5 +32,7 @@ void addRecurrenceCommands(CLI::App& app);
 void addDeviceCommands(CLI::App& app);
 // methods.
 void addMethodsCommands(CLI::App& app);
+// format, check-device.
+void addFormatCommands(CLI::App& app);
 
 }  // namespace pc::tools

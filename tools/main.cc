@@ -15,6 +15,7 @@ int main(int argc, char** argv) {
   pc::tools::addDeviceCommands(app);
   pc::tools::addRecurrenceCommands(app);
   pc::tools::addMethodsCommands(app);
+  pc::tools::addFormatCommands(app);
 
   // Errors always reach standard error; the user's preferences may ask for more.
   pc::QVTRegisterLogs();

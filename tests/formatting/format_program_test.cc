@@ -1,0 +1,256 @@
+// The format and check-device commands of phoneconduit: exit statuses, what
+// goes to standard output and to standard error, and both sides of format.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <random>
+
+#include "ExamplePhones.h"
+#include "support/ProgramRun.h"
+
+namespace pc::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+using FormatProgramTest = ProgramTest;
+
+// Standard output alone, standard error thrown away.
+ProgramRun runForOutput(const std::string& arguments) {
+  const std::string command = std::string(PC_PROGRAM) + " " + arguments + " 2>/dev/null";
+  ProgramRun run{-1, {}};
+  FILE* pipe = popen(command.c_str(), "r");
+  if (!pipe) return run;
+  char buffer[4096];
+  while (std::size_t n = fread(buffer, 1, sizeof buffer, pipe)) run.output.append(buffer, n);
+  const int status = pclose(pipe);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return run;
+}
+
+std::string writeFile(const std::string& folder, const std::string& name, const std::string& text) {
+  const std::string path = folder + "/" + name;
+  std::ofstream(path) << text;
+  return path;
+}
+
+std::string contact(const std::string& name) { return examplesFolder() + "records/contacts/" + name; }
+std::string calendar(const std::string& name) { return examplesFolder() + "records/calendar/" + name; }
+
+TEST_F(FormatProgramTest, EveryExamplePhonePassesTheCheck) {
+  for (const std::string& name : examplePhoneNames()) {
+    const ExamplePhone phone{name, {}, {}, {}};
+    const ProgramRun run = runProgram("check-device " + phone.programArguments());
+    EXPECT_EQ(run.status, 0) << name << "\n" << run.output;
+    EXPECT_THAT(run.output, HasSubstr(": usable, ")) << name;
+  }
+}
+
+TEST_F(FormatProgramTest, CheckDeviceListsEveryProblemWithItsKeyPath) {
+  const std::string folder = scratchFolder("broken-description");
+  const std::string device = writeFile(folder, "broken.plist", R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist>
+<plist version="1.0">
+<dict>
+  <key>SyncDataClasses</key>
+  <dict>
+    <key>Contacts</key>
+    <dict><key>MimeType</key><string>text/x-vcard</string><key>Parser</key><string>PropertyListParser</string></dict>
+  </dict>
+  <key>EntityFormatters</key>
+  <dict>
+    <key>Contacts.Contact</key>
+    <dict>
+      <key>FieldFormatting</key>
+      <dict>
+        <key>firstName</key><string>noSuchMethod:</string>
+        <key>lastName</key><array><string>maxLength::</string></array>
+        <key>notes</key><array><string>putCompanyInFirstName:clearItAfter:</string><string>YES</string><integer>3</integer></array>
+      </dict>
+    </dict>
+    <key>Contacts.PhoneNumber</key>
+    <dict><key>FormatterClass</key><string>NoSuchFormatter</string></dict>
+    <key>Contacts.EmailAddress</key>
+    <dict><key>MaxNumber</key><string>$UndefinedLimit</string></dict>
+  </dict>
+  <key>Formatting</key>
+  <dict>
+    <key>Contacts.Contact</key>
+    <dict>
+      <key>image</key>
+      <dict><key>imageThresholdSize</key><integer>1000</integer><key>imageMaxWidth</key><integer>100</integer></dict>
+    </dict>
+    <key>Contacts.URL</key>
+    <dict>
+      <key>type</key>
+      <dict><key>mappings</key><array><string>not a dictionary</string></array></dict>
+    </dict>
+  </dict>
+</dict>
+</plist>
+)");
+  const std::string entities = writeFile(folder, "broken.entities.plist", R"(<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0"><dict><key>Entities</key><dict>
+  <key>Contacts.Contact</key><array><string>firstName</string><string>lastName</string><string>notes</string><string>image</string></array>
+  <key>Contacts.PhoneNumber</key><array><string>value</string><string>type</string></array>
+  <key>Contacts.EmailAddress</key><array><string>value</string><string>type</string></array>
+  <key>Contacts.URL</key><array><string>value</string><string>type</string></array>
+</dict></dict></plist>
+)");
+  const std::string arguments = "check-device --device " + device + " --entities " + entities;
+  const ProgramRun run = runProgram(arguments);
+  EXPECT_EQ(run.status, 1) << run.output;
+  for (const char* expected :
+       {"EntityFormatters/Contacts.Contact/FieldFormatting/firstName", "noSuchMethod:",
+        "EntityFormatters/Contacts.Contact/FieldFormatting/lastName", "not enough argument for method maxLength::",
+        "EntityFormatters/Contacts.Contact/FieldFormatting/notes",
+        "EntityFormatters/Contacts.PhoneNumber/FormatterClass", "cannot find the formatting class NoSuchFormatter",
+        "EntityFormatters/Contacts.EmailAddress/MaxNumber", "UndefinedLimit",
+        "Formatting/Contacts.Contact/image",
+        "can't have a positive threshold and a non positive dimension.  Fix the client formatting description",
+        "Formatting/Contacts.URL/type/mappings/0"})
+    EXPECT_THAT(run.output, HasSubstr(expected));
+  // Each problem once, on standard error, prefixed and naming the file.
+  EXPECT_THAT(run.output, HasSubstr("phoneconduit: " + device + ": "));
+  EXPECT_EQ(runForOutput(arguments).output, "");
+
+  const ProgramRun json = runForOutput(arguments + " --report json");
+  EXPECT_EQ(json.status, 1);
+  EXPECT_THAT(json.output, HasSubstr("\"usable\": false"));
+  EXPECT_THAT(json.output, HasSubstr("\"keyPath\": \"Formatting/Contacts.URL/type/mappings/0\""));
+}
+
+TEST_F(FormatProgramTest, FormatPrintsRecordsAndCountsRejectedOnes) {
+  const ExamplePhone basic{"basic-phone", {}, {}, {}};
+  // A contact in Greek letters on the 7-bit phone: formatted, printed as a
+  // record file.
+  const ProgramRun formatted =
+      runForOutput("format " + basic.programArguments() + " " + contact("14-greek-contact.plist"));
+  EXPECT_EQ(formatted.status, 0);
+  std::string error;
+  const std::optional<Dictionary> record = recordFromText(formatted.output, &error);
+  ASSERT_TRUE(record) << error << "\n" << formatted.output;
+  EXPECT_EQ(record->getString("entityName"), "Contacts.Contact");
+
+  // The basic phone has no tasks: the task is named with its reason, the
+  // event still printed, and the exit status says some were rejected.
+  const std::string task = calendar("task-01.plist");
+  const std::string arguments = "format " + basic.programArguments() + " " + calendar("event-04.plist") + " " + task;
+  const ProgramRun mixed = runProgram(arguments);
+  EXPECT_EQ(mixed.status, 3) << mixed.output;
+  EXPECT_THAT(mixed.output, HasSubstr("phoneconduit: " + task + ": rejected: "));
+  EXPECT_THAT(runForOutput(arguments).output, HasSubstr("<string>Calendars.Event</string>"));
+
+  const ProgramRun json = runForOutput(arguments + " --report json");
+  EXPECT_EQ(json.status, 3);
+  EXPECT_THAT(json.output, HasSubstr("\"formatted\": 1, \"rejected\": 1"));
+  EXPECT_THAT(json.output, HasSubstr("\"status\": \"rejected\", \"reason\": \""));
+
+  // With an output folder, the formatted records are files named after their
+  // inputs and nothing is printed.
+  const std::string folder = scratchFolder("output-dir");
+  const ProgramRun files = runForOutput(arguments + " --output-dir " + folder);
+  EXPECT_EQ(files.status, 3);
+  EXPECT_EQ(files.output, "");
+  const std::optional<Dictionary> written = readRecordFile(folder + "/event-04.plist", &error);
+  ASSERT_TRUE(written) << error;
+  EXPECT_EQ(written->getString("entityName"), "Calendars.Event");
+  EXPECT_FALSE(std::filesystem::exists(folder + "/task-01.plist"));
+}
+
+TEST_F(FormatProgramTest, BothSidesPrintTheSameRecords) {
+  const ExamplePhone full{"full-phone", {}, {}, {}};
+  std::string records;
+  for (const char* name : {"01-latin-alicemartin.plist", "24-chinese-contact.plist", "32-emoji-samrocker.plist"})
+    records += " " + contact(name);
+  for (const char* name : {"event-02.plist", "event-06.plist", "event-10.plist", "task-03.plist"})
+    records += " " + calendar(name);
+  const ProgramRun phone = runForOutput("format " + full.programArguments() + records);
+  const ProgramRun engine = runForOutput("format --engine-side " + full.programArguments() + records);
+  EXPECT_EQ(phone.status, 0);
+  EXPECT_EQ(engine.status, 0);
+  EXPECT_FALSE(phone.output.empty());
+  EXPECT_EQ(phone.output, engine.output);
+}
+
+// "$name" variables come from the connected device; the engine side, which
+// has no device, must find the same values in the client.
+TEST_F(FormatProgramTest, VariablesReachBothSides) {
+  const std::string folder = scratchFolder("variables");
+  const std::string variables = writeFile(folder, "variables.plist",
+                                          "<plist version=\"1.0\"><dict><key>MaxPhoneNumbers</key>"
+                                          "<integer>3</integer></dict></plist>");
+  const std::string device = "--device " + examplesFolder() + "devices/contacts-calendar-phone-v1.plist --entities " +
+                             examplesFolder() + "devices/contacts-calendar-phone.entities.plist ";
+  const std::string record = " " + contact("05-latin-jrgenmller.plist");
+
+  const ProgramRun phone = runForOutput("format " + device + "--variables " + variables + record);
+  EXPECT_EQ(phone.status, 0);
+  EXPECT_THAT(phone.output, HasSubstr("<string>+493090182052</string>"));
+  const ProgramRun engine = runForOutput("format --engine-side " + device + "--variables " + variables + record);
+  EXPECT_EQ(engine.status, 0);
+  EXPECT_EQ(engine.output, phone.output);
+
+  const ProgramRun missing = runProgram("format " + device + record);
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_THAT(missing.output, HasSubstr("EntityFormatters/Contacts.PhoneNumber/MaxNumber: MaxNumber should be "
+                                        "strictly positive.  Currently, it is 0"));
+  const ProgramRun check = runProgram("check-device " + device);
+  EXPECT_EQ(check.status, 1);
+  EXPECT_THAT(check.output, HasSubstr("EntityFormatters/Contacts.PhoneNumber/MaxNumber: the ivar MaxPhoneNumbers is not defined"));
+}
+
+TEST_F(FormatProgramTest, BadInputStopsBeforeAnythingIsPrinted) {
+  const std::string folder = scratchFolder("bad-input");
+  const ExamplePhone basic{"basic-phone", {}, {}, {}};
+  const std::string good = contact("01-latin-alicemartin.plist");
+  const std::string notPlist = writeFile(folder, "not-a-plist.plist", "<plist><dict><key>a</key>");
+  const std::string noEntity = writeFile(folder, "no-entity.plist",
+                                         "<plist version=\"1.0\"><dict><key>summary</key><string>x</string></dict></plist>");
+  for (const std::string& bad : {notPlist, noEntity}) {
+    const std::string arguments = "format " + basic.programArguments() + " " + good + " " + bad;
+    EXPECT_EQ(runForOutput(arguments).output, "") << bad;
+    const ProgramRun run = runProgram(arguments);
+    EXPECT_EQ(run.status, 1) << run.output;
+    EXPECT_THAT(run.output, HasSubstr("phoneconduit: " + bad));
+  }
+  const ProgramRun notDevice = runProgram("format --device " + good + " --entities " + good + " " + good);
+  EXPECT_EQ(notDevice.status, 1);
+  EXPECT_THAT(notDevice.output, HasSubstr("not a device description"));
+  // A command line without records or without entities is not bad input.
+  EXPECT_GE(runProgram("format " + basic.programArguments()).status, 2);
+  EXPECT_GE(runProgram("check-device --device " + basic.devicePath()).status, 2);
+  for (const char* command : {"format --help", "check-device --help"})
+    EXPECT_THAT(runForOutput(command).output, HasSubstr("Example:")) << command;
+}
+
+TEST_F(FormatProgramTest, DamagedRecordFilesNeverCrashTheProgram) {
+  // Bytes flipped, cut or doubled anywhere in real record files: each run
+  // ends with one of the program's own exit statuses.
+  const std::string folder = scratchFolder("damaged-files");
+  const ExamplePhone full{"full-phone", {}, {}, {}};
+  std::mt19937 random(7);
+  const std::vector<ExampleRecord>& records = exampleRecords();
+  ASSERT_FALSE(records.empty());
+  for (int round = 0; round < 12; ++round) {
+    std::ifstream in(records[random() % records.size()].path);
+    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    for (int hits = 0; hits < 4 && !text.empty(); ++hits) {
+      const std::size_t at = random() % text.size();
+      switch (random() % 3) {
+        case 0: text[at] = static_cast<char>(random() % 256); break;
+        case 1: text.erase(at, random() % 40); break;
+        default: text.insert(at, text.substr(at, random() % 200)); break;
+      }
+    }
+    const std::string path = writeFile(folder, "damaged-" + std::to_string(round) + ".plist", text);
+    const ProgramRun run = runProgram("format " + full.programArguments() + " " + path);
+    EXPECT_THAT(run.status, ::testing::AnyOf(0, 1, 3)) << path << "\n" << run.output;
+  }
+}
+
+}  // namespace
+}  // namespace pc::testing

@@ -1,0 +1,449 @@
+// format: formats record files as one phone model will hold them, on the
+// phone side (the conduit built from a device description) or on the engine
+// side (the engine's record formatter rebuilt from the client the phone
+// archived itself in). Both must answer the same records.
+// check-device: builds every formatter of a device description and lists
+// every problem it finds, each with its key path.
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "async/AYLogger.h"
+#include "commands.h"
+#include "conduit/CFPhone.h"
+#include "engine/MemoryEngine.h"
+#include "engine/SchemaNames.h"
+#include "formatting/DeviceFormatting.h"
+#include "platform/Exception.h"
+#include "platform/PropertyList.h"
+#include "util/PHCMangling.h"
+
+namespace pc::tools {
+
+namespace {
+
+// Exit status of a format run in which some records were rejected.
+constexpr int kSomeRecordsRejected = 3;
+constexpr int kUnusableDescription = 1;
+
+// The command's result goes to standard output directly, once everything
+// that could fail has been checked; a status other than success then ends
+// the program here, so that what was printed stays printed.
+void emit(const std::string& text) {
+  std::cout.flush();
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
+}
+
+[[noreturn]] void finish(int status) {
+  std::cout.flush();
+  std::cerr.flush();
+  std::fflush(stdout);
+  std::exit(status);
+}
+
+// The phone keeps only the keys it syncs, which leaves out the record's
+// entity name; the printed record gets it back, first, so that the output is
+// a record file again.
+Dictionary withEntityName(const Dictionary& record, const std::string& entity) {
+  if (record.contains(kEngineRecordEntityNameKey) || entity.empty()) return record;
+  Dictionary named{{kEngineRecordEntityNameKey, entity}};
+  for (const auto& [key, value] : record) named.set(key, value);
+  return named;
+}
+
+Dictionary readDictionary(const std::string& path) {
+  PropertyListError error;
+  const std::optional<Value> contents = PropertyList::fromFile(path, &error);
+  if (!contents) throw CommandError(path + ": " + error.description());
+  if (!contents->isDictionary()) throw CommandError(path + ": not a dictionary");
+  return contents->dictionary();
+}
+
+// Text as a JSON string literal.
+std::string jsonString(const std::string& text) {
+  std::string out = "\"";
+  for (const unsigned char c : text) {
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (c < 0x20) {
+          char escaped[8];
+          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+          out += escaped;
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  return out + "\"";
+}
+
+// While a command formats, the default error log on standard error is
+// silenced: the command reports what went wrong itself, once, with the file
+// and key path. A user whose preferences ask for more logging keeps it all,
+// and so does --log.
+class QuietDefaultLog {
+ public:
+  explicit QuietDefaultLog(bool keep) : _active(!keep) {
+    if (!_active) return;
+    // Removing succeeds only when the default registration is the only one
+    // for standard error (errors alone, for every domain).
+    const auto before = QVTAYLogger::loggersForType(QVTLOG, kLogError);
+    QVTAYLogger::removeLogger(QVTAYLogger::stderrStreamLogger(), std::nullopt, kLogError);
+    const auto after = QVTAYLogger::loggersForType(QVTLOG, kLogError);
+    _active = (before ? before->size() : 0) != (after ? after->size() : 0);
+  }
+  ~QuietDefaultLog() {
+    if (_active) QVTAYLogger::addLogger(QVTAYLogger::stderrStreamLogger(), std::nullopt, kLogError);
+  }
+  QuietDefaultLog(const QuietDefaultLog&) = delete;
+  QuietDefaultLog& operator=(const QuietDefaultLog&) = delete;
+
+ private:
+  bool _active;
+};
+
+// A folder of its own for the client store of one run, removed at the end
+// unless the user named the store.
+class TemporaryFolder {
+ public:
+  TemporaryFolder() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "phoneconduit-XXXXXX").string();
+    if (mkdtemp(pattern.data())) _path = pattern;
+  }
+  ~TemporaryFolder() {
+    std::error_code ignored;
+    if (!_path.empty()) std::filesystem::remove_all(_path, ignored);
+  }
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+  const std::string& path() const { return _path; }
+
+ private:
+  std::string _path;
+};
+
+// What a description needs to be built besides itself.
+struct DeviceOptions {
+  std::string devicePath;
+  std::string entitiesPath;
+  std::string variablesPath;
+  std::string clientValuesPath;
+  std::string clientStorePath;
+  int version = 0;
+  bool log = false;
+  std::string report = "text";
+};
+
+struct LoadedDevice {
+  Dictionary description;
+  Dictionary entities;
+  DeviceFormattingOptions options;
+};
+
+void addDeviceOptions(CLI::App* command, const std::shared_ptr<DeviceOptions>& options) {
+  command->add_option("--device", options->devicePath, "device description (XML property list)")
+      ->required()
+      ->check(CLI::ExistingFile);
+  command->add_option("--entities", options->entitiesPath,
+                      "the engine's description of the entities the phone syncs (a property list "
+                      "with an \"Entities\" dictionary)")
+      ->required()
+      ->check(CLI::ExistingFile);
+  command->add_option("--variables", options->variablesPath,
+                      "values of the device's \"$name\" variables (a property-list dictionary)")
+      ->check(CLI::ExistingFile);
+  command->add_option("--client-values", options->clientValuesPath,
+                      "values the phone keeps in its client before formatting, such as the limits "
+                      "a phone reports (a property-list dictionary)")
+      ->check(CLI::ExistingFile);
+  command->add_option("--format-version", options->version,
+                      "format version of the description (default: 2 when it has \"Formatting\", "
+                      "else 1)");
+  command->add_option("--report", options->report, "text (default) or json, for scripts")
+      ->check(CLI::IsMember({"text", "json"}));
+  command->add_flag("--log", options->log,
+                    "keep the conduit's own error log on standard error while formatting");
+}
+
+// Reads the files and prepares the client store: the client values are
+// written into it before the phone is built, so the phone finds them there.
+LoadedDevice loadDevice(const DeviceOptions& options, const std::string& clientStorePath) {
+  LoadedDevice device{readDictionary(options.devicePath), readDictionary(options.entitiesPath), {}};
+  if (!device.description.getDictionary(kSyncDataClassesKey))
+    throw CommandError(options.devicePath + ": not a device description (no \"" +
+                       std::string(kSyncDataClassesKey) + "\" dictionary)");
+  if (!device.entities.getDictionary(kEngineClientEntitiesKey))
+    throw CommandError(options.entitiesPath + ": no \"" + std::string(kEngineClientEntitiesKey) +
+                       "\" dictionary");
+  device.options.version = options.version;
+  if (!options.variablesPath.empty()) device.options.variables = readDictionary(options.variablesPath);
+  device.options.clientStorePath = clientStorePath;
+  if (!options.clientValuesPath.empty()) {
+    const Dictionary values = readDictionary(options.clientValuesPath);
+    if (clientStorePath.empty()) throw CommandError("no folder for the client store");
+    MemorySyncEngineClient store(device.options.clientIdentifier, "phoneconduit", Array(),
+                                 clientStorePath);
+    for (const auto& [key, value] : values) store.setObject(value, key.stringValue());
+    if (!store.lastSaveSucceeded()) throw CommandError(clientStorePath + ": cannot write the client store");
+  }
+  return device;
+}
+
+// "key/path: " of the problem that stopped a phone from being built: the
+// problem the check finds with the same message, else the first it finds.
+std::string whereInDescription(const LoadedDevice& device, const std::string& message) {
+  std::vector<DescriptionProblem> problems;
+  try {
+    problems = checkDeviceDescription(device.description, device.entities, device.options);
+  } catch (const Exception&) {
+    return std::string();
+  }
+  const DescriptionProblem* found = problems.empty() ? nullptr : &problems.front();
+  for (const DescriptionProblem& problem : problems)
+    if (problem.message == message) {
+      found = &problem;
+      break;
+    }
+  return found && !found->keyPath.empty() ? found->keyPath + ": " : std::string();
+}
+
+// --- format ---------------------------------------------------------------------------
+
+struct FormatOptions : DeviceOptions {
+  std::vector<std::string> recordPaths;
+  bool engineSide = false;
+  std::string outputFolder;
+};
+
+struct RecordResult {
+  std::string path;
+  std::string entity;
+  std::optional<Dictionary> record;
+  std::string rejection;
+};
+
+std::string outputName(const std::string& inputPath) {
+  return std::filesystem::path(inputPath).filename().string();
+}
+
+void writeText(const std::string& path, const std::string& text) {
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (!file || std::fwrite(text.data(), 1, text.size(), file) != text.size()) {
+    if (file) std::fclose(file);
+    throw CommandError(path + ": cannot write the formatted record");
+  }
+  if (std::fclose(file) != 0) throw CommandError(path + ": cannot write the formatted record");
+}
+
+void format(const FormatOptions& options) {
+  // Every record is read before anything is formatted, so that a bad file
+  // stops the command before it prints.
+  std::vector<std::pair<std::string, Dictionary>> inputs;
+  for (const std::string& path : options.recordPaths) {
+    std::string error;
+    std::optional<Dictionary> record = readRecordFile(path, &error);
+    if (!record) throw CommandError(error);
+    if (!record->get(kEngineRecordEntityNameKey).asString())
+      throw CommandError(path + ": the record has no \"" + std::string(kEngineRecordEntityNameKey) +
+                         "\" text");
+    inputs.emplace_back(path, std::move(*record));
+  }
+  if (!options.outputFolder.empty() && !std::filesystem::is_directory(options.outputFolder))
+    throw CommandError(options.outputFolder + ": not a folder");
+
+  TemporaryFolder scratch;
+  const std::string storePath =
+      !options.clientStorePath.empty() ? options.clientStorePath
+      : scratch.path().empty()         ? std::string()
+                                       : scratch.path() + "/client.plist";
+  const LoadedDevice device = loadDevice(options, storePath);
+
+  std::vector<RecordResult> results;
+  {
+    QuietDefaultLog quiet(options.log);
+    std::unique_ptr<DeviceFormatting> formatting;
+    try {
+      formatting = DeviceFormatting::phoneSide(device.description, device.entities, device.options);
+      if (formatting && options.engineSide) {
+        if (storePath.empty()) throw CommandError("no folder for the client store");
+        formatting = DeviceFormatting::engineSideFromClientStore(storePath);
+        if (!formatting) throw CommandError(storePath + ": the client store holds no phone");
+      }
+    } catch (const Exception& e) {
+      throw CommandError(options.devicePath + ": " + whereInDescription(device, e.reason()) + e.reason() +
+                         " (phoneconduit check-device lists every problem)");
+    }
+    if (!formatting) throw CommandError(options.devicePath + ": no phone can be built from this description");
+
+    for (const auto& [path, record] : inputs) {
+      FormattingOutcome outcome = formatting->formatRecord(record);
+      results.push_back({path, record.getString(kEngineRecordEntityNameKey), std::move(outcome.record),
+                         std::move(outcome.rejection)});
+    }
+  }
+
+  // The texts are made before anything is printed, so that a record that
+  // cannot be written stops the command with nothing on standard output.
+  std::vector<std::string> texts(results.size());
+  int rejected = 0;
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    if (!results[i].record) {
+      ++rejected;
+      continue;
+    }
+    std::string error;
+    std::optional<std::string> text = recordText(withEntityName(*results[i].record, results[i].entity), &error);
+    if (!text) throw CommandError(results[i].path + ": the formatted record " + error);
+    texts[i] = std::move(*text);
+  }
+
+  if (!options.outputFolder.empty()) {
+    for (std::size_t i = 0; i < results.size(); ++i)
+      if (results[i].record)
+        writeText((std::filesystem::path(options.outputFolder) / outputName(results[i].path)).string(),
+                  texts[i]);
+  }
+
+  for (const RecordResult& result : results)
+    if (!result.record)
+      std::cerr << "phoneconduit: " << result.path << ": rejected: "
+                << (result.rejection.empty() ? std::string("the phone cannot hold this record")
+                                             : result.rejection)
+                << "\n";
+
+  if (options.report == "json") {
+    std::ostringstream out;
+    out << "{\"device\": " << jsonString(options.devicePath) << ", \"side\": \""
+        << (options.engineSide ? "engine" : "phone") << "\", \"formatted\": "
+        << results.size() - rejected << ", \"rejected\": " << rejected << ", \"records\": [";
+    for (std::size_t i = 0; i < results.size(); ++i) {
+      const RecordResult& result = results[i];
+      out << (i ? ", " : "") << "{\"file\": " << jsonString(result.path)
+          << ", \"entity\": " << jsonString(result.entity) << ", \"status\": \""
+          << (result.record ? "formatted" : "rejected") << "\"";
+      if (!result.record) out << ", \"reason\": " << jsonString(result.rejection);
+      if (!options.outputFolder.empty() && result.record)
+        out << ", \"output\": "
+            << jsonString((std::filesystem::path(options.outputFolder) / outputName(result.path)).string());
+      out << "}";
+    }
+    out << "]}\n";
+    emit(out.str());
+  } else if (options.outputFolder.empty()) {
+    // One record file per formatted record, in the order given.
+    std::string all;
+    for (const std::string& text : texts) all += text;
+    emit(all);
+  }
+  if (rejected) finish(kSomeRecordsRejected);
+}
+
+// --- check-device ---------------------------------------------------------------------
+
+void checkDevice(const DeviceOptions& options) {
+  TemporaryFolder scratch;
+  const LoadedDevice device =
+      loadDevice(options, scratch.path().empty() ? std::string() : scratch.path() + "/client.plist");
+
+  std::vector<DescriptionProblem> problems;
+  Array entities;
+  {
+    QuietDefaultLog quiet(options.log);
+    problems = checkDeviceDescription(device.description, device.entities, device.options);
+    if (problems.empty()) {
+      try {
+        if (auto formatting = DeviceFormatting::phoneSide(device.description, device.entities, device.options))
+          entities = formatting->supportedEntityNames();
+        else
+          problems.push_back({"", "no phone can be built from this description"});
+      } catch (const Exception& e) {
+        problems.push_back({"", e.reason()});
+      }
+    }
+  }
+
+  if (options.report == "json") {
+    std::ostringstream out;
+    out << "{\"device\": " << jsonString(options.devicePath)
+        << ", \"usable\": " << (problems.empty() ? "true" : "false") << ", \"problems\": [";
+    for (std::size_t i = 0; i < problems.size(); ++i)
+      out << (i ? ", " : "") << "{\"keyPath\": " << jsonString(problems[i].keyPath)
+          << ", \"message\": " << jsonString(problems[i].message) << "}";
+    out << "], \"entities\": [";
+    for (std::size_t i = 0; i < entities.count(); ++i)
+      out << (i ? ", " : "") << jsonString(entities.at(i).stringValue());
+    out << "]}\n";
+    emit(out.str());
+    if (!problems.empty()) finish(kUnusableDescription);
+    return;
+  }
+
+  for (const DescriptionProblem& problem : problems)
+    std::cerr << "phoneconduit: " << options.devicePath << ": "
+              << (problem.keyPath.empty() ? std::string() : problem.keyPath + ": ") << problem.message
+              << "\n";
+  if (!problems.empty()) finish(kUnusableDescription);
+
+  std::string summary = options.devicePath + ": usable, " + std::to_string(entities.count()) + " entities:";
+  for (const Value& entity : entities) summary += " " + entity.stringValue();
+  emit(summary + "\n");
+}
+
+}  // namespace
+
+void addFormatCommands(CLI::App& app) {
+  auto formatOptions = std::make_shared<FormatOptions>();
+  CLI::App* format = app.add_subcommand(
+      "format", "Format record files as a phone model will hold them and print the results");
+  addDeviceOptions(format, std::shared_ptr<DeviceOptions>(formatOptions, formatOptions.get()));
+  format->add_option("RECORDS", formatOptions->recordPaths, "record files (nice plist text)")
+      ->required()
+      ->check(CLI::ExistingFile);
+  format->add_flag("--engine-side", formatOptions->engineSide,
+                   "answer through the engine's record formatter rebuilt from the client store "
+                   "instead of the phone conduit");
+  format->add_option("--client-store", formatOptions->clientStorePath,
+                     "keep the client store (where the phone archives itself) in this file");
+  format->add_option("--output-dir", formatOptions->outputFolder,
+                     "write each formatted record to this folder under its input file's name "
+                     "instead of printing it");
+  format->footer(
+      "Rejected records are named on standard error with the reason. Exit status: 0 all "
+      "formatted, 1 bad input, 3 some records rejected.\n\n"
+      "Example:\n"
+      "  phoneconduit format --device examples/devices/basic-phone.plist \\\n"
+      "      --entities examples/devices/basic-phone.entities.plist \\\n"
+      "      examples/records/contacts/01-latin-alicemartin.plist\n");
+  format->callback([formatOptions] { tools::format(*formatOptions); });
+
+  auto checkOptions = std::make_shared<DeviceOptions>();
+  CLI::App* check = app.add_subcommand(
+      "check-device", "Build every formatter of a device description and list every problem found");
+  addDeviceOptions(check, checkOptions);
+  check->footer(
+      "Each problem is printed on standard error with its key path in the description. Exit "
+      "status: 0 usable, 1 unusable or bad input.\n\n"
+      "Example:\n"
+      "  phoneconduit check-device --device examples/devices/flip-phone.plist \\\n"
+      "      --entities examples/devices/flip-phone.entities.plist \\\n"
+      "      --variables examples/devices/flip-phone.variables.plist \\\n"
+      "      --client-values examples/devices/flip-phone.client.plist\n");
+  check->callback([checkOptions] { checkDevice(*checkOptions); });
+}
+
+}  // namespace pc::tools
