@@ -75,6 +75,9 @@ int runCommandLine(CLI::App& app, int argc, char** argv) {
                     kBadCommandLine);
     output.release();
     return kSuccess;
+  } catch (const CommandStatus& e) {
+    // The output went out already: a status of this kind follows a result.
+    return e.status();
   } catch (const CommandLineError& e) {
     return report(std::string(e.what()) + " (" + helpHint(app) + ")", kBadCommandLine);
   } catch (const CommandError& e) {

@@ -22,6 +22,19 @@ class CommandLineError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// Ends a command that has written its result but answers an exit status of
+// its own (3: some records rejected; 1: a description found unusable). What
+// the command wrote is kept.
+class CommandStatus : public std::exception {
+ public:
+  explicit CommandStatus(int status) : _status(status) {}
+  int status() const { return _status; }
+  const char* what() const noexcept override { return "command status"; }
+
+ private:
+  int _status;
+};
+
 // Parses the command line and runs the chosen subcommand; answers the exit
 // status: 0 success, 1 bad input, 2 bad command line (no command included).
 int runCommandLine(CLI::App& app, int argc, char** argv);

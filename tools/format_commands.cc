@@ -35,20 +35,15 @@ namespace {
 constexpr int kSomeRecordsRejected = 3;
 constexpr int kUnusableDescription = 1;
 
-// The command's result goes to standard output directly, once everything
-// that could fail has been checked; a status other than success then ends
-// the program here, so that what was printed stays printed.
+// The command's result is written once everything that could fail has been
+// checked; a status other than success then ends the command with what was
+// printed kept.
 void emit(const std::string& text) {
-  std::cout.flush();
-  std::fwrite(text.data(), 1, text.size(), stdout);
-  std::fflush(stdout);
+  std::cout << text << std::flush;
 }
 
 [[noreturn]] void finish(int status) {
-  std::cout.flush();
-  std::cerr.flush();
-  std::fflush(stdout);
-  std::exit(status);
+  throw CommandStatus(status);
 }
 
 // The phone keeps only the keys it syncs, which leaves out the record's

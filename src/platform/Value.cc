@@ -180,17 +180,32 @@ const char* valueKindName(ValueKind kind) {
 
 Data::Data(const void* bytes, std::size_t length) { append(bytes, length); }
 
+const std::vector<std::uint8_t>& Data::noBytes() {
+  static const std::vector<std::uint8_t> none;
+  return none;
+}
+
+std::vector<std::uint8_t>& Data::mutableBytes() {
+  if (!_bytes)
+    _bytes = std::make_shared<std::vector<std::uint8_t>>();
+  else if (_bytes.use_count() > 1)
+    _bytes = std::make_shared<std::vector<std::uint8_t>>(*_bytes);
+  return *_bytes;
+}
+
 void Data::append(const void* bytes, std::size_t length) {
   if (length == 0) return;
   const auto* p = static_cast<const std::uint8_t*>(bytes);
-  _bytes.insert(_bytes.end(), p, p + length);
+  auto& mine = mutableBytes();
+  mine.insert(mine.end(), p, p + length);
 }
 
 std::string Data::description() const {
   std::string out = "<";
-  for (std::size_t i = 0; i < _bytes.size(); ++i) {
+  const auto& all = bytes();
+  for (std::size_t i = 0; i < all.size(); ++i) {
     if (i > 0 && i % 4 == 0) out += ' ';
-    out += fmt::format("{:02x}", _bytes[i]);
+    out += fmt::format("{:02x}", all[i]);
   }
   return out + ">";
 }

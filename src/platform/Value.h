@@ -38,28 +38,33 @@ class Array;
 class Dictionary;
 class Set;
 
-// A byte buffer (value semantics).
+// A byte buffer (value semantics). Copies share the bytes until one of them
+// is changed, so that records holding photos copy cheaply when they change
+// hands.
 class Data {
  public:
   Data() = default;
-  explicit Data(std::vector<std::uint8_t> bytes) : _bytes(std::move(bytes)) {}
+  explicit Data(std::vector<std::uint8_t> bytes)
+      : _bytes(std::make_shared<std::vector<std::uint8_t>>(std::move(bytes))) {}
   Data(const void* bytes, std::size_t length);
   static Data fromString(std::string_view text) { return Data(text.data(), text.size()); }
 
-  const std::vector<std::uint8_t>& bytes() const { return _bytes; }
-  std::vector<std::uint8_t>& mutableBytes() { return _bytes; }
-  std::size_t length() const { return _bytes.size(); }
-  bool empty() const { return _bytes.empty(); }
+  const std::vector<std::uint8_t>& bytes() const { return _bytes ? *_bytes : noBytes(); }
+  // The bytes of this buffer alone: shared bytes are copied first.
+  std::vector<std::uint8_t>& mutableBytes();
+  std::size_t length() const { return bytes().size(); }
+  bool empty() const { return bytes().empty(); }
   void append(const void* bytes, std::size_t length);
-  void append(const Data& other) { append(other._bytes.data(), other._bytes.size()); }
-  std::string asString() const { return std::string(_bytes.begin(), _bytes.end()); }
+  void append(const Data& other) { append(other.bytes().data(), other.bytes().size()); }
+  std::string asString() const { return std::string(bytes().begin(), bytes().end()); }
   // "<0a1b2c3d 4e5f>": the platform's text form, groups of four bytes.
   std::string description() const;
 
-  bool operator==(const Data&) const = default;
+  bool operator==(const Data& other) const { return _bytes == other._bytes || bytes() == other.bytes(); }
 
  private:
-  std::vector<std::uint8_t> _bytes;
+  static const std::vector<std::uint8_t>& noBytes();
+  std::shared_ptr<std::vector<std::uint8_t>> _bytes;
 };
 
 // An address (URL), kept as its full text; the parts are read on demand.

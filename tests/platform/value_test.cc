@@ -87,6 +87,17 @@ TEST(Value, ContainersAreSharedByReferenceUntilCopied) {
   EXPECT_EQ(deep.getArray("phones")->count(), 4u);
   EXPECT_TRUE(Value(record).isIdenticalTo(held));
   EXPECT_FALSE(Value(record).isIdenticalTo(Value(shallow)));
+
+  // Byte buffers are values: copies share bytes only until one changes.
+  Data photo = Data::fromString("jpeg");
+  Data copy = photo;
+  copy.append("!", 1);
+  copy.mutableBytes()[0] = 'J';
+  EXPECT_EQ(photo.asString(), "jpeg");
+  EXPECT_EQ(copy.asString(), "Jpeg!");
+  Dictionary withPhoto{{"photo", photo}};
+  withPhoto.deepCopy().get("photo").data();
+  EXPECT_EQ(Value(withPhoto).deepCopy(), Value(withPhoto));
 }
 
 TEST(Value, DictionaryKeepsInsertionOrderThroughReplaceAndRemove) {
