@@ -19,5 +19,7 @@ class CommandError : public std::runtime_error {
 void addRecurrenceCommands(CLI::App& app);
 // describe-device.
 void addDeviceCommands(CLI::App& app);
+// hexdump.
+void addHexdumpCommands(CLI::App& app);
 
 }  // namespace pc::tools

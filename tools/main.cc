@@ -18,6 +18,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(0, 1);
   pc::tools::addDeviceCommands(app);
   pc::tools::addRecurrenceCommands(app);
+  pc::tools::addHexdumpCommands(app);
 
   // Errors always reach standard error; the user's preferences may ask for more.
   pc::QVTRegisterLogs();

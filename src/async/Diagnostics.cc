@@ -133,20 +133,23 @@ std::string QVTFriendlyException::symbolsForCurrentThreadStack() {
   return text;
 }
 
+std::string QVTFriendlyException::_generateStackTrace() {
+  Dictionary& thread = currentThreadDictionary();
+  if (thread.contains(kQVTFriendlyExceptionGateKey)) return {};
+  thread.set(kQVTFriendlyExceptionGateKey, kQVTFriendlyExceptionGateKey);
+  std::string stack;
+  try {
+    stack = symbolsForCurrentThreadStack();
+  } catch (...) {
+  }
+  thread.remove(kQVTFriendlyExceptionGateKey);
+  return stack;
+}
+
 Dictionary QVTFriendlyException::withStack(const std::string& name, const Dictionary& userInfo) {
   Dictionary info = Value(userInfo).copy().dictionary();
-  std::string stack;
-  Dictionary& thread = currentThreadDictionary();
-  // A capture that raises (deep inside the symbol reader) must not capture again.
-  if (name != kAccessibilityException && !thread.contains(kQVTFriendlyExceptionGateKey)) {
-    thread.set(kQVTFriendlyExceptionGateKey, kQVTFriendlyExceptionGateKey);
-    try {
-      stack = symbolsForCurrentThreadStack();
-    } catch (...) {
-    }
-    thread.remove(kQVTFriendlyExceptionGateKey);
-  }
-  info.set(kQVTFriendlyExceptionStackTraceKey, stack);
+  info.set(kQVTFriendlyExceptionStackTraceKey,
+           name == kAccessibilityException ? std::string() : _generateStackTrace());
   return info;
 }
 
@@ -176,8 +179,7 @@ void QVTFriendlyException::raise() const {
               exceptionName, reason(), current);
     else
       QVT_LOG(kLogWarning, QVTLOG,
-              "[{}] ##### RE-RAISE {}: {}\nWhere it all went wrong:\n{}This exception was created "
-              "here:\n{}",
+              "[{}] ##### RE-RAISE {}: {}\nWhere it all went wrong:\n{}This exception was created here:\n{}",
               thread, exceptionName, reason(), current, created);
   }
   throw *this;
@@ -198,7 +200,7 @@ PC_REGISTRATION(setExceptionSubstitutionHook(&QVTFriendlyException::install));
 
 // ---------------------------------------------------------------------------
 
-void _QVTCrash() {
+void QVTCrash() {
   QVT_LOG(kLogError, QVTLOG, "will crash application.  stack is:\n{}",
           QVTFriendlyException::symbolsForCurrentThreadStack());
   static const char kMessage[] = "we are going to crash now...\n";

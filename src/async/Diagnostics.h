@@ -51,12 +51,15 @@ class QVTFriendlyException : public Exception {
 
  private:
   static Dictionary withStack(const std::string& name, const Dictionary& userInfo);
+  // The current stack, unless this thread is already capturing one (a
+  // capture that raises must not capture again): then "".
+  static std::string _generateStackTrace();
   std::string _what;
 };
 
 // Logs the stack, says so on standard error and stops the process with a
 // memory fault.
-[[noreturn]] void _QVTCrash();
+[[noreturn]] void QVTCrash();
 
 // Each byte as "0x%02x " (five characters per byte).
 std::string hexDump(const void* bytes, std::size_t length);

@@ -24,7 +24,7 @@ constexpr double kLongTurn = 100000;
 
 std::string describe(const ErrorPtr& error) { return error ? error->description() : "(null)"; }
 
-const QVTAYEventPtr& abortEvent() {
+const QVTAYEventPtr& _ay_abortEvent() {
   static const auto* event = new QVTAYEventPtr(QVTAYEvent::eventWithDomain(kAYEventDomain, -1));
   return *event;
 }
@@ -73,6 +73,14 @@ struct QVTAYOperationEngine {
   std::atomic<std::thread::id> _reservedThread{};
   std::atomic<std::thread::id> _finalizingThread{};
   std::atomic<double> _idleSeconds{20};
+  // The process's first thread, recorded the first time it uses the engine.
+  std::shared_ptr<Thread> _mainThread;
+  std::once_flag mainThreadInited;
+
+  void noteMainThread() {
+    if (Thread::isMainThread())
+      std::call_once(mainThreadInited, [this] { _mainThread = Thread::currentThread(); });
+  }
 
   static QVTAYOperationEngine& shared() {
     static auto* engine = new QVTAYOperationEngine;
@@ -303,7 +311,7 @@ Value QVT_AYProxy::send(const std::string& selector, std::vector<Value> argument
       std::lock_guard lock(operation._operationLockObject());
       {
         std::lock_guard state(operation._stateLock);
-        operation._dispatchThreadPerformer.reset();
+        operation.reserved.dispatchThreadPerformer.reset();
         operation._currentThread.reset();
       }
       if (parent) parent->_currentChildOperation = nullptr;
@@ -343,16 +351,17 @@ QVTAYOperationPtr QVTAYOperation::currentOperation() {
 }
 
 std::shared_ptr<QVT_AYProxy> QVTAYOperation::async() {
+  QVTAYOperationEngine::shared().noteMainThread();
   registerOperationModeOnThisThread();
-  if (!_asyncProxy) _asyncProxy = std::make_shared<QVT_AYProxy>(this, true);
-  _asyncProxy->setAsyncLaunch(true);
+  if (!asyncProxy) asyncProxy = std::make_shared<QVT_AYProxy>(this, true);
+  asyncProxy->setAsyncLaunch(true);
   _mainOperation = this;
   _parentOperation = nullptr;
   resetOperation();
   std::lock_guard state(_stateLock);
   _baseThread = Thread::currentThread();
   _currentThread.reset();
-  return _asyncProxy;
+  return asyncProxy;
 }
 
 std::shared_ptr<QVT_AYProxy> QVTAYOperation::syncFor(QVTAYOperation* parent) {
@@ -373,15 +382,15 @@ void QVTAYOperation::resetOperation() {
     std::lock_guard state(_stateLock);
     _error.reset();
   }
-  _operationEnded = false;
-  _inAbortProcess = false;
-  _endDeliveredInBaseThread = false;
+  operationEnded = false;
+  inAbortProcess = false;
+  reserved.endDeliveredInBaseThread = false;
   _currentMark = 0;
 }
 
 void QVTAYOperation::setCanAbortNow(bool flag) {
   _canAbortNow = flag;
-  if (flag && _inAbortProcess && !_operationEnded) {
+  if (flag && inAbortProcess && !operationEnded) {
     operationWillAbort();
     endOperationWithError(error());
   }
@@ -420,17 +429,17 @@ void QVTAYOperation::setOperationCompanion(std::shared_ptr<QVTAYSimpleOperationC
 
 void QVTAYOperation::setInfo(const Value& info, const std::string& key) {
   std::lock_guard state(_stateLock);
-  _privateInfos.set(key, info);
+  privateInfos.set(key, info);
 }
 
 Value QVTAYOperation::infoForKey(const std::string& key) const {
   std::lock_guard state(_stateLock);
-  return _privateInfos.get(key);
+  return privateInfos.get(key);
 }
 
 void QVTAYOperation::removeInfoForKey(const std::string& key) {
   std::lock_guard state(_stateLock);
-  _privateInfos.remove(key);
+  privateInfos.remove(key);
 }
 
 ErrorPtr QVTAYOperation::error() const {
@@ -457,7 +466,7 @@ void QVTAYOperation::_storeError(ErrorPtr error) {
 
 std::recursive_mutex& QVTAYOperation::_operationLockObject() {
   QVTAYOperation* main = mainOperation();
-  return (parentOperation() && main) ? main->_operationLock : _operationLock;
+  return (parentOperation() && main) ? main->operationLock : operationLock;
 }
 
 void QVTAYOperation::lockOperation() { _operationLockObject().lock(); }
@@ -468,13 +477,13 @@ void QVTAYOperation::handleNotificationOfChildOperation(QVTAYOperation&, const N
 void QVTAYOperation::_setUpDispatchPerformer() {
   std::lock_guard state(_stateLock);
   auto thread = _currentThread ? _currentThread : Thread::currentThread();
-  _dispatchThreadPerformer = RunLoopPerformer::inLoop(thread->runLoop());
+  reserved.dispatchThreadPerformer = RunLoopPerformer::inLoop(thread->runLoop());
 }
 
 void QVTAYOperation::_dropPerformers() {
   std::lock_guard state(_stateLock);
-  _baseThreadPerformer.reset();
-  _dispatchThreadPerformer.reset();
+  reserved.baseThreadPerformer.reset();
+  reserved.dispatchThreadPerformer.reset();
 }
 
 // ---------------------------------------------------------------------------
@@ -487,7 +496,7 @@ void QVTAYOperation::pushInvocation(QVTAYInvocationPtr invocation) {
   {
     std::lock_guard state(operation._stateLock);
     auto base = operation._baseThread ? operation._baseThread : Thread::currentThread();
-    operation._baseThreadPerformer = RunLoopPerformer::inLoop(base->runLoop());
+    operation.reserved.baseThreadPerformer = RunLoopPerformer::inLoop(base->runLoop());
   }
   operation.markWithTag(kQVTAYMarkQueued, false);
   engine._operationsQueue.push_back(std::move(invocation));
@@ -548,6 +557,22 @@ void QVTAYOperation::endAllPendingOperationsOfGroup(const AYGroup* group, const 
   }
 }
 
+void QVTAYOperation::_noLockForThread(std::thread::id thread) {
+  QVTAYOperationEngine::shared()._reservedThread = thread;
+}
+
+void QVTAYOperation::_lockForAllThreads() { QVTAYOperationEngine::shared()._reservedThread = std::thread::id(); }
+
+std::shared_ptr<RunLoopPerformer> QVTAYOperation::proxyInBaseThread() const {
+  std::lock_guard state(_stateLock);
+  return reserved.baseThreadPerformer;
+}
+
+std::shared_ptr<RunLoopPerformer> QVTAYOperation::proxyInDispatchThread() const {
+  std::lock_guard state(_stateLock);
+  return reserved.dispatchThreadPerformer;
+}
+
 int QVTAYOperation::maxThreadCount() { return QVTAYOperationEngine::shared()._maxThreadCount; }
 
 int QVTAYOperation::currentThreadCount() {
@@ -567,14 +592,14 @@ void QVTAYOperation::setWorkerIdleTime(double seconds) {
 
 void QVTAYOperation::sendEventToThread(const QVTAYEventPtr& event) {
   std::lock_guard lock(_operationLockObject());
-  if (!_operationEnded) _sendEventToThreadLocked(event);
+  if (!operationEnded) _sendEventToThreadLocked(event);
 }
 
 void QVTAYOperation::_sendEventToThreadLocked(const QVTAYEventPtr& event) {
   std::shared_ptr<RunLoopPerformer> performer;
   {
     std::lock_guard state(_stateLock);
-    if (_currentThread) performer = _dispatchThreadPerformer;
+    if (_currentThread) performer = reserved.dispatchThreadPerformer;
   }
   if (!performer) {
     _handleEventRecursively(*this, event);
@@ -600,8 +625,8 @@ void QVTAYOperation::_handleEventRecursively(QVTAYOperation& target, const QVTAY
 bool QVTAYOperation::handleEventInThread(const QVTAYEventPtr& event) {
   QVT_LOG(kLogInfo, kOperationLog, "{} handling event {} in thread {}", description(),
           event->description(), fmt::ptr(Thread::currentThread().get()));
-  if (event != abortEvent() &&
-      !(event->domain() == kAYEventDomain && event->code() == abortEvent()->code()))
+  if (event != _ay_abortEvent() &&
+      !(event->domain() == kAYEventDomain && event->code() == _ay_abortEvent()->code()))
     return false;
   QVTAYOperation* deepest = this;
   while (QVTAYOperation* child = deepest->currentChildOperation()) deepest = child;
@@ -615,7 +640,7 @@ void QVTAYOperation::abortOperation() {
   auto& engine = QVTAYOperationEngine::shared();
   std::unique_lock lock(_operationLockObject());
   engine.lockOperations();
-  if (_operationEnded || _inAbortProcess) {
+  if (operationEnded || inAbortProcess) {
     engine.unlockOperations();
     return;
   }
@@ -625,18 +650,19 @@ void QVTAYOperation::abortOperation() {
     return;
   }
   if (engine.popLocked(*this)) {
-    _operationEnded = true;
+    operationEnded = true;
+    operationAborted = true;
     engine.unlockOperations();
     notifyWithName(QVTAYOperationEndedNotification);
     return;
   }
   engine.unlockOperations();
   QVT_LOG(kLogInfo, kOperationLog, "Sending abort event to {}", description());
-  _sendEventToThreadLocked(abortEvent());
+  _sendEventToThreadLocked(_ay_abortEvent());
 }
 
 void QVTAYOperation::_startAbortProcess() {
-  if (_operationEnded || _inAbortProcess.exchange(true)) return;
+  if (operationEnded || inAbortProcess.exchange(true)) return;
   if (_canAbortNow) {
     operationWillAbort();
     endOperationWithError(error());
@@ -653,16 +679,17 @@ void QVTAYOperation::endOperationWithError(ErrorPtr error) {
   std::shared_ptr<Thread> thread;
   {
     std::lock_guard lock(_operationLockObject());
-    if (_operationEnded) return;
+    if (operationEnded) return;
     if (error) setError(error);
-    if (_inAbortProcess) {
+    if (inAbortProcess) {
       ErrorPtr abortError =
           QVTAYVeryPrivateAbortErrorConstructor ? QVTAYVeryPrivateAbortErrorConstructor(error) : nullptr;
       _storeError(abortError ? abortError : QVTAYAbortError());
-      _inAbortProcess = false;
+      inAbortProcess = false;
+      operationAborted = true;
     }
     std::lock_guard state(_stateLock);
-    _operationEnded = true;
+    operationEnded = true;
     thread = std::exchange(_currentThread, nullptr);
   }
   if (isRunLoopBased()) (thread ? thread->runLoop() : RunLoop::currentRunLoop())->stop();
@@ -680,12 +707,12 @@ void QVTAYOperation::postOperation() {
 
 void QVTAYOperation::markWithTag(int tag, bool notify) {
   _currentMark = tag;
-  if (notify && !_silent) notifyWithName(QVTAYMarkNotification, Dictionary{{AYMarkTagKey, tag}});
+  if (notify && !silent) notifyWithName(QVTAYMarkNotification, Dictionary{{AYMarkTagKey, tag}});
 }
 
 void QVTAYOperation::notifyWithName(const std::string& name, const Dictionary& infos) {
   const bool isEnd = name == QVTAYOperationEndedNotification;
-  if (_silent && !isEnd) return;
+  if (silent && !isEnd) return;
   QVTAYOperation* parent = parentOperation();
   if (isEnd && parent) return;
   auto notification = std::make_shared<Notification>(name, shared_from_this(), infos);
@@ -693,7 +720,7 @@ void QVTAYOperation::notifyWithName(const std::string& name, const Dictionary& i
     QVT_LOG(kLogInfo, kOperationLog, "{} notifies {} to parent operation {}", description(), name,
             parent->description());
     parent->handleNotificationOfChildOperation(*this, *notification);
-  } else if (AYNotificationDelegate* delegate = _notificationDelegate) {
+  } else if (AYNotificationDelegate* delegate = notificationDelegate) {
     delegate->operation(*this, *notification);
   } else {
     _deliverInBaseThread(notification);
@@ -704,14 +731,14 @@ void QVTAYOperation::_deliverInBaseThread(const std::shared_ptr<Notification>& n
   std::shared_ptr<RunLoopPerformer> performer;
   {
     std::lock_guard state(_stateLock);
-    if (_baseThread) performer = _baseThreadPerformer;
+    if (_baseThread) performer = reserved.baseThreadPerformer;
   }
   const bool isEnd = notification->name() == QVTAYOperationEndedNotification;
   if (!performer) {
     QVT_LOG(kLogInfo, kOperationLog, "{} notifies {} to observers", description(),
             notification->name());
     NotificationCenter::defaultCenter().postNotification(*notification);
-    if (isEnd) _endDeliveredInBaseThread = true;
+    if (isEnd) reserved.endDeliveredInBaseThread = true;
     return;
   }
   QVT_LOG(kLogInfo, kOperationLog, "{} notifies {} to observers in base thread", description(),
@@ -719,9 +746,43 @@ void QVTAYOperation::_deliverInBaseThread(const std::shared_ptr<Notification>& n
   auto self = std::static_pointer_cast<QVTAYOperation>(shared_from_this());
   performer->perform([self, notification, isEnd] {
     NotificationCenter::defaultCenter().postNotification(*notification);
-    if (isEnd) self->_endDeliveredInBaseThread = true;
+    if (isEnd) self->reserved.endDeliveredInBaseThread = true;
   });
 }
+
+namespace {
+
+// Waits on the base thread for the end notice of one operation: runs the
+// loop in turns until the notice has arrived. The notice is posted on this
+// thread, by this loop, so it cannot pass before the observer is in place.
+class QVT_AYOperationEndWaiter {
+ public:
+  explicit QVT_AYOperationEndWaiter(QVTAYOperationPtr operation) : _operation(std::move(operation)) {
+    _token = NotificationCenter::defaultCenter().addObserver(
+        [this](const Notification&) { operationEnded(); }, QVTAYOperationEndedNotification,
+        _operation.get());
+  }
+  ~QVT_AYOperationEndWaiter() { NotificationCenter::defaultCenter().removeObserver(_token); }
+  QVT_AYOperationEndWaiter(const QVT_AYOperationEndWaiter&) = delete;
+  QVT_AYOperationEndWaiter& operator=(const QVT_AYOperationEndWaiter&) = delete;
+
+  void waitInMode(const std::string& mode) {
+    while (!_received) _loop->runInMode(mode, kLongTurn);
+  }
+
+ private:
+  void operationEnded() {
+    _received = true;
+    _loop->stop();
+  }
+
+  QVTAYOperationPtr _operation;
+  std::shared_ptr<RunLoop> _loop = RunLoop::currentRunLoop();
+  bool _received = false;
+  NotificationCenter::Token _token = 0;
+};
+
+}  // namespace
 
 void QVTAYOperation::waitForOperationToEnd() { waitForOperationToEndInMode(kOperationRunLoopMode); }
 
@@ -730,22 +791,13 @@ void QVTAYOperation::waitForOperationToEndInMode(const std::string& mode) {
   if (!base || !base->isCurrent())
     raiseException(kAYBadOperationName, "waitForOperationToEnd called in wrong thread");
   auto loop = RunLoop::currentRunLoop();
-  if (_operationEnded) {
-    if (_notificationDelegate) return;
-    while (!_endDeliveredInBaseThread) loop->runInMode(mode, kLongTurn, true);
+  if (operationEnded) {
+    if (notificationDelegate) return;
+    while (!reserved.endDeliveredInBaseThread) loop->runInMode(mode, kLongTurn, true);
     return;
   }
-  // The end waiter: the end notification is posted on this thread, by this
-  // loop, so it cannot pass before the observer is in place.
-  bool received = false;
-  auto token = NotificationCenter::defaultCenter().addObserver(
-      [&received, loop](const Notification&) {
-        received = true;
-        loop->stop();
-      },
-      QVTAYOperationEndedNotification, this);
-  while (!received) loop->runInMode(mode, kLongTurn);
-  NotificationCenter::defaultCenter().removeObserver(token);
+  QVT_AYOperationEndWaiter waiter(std::static_pointer_cast<QVTAYOperation>(shared_from_this()));
+  waiter.waitInMode(mode);
 }
 
 bool QVTAYOperation::runOperationWithTimeOut(double seconds) {
@@ -755,11 +807,11 @@ bool QVTAYOperation::runOperationWithTimeOut(double seconds) {
                    "Can't call runOperationWithTimeOut if operation is not declared as run-loop based");
   }
   auto loop = RunLoop::currentRunLoop();
-  while (!_operationEnded) {
+  while (!operationEnded) {
     const std::time_t start = std::time(nullptr);
     const RunLoopResult result =
         loop->runInMode(kOperationRunLoopMode, seconds > 0 ? seconds : kLongTurn, true);
-    if (result != RunLoopResult::TimedOut || _operationEnded) continue;
+    if (result != RunLoopResult::TimedOut || operationEnded) continue;
     if (seconds > 0 && double(std::time(nullptr) - start) >= seconds) {
       endOperationWithError(Error::errorWithDomain(
           QVTAYErrorDomain, kQVTAYTimedOutErrorCode,
@@ -769,7 +821,7 @@ bool QVTAYOperation::runOperationWithTimeOut(double seconds) {
       QVT_LOG(kLogInfo, kOperationLog, "Run loop 'time out' turn with no real time out");
     }
   }
-  return _operationEnded;
+  return operationEnded;
 }
 
 }  // namespace pc

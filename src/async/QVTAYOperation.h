@@ -132,6 +132,11 @@ class QVT_AYProxy : public Object {
   bool asyncLaunch() const { return _asyncLaunch; }
   void setAsyncLaunch(bool flag) { _asyncLaunch = flag; }
   bool respondsToSelector(const std::string& selector) const;
+  // Whether the proxy itself, or else its operation, is a `Protocol`.
+  template <class Protocol>
+  bool conformsToProtocol() const {
+    return dynamic_cast<const Protocol*>(this) || dynamic_cast<const Protocol*>(_operation);
+  }
   // The argument type codes of the operation's method, or none.
   std::optional<std::string> methodSignatureForSelector(const std::string& selector) const;
   // Sends a message. Asynchronous: queued, answers null. Synchronous: runs
@@ -179,12 +184,14 @@ class QVTAYOperation : public Object {
 
   // --- State.
   bool isAsync() const { return _mainOperation.load() != nullptr; }
-  bool hasOperationEnded() const { return _operationEnded.load(); }
-  bool isAborting() const { return _inAbortProcess.load(); }
+  bool hasOperationEnded() const { return operationEnded.load(); }
+  bool isAborting() const { return inAbortProcess.load(); }
+  // Ended by an abort (queued or running).
+  bool wasAborted() const { return operationAborted.load(); }
   bool canAbortNow() const { return _canAbortNow.load(); }
   void setCanAbortNow(bool flag);
-  bool isSilent() const { return _silent.load(); }
-  void setSilent(bool flag) { _silent = flag; }
+  bool isSilent() const { return silent.load(); }
+  void setSilent(bool flag) { silent = flag; }
   int currentMark() const { return _currentMark.load(); }
   QVTAYOperation* parentOperation() const { return _parentOperation.load(); }
   QVTAYOperation* mainOperation() const { return _mainOperation.load(); }
@@ -193,7 +200,7 @@ class QVTAYOperation : public Object {
   std::shared_ptr<Thread> baseThread() const;
   std::shared_ptr<AYGroup> operationGroup() const;
   void setOperationGroup(std::shared_ptr<AYGroup> group);
-  void setNotificationDelegate(AYNotificationDelegate* delegate) { _notificationDelegate = delegate; }
+  void setNotificationDelegate(AYNotificationDelegate* delegate) { notificationDelegate = delegate; }
   std::shared_ptr<QVTAYSimpleOperationCompanion> operationCompanion() const;
   // Null removes it.
   void setOperationCompanion(std::shared_ptr<QVTAYSimpleOperationCompanion> companion);
@@ -250,6 +257,17 @@ class QVTAYOperation : public Object {
   // it ended.
   bool runOperationWithTimeOut(double seconds);
 
+  // The performers that run calls on the base thread and on the thread the
+  // operation runs on (null when there is none).
+  std::shared_ptr<RunLoopPerformer> proxyInBaseThread() const;
+  std::shared_ptr<RunLoopPerformer> proxyInDispatchThread() const;
+
+  // --- Locking shortcuts: the queue's lock is not taken on `thread`'s
+  // behalf (a thread that already holds it while it calls back), until
+  // _lockForAllThreads.
+  static void _noLockForThread(std::thread::id thread);
+  static void _lockForAllThreads();
+
   // The operation's lock, for the engine's locking order; not for users.
   std::recursive_mutex& _operationLockObject();
 
@@ -265,28 +283,33 @@ class QVTAYOperation : public Object {
   void _storeError(ErrorPtr error);
   void _deliverInBaseThread(const std::shared_ptr<Notification>& notification);
 
-  std::shared_ptr<QVT_AYProxy> _asyncProxy;
+  std::shared_ptr<QVT_AYProxy> asyncProxy;
   std::shared_ptr<QVT_AYProxy> _syncProxy;
   std::atomic<QVTAYOperation*> _parentOperation{nullptr};
   std::atomic<QVTAYOperation*> _mainOperation{nullptr};
   std::atomic<QVTAYOperation*> _currentChildOperation{nullptr};
-  std::recursive_mutex _operationLock;
+  std::recursive_mutex operationLock;
   // Guards the fields below it; a leaf lock, never held while calling out.
   mutable std::mutex _stateLock;
   std::shared_ptr<Thread> _currentThread;
   std::shared_ptr<Thread> _baseThread;
   std::shared_ptr<AYGroup> _group;
   ErrorPtr _error;
-  std::shared_ptr<RunLoopPerformer> _baseThreadPerformer;
-  std::shared_ptr<RunLoopPerformer> _dispatchThreadPerformer;
-  Dictionary _privateInfos;
-  std::atomic<bool> _operationEnded{false};
-  std::atomic<bool> _silent{false};
+  // The performers bound to the base and the dispatch threads' loops, and
+  // whether the end notice was delivered on the base thread.
+  struct Reserved {
+    std::shared_ptr<RunLoopPerformer> baseThreadPerformer;
+    std::shared_ptr<RunLoopPerformer> dispatchThreadPerformer;
+    std::atomic<bool> endDeliveredInBaseThread{false};
+  } reserved;
+  Dictionary privateInfos;
+  std::atomic<bool> operationEnded{false};
+  std::atomic<bool> operationAborted{false};
+  std::atomic<bool> silent{false};
   std::atomic<bool> _canAbortNow{true};
-  std::atomic<bool> _inAbortProcess{false};
-  std::atomic<bool> _endDeliveredInBaseThread{false};
+  std::atomic<bool> inAbortProcess{false};
   std::atomic<int> _currentMark{0};
-  std::atomic<AYNotificationDelegate*> _notificationDelegate{nullptr};
+  std::atomic<AYNotificationDelegate*> notificationDelegate{nullptr};
 };
 
 }  // namespace pc

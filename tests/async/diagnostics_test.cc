@@ -136,7 +136,7 @@ TEST(Diagnostics, FriendlyExceptionsRecordAndLogTheirStacks) {
 #ifndef __SANITIZE_THREAD__
 TEST(DiagnosticsDeathTest, DeliberateCrashStopsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(_QVTCrash(), "we are going to crash now\\.\\.\\.");
+  EXPECT_DEATH(QVTCrash(), "we are going to crash now\\.\\.\\.");
 }
 #endif
 

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "async/QVTAYOperation.h"
+#include "async/QVTCFStreamErrorSupport.h"
 #include "platform/Exception.h"
 #include "support/LogCapture.h"
 
@@ -437,6 +438,32 @@ TEST(Operation, StressEveryOperationEndsOnce) {
     EXPECT_LE(companions[std::size_t(i)]->calls, 1);
     EXPECT_LE(operations[std::size_t(i)]->finalized, 1);
   }
+}
+
+}  // namespace
+}  // namespace pc
+
+namespace pc {
+namespace {
+
+TEST(StreamErrors, MapDomainNumbersToNamedDomainsKeepingTheCode) {
+  using namespace QVTCFStreamErrorSupport;
+  const std::pair<long, std::string> table[] = {
+      {1, kPOSIXErrorDomain},          {2, kOSStatusErrorDomain},
+      {12, "AYNetDBErrorDomain"},      {kStreamErrorDomainFTP, "AYFTPErrorDomain"},
+      {QVTkAYStreamErrorDomainIOKit, kAYIOKitErrorDomain}, {7, "Error domain 7"},
+      {-3, "Error domain -3"}};
+  for (const auto& [domain, name] : table) {
+    ErrorPtr error = QVTerrorForCFStreamError({domain, -9806});
+    EXPECT_EQ(error->domain(), name);
+    EXPECT_EQ(error->code(), -9806);
+  }
+  struct Stream : ReadStream {
+    StreamError streamError() const override { return {1, 61}; }
+  };
+  EXPECT_EQ(QVTbetterStreamError(Stream())->description(),
+            "Error Domain=POSIXErrorDomain Code=61 \"The operation couldn't be completed. "
+            "(POSIXErrorDomain error 61.)\"");
 }
 
 }  // namespace
