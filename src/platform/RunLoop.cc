@@ -147,13 +147,18 @@ RunLoopResult RunLoop::runInMode(const std::string& mode, double seconds,
 
   std::unique_lock guard(_lock);
   _runningModes.push_back(mode);
+  // Leaves the run with the lock held, also when a call throws.
   struct Leave {
     RunLoop& loop;
-    ~Leave() { loop._runningModes.pop_back(); }
+    std::unique_lock<std::mutex>& guard;
+    ~Leave() {
+      if (!guard.owns_lock()) guard.lock();
+      loop._runningModes.pop_back();
+    }
   };
   RunLoopResult result = RunLoopResult::TimedOut;
   {
-    Leave leave{*this};
+    Leave leave{*this, guard};
     for (;;) {
       if (_stopRequested) {
         _stopRequested = false;

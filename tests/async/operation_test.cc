@@ -13,7 +13,7 @@
 #include "async/QVTAYOperation.h"
 #include "async/QVTCFStreamErrorSupport.h"
 #include "platform/Exception.h"
-#include "support/LogCapture.h"
+#include "async/AYLogger.h"
 
 namespace pc {
 namespace {
@@ -319,8 +319,33 @@ class Delegate : public AYNotificationDelegate {
   std::vector<std::string> names;
 };
 
+// Keeps the errors logged in the operations' domain, from any thread.
+class ErrorLog : public QVTAYLogger {
+ public:
+  ErrorLog() { addLogger(_self, "QVTAYOPERATION", kLogError); }
+  ~ErrorLog() override { stop(); }
+  void stop() { removeLogger(_self, "QVTAYOPERATION", kLogError); }
+  std::string className() const override { return "ErrorLog"; }
+  void dumpLogInFile(const char*, const char*, unsigned, const std::string&, int,
+                     const std::string& message) override {
+    std::lock_guard guard(_lock);
+    _messages.push_back(message);
+  }
+  std::optional<URL> urlToFile() const override { return std::nullopt; }
+  std::vector<std::string> messages() {
+    std::lock_guard guard(_lock);
+    return _messages;
+  }
+
+ private:
+  std::mutex _lock;
+  std::vector<std::string> _messages;
+  // Registered through a non-owning pointer: the test owns the log.
+  std::shared_ptr<QVTAYLogger> _self{std::shared_ptr<QVTAYLogger>(), this};
+};
+
 TEST(Operation, NoticesGoToParentDelegateOrBaseThread) {
-  test::LogCapture log;
+  ErrorLog log;
   // To observers on the base thread.
   std::vector<std::string> observed;
   auto token = NotificationCenter::defaultCenter().addObserver(
@@ -369,10 +394,11 @@ TEST(Operation, NoticesGoToParentDelegateOrBaseThread) {
   EXPECT_THAT(parent->childNotices, ::testing::ElementsAre(QVTAYMarkNotification));
   EXPECT_TRUE(child->hasOperationEnded());
   EXPECT_EQ(parent->finalized, 1);
-  EXPECT_TRUE(std::any_of(log.lines().begin(), log.lines().end(), [](const test::LogLine& line) {
-    return line.type == "QVTAYOPERATION" && line.level == kLogError &&
-           line.message.find("raised exception") != std::string::npos &&
-           line.message.find("bad input") != std::string::npos;
+  log.stop();
+  const auto errors = log.messages();
+  EXPECT_TRUE(std::any_of(errors.begin(), errors.end(), [](const std::string& message) {
+    return message.find("raised exception") != std::string::npos &&
+           message.find("bad input") != std::string::npos;
   }));
 
   // Messages the operation does not answer are refused at the proxy.
