@@ -92,11 +92,12 @@ TEST(RunLoop, OtherThreadsPerformStopAndCancel) {
   EXPECT_NE(ranOn, std::this_thread::get_id());
 
   // A run waiting for a long time is woken by a stop from another thread.
-  std::atomic<bool> stopped{false};
+  std::atomic<bool> entering{false}, stopped{false};
   performer->perform([&] {
+    entering = true;  // a stop from now on ends the run below
     stopped = RunLoop::currentRunLoop()->runInMode("Custom", 1e6) == RunLoopResult::Stopped;
   });
-  ASSERT_TRUE(eventually([&] { return worker.loop()->currentMode() == "Custom"; }));
+  ASSERT_TRUE(eventually([&] { return entering.load(); }));
   worker.loop()->stop();
   ASSERT_TRUE(eventually([&] { return stopped.load(); }));
 
