@@ -121,7 +121,11 @@ std::string QVTFriendlyException::symbolsForCurrentThreadStack() {
   if (lines.empty()) return kNoSymbols;
   std::string text;
   text.reserve(1024);
+  bool top = true;
   for (const std::string& line : lines) {
+    // A sanitizer's wrapper of backtrace may sit above this function.
+    if (top && line.find("backtrace") != std::string::npos) continue;
+    top = false;
     // The exception classes' own frames, and those of the factory that makes them.
     if (line.find("pc::Exception") != std::string::npos ||
         line.find("pc::QVTFriendlyException") != std::string::npos)
