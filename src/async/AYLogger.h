@@ -40,8 +40,8 @@ ConsoleLogSink setConsoleLogSink(ConsoleLogSink sink);
 void consoleLog(const std::string& text);
 
 // Called by QVTRegisterLogs when "LogsExceptions" is set, to put the
-// diagnostics module's exception class in place; a no-op until set. Answers
-// the previous hook.
+// diagnostics module's exception class in place (the diagnostics module sets
+// it at start-up to QVTFriendlyException::install). Answers the previous hook.
 std::function<void()> setExceptionSubstitutionHook(std::function<void()> hook);
 
 // Registers the loggers the user's preferences ask for ("LogWarnings",
