@@ -5,6 +5,8 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <map>
+#include <memory>
 #include <mutex>
 
 namespace pc {
@@ -27,8 +29,17 @@ class ConditionLock {
   int condition() const { return _condition; }
 
  private:
+  // Threads waiting for one condition value; an unlock wakes one of those
+  // waiting for the new condition and one waiting for any, not all of them.
+  struct Waiters {
+    std::condition_variable ready;
+    int count = 0;
+  };
+  Waiters& waitersFor(int condition);
+
   std::mutex _mutex;
-  std::condition_variable _changed;
+  Waiters _anyCondition;
+  std::map<int, std::unique_ptr<Waiters>> _byCondition;
   bool _locked = false;
   int _condition;
 };
