@@ -1,5 +1,6 @@
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -20,21 +21,23 @@ using ::testing::ElementsAre;
 class LoopThread {
  public:
   explicit LoopThread(std::string mode) {
-    _thread = std::thread([this, mode] {
-      _loop = RunLoop::currentRunLoop();
-      _loop.load()->addCommonMode("Custom");
-      while (!_finish) _loop.load()->runInMode(mode, 0.05);
+    std::promise<std::shared_ptr<RunLoop>> made;
+    _thread = std::thread([this, mode, &made] {
+      auto loop = RunLoop::currentRunLoop();
+      loop->addCommonMode("Custom");
+      made.set_value(loop);
+      while (!_finish) loop->runInMode(mode, 0.05);
     });
-    while (!_loop.load()) std::this_thread::yield();
+    _loop = made.get_future().get();
   }
   ~LoopThread() {
     _finish = true;
     _thread.join();
   }
-  std::shared_ptr<RunLoop> loop() const { return _loop.load(); }
+  std::shared_ptr<RunLoop> loop() const { return _loop; }
 
  private:
-  std::atomic<std::shared_ptr<RunLoop>> _loop;
+  std::shared_ptr<RunLoop> _loop;
   std::atomic<bool> _finish{false};
   std::thread _thread;
 };
