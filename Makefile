@@ -2,6 +2,7 @@
 # program on the examples. Both install the missing Debian packages first.
 BUILD      ?= build
 SANBUILD   ?= build-sanitize
+TSANBUILD  ?= build-tsan
 BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CTEST_ARGS ?= --output-on-failure
@@ -10,7 +11,7 @@ PROGRAM     = $(BUILD)/tools/phoneconduit
 # The build tool make runs below needs no "Entering directory" lines.
 MAKEFLAGS  += --no-print-directory
 
-.PHONY: all deps configure build test demo bench test-sanitize clean
+.PHONY: all deps configure build test demo bench test-sanitize test-tsan clean
 
 all: build
 
@@ -38,5 +39,12 @@ test-sanitize: deps
 	@ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	  ctest --test-dir $(SANBUILD) -j $(JOBS) $(CTEST_ARGS)
 
+# The whole suite under ThreadSanitizer; the benchmarks are not built there.
+test-tsan: deps
+	@cmake -S . -B $(TSANBUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPC_TSAN=ON -DPC_BENCHMARKS=OFF >/dev/null
+	@cmake --build $(TSANBUILD) -j $(JOBS)
+	@TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  ctest --test-dir $(TSANBUILD) -j $(JOBS) $(CTEST_ARGS)
+
 clean:
-	rm -rf $(BUILD) $(SANBUILD)
+	rm -rf $(BUILD) $(SANBUILD) $(TSANBUILD)

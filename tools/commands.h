@@ -47,5 +47,7 @@ void addDeviceCommands(CLI::App& app);
 void addMethodsCommands(CLI::App& app);
 // format, check-device.
 void addFormatCommands(CLI::App& app);
+// hexdump.
+void addHexdumpCommands(CLI::App& app);
 
 }  // namespace pc::tools

@@ -16,6 +16,7 @@ int main(int argc, char** argv) {
   pc::tools::addRecurrenceCommands(app);
   pc::tools::addMethodsCommands(app);
   pc::tools::addFormatCommands(app);
+  pc::tools::addHexdumpCommands(app);
 
   // Errors always reach standard error; the user's preferences may ask for more.
   pc::QVTRegisterLogs();

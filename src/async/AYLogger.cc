@@ -12,6 +12,7 @@
 #include <ctime>
 #include <filesystem>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -104,6 +105,37 @@ constinit std::atomic<const LevelCache*> _ay_loggerForInfos{nullptr};
 constexpr std::array<std::atomic<const LevelCache*>*, 4> kLevelCaches = {
     &_ay_loggerForErrors, &_ay_loggerForWarnings, &_ay_loggerForImportants, &_ay_loggerForInfos};
 
+// Reclaiming replaced caches. A reader announces itself on the counter of
+// the current epoch before it loads a cache pointer and leaves when it is
+// done with it; read sections are short and never call out. A writer that
+// replaced caches waits, for each epoch in turn, until the readers counted
+// there have left (flipping the epoch first so that new readers count on the
+// other side and cannot keep it waiting). Every reader that could have
+// loaded a replaced pointer announced itself before the replacement, so once
+// both counters have drained the replaced caches have no reader left.
+constinit std::atomic<unsigned> sReaderEpoch{0};
+constinit std::array<std::atomic<long>, 2> sReaders{};
+
+class ReadSection {
+ public:
+  ReadSection() : _slot(sReaderEpoch.load() & 1u) { sReaders[_slot].fetch_add(1); }
+  ~ReadSection() { sReaders[_slot].fetch_sub(1); }
+  ReadSection(const ReadSection&) = delete;
+  ReadSection& operator=(const ReadSection&) = delete;
+
+ private:
+  unsigned _slot;
+};
+
+// Waits until no reader can still hold a pointer loaded before this call.
+// Caller holds the registry lock (writers are serialised).
+void waitForReaders() {
+  for (int round = 0; round < 2; ++round) {
+    const unsigned drained = sReaderEpoch.fetch_add(1) & 1u;
+    while (sReaders[drained].load() != 0) std::this_thread::yield();
+  }
+}
+
 struct Registration {
   std::optional<std::string> type;
   int mask;
@@ -115,8 +147,6 @@ struct Registration {
 struct Registry {
   std::mutex _ay_loggerLock;
   std::vector<Registration> _ay_loggerArray;
-  // Every cache ever published: a reader may still hold an older one.
-  std::vector<std::unique_ptr<const LevelCache>> snapshots;
   QVTAYLoggerPtr _ay_stderrLogger;
   QVTAYLoggerPtr _ay_fileLogger;
 };
@@ -127,8 +157,10 @@ Registry& registry() {
 }
 
 // Rebuilds the caches of the levels in `mask` from the registrations, in
-// registration order. Caller holds the lock.
+// registration order, then frees the caches they replace once no reader can
+// hold them. Caller holds the lock.
 void _recalculateCacheWithMask(Registry& reg, int mask) {
+  std::vector<std::unique_ptr<const LevelCache>> replaced;
   for (std::size_t slot = 0; slot < kLevels.size(); ++slot) {
     const int level = kLevels[slot];
     if (!(mask & level)) continue;
@@ -138,19 +170,37 @@ void _recalculateCacheWithMask(Registry& reg, int mask) {
       auto& list = registration.type ? cache->byType[*registration.type] : cache->anyType;
       list.push_back(registration.logger);
     }
-    const LevelCache* published = nullptr;
-    if (!cache->empty()) {
-      published = cache.get();
-      reg.snapshots.push_back(std::move(cache));
-    }
-    kLevelCaches[slot]->store(published, std::memory_order_release);
+    const LevelCache* published = cache->empty() ? nullptr : cache.release();
+    replaced.emplace_back(kLevelCaches[slot]->exchange(published));
   }
+  waitForReaders();
 }
 
 const LevelCache* cacheForLevel(int level) {
   const int index = levelIndex(level);
-  return index < 0 ? nullptr : kLevelCaches[std::size_t(index)]->load(std::memory_order_acquire);
+  return index < 0 ? nullptr : kLevelCaches[std::size_t(index)]->load();
 }
+
+// The stack position of the function that logs, recorded by the first
+// logging entry point it calls (checkCondition, logWithLoggers, ...), so that
+// every way of logging from one function gives the file logger the same
+// position however many helper frames lie in between.
+thread_local std::uintptr_t tLogSiteMarker = 0;
+
+class LogSiteScope {
+ public:
+  explicit LogSiteScope(const void* frame) : _owner(tLogSiteMarker == 0) {
+    if (_owner) tLogSiteMarker = reinterpret_cast<std::uintptr_t>(frame);
+  }
+  ~LogSiteScope() {
+    if (_owner) tLogSiteMarker = 0;
+  }
+  LogSiteScope(const LogSiteScope&) = delete;
+  LogSiteScope& operator=(const LogSiteScope&) = delete;
+
+ private:
+  bool _owner;
+};
 
 // ---------------------------------------------------------------------------
 // Time of a record, in the system time zone, with 0.0005 s added so that the
@@ -338,6 +388,7 @@ std::function<void()> setExceptionSubstitutionHook(std::function<void()> hook) {
 }
 
 bool AYHasLogForLevel(int level) {
+  ReadSection reading;
   const LevelCache* cache = cacheForLevel(level);
   return cache != nullptr && !cache->empty();
 }
@@ -371,7 +422,26 @@ std::unique_ptr<QVTAYLoggerList> loggersForTypeLevel(const std::string& domain, 
 void logWithLoggers(const QVTAYLoggerList& loggers, const char* file, const char* function,
                     unsigned line, const std::string& domain, int level,
                     const std::string& message) {
-  for (const auto& logger : loggers) logger->dumpLogInFile(file, function, line, domain, level, message);
+  logAtSite(loggers, LogSite{file, function, line, level, domain}, message);
+}
+
+void logAtSite(const QVTAYLoggerList& loggers, const LogSite& site, const std::string& message) {
+  LogSiteScope scope(__builtin_frame_address(0));
+  for (const auto& logger : loggers)
+    logger->dumpLogInFile(site.file, site.function, site.line, site.domain, site.level, message);
+}
+
+void vlogAtSite(const QVTAYLoggerList* loggers, const LogSite& site, fmt::string_view format,
+                fmt::format_args args) {
+  LogSiteScope scope(__builtin_frame_address(0));
+  std::unique_ptr<QVTAYLoggerList> found;
+  if (!loggers) {
+    // Copied out of the cache first: a logger may itself log.
+    found = QVTAYLogger::loggersForType(site.domain, site.level);
+    loggers = found.get();
+  }
+  if (!loggers || loggers->empty()) return;
+  logAtSite(*loggers, site, vformatLogMessage(format, args));
 }
 
 std::string vformatLogMessage(fmt::string_view format, fmt::format_args args) {
@@ -386,6 +456,7 @@ std::string vformatLogMessage(fmt::string_view format, fmt::format_args args) {
 
 bool checkCondition(bool ok, const char* text, const char* function, unsigned line) {
   if (!ok && AYHasLogForLevel(kLogError)) {
+    LogSiteScope site(__builtin_frame_address(0));
     if (auto loggers = QVTAYLogger::loggersForType(QVTLOG, kLogError))
       QVTAYLogger::logWithLoggers(*loggers, nullptr, function, line, QVTLOG, kLogError,
                                   "condition \"{}\" failed", text);
@@ -419,6 +490,7 @@ void QVTAYLogger::removeLogger(const QVTAYLoggerPtr& logger,
 }
 
 std::unique_ptr<QVTAYLoggerList> QVTAYLogger::loggersForType(const std::string& type, int level) {
+  ReadSection reading;
   const LevelCache* cache = cacheForLevel(level);
   if (!cache) return nullptr;
   std::unique_ptr<QVTAYLoggerList> result;
@@ -432,20 +504,13 @@ std::unique_ptr<QVTAYLoggerList> QVTAYLogger::loggersForType(const std::string& 
 void QVTAYLogger::vlogWithLoggers(const QVTAYLoggerList& loggers, const char* file,
                                   const char* function, unsigned line, const std::string& type,
                                   int level, fmt::string_view format, fmt::format_args args) {
-  if (loggers.empty()) return;
-  detail::logWithLoggers(loggers, file, function, line, type, level, detail::vformatLogMessage(format, args));
+  detail::vlogAtSite(&loggers, detail::LogSite{file, function, line, level, type}, format, args);
 }
 
 void QVTAYLogger::vlogInFile(const char* file, const char* function, unsigned line,
                              const std::string& type, int level, fmt::string_view format,
                              fmt::format_args args) {
-  const LevelCache* cache = cacheForLevel(level);
-  if (!cache) return;
-  std::optional<std::string> message;
-  cache->forEachLogger(type, [&](const QVTAYLoggerPtr& logger) {
-    if (!message) message = detail::vformatLogMessage(format, args);
-    logger->dumpLogInFile(file, function, line, type, level, *message);
-  });
+  detail::vlogAtSite(nullptr, detail::LogSite{file, function, line, level, type}, format, args);
 }
 
 QVTAYLoggerPtr QVTAYLogger::stderrStreamLogger() {
@@ -525,11 +590,13 @@ QVTAYLoggerPtr QVT_AYFileLogger::initWithBaseDir(const std::string& baseDir) {
 void QVT_AYFileLogger::dumpLogInFile(const char* file, const char* function, unsigned line,
                                      const std::string& type, int level,
                                      const std::string& message) {
-  // This frame's address marks the caller's stack position: it lies a fixed
-  // distance below the logging function's frame.
-  const int depth = function
-      ? updateCallStack(reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0)), function)
-      : 0;
+  // The logging function's stack position: the frame of the first logging
+  // entry point it called, or this frame when it called this directly. Both
+  // lie the same fixed distance below the logging function's frame.
+  const std::uintptr_t marker = tLogSiteMarker
+      ? tLogSiteMarker
+      : reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
+  const int depth = function ? updateCallStack(marker, function) : 0;
   const LogTime time = logTimeNow();
 
   std::string text = message;

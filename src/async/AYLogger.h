@@ -40,8 +40,8 @@ ConsoleLogSink setConsoleLogSink(ConsoleLogSink sink);
 void consoleLog(const std::string& text);
 
 // Called by QVTRegisterLogs when "LogsExceptions" is set, to put the
-// diagnostics module's exception class in place; a no-op until set. Answers
-// the previous hook.
+// diagnostics module's exception class in place (the diagnostics module sets
+// it at start-up to QVTFriendlyException::install). Answers the previous hook.
 std::function<void()> setExceptionSubstitutionHook(std::function<void()> hook);
 
 // Registers the loggers the user's preferences ask for ("LogWarnings",
@@ -74,12 +74,13 @@ class QVTAYLogger : public Object {
   // Formats once and hands the message to each logger in order. A format
   // that cannot be rendered is reported on the console log and replaced by
   // "**** Undisplayable message ****".
+  // Inlined into the caller, so that the file logger sees the caller's depth.
   template <class... Args>
-  static void logWithLoggers(const QVTAYLoggerList& loggers, const char* file, const char* function,
+  [[gnu::always_inline]] static void logWithLoggers(const QVTAYLoggerList& loggers, const char* file, const char* function,
                              unsigned line, const std::string& type, int level,
                              fmt::format_string<Args...> format, Args&&... args) {
-    vlogWithLoggers(loggers, file, function, line, type, level, format,
-                    fmt::make_format_args(args...));
+    detail::vlogAtSite(&loggers, detail::LogSite{file, function, line, level, type}, format,
+                       fmt::make_format_args(args...));
   }
   static void vlogWithLoggers(const QVTAYLoggerList& loggers, const char* file,
                               const char* function, unsigned line, const std::string& type,
@@ -88,10 +89,11 @@ class QVTAYLogger : public Object {
   // Looks the loggers up and logs in one call; formats only when a logger
   // matches, and once.
   template <class... Args>
-  static void logInFile(const char* file, const char* function, unsigned line,
+  [[gnu::always_inline]] static void logInFile(const char* file, const char* function, unsigned line,
                         const std::string& type, int level, fmt::format_string<Args...> format,
                         Args&&... args) {
-    vlogInFile(file, function, line, type, level, format, fmt::make_format_args(args...));
+    detail::vlogAtSite(nullptr, detail::LogSite{file, function, line, level, type}, format,
+                       fmt::make_format_args(args...));
   }
   static void vlogInFile(const char* file, const char* function, unsigned line,
                          const std::string& type, int level, fmt::string_view format,

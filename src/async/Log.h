@@ -45,6 +45,23 @@ std::unique_ptr<QVTAYLoggerList> loggersForTypeLevel(const std::string& domain, 
 void logWithLoggers(const QVTAYLoggerList& loggers, const char* file, const char* function,
                     unsigned line, const std::string& domain, int level,
                     const std::string& message);
+
+// Where a log call comes from. The logging entry points called directly from
+// a log site take few enough arguments to pass them all in registers, so
+// that their frames lie at the same distance below the calling function's
+// frame whichever entry point it calls (the file logger's depth relies on it).
+struct LogSite {
+  const char* file;
+  const char* function;
+  unsigned line;
+  int level;
+  const std::string& domain;
+};
+void logAtSite(const QVTAYLoggerList& loggers, const LogSite& site, const std::string& message);
+// Formats once, for the given loggers or (null) those registered for the
+// site's domain and level; nothing is formatted when there are none.
+void vlogAtSite(const QVTAYLoggerList* loggers, const LogSite& site, fmt::string_view format,
+                fmt::format_args args);
 // Logs `condition "<text>" failed` at level 1 in "QVT"; answers `ok`.
 bool checkCondition(bool ok, const char* text, const char* function, unsigned line);
 
@@ -66,9 +83,11 @@ std::string formatLogMessage(fmt::format_string<T...> format, T&&... args) {
     if (::pc::AYHasLogForLevel(qvtLogLevel_)) {                                              \
       const ::std::string qvtLogDomain_ = (domain);                                          \
       if (auto qvtLoggers_ = ::pc::detail::loggersForTypeLevel(qvtLogDomain_, qvtLogLevel_)) \
-        ::pc::detail::logWithLoggers(*qvtLoggers_, nullptr, __PRETTY_FUNCTION__, __LINE__,   \
-                                     qvtLogDomain_, qvtLogLevel_,                            \
-                                     ::pc::detail::formatLogMessage(__VA_ARGS__));           \
+        ::pc::detail::logAtSite(                                                             \
+            *qvtLoggers_,                                                                    \
+            ::pc::detail::LogSite{nullptr, __PRETTY_FUNCTION__, __LINE__, qvtLogLevel_,      \
+                                  qvtLogDomain_},                                            \
+            ::pc::detail::formatLogMessage(__VA_ARGS__));                                    \
     }                                                                                        \
   } while (0)
 

@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -289,6 +290,27 @@ TEST_F(FileLoggerTest, DepthCountsNestedLoggingFunctions) {
   EXPECT_THAT(depths, ElementsAre("outer:1", "inner:2", "inner:2", "outer:1", "shallow:1"));
 }
 
+// Every way of logging from one function is recorded at that function's depth.
+[[gnu::noinline]] void logAndCheck(bool condition) {
+  QVT_LOG(kLogInfo, QVTLOG, "before");
+  QVT_CHECK(condition);
+  QVTAYLogger::logInFile(nullptr, __PRETTY_FUNCTION__, __LINE__, QVTLOG, kLogInfo, "direct");
+  QVT_LOG(kLogInfo, QVTLOG, "after");
+  asm volatile("" ::: "memory");
+}
+
+TEST_F(FileLoggerTest, FailedCheckHasTheDepthOfItsFunctionsOtherLogs) {
+  QVTAYLogger::addLogger(logger, std::nullopt, kLogError | kLogInfo);
+  logAndCheck(false);
+  QVTAYLogger::removeLogger(logger, std::nullopt, kLogError | kLogInfo);
+  const std::string text = written();
+  std::vector<std::string> depths;
+  const std::regex entry("DEPTH: (\\d+)\n");
+  for (std::sregex_iterator it(text.begin(), text.end(), entry), end; it != end; ++it)
+    depths.push_back((*it)[1].str());
+  EXPECT_THAT(depths, ElementsAre("1", "1", "1", "1")) << text;
+}
+
 TEST_F(LoggingTest, OccupiedLogDirectoryFallsBackToNumberedSiblings) {
   const fs::path base = dir / "logs";
   std::ofstream(base) << "x";
@@ -358,21 +380,45 @@ TEST_F(RegisterLogsTest, PreferencesAddLevelsTypesTheFileAndTheExceptionHook) {
   EXPECT_THAT(console, ::testing::Contains(HasSubstr("LogAdditions: ignored 3")));
 }
 
-// Registration changes while other threads log: every record arrives whole.
+// Registration changes while other threads log: every record arrives whole,
+// and the caches the changes replace are freed (under AddressSanitizer and
+// ThreadSanitizer a reader still using a freed cache is reported).
 TEST_F(LoggingTest, LoggingWhileRegistrationsChange) {
   auto steady = add(QVTLOG, kLogInfo);
+  std::atomic<bool> churning{true};
+  std::atomic<int> logged{0};
   std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([] {
-      for (int i = 0; i < 200; ++i) QVT_LOG(kLogInfo, QVTLOG, "message {}", i);
+  for (int t = 0; t < 3; ++t)
+    threads.emplace_back([&] {
+      for (int i = 0; i < 200 || (churning && i < 200000); ++i) {
+        QVT_LOG(kLogInfo, QVTLOG, "message {}", i);
+        ++logged;
+      }
     });
   auto churn = std::make_shared<RecordingLogger>();
-  for (int i = 0; i < 200; ++i) {
-    QVTAYLogger::addLogger(churn, std::nullopt, kLogInfo);
-    QVTAYLogger::removeLogger(churn, std::nullopt, kLogInfo);
+  for (int i = 0; i < 2000; ++i) {
+    QVTAYLogger::addLogger(churn, i % 2 ? std::optional<std::string>(QVTLOG) : std::nullopt, kLogInfo);
+    QVTAYLogger::removeLogger(churn, i % 2 ? std::optional<std::string>(QVTLOG) : std::nullopt, kLogInfo);
   }
+  churning = false;
   for (auto& thread : threads) thread.join();
-  EXPECT_EQ(steady->records().size(), 800u);
+  EXPECT_EQ(steady->records().size(), std::size_t(logged.load()));
+}
+
+TEST_F(LoggingTest, RegistrationChurnKeepsMemoryFlat) {
+  auto logger = std::make_shared<RecordingLogger>();
+  auto churn = [&](int pairs) {
+    for (int i = 0; i < pairs; ++i) {
+      QVTAYLogger::addLogger(logger, QVTLOG, kLogError | kLogInfo);
+      QVTAYLogger::removeLogger(logger, QVTLOG, kLogError | kLogInfo);
+    }
+  };
+  churn(1000);
+  const std::size_t before = mallinfo2().uordblks;
+  churn(200000);
+  const std::size_t after = mallinfo2().uordblks;
+  // Keeping each replaced cache would take well over 100 MB here.
+  EXPECT_LT(after, before + 1024 * 1024) << before << " -> " << after;
 }
 
 }  // namespace

@@ -96,7 +96,6 @@ TEST(Value, ContainersAreSharedByReferenceUntilCopied) {
   EXPECT_EQ(photo.asString(), "jpeg");
   EXPECT_EQ(copy.asString(), "Jpeg!");
   Dictionary withPhoto{{"photo", photo}};
-  withPhoto.deepCopy().get("photo").data();
   EXPECT_EQ(Value(withPhoto).deepCopy(), Value(withPhoto));
 }
 
