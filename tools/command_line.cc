@@ -69,15 +69,16 @@ int runCommandLine(CLI::App& app, int argc, char** argv) {
       if (e.get_exit_code() != 0) return report(std::string(e.what()) + " (" + helpHint(app) + ")", kBadCommandLine);
       output.release();
       return app.exit(e);  // --help, --version
+    } catch (const CommandStatus& e) {
+      // A status of this kind follows a result, which is kept.
+      output.release();
+      return e.status();
     }
     if (app.get_subcommands().empty())
       return report("no command given; the commands are " + commandNames(app) + " (" + helpHint(app) + ")",
                     kBadCommandLine);
     output.release();
     return kSuccess;
-  } catch (const CommandStatus& e) {
-    // The output went out already: a status of this kind follows a result.
-    return e.status();
   } catch (const CommandLineError& e) {
     return report(std::string(e.what()) + " (" + helpHint(app) + ")", kBadCommandLine);
   } catch (const CommandError& e) {

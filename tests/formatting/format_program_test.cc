@@ -18,16 +18,10 @@ using ::testing::Not;
 
 using FormatProgramTest = ProgramTest;
 
-// Standard output alone, standard error thrown away.
+// Standard output alone.
 ProgramRun runForOutput(const std::string& arguments) {
-  const std::string command = std::string(PC_PROGRAM) + " " + arguments + " 2>/dev/null";
-  ProgramRun run{-1, {}};
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return run;
-  char buffer[4096];
-  while (std::size_t n = fread(buffer, 1, sizeof buffer, pipe)) run.output.append(buffer, n);
-  const int status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  ProgramRun run = runProgram(arguments);
+  run.output = run.standardOutput;
   return run;
 }
 
