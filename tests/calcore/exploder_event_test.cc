@@ -178,6 +178,16 @@ TEST(EventExploderTest, ConversionsCountTheStartAndReachTheLastSupportedYear) {
   EXPECT_THAT(log.messages(), Not(Contains(HasSubstr("not enought result"))));
 }
 
+// A rule changed through the exploder's accessor answers from the new rule,
+// not from what it cached before.
+TEST(EventExploderTest, ChangingTheRuleChangesTheOccurrences) {
+  const Dictionary event = timedEvent(parisDate(2006, 3, 1, 10));
+  CALEventExploder exploder(event, recurrence("daily"));
+  EXPECT_EQ(exploder.produceDatesForTimeRange(range(2006, 3, 1, 2006, 3, 8), nullptr, "e1").size(), 7u);
+  exploder.rule().setCount(2);
+  EXPECT_EQ(exploder.produceDatesForTimeRange(range(2006, 3, 1, 2006, 3, 8), nullptr, "e1").size(), 2u);
+}
+
 TEST(EventExploderTest, EventsForDatesMoveACleanCopy) {
   Dictionary event = timedEvent(parisDate(2006, 3, 1, 10), 90);
   event.set(kCalendarsEventRecurrences, Array{recurrence("daily")});

@@ -65,6 +65,14 @@ TEST(RecurrenceRuleTest, SetposZeroIsLoggedAndSelectsNothing) {
   EXPECT_THAT(log.messages().front(), HasSubstr("filterBySetpos problem for 0 (index:5) and "));
 }
 
+// The peer comparison draws ordinals up to 4 only.
+TEST(RecurrenceRuleTest, AFifthWeekdaySkipsMonthsWithFour) {
+  auto fifthMonday = CALMonthlyRecurrence::rule();
+  fifthMonday->setByDay(std::vector<CALWeekDayNumber>{{1, 5}});
+  EXPECT_THAT(expand(*fifthMonday, floating(2006, 1, 30, 12), floating(2006, 8, 1)),
+              ElementsAre("20060130T120000", "20060529T120000", "20060731T120000"));
+}
+
 TEST(RecurrenceRuleTest, TheStartIsAnOccurrenceEvenWhenTheRuleWouldSkipIt) {
   auto rule = CALWeeklyRecurrence::rule();
   rule->setByDay(std::vector<CALWeekDayNumber>{{1, 0}});
@@ -213,6 +221,15 @@ RuleMaker make(std::function<void(CALRecurrenceRule&)> setParts) {
     if (setParts) setParts(*rule);
     return rule;
   };
+}
+
+TEST(RecurrenceRuleTest, WeekOneMayBeginInTheYearBefore) {
+  // Week 1 is the first week with four days in the year: of 2026 it begins
+  // on Monday 29 December 2025, of 2027 on Monday 4 January 2027.
+  auto rule = CALYearlyRecurrence::rule();
+  rule->setByWeekno(std::vector{1}).setByDay(std::vector<CALWeekDayNumber>{{1, 0}});
+  EXPECT_THAT(expand(*rule, floating(2025, 12, 29, 8), floating(2029, 1, 1)),
+              ElementsAre("20251229T080000", "20270104T080000", "20280103T080000"));
 }
 
 TEST(RecurrenceRuleTest, WeekNumbersCountOnlyTheWeeksOfTheirOwnYear) {
