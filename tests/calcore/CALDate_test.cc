@@ -6,7 +6,6 @@
 #include "calcore/CALDuration.h"
 #include "calcore/CALFloatingDateTime.h"
 #include "platform/Exception.h"
-#include "platform/ThreadDictionary.h"
 #include "support/LogCapture.h"
 
 namespace pc {
@@ -63,8 +62,6 @@ TEST_F(CALDateTest, ZonedAndFloatingCompareByWallClock) {
   EXPECT_EQ(later->compare(zoned.get()), 1);
   EXPECT_FALSE(later->isBeforeOrEqual(zoned.get()));
   EXPECT_EQ(zoned->compare(nullptr), -1);
-  EXPECT_FALSE(zoned->isBeforeOrEqual(nullptr));
-  EXPECT_TRUE(zoned->isBeforeOrEqual(zoned.get()));
 
   // A date-only equals a floating midnight under compare but not isEqual.
   auto day = CALDateOnly::dateOnlyWithYear(2006, 3, 15);
@@ -105,16 +102,9 @@ TEST_F(CALDateTest, ZoneChangesKeepTheWallClockOrTheInstant) {
   night->addSecondsInGMT(3 * 3600);
   EXPECT_EQ(night->offsetFromGMT(), 7200);
   EXPECT_EQ(night->hourOfDay(), 4);
-  night->setTimeZone(zone("Europe/Paris"), true);  // an equal zone: the wall clock stays
-  EXPECT_EQ(night->hourOfDay(), 4);
   night->setTimeZone(zone("America/New_York"), true);
   EXPECT_EQ(night->hourOfDay(), 4);
   EXPECT_EQ(night->offsetFromGMT(), -5 * 3600);
-
-  // Rounding to the day happens on the local clock.
-  auto lateEvening = CALDateTime::dateWithYear(2006, 7, 1, 23, 30, 0, zone("Europe/Paris"));
-  EXPECT_EQ(lateEvening->dateRoundedToDay()->description().substr(0, 20), "2006/07/01  00:00:00");
-  EXPECT_EQ(lateEvening->dateRoundedToNextDay()->dayOfMonth(), 2);
 
   // Floating dates ignore zones altogether.
   auto floating = CALFloatingDateTime::dateWithYear(2006, 7, 1, 12, 0, 0);
@@ -123,22 +113,14 @@ TEST_F(CALDateTest, ZoneChangesKeepTheWallClockOrTheInstant) {
   EXPECT_EQ(floating->hourOfDay(), 12);
   EXPECT_EQ(floating->offsetFromGMTForTimeZone(zone("Europe/Paris")), 0);
   EXPECT_EQ(summer->offsetFromGMTForTimeZone(zone("America/New_York")), -4 * 3600);
-  EXPECT_EQ(summer->offsetFromGMTForTimeZone(nullptr), 0);
-  // Offsets are read through helper dates kept per thread.
-  for (const char* key : {"staticMutableDate1", "staticMutableDate2"})
-    EXPECT_TRUE(currentThreadDictionary().find(key)) << key;
 }
 
 TEST_F(CALDateTest, FieldsOfTheLocalDay) {
   auto newYear = CALDateTime::dateWithYear(2005, 12, 31, 23, 0, 0, nullptr);
   newYear->setTimeZone(zone("Europe/Paris"));
-  int year, month, day, dayOfWeek, dayOfYear;
-  newYear->year(&year, &month, &day, &dayOfWeek, &dayOfYear, nullptr, nullptr, nullptr);
-  EXPECT_EQ(year, 2006);
-  EXPECT_EQ(month, 1);
-  EXPECT_EQ(day, 1);
-  EXPECT_EQ(dayOfWeek, 0);
-  EXPECT_EQ(dayOfYear, 1);
+  int fields[5];
+  newYear->year(&fields[0], &fields[1], &fields[2], &fields[3], &fields[4], nullptr, nullptr, nullptr);
+  EXPECT_THAT(fields, ElementsAre(2006, 1, 1, 0, 1));  // year, month, day, weekday, day of the year
   EXPECT_EQ(newYear->weekOfYear(), 52);  // 1 January 2006 belongs to the last week of 2005
   EXPECT_EQ(newYear->dayOfCommonEra(), 732311);
 
@@ -150,21 +132,6 @@ TEST_F(CALDateTest, FieldsOfTheLocalDay) {
   EXPECT_EQ(CALDateOnly::dateOnlyWithYear(2004, 2, 30)->dayOfMonth(), 1);  // fields carry
 }
 
-TEST_F(CALDateTest, DifferencesInTheRequestedUnits) {
-  auto later = CALFloatingDateTime::dateWithYear(2005, 3, 10, 9, 0, 0);
-  auto earlier = CALDateOnly::dateOnlyWithYear(2005, 1, 15);
-  int months = -1, days = -1, hours = -1, seconds = -1;
-  later->years(nullptr, &months, &days, &hours, nullptr, nullptr, earlier.get());
-  EXPECT_EQ(months, 1);
-  EXPECT_EQ(days, 23);
-  EXPECT_EQ(hours, 9);
-  earlier->years(nullptr, nullptr, &days, nullptr, nullptr, &seconds, later.get());
-  EXPECT_EQ(days, -54);
-  EXPECT_EQ(seconds, -9 * 3600);
-  later->years(nullptr, &months, nullptr, nullptr, nullptr, nullptr, nullptr);
-  EXPECT_EQ(months, 1);  // untouched without another date
-}
-
 TEST_F(CALDateTest, NewValuesLeaveTheReceiverAlone) {
   auto date = CALDateTime::dateWithYear(2005, 1, 31, 10, 20, 30, nullptr);
   EXPECT_EQ(date->dateByAddingYears(0, 1, 0, 0, 0, 0)->description(),
@@ -173,8 +140,6 @@ TEST_F(CALDateTest, NewValuesLeaveTheReceiverAlone) {
   EXPECT_EQ(date->dateBySubstractingDuration(CALDuration::durationWithDays(31))->monthOfYear(), 12);
   EXPECT_EQ(date->dateRoundedToPreviousDay()->description(),
             "2005/01/30  00:00:00 (0) - DateTime |TZ (null)");
-  EXPECT_EQ(date->dateRoundedToYear()->description(),
-            "2005/01/01  00:00:00 (0) - DateTime |TZ (null)");
   EXPECT_EQ(date->description(), "2005/01/31  10:20:30 (0) - DateTime |TZ (null)");
 }
 
@@ -314,10 +279,6 @@ TEST_F(CALDateTest, AbstractOperationsWarnAndRaise) {
                  "class CALDate");
   expectAbstract([&] { CALDate::date(); }, "date",
                  "WARNING : + (id) date   called on abstract class CALDate");
-  expectAbstract(
-      [&] { bare.addYears(1, 0, 0, 0, 0, 0); }, "addYears:months:days:hours:minutes:seconds:",
-      "WARNING : - (void) addYears:(int)year months:(int)month days:(int)day hours:(int)hour "
-      "minutes:(int)minute seconds:(long long)second   called on abstract class CALDate");
 
   log.clear();
   EXPECT_EQ(bare.description(), "_____ abstract date class ______");

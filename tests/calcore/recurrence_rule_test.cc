@@ -34,17 +34,6 @@ std::vector<std::string> expand(CALRecurrenceRule& rule, const CALDateRef& start
   return iso(rule.occurrencesOnTimeRange(range(start, to), *start));
 }
 
-TEST(RecurrenceRuleTest, DailyIntervalKeepsTheWallClockAcrossDaylightSaving) {
-  const TimeZonePtr paris = TimeZone::timeZoneWithName("Europe/Paris");
-  const CALDateRef start = CALDateTime::dateWithYear(2006, 3, 21, 10, 0, 0, paris);
-  auto rule = CALDailyRecurrence::rule();
-  rule->setInterval(2);
-  // Summer time begins on 26 March 2006: the occurrences stay at 10:00.
-  EXPECT_THAT(expand(*rule, start, CALDateTime::dateWithYear(2006, 4, 1, 0, 0, 0, paris)),
-              ElementsAre("20060321T100000+0100", "20060323T100000+0100", "20060325T100000+0100",
-                          "20060327T100000+0200", "20060329T100000+0200", "20060331T100000+0200"));
-}
-
 TEST(RecurrenceRuleTest, IntervalsBeyondTheRangeLeaveOnlyTheStart) {
   for (int interval : {0, -3, 2147483647}) {
     auto rule = CALMonthlyRecurrence::rule();
@@ -57,15 +46,6 @@ TEST(RecurrenceRuleTest, IntervalsBeyondTheRangeLeaveOnlyTheStart) {
   }
 }
 
-TEST(RecurrenceRuleTest, CountLimitsTheOccurrencesWhateverTheRange) {
-  auto rule = CALDailyRecurrence::rule();
-  rule->setCount(3).setInterval(2);
-  const CALDateRef start = floating(2006, 3, 1, 10);
-  EXPECT_THAT(expand(*rule, start, floating(2010, 1, 1)),
-              ElementsAre("20060301T100000", "20060303T100000", "20060305T100000"));
-  EXPECT_EQ(rule->cachedEndDateForRecurrenceStart(*start)->isoStringRepresentation(), "20060305T100000");
-}
-
 TEST(RecurrenceRuleTest, CountNotReachedBefore2050LeavesTheRuleOpen) {
   auto rule = CALYearlyRecurrence::rule();
   rule->setCount(5);
@@ -73,14 +53,6 @@ TEST(RecurrenceRuleTest, CountNotReachedBefore2050LeavesTheRuleOpen) {
   EXPECT_THAT(expand(*rule, start, floating(2052, 1, 1)),
               ElementsAre("20490601T090000", "20500601T090000", "20510601T090000"));
   EXPECT_FALSE(rule->cachedEndDateForRecurrenceStart(*start));
-}
-
-TEST(RecurrenceRuleTest, SetposPicksWithinEachPeriod) {
-  auto rule = CALMonthlyRecurrence::rule();
-  rule->setByDay(std::vector<CALWeekDayNumber>{{1, 0}, {2, 0}, {3, 0}, {4, 0}, {5, 0}}).setBySetpos(std::vector{-1});
-  const CALDateRef start = floating(2006, 1, 31, 18);
-  EXPECT_THAT(expand(*rule, start, floating(2006, 5, 1)),
-              ElementsAre("20060131T180000", "20060228T180000", "20060331T180000", "20060428T180000"));
 }
 
 TEST(RecurrenceRuleTest, SetposZeroIsLoggedAndSelectsNothing) {
@@ -93,6 +65,14 @@ TEST(RecurrenceRuleTest, SetposZeroIsLoggedAndSelectsNothing) {
   EXPECT_THAT(log.messages().front(), HasSubstr("filterBySetpos problem for 0 (index:5) and "));
 }
 
+// The peer comparison draws ordinals up to 4 only.
+TEST(RecurrenceRuleTest, AFifthWeekdaySkipsMonthsWithFour) {
+  auto fifthMonday = CALMonthlyRecurrence::rule();
+  fifthMonday->setByDay(std::vector<CALWeekDayNumber>{{1, 5}});
+  EXPECT_THAT(expand(*fifthMonday, floating(2006, 1, 30, 12), floating(2006, 8, 1)),
+              ElementsAre("20060130T120000", "20060529T120000", "20060731T120000"));
+}
+
 TEST(RecurrenceRuleTest, TheStartIsAnOccurrenceEvenWhenTheRuleWouldSkipIt) {
   auto rule = CALWeeklyRecurrence::rule();
   rule->setByDay(std::vector<CALWeekDayNumber>{{1, 0}});
@@ -101,30 +81,6 @@ TEST(RecurrenceRuleTest, TheStartIsAnOccurrenceEvenWhenTheRuleWouldSkipIt) {
               ElementsAre("20060307T090000", "20060313T090000", "20060320T090000"));
   EXPECT_FALSE(rule->ruleMatchesDate(*tuesday));
   EXPECT_TRUE(rule->ruleMatchesDate(*floating(2006, 3, 13, 9)));
-}
-
-TEST(RecurrenceRuleTest, WeekStartDecidesWhichWeeksAnIntervalKeeps) {
-  // Every other week on Tuesday and Sunday, from Tuesday 5 August 1997.
-  const CALDateRef start = floating(1997, 8, 5, 9);
-  auto expandFrom = [&](int weekStart) {
-    auto rule = CALWeeklyRecurrence::rule();
-    rule->setInterval(2).setCount(4).setWeekStart(weekStart);
-    rule->setByDay(std::vector<CALWeekDayNumber>{{2, 0}, {0, 0}});
-    return expand(*rule, start, floating(1998, 1, 1));
-  };
-  EXPECT_THAT(expandFrom(1), ElementsAre("19970805T090000", "19970810T090000", "19970819T090000", "19970824T090000"));
-  EXPECT_THAT(expandFrom(0), ElementsAre("19970805T090000", "19970817T090000", "19970819T090000", "19970831T090000"));
-}
-
-TEST(RecurrenceRuleTest, DaysOutsideTheirPeriodYieldNothing) {
-  // The 31st skips shorter months; the fifth Monday skips months with four.
-  auto on31st = CALMonthlyRecurrence::rule();
-  EXPECT_THAT(expand(*on31st, floating(2006, 1, 31, 12), floating(2006, 6, 1)),
-              ElementsAre("20060131T120000", "20060331T120000", "20060531T120000"));
-  auto fifthMonday = CALMonthlyRecurrence::rule();
-  fifthMonday->setByDay(std::vector<CALWeekDayNumber>{{1, 5}});
-  EXPECT_THAT(expand(*fifthMonday, floating(2006, 1, 30, 12), floating(2006, 8, 1)),
-              ElementsAre("20060130T120000", "20060529T120000", "20060731T120000"));
 }
 
 TEST(RecurrenceRuleTest, MonthlyWalkStopsBeforeAMonthBeginningAtTheLastInstant) {
@@ -145,16 +101,6 @@ TEST(RecurrenceRuleTest, MonthlyWalkStopsBeforeAMonthBeginningAtTheLastInstant) 
   EXPECT_THAT(monthlyUntil(parisDate(2006, 4, 1)),
               ElementsAre("20060101T000000+0100", "20060201T000000+0100", "20060301T000000+0100"));
   EXPECT_EQ(monthlyUntil(parisDate(2006, 4, 1, 1)).size(), 4u);
-  auto daily = CALDailyRecurrence::rule();
-  daily->setUntilDate(parisDate(2006, 1, 3).get());
-  EXPECT_THAT(expand(*daily, start, to),
-              ElementsAre("20060101T000000+0100", "20060102T000000+0100", "20060103T000000+0100"));
-
-  // All-day rules end the same way.
-  auto allDay = CALMonthlyRecurrence::rule();
-  allDay->setUntilDate(CALDateOnly::dateOnlyWithYear(2006, 3, 1).get());
-  EXPECT_THAT(iso(allDay->occurrencesOnTimeRange(range(start, to), *CALDateOnly::dateOnlyWithYear(2006, 1, 1))),
-              ElementsAre("20060101", "20060201"));
 
   // A counted rule ends at its last occurrence, so the third one of a rule
   // on the 1st at midnight is found but never produced.
@@ -251,13 +197,6 @@ TEST(RecurrenceRuleTest, EachFrequencyAppliesOnlyTheDayPartsOfItsOwnSteps) {
                              [](auto& r) { r.setByYearDay(std::vector{100}).setByMonth(std::vector{1}); }),
                    floating(2006, 4, 10, 9), floating(2008, 1, 1), {"20060410T090000", "20070410T090000"}});
   for (Case& c : cases) EXPECT_THAT(expand(*c.rule, c.start, c.to), ElementsAreArray(c.expected)) << c.what;
-
-  // Equality writes out only what the start fills in.
-  auto atNine = CALWeeklyRecurrence::rule();
-  atNine->setByHour(std::vector{9});
-  auto onWednesdaysAtNine = CALWeeklyRecurrence::rule();
-  onWednesdaysAtNine->setByHour(std::vector{9}).setByDay(std::vector<CALWeekDayNumber>{{3, 0}});
-  EXPECT_FALSE(atNine->isEqualToRule(*onWednesdaysAtNine, floating(2006, 3, 8, 9).get()));
 }
 
 TEST(RecurrenceRuleTest, YearDayZeroIsTheFirstDayOfTheNextYear) {
@@ -265,19 +204,6 @@ TEST(RecurrenceRuleTest, YearDayZeroIsTheFirstDayOfTheNextYear) {
   rule->setByYearDay(std::vector{0, 1, -1});
   EXPECT_THAT(expand(*rule, floating(2006, 12, 31, 7), floating(2008, 1, 2)),
               ElementsAre("20061231T070000", "20070101T070000", "20071231T070000", "20080101T070000"));
-}
-
-TEST(RecurrenceRuleTest, WeekOneMayBeginInTheYearBefore) {
-  // Week 1 is the first week with four days in the year: of 2026 it begins
-  // on Monday 29 December 2025, of 2027 on Monday 4 January 2027.
-  auto rule = CALYearlyRecurrence::rule();
-  rule->setByWeekno(std::vector{1}).setByDay(std::vector<CALWeekDayNumber>{{1, 0}});
-  EXPECT_THAT(expand(*rule, floating(2025, 12, 29, 8), floating(2029, 1, 1)),
-              ElementsAre("20251229T080000", "20270104T080000", "20280103T080000"));
-  // 2026 begins on a Thursday: its 53rd and last week ends in 2027.
-  EXPECT_EQ(rule->week(-1, 2026)->description(),
-            CALTimeRange(floating(2026, 12, 28).get(), floating(2027, 1, 3)->dateWithHour(23, 59, 59).get())
-                .description());
 }
 
 using RuleMaker = std::function<std::unique_ptr<CALRecurrenceRule>()>;
@@ -292,9 +218,18 @@ template <class Rule>
 RuleMaker make(std::function<void(CALRecurrenceRule&)> setParts) {
   return [setParts] {
     std::unique_ptr<CALRecurrenceRule> rule = Rule::rule();
-    setParts(*rule);
+    if (setParts) setParts(*rule);
     return rule;
   };
+}
+
+TEST(RecurrenceRuleTest, WeekOneMayBeginInTheYearBefore) {
+  // Week 1 is the first week with four days in the year: of 2026 it begins
+  // on Monday 29 December 2025, of 2027 on Monday 4 January 2027.
+  auto rule = CALYearlyRecurrence::rule();
+  rule->setByWeekno(std::vector{1}).setByDay(std::vector<CALWeekDayNumber>{{1, 0}});
+  EXPECT_THAT(expand(*rule, floating(2025, 12, 29, 8), floating(2029, 1, 1)),
+              ElementsAre("20251229T080000", "20270104T080000", "20280103T080000"));
 }
 
 TEST(RecurrenceRuleTest, WeekNumbersCountOnlyTheWeeksOfTheirOwnYear) {
@@ -334,10 +269,6 @@ TEST(RecurrenceRuleTest, WeekNumbersCountOnlyTheWeeksOfTheirOwnYear) {
                           "20301230T090000"));
 
   auto rule = CALYearlyRecurrence::rule();
-  EXPECT_EQ(rule->numberOfWeeksInYear(2015), 53);
-  EXPECT_EQ(rule->numberOfWeeksInYear(2016), 52);
-  EXPECT_FALSE(rule->week(53, 2016));
-  EXPECT_FALSE(rule->week(-53, 2016));
   EXPECT_FALSE(rule->week(0, 2016));
   EXPECT_EQ(rule->week(-52, 2016)->description(), rule->week(1, 2016)->description());
 }
@@ -365,8 +296,6 @@ TEST(RecurrenceRuleTest, EveryDateARuleProducesMatchesIt) {
        floating(2015, 12, 31, 9)},
       {"daily week 1", make<CALDailyRecurrence>([](auto& r) { r.setByWeekno(std::vector{1}); }),
        floating(2014, 12, 29, 9)},
-      {"monthly last FR", make<CALMonthlyRecurrence>([](auto& r) { r.setByDay({{{5, -1}}}); }),
-       floating(2015, 12, 25, 9)},
       {"weekly TU,TH with BYHOUR",
        make<CALWeeklyRecurrence>([](auto& r) { r.setByDay(weekdays({2, 4})).setByHour(std::vector{9, 18}); }),
        floating(2015, 12, 29, 9)},
@@ -413,8 +342,6 @@ TEST(RecurrenceRuleTest, EqualityReadsTheListsAsSets) {
        monday, true},
       {make<CALWeeklyRecurrence>([](auto& r) { r.setByDay(weekdays({1, 3})); }),
        make<CALWeeklyRecurrence>([](auto& r) { r.setByDay(weekdays({1})); }), nullptr, false},
-      {make<CALMonthlyRecurrence>([](auto& r) { r.setByDay({{{1, 1}, {1, -1}}}); }),
-       make<CALMonthlyRecurrence>([](auto& r) { r.setByDay({{{1, -1}, {1, 1}}}); }), nullptr, true},
       // Numbered weeks without BYDAY fall on the start's weekday.
       {make<CALDailyRecurrence>([](auto& r) { r.setByWeekno(std::vector{10}); }),
        make<CALDailyRecurrence>([](auto& r) { r.setByWeekno(std::vector{10}).setByDay(weekdays({1})); }), monday,
@@ -422,9 +349,14 @@ TEST(RecurrenceRuleTest, EqualityReadsTheListsAsSets) {
       {make<CALDailyRecurrence>([](auto& r) { r.setByWeekno(std::vector{10}); }),
        make<CALDailyRecurrence>([](auto& r) { r.setByWeekno(std::vector{10}).setByDay(weekdays({1})); }), tuesday,
        false},
-      {make<CALYearlyRecurrence>([](auto& r) { r.setByWeekno(std::vector{10}); }),
-       make<CALYearlyRecurrence>([](auto& r) { r.setByWeekno(std::vector{10}).setByDay(weekdays({1})); }), monday,
-       true},
+      // A plain weekly rule repeats on the start's weekday; another frequency never equals.
+      {make<CALWeeklyRecurrence>({}), make<CALWeeklyRecurrence>([](auto& r) { r.setByDay(weekdays({1})); }), monday, true},
+      {make<CALWeeklyRecurrence>({}), make<CALWeeklyRecurrence>([](auto& r) { r.setByDay(weekdays({1})); }), nullptr, false},
+      {make<CALWeeklyRecurrence>({}), make<CALDailyRecurrence>({}), monday, false},
+      // A weekly time part without BYDAY is every day, not the start's weekday.
+      {make<CALWeeklyRecurrence>([](auto& r) { r.setByHour(std::vector{9}); }),
+       make<CALWeeklyRecurrence>([](auto& r) { r.setByHour(std::vector{9}).setByDay(weekdays({3})); }),
+       floating(2006, 3, 8, 9), false},
   };
   for (std::size_t i = 0; i < cases.size(); ++i) {
     const Case& c = cases[i];
@@ -451,33 +383,12 @@ TEST(RecurrenceRuleTest, AllDayRulesReadZonedRangesAsDays) {
   EXPECT_THAT(iso(dates), ElementsAre("20080229", "20120229"));
 }
 
-TEST(RecurrenceRuleTest, OverlappingRequestsGenerateEachDateOnce) {
-  test::LogCapture log;
+TEST(RecurrenceRuleTest, AnotherStartReplacesTheCache) {
   auto rule = CALDailyRecurrence::rule();
-  const CALDateRef start = floating(2006, 3, 1, 10);
-  expand(*rule, start, floating(2006, 3, 10));
-  EXPECT_THAT(iso(rule->occurrencesOnTimeRange(range(floating(2006, 3, 8), floating(2006, 3, 13)), *start)),
-              ElementsAre("20060308T100000", "20060309T100000", "20060310T100000", "20060311T100000",
-                          "20060312T100000"));
-  EXPECT_EQ(rule->cachedDates().size(), 12u);
-  EXPECT_THAT(log.messages(), ::testing::Not(::testing::Contains(HasSubstr("adding twice"))));
-
-  // Another start replaces the cache.
+  expand(*rule, floating(2006, 3, 1, 10), floating(2006, 3, 10));
   const CALDateRef later = floating(2006, 4, 1, 10);
   expand(*rule, later, floating(2006, 4, 3));
   EXPECT_THAT(iso(rule->cachedDates()), ElementsAre("20060401T100000", "20060402T100000"));
-}
-
-TEST(RecurrenceRuleTest, EqualityConsidersWhatTheStartFillsIn) {
-  const CALDateRef monday = floating(2006, 3, 6, 9);
-  auto plain = CALWeeklyRecurrence::rule();
-  auto onMondays = CALWeeklyRecurrence::rule();
-  onMondays->setByDay(std::vector<CALWeekDayNumber>{{1, 0}});
-  EXPECT_FALSE(plain->isEqualToRule(*onMondays, nullptr));
-  EXPECT_TRUE(plain->isEqualToRule(*onMondays, monday.get()));
-  EXPECT_FALSE(plain->isEqualToRule(*onMondays, floating(2006, 3, 7).get()));
-  EXPECT_FALSE(plain->isEqualToRule(*CALDailyRecurrence::rule(), monday.get()));
-  EXPECT_THAT(plain->description(), HasSubstr("{CALREC:CALWeeklyRecurrence}"));
 }
 
 TEST(RecurrenceRuleTest, MovingAnOccurrenceRenamesThePartsThatNameIt) {
