@@ -22,17 +22,11 @@ namespace {
 
 const std::string kExamples = std::string(PC_SOURCE_DIR) + "/examples/";
 
-Dictionary readPlist(const std::string& path) {
-  auto value = PropertyList::fromFile(path, nullptr);
-  EXPECT_TRUE(value && value->isDictionary()) << path;
-  return value && value->isDictionary() ? value->dictionary() : Dictionary();
+Dictionary device(const std::string& format) {
+  return loadExample("contacts-calendar-phone-" + format + ".plist");
 }
 
-Dictionary device(const std::string& name) {
-  return readPlist(kExamples + "devices/contacts-calendar-phone-" + name + ".plist");
-}
-
-Dictionary entities() { return readPlist(kExamples + "devices/contacts-calendar-phone.entities.plist"); }
+Dictionary entities() { return exampleEntities(); }
 
 DeviceFormattingOptions options() {
   DeviceFormattingOptions o;
