@@ -233,6 +233,16 @@ struct FileLoggerTest : LoggingTest {
                               "TIME: T\n");
   }
 
+  // The captures of `entry` in the file, its two groups joined by ":".
+  std::vector<std::string> entries(const std::string& entry) {
+    const std::string text = written();
+    const std::regex pattern(entry);
+    std::vector<std::string> found;
+    for (std::sregex_iterator it(text.begin(), text.end(), pattern), end; it != end; ++it)
+      found.push_back(it->size() > 2 ? (*it)[1].str() + ":" + (*it)[2].str() : (*it)[1].str());
+    return found;
+  }
+
   QVTAYLoggerPtr logger;
   std::string path;
 };
@@ -282,12 +292,8 @@ TEST_F(FileLoggerTest, WritesAFirstRecordThenOneRecordPerMessage) {
 TEST_F(FileLoggerTest, DepthCountsNestedLoggingFunctions) {
   outer(*logger);
   logger->dumpLogInFile(nullptr, "shallow", 1, "T", kLogInfo, "shallow");
-  const std::string text = written();
-  std::vector<std::string> depths;
-  const std::regex entry("FUNCTION: (\\w+)\nDEPTH: (\\d+)\n");
-  for (std::sregex_iterator it(text.begin(), text.end(), entry), end; it != end; ++it)
-    depths.push_back((*it)[1].str() + ":" + (*it)[2].str());
-  EXPECT_THAT(depths, ElementsAre("outer:1", "inner:2", "inner:2", "outer:1", "shallow:1"));
+  EXPECT_THAT(entries("FUNCTION: (\\w+)\nDEPTH: (\\d+)\n"),
+              ElementsAre("outer:1", "inner:2", "inner:2", "outer:1", "shallow:1"));
 }
 
 // Every way of logging from one function is recorded at that function's depth.
@@ -303,12 +309,7 @@ TEST_F(FileLoggerTest, FailedCheckHasTheDepthOfItsFunctionsOtherLogs) {
   QVTAYLogger::addLogger(logger, std::nullopt, kLogError | kLogInfo);
   logAndCheck(false);
   QVTAYLogger::removeLogger(logger, std::nullopt, kLogError | kLogInfo);
-  const std::string text = written();
-  std::vector<std::string> depths;
-  const std::regex entry("DEPTH: (\\d+)\n");
-  for (std::sregex_iterator it(text.begin(), text.end(), entry), end; it != end; ++it)
-    depths.push_back((*it)[1].str());
-  EXPECT_THAT(depths, ElementsAre("1", "1", "1", "1")) << text;
+  EXPECT_THAT(entries("DEPTH: (\\d+)\n"), ElementsAre("1", "1", "1", "1")) << written();
 }
 
 TEST_F(LoggingTest, OccupiedLogDirectoryFallsBackToNumberedSiblings) {

@@ -466,12 +466,6 @@ TEST(Operation, StressEveryOperationEndsOnce) {
   }
 }
 
-}  // namespace
-}  // namespace pc
-
-namespace pc {
-namespace {
-
 TEST(StreamErrors, MapDomainNumbersToNamedDomainsKeepingTheCode) {
   using namespace QVTCFStreamErrorSupport;
   const std::pair<long, std::string> table[] = {

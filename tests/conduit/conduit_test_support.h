@@ -1,7 +1,7 @@
 #pragma once
-// Shared by the conduit tests: a temporary folder, the log capture, and
-// stand-ins for the classes the phone creates by name when the real ones are
-// not part of the build.
+// Shared by the conduit tests: a temporary folder, the log capture, the
+// example descriptions, and stand-ins for the data-class helpers the phone
+// creates by name.
 
 #include <gtest/gtest.h>
 
@@ -62,64 +62,27 @@ class FakeHelper : public Object, public QVTSyncRecordTransformer, public Entity
   Array _entities;
 };
 
-class FakeEntityFormatter : public EntityFormatting {
- public:
-  std::string className() const override { return "EntityFormatter"; }
-  void initWithPhone(CFPhone& phone, const std::string& entityName) override {
-    this->phone = &phone;
-    this->entityName = entityName;
-  }
-  void setHelper(DataClassHelperPtr helper) override { this->helper = std::move(helper); }
-
-  CFPhone* phone = nullptr;
-  std::string entityName;
-  DataClassHelperPtr helper;
-};
-
-class FakeMapping : public ValueMapping {
- public:
-  std::string className() const override { return "QVTSyncMapping"; }
-  void initWithArray(const Array& mappings, const Value& defaultValue) override {
-    this->mappings = mappings;
-    this->defaultValue = defaultValue;
-  }
-
-  Array mappings;
-  Value defaultValue;
-};
-
-// Registers the stand-ins under the names the phone uses, for the classes the
-// build does not provide. Answers true when all of them are stand-ins, so
-// that tests looking inside them can skip otherwise.
-inline bool installStandIns() {
-  static const bool allStandIns = [] {
-    bool all = true;
-    auto install = [&all](const std::string& name, ClassRegistry::Factory factory) {
-      if (ClassRegistry::hasClass(name)) {
-        all = false;
-        return;
-      }
-      ClassRegistry::registerClass(name, "", std::move(factory));
+// Registers the stand-in helpers under the names the phone uses for the
+// contact and event transformers, which this build does not provide.
+inline void installStandIns() {
+  static const bool installed = [] {
+    auto install = [](const std::string& name, Array entities) {
+      if (ClassRegistry::hasClass(name)) return;
+      ClassRegistry::registerClass(name, "", [name, entities] {
+        return std::make_shared<FakeHelper>(name, entities);
+      });
     };
-    install("QVTSyncContactTransformer", [] {
-      return std::make_shared<FakeHelper>(
-          "QVTSyncContactTransformer",
-          Array{"Contacts.Contact", "Contacts.Group", "Contacts.PhoneNumber",
-                "Contacts.EmailAddress", "Contacts.StreetAddress", "Contacts.Date",
-                "Contacts.RelatedName", "Contacts.URL", "Contacts.IM", "Contacts.CustomField"});
-    });
-    install("QVTSyncEventTransformer", [] {
-      return std::make_shared<FakeHelper>(
-          "QVTSyncEventTransformer",
-          Array{"Calendars.Recurrence", "Calendars.AudioAlarm", "Calendars.MailAlarm",
-                "Calendars.DisplayAlarm", "Calendars.Organizer", "Calendars.Attendee",
-                "Calendars.Event", "Calendars.Task"});
-    });
-    install("EntityFormatter", [] { return std::make_shared<FakeEntityFormatter>(); });
-    install("QVTSyncMapping", [] { return std::make_shared<FakeMapping>(); });
-    return all;
+    install("QVTSyncContactTransformer",
+            Array{"Contacts.Contact", "Contacts.Group", "Contacts.PhoneNumber",
+                  "Contacts.EmailAddress", "Contacts.StreetAddress", "Contacts.Date",
+                  "Contacts.RelatedName", "Contacts.URL", "Contacts.IM", "Contacts.CustomField"});
+    install("QVTSyncEventTransformer",
+            Array{"Calendars.Recurrence", "Calendars.AudioAlarm", "Calendars.MailAlarm",
+                  "Calendars.DisplayAlarm", "Calendars.Organizer", "Calendars.Attendee",
+                  "Calendars.Event", "Calendars.Task"});
+    return true;
   }();
-  return allStandIns;
+  (void)installed;
 }
 
 }  // namespace pc::testing

@@ -20,7 +20,6 @@ namespace {
 using testing::exampleEntities;
 using testing::exampleV2;
 using testing::FakeHelper;
-using testing::FakeMapping;
 
 // Changes every container reachable from `value`.
 void mutateEveryContainer(const Value& value) {
@@ -138,8 +137,8 @@ Array phoneAnswers(CFPhone& phone) {
 
 // A phone on the reference host, the client it archived itself in, a phone
 // rebuilt from that client and one built with the first phone as delegate;
-// plus the manager, helper, parser and value mapping the phone created.
-Owner phones(const std::filesystem::path& folder, bool standIns) {
+// plus the manager, helper and parser the phone created.
+Owner phones(const std::filesystem::path& folder) {
   const Dictionary description = exampleV2();
   const Dictionary engine = exampleEntities();
   auto client = std::make_shared<MemorySyncEngineClient>(
@@ -160,7 +159,6 @@ Owner phones(const std::filesystem::path& folder, bool standIns) {
   auto helper = phone->dataClassHelperForDataClassName(kContacts);
   auto parser = std::dynamic_pointer_cast<PropertyListParser>(
       phone->parserForDeviceDataClass(kCalendars));
-  auto mapping = phone->mapperForAttribute(kContactsPhoneNumberType, kContactsPhoneNumber);
   return {[=] {
             return Array{phoneAnswers(*phone), phoneAnswers(*rebuilt), phoneAnswers(*twin),
                          client->objectForKey(kPhoneConduitClientKey),
@@ -169,23 +167,21 @@ Owner phones(const std::filesystem::path& folder, bool standIns) {
           },
           Array{description, engine},
           [=] {
-            // The stand-ins keep what the phone gave them as it is, so changing
-            // it reaches the phone unless the phone gave them copies.
-            if (!standIns) return Value();
-            return Value(Array{std::dynamic_pointer_cast<FakeHelper>(helper)->properties,
-                               std::dynamic_pointer_cast<FakeMapping>(mapping)->mappings});
+            // The stand-in helper keeps what the phone gave it as it is, so
+            // changing it reaches the phone unless the phone gave it a copy.
+            return Value(std::dynamic_pointer_cast<FakeHelper>(helper)->properties);
           }};
 }
 
 TEST(OwnershipTest, ComponentsAreUnchangedByWhatCallersDoWithTheirContainers) {
-  const bool standIns = testing::installStandIns();
+  testing::installStandIns();
   const std::filesystem::path folder = testing::makeTemporaryFolder();
   const std::vector<std::pair<std::string, std::function<Owner()>>> owners = {
       {"record holder", recordHolder},
       {"engine client", [&] { return engineClient(folder); }},
       {"truth snapshot", truthSnapshot},
       {"reference host", referenceHost},
-      {"phones", [&] { return phones(folder, standIns); }},
+      {"phones", [&] { return phones(folder); }},
   };
   for (const auto& [name, make] : owners) {
     SCOPED_TRACE(name);

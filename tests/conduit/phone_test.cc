@@ -8,6 +8,8 @@
 #include "conduit_test_support.h"
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
+#include "formatting/EntityFormatter.h"
+#include "formatting/QVTSyncMapping.h"
 #include "host/ReferenceHost.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
@@ -18,9 +20,7 @@ namespace {
 using testing::exampleEntities;
 using testing::exampleV1;
 using testing::exampleV2;
-using testing::FakeEntityFormatter;
 using testing::FakeHelper;
-using testing::FakeMapping;
 using testing::LogCapture;
 using testing::LogLine;
 
@@ -39,7 +39,7 @@ std::string invalidArgumentReason(Call call) {
 // A phone on the reference host, built through its delegate.
 class HostedPhoneTest : public ::testing::Test {
  protected:
-  void SetUp() override { standIns = testing::installStandIns(); }
+  void SetUp() override { testing::installStandIns(); }
 
   std::shared_ptr<MemorySyncEngineClient> makeClient() {
     return std::make_shared<MemorySyncEngineClient>(
@@ -60,41 +60,31 @@ class HostedPhoneTest : public ::testing::Test {
     return phone;
   }
 
-  bool standIns = false;
   std::filesystem::path folder = testing::makeTemporaryFolder();
   std::shared_ptr<ReferenceConduitManager> host;
 };
 
 // --- MIME types ---------------------------------------------------------------
 
-struct MimeCase {
-  Value manager;  // the "DataClassManager" entry of a first-format description
-  std::string dataClass;
-  std::optional<std::string> mimeType;
-};
+TEST(MimeTypeTest, FirstFormatByManagerNameThenDataClassSecondFormatFromInfo) {
+  // The "DataClassManager" entry of a first-format description, the data
+  // class, the MIME type.
+  const std::tuple<Value, std::string, std::optional<std::string>> cases[] = {
+      {"ContactManager", "Calendars", kVCardMimeType},
+      {Dictionary{{"Name", "CalendarManager"}, {"x", 1}}, "Notes", kVCalendarMimeType},
+      {"OtherManager", kCalendars, kVCalendarMimeType},
+      {"OtherManager", kContacts, kVCardMimeType},
+      {Dictionary{{"Name", "OtherManager"}}, "Notes", std::nullopt}};
+  CFPhone first(Dictionary{});
+  for (const auto& [manager, dataClass, mimeType] : cases) {
+    std::optional<Dictionary> managerProperties;
+    EXPECT_EQ(first._mimeTypeFromProperties(Dictionary{{kDataClassManagerKey, manager}},
+                                            &managerProperties, dataClass),
+              mimeType)
+        << dataClass;
+    EXPECT_EQ(managerProperties.has_value(), manager.isDictionary()) << dataClass;
+  }
 
-class FirstFormatMimeTypeTest : public ::testing::TestWithParam<MimeCase> {};
-
-TEST_P(FirstFormatMimeTypeTest, ManagerNameThenDataClassName) {
-  const MimeCase& c = GetParam();
-  CFPhone phone(Dictionary{});
-  std::optional<Dictionary> managerProperties;
-  EXPECT_EQ(phone._mimeTypeFromProperties(Dictionary{{kDataClassManagerKey, c.manager}},
-                                          &managerProperties, c.dataClass),
-            c.mimeType);
-  EXPECT_EQ(managerProperties.has_value(), c.manager.isDictionary());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rules, FirstFormatMimeTypeTest,
-    ::testing::Values(MimeCase{"ContactManager", "Calendars", kVCardMimeType},
-                      MimeCase{Dictionary{{"Name", "CalendarManager"}, {"x", 1}}, "Notes",
-                               kVCalendarMimeType},
-                      MimeCase{"OtherManager", kCalendars, kVCalendarMimeType},
-                      MimeCase{"OtherManager", kContacts, kVCardMimeType},
-                      MimeCase{Dictionary{{"Name", "OtherManager"}}, "Notes", std::nullopt}));
-
-TEST(SecondFormatMimeTypeTest, ReadFromInfoWhichBecomesTheManagerProperties) {
   auto host = std::make_shared<ReferenceConduitManager>(nullptr, nullptr);
   host->setPhoneConduitDescription(Dictionary{}, 2);
   auto phone = CFPhone::phoneWithDelegate(host.get());
@@ -109,26 +99,21 @@ TEST(SecondFormatMimeTypeTest, ReadFromInfoWhichBecomesTheManagerProperties) {
 
 // --- Managers, helpers, parsers, mappings ------------------------------------
 
-TEST_F(HostedPhoneTest, SecondFormatManagerFromMimeTypeReceivesTheInfoCopy) {
+TEST_F(HostedPhoneTest, ManagersReceiveTheInfoCopyOrTheirAttributes) {
   auto phone = makePhone(exampleV2(), 2);
   ASSERT_TRUE(phone);
   auto contacts = phone->managerForDeviceDataClass(kContacts);
   ASSERT_TRUE(contacts);
   EXPECT_EQ(contacts->className(), "ContactManager");
-  EXPECT_EQ(contacts->deviceDataClass(), kContacts);
   EXPECT_EQ(contacts->properties().get(kPListVersionKey), Value(2));
   EXPECT_EQ(contacts->properties().get(kMimeTypeKey), Value(kVCardMimeType));
   // The description itself is left as it was.
   EXPECT_FALSE(phone->_infoForDeviceDataClass(kContacts)->contains(kPListVersionKey));
-
   EXPECT_TRUE(std::dynamic_pointer_cast<ReferenceDataClassManager>(contacts)->assemblersPrepared());
   EXPECT_EQ(phone->managerForDeviceDataClass(kContacts), contacts);  // cached
-}
 
-TEST_F(HostedPhoneTest, FirstFormatManagerReceivesItsAttributes) {
-  auto phone = makePhone(exampleV1(), 1);
-  ASSERT_TRUE(phone);
-  auto calendars = phone->managerForDeviceDataClass(kCalendars);
+  // First format: the attributes of the "DataClassManager" entry.
+  auto calendars = makePhone(exampleV1(), 1)->managerForDeviceDataClass(kCalendars);
   EXPECT_EQ(calendars->className(), "CalendarManager");
   EXPECT_TRUE(calendars->properties().getBool("hasEvent"));
   EXPECT_FALSE(calendars->properties().contains(kPListVersionKey));
@@ -163,13 +148,13 @@ TEST_F(HostedPhoneTest, HelpersAreNewEachTimeExceptTheCanonicalOnes) {
   EXPECT_NE(eventHelper, contactHelper);
   EXPECT_FALSE(phone->canonicalHelperForEntity("Notes.Note"));
 
-  if (!standIns) GTEST_SKIP() << "the helpers' own properties are checked with stand-ins";
   // First format: the manager's attributes; second format: the whole info.
-  EXPECT_TRUE(std::dynamic_pointer_cast<FakeHelper>(first)->properties.getBool(
-      "removeInvalidEmailAddresses"));
-  auto v2Phone = makePhone(exampleV2(), 2);
-  auto v2Helper =
-      std::dynamic_pointer_cast<FakeHelper>(v2Phone->dataClassHelperForDataClassName(kContacts));
+  auto v1Helper = std::dynamic_pointer_cast<FakeHelper>(first);
+  ASSERT_TRUE(v1Helper);
+  EXPECT_TRUE(v1Helper->properties.getBool("removeInvalidEmailAddresses"));
+  auto v2Helper = std::dynamic_pointer_cast<FakeHelper>(
+      makePhone(exampleV2(), 2)->dataClassHelperForDataClassName(kContacts));
+  ASSERT_TRUE(v2Helper);
   EXPECT_EQ(v2Helper->properties.getString(kParserKey), "PropertyListParser");
 }
 
@@ -225,21 +210,21 @@ TEST_F(HostedPhoneTest, ParsersByClassOrByService) {
 }
 
 TEST_F(HostedPhoneTest, EntityFormattersAndMappingsAreMadeByName) {
-  if (!standIns) GTEST_SKIP() << "checked with stand-ins";
   auto phone = makePhone(exampleV2(), 2);
   auto helper = phone->canonicalHelperForEntity(kContactsContact);
   auto formatters = phone->entityFormattersForEntities(
       Array{kContactsContact, kContactsPhoneNumber, kContactsContact}, helper);
   ASSERT_EQ(formatters.size(), 2u);
-  auto formatter = std::dynamic_pointer_cast<FakeEntityFormatter>(formatters[kContactsPhoneNumber]);
-  EXPECT_EQ(formatter->entityName, kContactsPhoneNumber);
-  EXPECT_EQ(formatter->helper, helper);
+  auto formatter = std::dynamic_pointer_cast<EntityFormatter>(formatters[kContactsPhoneNumber]);
+  ASSERT_TRUE(formatter);
+  EXPECT_EQ(formatter->helper(), helper);
+  EXPECT_EQ(formatter->typeKey(), std::optional<std::string>("type"));
 
-  auto mapping = std::dynamic_pointer_cast<FakeMapping>(
+  auto mapping = std::dynamic_pointer_cast<QVTSyncMapping>(
       phone->mapperForAttribute(kContactsPhoneNumberType, kContactsPhoneNumber));
   ASSERT_TRUE(mapping);
-  EXPECT_EQ(mapping->mappings.count(), 4u);
-  EXPECT_EQ(mapping->defaultValue, Value(kContactsPhoneNumberTypeOther));
+  EXPECT_EQ(mapping->transportValueFromSSValue("mobile"), Value("CELL"));
+  EXPECT_EQ(mapping->SSValueFomTransportValue("MOBILE"), Value("mobile"));
   EXPECT_FALSE(phone->mapperForAttribute(kContactsPhoneNumberValue, kContactsPhoneNumber));
   EXPECT_FALSE(phone->mapperForAttribute(kContactsPhoneNumberType, kContactsEmailAddress));
   EXPECT_FALSE(makePhone(exampleV1(), 1)->mapperForAttribute(kContactsPhoneNumberType,
@@ -263,7 +248,7 @@ class PhoneEntitiesTest : public HostedPhoneTest {
   std::unique_ptr<CFPhone> phone;
 };
 
-TEST_F(PhoneEntitiesTest, AttributesAndRelationsAreThoseOfBothSchemaAndPhone) {
+TEST_F(PhoneEntitiesTest, KeysAreThoseOfBothSchemaAndPhoneAndBadNamesRaise) {
   LogCapture log;
   EXPECT_EQ(phone->allAttributesForEntity(kCalendarsEvent), Array{kCalendarsEventStartDate});
   EXPECT_EQ(phone->allAttributesForEntity(kCalendarsEvent), Array{kCalendarsEventStartDate});
@@ -274,10 +259,7 @@ TEST_F(PhoneEntitiesTest, AttributesAndRelationsAreThoseOfBothSchemaAndPhone) {
   EXPECT_EQ(phone->allRelationsForEntity(kCalendarsEvent), Array{kCalendarsEventRecurrences});
   // An entity the engine knows and the phone does not sync.
   EXPECT_TRUE(phone->allAttributesForEntity(kCalendarsAttendee).empty());
-}
 
-TEST_F(PhoneEntitiesTest, BadEntityNamesRaise) {
-  LogCapture log;
   EXPECT_EQ(invalidArgumentReason([&] { phone->allAttributesForEntity(""); }),
             "entity is not a correct entity name");
   EXPECT_EQ(invalidArgumentReason([&] { phone->allRelationsForEntity("Calendars.Nothing"); }),
@@ -288,27 +270,15 @@ TEST_F(PhoneEntitiesTest, BadEntityNamesRaise) {
   EXPECT_EQ(line->type, ".sync.PhoneSync");
 }
 
-struct RelationCase {
-  const char* relation;
-  const char* target;
-};
-
-class RelationTargetTest : public ::testing::TestWithParam<RelationCase> {};
-
-TEST_P(RelationTargetTest, TargetOfEachRelation) {
+TEST(RelationTargetTest, TargetOfEachRelationAndUnknownOnesLogged) {
   CFPhone phone(Dictionary{});
-  EXPECT_EQ(phone.targetEntityForRelationKey(GetParam().relation, "any"), GetParam().target);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Table, RelationTargetTest,
-    ::testing::Values(RelationCase{kCalendarsEventRecurrences, kCalendarsRecurrence},
-                      RelationCase{kCalendarsEventDetachedEvents, kCalendarsEvent},
-                      RelationCase{kContactsContactPhoneNumbers, kContactsPhoneNumber},
-                      RelationCase{kContactsContactIMs, kContactsIM}));
-
-TEST(RelationTargetTest, UnknownRelationIsLogged) {
-  CFPhone phone(Dictionary{});
+  const std::pair<const char*, const char*> cases[] = {
+      {kCalendarsEventRecurrences, kCalendarsRecurrence},
+      {kCalendarsEventDetachedEvents, kCalendarsEvent},
+      {kContactsContactPhoneNumbers, kContactsPhoneNumber},
+      {kContactsContactIMs, kContactsIM}};
+  for (const auto& [relation, target] : cases)
+    EXPECT_EQ(phone.targetEntityForRelationKey(relation, "any"), target);
   LogCapture log;
   EXPECT_FALSE(phone.targetEntityForRelationKey(kContactsContactRelatedNames, kContactsContact));
   EXPECT_TRUE(log.contains("this case in not handle Contacts.Contact -> relatedNames"));
@@ -316,14 +286,35 @@ TEST(RelationTargetTest, UnknownRelationIsLogged) {
 
 // --- Construction roads, archiving, life ----------------------------------------
 
-TEST_F(HostedPhoneTest, DelegateRoadTakesEverythingFromTheHost) {
+// A phone on the host, a phone with that phone as its description source, and
+// one rebuilt from the client the first archived itself in.
+TEST_F(HostedPhoneTest, EveryConstructionRoadGivesTheSameDescription) {
   auto phone = makePhone(exampleV2(), 2);
   ASSERT_TRUE(phone);
-  EXPECT_EQ(phone->deviceUID(), "device-42");
+  phone->archiveInClient();
+  auto twin = CFPhone::phoneWithDelegate(phone.get());
+  auto rebuilt = CFPhone::phoneWithClient(makeClient());  // a new client on the same store
+  for (CFPhone* built : {phone.get(), twin.get(), rebuilt.get()}) {
+    ASSERT_TRUE(built);
+    EXPECT_EQ(built->phoneConduitDescriptionWithVersion(nullptr), exampleV2());
+    EXPECT_EQ(built->version(), 2);
+    EXPECT_EQ(built->entitiesDescription(), exampleEntities().getDictionary("Entities"));
+  }
+  // The delegate roads reach the host's device, folder and parser services.
+  for (CFPhone* built : {phone.get(), twin.get()}) {
+    EXPECT_EQ(built->deviceUID(), "device-42");
+    EXPECT_EQ(built->pathForSyncResourcesWithFile(std::nullopt), folder.string());
+    EXPECT_TRUE(built->parserForDeviceDataClass(kCalendars));
+  }
+  EXPECT_EQ(twin->delegate(), phone.get());
+  EXPECT_EQ(twin->syncClient(), phone->syncClient());
   EXPECT_EQ(phone->supportedEntityNames(), exampleEntities().getDictionary("Entities")->keys());
   EXPECT_EQ(phone->deviceDataClasses(), (Array{kContacts, kCalendars}));
-  EXPECT_EQ(phone->pathForSyncResourcesWithFile("state.db"), (folder / "state.db").string());
   EXPECT_EQ(phone->syncService()->valueForVariable("MaxPhoneNumbers"), Value(4));
+  LogCapture log;
+  EXPECT_FALSE(rebuilt->delegate());
+  EXPECT_FALSE(rebuilt->pathForSyncResourcesWithFile("x"));
+  EXPECT_TRUE(log.contains("condition \"_pathForSyncPersistence\" failed"));
 
   auto persistence = host->simulatedPhone()->persistenceService();
   persistence->domain(kDeviceSyncDBDomain).set("anchor", 1);
@@ -335,10 +326,10 @@ TEST_F(HostedPhoneTest, ResourcePathsStayInsideThePersistenceFolder) {
   auto phone = makePhone(exampleV2(), 2);
   const std::string inside = (folder / "state.db").string();
   const std::vector<std::pair<std::optional<std::string>, std::optional<std::string>>> cases = {
-      {std::nullopt, folder.string()}, {"", folder.string()},  {"/", folder.string()},
-      {".", folder.string()},          {"state.db", inside},   {"/state.db", inside},
-      {"sub/../state.db", inside},     {"//etc/passwd", (folder / "etc/passwd").string()},
-      {"../state.db", std::nullopt},   {"/sub/../../state.db", std::nullopt},
+      {"", folder.string()},       {"/", folder.string()},
+      {"state.db", inside},        {"/state.db", inside},
+      {"sub/../state.db", inside}, {"//etc/passwd", (folder / "etc/passwd").string()},
+      {"../state.db", std::nullopt}, {"/sub/../../state.db", std::nullopt},
   };
   for (const auto& [file, expected] : cases) {
     LogCapture log;
@@ -348,42 +339,7 @@ TEST_F(HostedPhoneTest, ResourcePathsStayInsideThePersistenceFolder) {
   }
 }
 
-TEST_F(HostedPhoneTest, PhoneDescribesAnotherPhone) {
-  auto phone = makePhone(exampleV2(), 2);
-  auto twin = CFPhone::phoneWithDelegate(phone.get());
-  ASSERT_TRUE(twin);
-  EXPECT_EQ(twin->delegate(), phone.get());
-  EXPECT_EQ(twin->version(), 2);
-  EXPECT_EQ(twin->phoneConduitDescriptionWithVersion(nullptr), exampleV2());
-  EXPECT_EQ(twin->entitiesDescription(), exampleEntities().getDictionary("Entities"));
-  EXPECT_EQ(twin->syncClient(), phone->syncClient());
-  EXPECT_EQ(twin->deviceUID(), "device-42");
-  EXPECT_EQ(twin->pathForSyncResourcesWithFile(std::nullopt), folder.string());
-  // Parsers by service name come from the first phone's host.
-  EXPECT_TRUE(twin->parserForDeviceDataClass(kCalendars));
-
-  phone->invalidate();
-  LogCapture log;
-  EXPECT_FALSE(CFPhone::phoneWithDelegate(phone.get()));
-  EXPECT_TRUE(log.contains("can't find phone conduit description"));
-}
-
-TEST_F(HostedPhoneTest, FormattingInfoOfEachDescriptionFormat) {
-  auto v1 = makePhone(exampleV1(), 1);
-  std::int32_t version = 0;
-  EXPECT_EQ(v1->entityFormattingInfoWithVersion(version), exampleV1().getDictionary(kEntityFormattersKey));
-  EXPECT_EQ(version, 1);
-  EXPECT_TRUE(v1->formattingDescriptionForEntity(kContactsPhoneNumber));
-  EXPECT_FALSE(v1->formattingDescriptionV2ForEntity(kContactsPhoneNumber));
-
-  auto v2 = makePhone(exampleV2(), 2);
-  EXPECT_EQ(v2->entityFormattingInfoWithVersion(version), exampleV2().getDictionary(kFormattingKey));
-  EXPECT_EQ(version, 2);
-  EXPECT_TRUE(v2->formattingDescriptionV2ForEntity(kContactsPhoneNumber));
-  EXPECT_FALSE(v2->formattingDescriptionForEntity(kContactsPhoneNumber));
-}
-
-TEST_F(HostedPhoneTest, DelegateWithoutDescriptionBuildsNothing) {
+TEST_F(HostedPhoneTest, NothingToBuildFromBuildsNothing) {
   makePhone(Dictionary{}, 1);
   host->setPhoneConduitDescription(std::nullopt, 1);
   LogCapture log;
@@ -391,26 +347,8 @@ TEST_F(HostedPhoneTest, DelegateWithoutDescriptionBuildsNothing) {
   EXPECT_TRUE(log.contains("can't find phone conduit description"));
   EXPECT_TRUE(log.contains("cannot find phoneConduit parameters"));
   EXPECT_FALSE(CFPhone::phoneWithDelegate(nullptr));
-}
 
-TEST_F(HostedPhoneTest, ArchiveAndRebuildFromTheReloadedClient) {
-  auto phone = makePhone(exampleV2(), 2);
-  phone->archiveInClient();
-  phone.reset();
-  host.reset();
-
-  auto rebuilt = CFPhone::phoneWithClient(makeClient());  // a new client on the same store
-  ASSERT_TRUE(rebuilt);
-  EXPECT_EQ(rebuilt->phoneConduitDescriptionWithVersion(nullptr), exampleV2());
-  EXPECT_EQ(rebuilt->version(), 2);
-  EXPECT_EQ(rebuilt->entitiesDescription(), exampleEntities().getDictionary("Entities"));
-  EXPECT_FALSE(rebuilt->delegate());
-  LogCapture log;
-  EXPECT_FALSE(rebuilt->pathForSyncResourcesWithFile("x"));
-  EXPECT_TRUE(log.contains("condition \"_pathForSyncPersistence\" failed"));
-}
-
-TEST(PhoneWithClientTest, ClientThatNeverArchivedAPhoneBuildsNothing) {
+  // A client that never archived a phone.
   auto client = std::make_shared<MemorySyncEngineClient>("id", "name", Array{});
   EXPECT_FALSE(CFPhone::phoneWithClient(client));
   client->setObject("not a description", kPhoneConduitClientKey);
@@ -430,21 +368,10 @@ TEST_F(HostedPhoneTest, InvalidateReleasesWhatThePhoneOwns) {
   LogCapture log;
   EXPECT_EQ(invalidArgumentReason([&] { phone->managerForDeviceDataClass(kContacts); }),
             "bad plist, could not find a manager for the dataclass Contacts");
+  // An invalidated phone cannot describe another one.
+  EXPECT_FALSE(CFPhone::phoneWithDelegate(phone.get()));
+  EXPECT_TRUE(log.contains("can't find phone conduit description"));
   phone->invalidate();  // a second release is harmless
-}
-
-TEST(PhoneTimeZoneTest, SystemZoneByDefaultAndSameZoneChangesNothing) {
-  CFPhone phone(Dictionary{});
-  LogCapture log;
-  EXPECT_EQ(phone.timeZone(), TimeZone::systemTimeZone());
-  EXPECT_TRUE(log.contains("timezone not set"));
-
-  auto paris = TimeZone::timeZoneWithName("Europe/Paris");
-  phone.setTimeZone(paris);
-  log.clear();
-  phone.setTimeZone(paris);
-  EXPECT_EQ(phone.timeZone(), paris);
-  EXPECT_TRUE(log.lines().empty());
 }
 
 }  // namespace

