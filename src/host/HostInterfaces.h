@@ -10,12 +10,16 @@
 #include <string>
 
 #include "platform/Object.h"
+#include "platform/TimeZone.h"
 #include "platform/Value.h"
 
 namespace pc {
 
 class CFPhone;
+class DeviceManager;
+class QVTSyncManager;
 class SyncEngineClient;
+class TruthSnapshot;
 
 // Names of the device services the conduit asks for.
 inline constexpr const char* kSynchronisationServiceName = "com.velmora.synchro";
@@ -73,6 +77,17 @@ class DataClassManager : public Object {
   virtual std::string deviceDataClass() const = 0;
   // The caller's own copy.
   virtual Dictionary properties() const = 0;
+
+  // What the data-class helpers ask of their manager. The defaults answer as
+  // a manager without a connected phone does.
+  // The sync manager of the phone this manager serves; not owned, may be null.
+  virtual QVTSyncManager* syncManager() { return nullptr; }
+  // The device manager with the phone's parsers and stores; not owned, may be null.
+  virtual DeviceManager* deviceManager() { return nullptr; }
+  // The zone the phone will be set to; null when unknown.
+  virtual TimeZonePtr _nextTimeZone() { return nullptr; }
+  // Whether alarms go to the phone at all.
+  virtual bool shouldSyncAlarm() { return true; }
 };
 
 // A parser, created by class name, that turns records into what the phone
@@ -88,6 +103,103 @@ class DeviceParser : public Object {
 };
 
 using DeviceParserPtr = std::shared_ptr<DeviceParser>;
+
+// A parser that can tell which recurrence rules the phone stores (vCalendar
+// phones). Parsers conform by also deriving from it; callers test with
+// dynamic_cast.
+class VCalParserExternal {
+ public:
+  virtual ~VCalParserExternal() = default;
+  // Whether the phone stores all-day events as such.
+  virtual bool supportsADE() const = 0;
+  // Whether the phone stores `rule` (a recurrence record) for `event`;
+  // `extraProperties` are the phone's raw properties of the event when known,
+  // `originalEvent` the engine's record.
+  virtual bool deviceHandleRule(const Dictionary& rule, const Dictionary& event,
+                                const std::optional<Dictionary>& extraProperties,
+                                const Dictionary& originalEvent) = 0;
+};
+
+// The same question for phones whose agent parser decides without the raw
+// properties.
+class AgentParserExternal {
+ public:
+  virtual ~AgentParserExternal() = default;
+  virtual bool deviceHandleRule(const Dictionary& rule, const Dictionary& event,
+                                const Dictionary& originalEvent) = 0;
+};
+
+// What the host keeps of the device's records for one data class.
+class DeviceStore {
+ public:
+  virtual ~DeviceStore() = default;
+  // The stored record of `key` (an engine identifier); its "RawProperties"
+  // entry holds the phone's raw properties. nullopt when none is stored.
+  virtual std::optional<Dictionary> getPrivateStorageDeviceRecordForKey(
+      const std::string& key) const = 0;
+};
+
+// The host's device manager: the phone's parsers and stores by data class.
+class DeviceManager {
+ public:
+  virtual ~DeviceManager() = default;
+  // nullptr when the data class has no parser.
+  virtual DeviceParserPtr parserForDataClass(const std::string& deviceDataClass) = 0;
+  // nullptr when the host keeps no store for the data class.
+  virtual std::shared_ptr<DeviceStore> storeForDeviceDataClass(
+      const std::string& deviceDataClass) = 0;
+};
+
+// The user's calendars as the host knows them.
+class CalendarsList {
+ public:
+  virtual ~CalendarsList() = default;
+  // The calendar record (with its read-only flag) that `record` belongs to,
+  // filling `identifierPointer` (when given) with its identifier; nullopt for
+  // an orphan record.
+  virtual std::optional<Dictionary> calendarForRecord(const Dictionary& record,
+                                                      std::string* identifierPointer) = 0;
+};
+
+// The host's sync manager for one connected phone.
+class QVTSyncManager {
+ public:
+  virtual ~QVTSyncManager() = default;
+  // Not owned; null before the phone is built.
+  virtual CFPhone* phone() = 0;
+  // Not owned; may be null.
+  virtual CalendarsList* calendarsList() = 0;
+  // The transport to the phone; its class name tells the transport's kind.
+  // Not owned; may be null.
+  virtual Object* syncTransport() = 0;
+  // The host's mode in which the phone's zone is not checked against events.
+  virtual bool isInBrisalde() const = 0;
+  // The engine's truth for this sync; not owned, may be null.
+  virtual const TruthSnapshot* recordSnapShot() const = 0;
+};
+
+// The delegate the host's record assembler asks how master records (events,
+// tasks, contacts) and their sub-records (alarms, recurrences, phone
+// numbers, ...) make one assembled record. The data-class helpers implement
+// it for their data class.
+class GenericAssemblerDelegate {
+ public:
+  virtual ~GenericAssemblerDelegate() = default;
+  // The relations of the master entity that hold sub-records, in order.
+  virtual Array masterRelationKeysForMasterEntity(const std::string& masterEntity) = 0;
+  // Relation name -> the entity of its sub-records.
+  virtual Dictionary relationKeysToSubEntitiesForMasterEntity(const std::string& masterEntity) = 0;
+  // Sub-entity -> the relation by which its records point back to the master.
+  virtual Dictionary entityToBackRelationShipForMasterEntity(const std::string& masterEntity) = 0;
+  // Keys of the master that travel with the assembled record (a set, held
+  // as an array without duplicates).
+  virtual Array extraKeysForMasterEntity(const std::string& masterEntity) = 0;
+  // Puts `identifiers` (the sub-records of `relation`, looked up in
+  // `records`: identifier -> record) in the order the phone wants.
+  virtual void sortRelation(const std::string& relation, Array& identifiers,
+                            const Dictionary& records, const std::string& entity) = 0;
+  virtual void addCustomField(const Value& field, const std::string& key) = 0;
+};
 
 // The data source a phone is built from on the host.
 class SyncConduitManagerDelegateProtocol {
