@@ -17,6 +17,7 @@ namespace pc {
 
 class CFPhone;
 class DeviceManager;
+class RecordHolder;
 class QVTSyncManager;
 class SyncEngineClient;
 class TruthSnapshot;
@@ -176,6 +177,19 @@ class QVTSyncManager {
   virtual bool isInBrisalde() const = 0;
   // The engine's truth for this sync; not owned, may be null.
   virtual const TruthSnapshot* recordSnapShot() const = 0;
+};
+
+// What the host asks the calendar data class's helper (the event
+// transformer) before it pushes events: the phone's date conventions, and
+// whether the phone stores an event's recurrence (false: the host explodes
+// the event into single events).
+class QVTSyncEventTransformerProtocol {
+ public:
+  virtual ~QVTSyncEventTransformerProtocol() = default;
+  virtual bool supportsGMTDates() const = 0;
+  virtual bool hasAllDayMultiDay() const = 0;
+  virtual bool hasAllDayEvents() const = 0;
+  virtual bool deviceSupportRecurrentEvent(RecordHolder& holder) = 0;
 };
 
 // The delegate the host's record assembler asks how master records (events,

@@ -30,7 +30,9 @@
 
 namespace pc {
 
-class QVTSyncEventTransformer : public QVTSyncDataClassHelper, public GenericAssemblerDelegate {
+class QVTSyncEventTransformer : public QVTSyncDataClassHelper,
+                                public QVTSyncEventTransformerProtocol,
+                                public GenericAssemblerDelegate {
  public:
   QVTSyncEventTransformer();
   ~QVTSyncEventTransformer() override;
@@ -62,12 +64,12 @@ class QVTSyncEventTransformer : public QVTSyncDataClassHelper, public GenericAss
   void _setMotorolaLegacyCompatibility(bool value) { _motorolaLegacyCompatibility = value; }
 
   // --- The protocol the host asks ----------------------------------------------
-  bool supportsGMTDates() const { return _supportsGMTDates; }
-  bool hasAllDayMultiDay() const { return _hasAllDayMultiDay; }
-  bool hasAllDayEvents() const { return _hasAllDayEvents; }
+  bool supportsGMTDates() const override { return _supportsGMTDates; }
+  bool hasAllDayMultiDay() const override { return _hasAllDayMultiDay; }
+  bool hasAllDayEvents() const override { return _hasAllDayEvents; }
   // Whether the phone will store the event's recurrence; false means the
   // host explodes the event into single events.
-  bool deviceSupportRecurrentEvent(RecordHolder& holder);
+  bool deviceSupportRecurrentEvent(RecordHolder& holder) override;
   bool deviceHandleRule(const Dictionary& rule, const Dictionary& event,
                         const std::string& masterId, const Dictionary& originalEvent);
 
