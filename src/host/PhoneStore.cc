@@ -1,0 +1,187 @@
+#include "host/PhoneStore.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "engine/SchemaNames.h"
+#include "util/PHCMangling.h"
+
+namespace pc {
+
+namespace {
+
+constexpr const char* kDataClassKey = "DataClass";
+constexpr const char* kRecordsKey = "Records";
+constexpr const char* kIdentifierKey = "identifier";
+constexpr const char* kFieldsKey = "fields";
+
+void setError(std::string* error, std::string text) {
+  if (error) *error = std::move(text);
+}
+
+std::string systemError(const std::string& path, const char* what) {
+  return path + ": " + what + ": " + std::strerror(errno);
+}
+
+// Writes all of `bytes` to `fd`, at most `limit` of them when one is given;
+// false when it stops short.
+bool writeAll(int fd, std::string_view bytes, std::optional<std::size_t> limit) {
+  std::size_t wanted = limit ? std::min(*limit, bytes.size()) : bytes.size();
+  std::size_t done = 0;
+  while (done < wanted) {
+    const ssize_t n = ::write(fd, bytes.data() + done, wanted - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  return done == bytes.size();
+}
+
+}  // namespace
+
+std::string PhoneStore::pathForDataClass(const std::string& dataClass) const {
+  return (std::filesystem::path(_directory) / (dataClass + ".plist")).string();
+}
+
+bool PhoneStore::hasDataClass(const std::string& dataClass) const {
+  std::error_code ignored;
+  return std::filesystem::exists(pathForDataClass(dataClass), ignored);
+}
+
+std::optional<PhoneStoreContents> PhoneStore::contentsFromBytes(std::string_view bytes,
+                                                                const std::string& fileName,
+                                                                std::string* error) {
+  std::string problem;
+  std::optional<Dictionary> top = recordFromText(bytes, &problem);
+  if (!top) {
+    setError(error, fileName + ": " + problem);
+    return std::nullopt;
+  }
+  auto fail = [&](const std::string& where, const std::string& what) {
+    setError(error, fileName + ": " + where + ": " + what);
+    return std::nullopt;
+  };
+  PhoneStoreContents contents;
+  const Value dataClass = top->get(kDataClassKey);
+  if (!dataClass.isString()) return fail(kDataClassKey, "missing or not a string");
+  contents.dataClass = dataClass.string();
+  const Value records = top->get(kRecordsKey);
+  if (!records.isArray()) return fail(kRecordsKey, "missing or not a list");
+  std::size_t index = 0;
+  for (const Value& element : records.array()) {
+    const std::string where = std::string(kRecordsKey) + "/" + std::to_string(index++);
+    auto record = element.asDictionary();
+    if (!record) return fail(where, "not a dictionary");
+    PhoneStoreRecord entry;
+    const Value identifier = record->get(kIdentifierKey);
+    if (!identifier.isString() || identifier.string().empty())
+      return fail(where + "/" + kIdentifierKey, "missing or not a text");
+    const Value entity = record->get(kEngineRecordEntityNameKey);
+    if (!entity.isString() || entity.string().empty())
+      return fail(where + "/" + kEngineRecordEntityNameKey, "missing or not a text");
+    const Value fields = record->get(kFieldsKey);
+    if (!fields.isDictionary()) return fail(where + "/" + kFieldsKey, "missing or not a dictionary");
+    entry.identifier = identifier.string();
+    entry.entity = entity.string();
+    entry.fields = fields.dictionary();
+    contents.records.push_back(std::move(entry));
+  }
+  return contents;
+}
+
+std::optional<std::string> PhoneStore::bytesForContents(const PhoneStoreContents& contents,
+                                                        std::string* error) {
+  Array records;
+  for (const PhoneStoreRecord& record : contents.records)
+    records.add(Value(Dictionary{{kIdentifierKey, record.identifier},
+                                 {kEngineRecordEntityNameKey, record.entity},
+                                 {kFieldsKey, Value(record.fields)}}));
+  const Dictionary top{{kDataClassKey, contents.dataClass}, {kRecordsKey, Value(records)}};
+  return recordText(top, error);
+}
+
+std::optional<PhoneStoreContents> PhoneStore::read(const std::string& dataClass,
+                                                   std::string* error) const {
+  const std::string path = pathForDataClass(dataClass);
+  std::error_code code;
+  if (!std::filesystem::exists(path, code)) return PhoneStoreContents{dataClass, {}};
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    setError(error, systemError(path, "cannot read the phone store"));
+    return std::nullopt;
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  if (in.bad()) {
+    setError(error, path + ": cannot read the phone store");
+    return std::nullopt;
+  }
+  std::optional<PhoneStoreContents> contents = contentsFromBytes(text.str(), path, error);
+  if (contents && contents->dataClass != dataClass) {
+    setError(error, path + ": " + kDataClassKey + ": holds \"" + contents->dataClass +
+                        "\", not \"" + dataClass + "\"");
+    return std::nullopt;
+  }
+  return contents;
+}
+
+PhoneStore::WriteResult PhoneStore::write(const PhoneStoreContents& contents, std::string* error) {
+  const std::string path = pathForDataClass(contents.dataClass);
+  std::optional<std::string> bytes = bytesForContents(contents, error);
+  if (!bytes) {
+    if (error) *error = path + ": " + *error;
+    return WriteResult::failed;
+  }
+  {
+    std::ifstream in(path, std::ios::binary);
+    if (in) {
+      std::ostringstream old;
+      old << in.rdbuf();
+      if (old.str() == *bytes) return WriteResult::unchanged;
+    }
+  }
+  std::error_code code;
+  std::filesystem::create_directories(_directory, code);
+  if (code) {
+    setError(error, _directory + ": cannot create the phone store: " + code.message());
+    return WriteResult::failed;
+  }
+  std::string temporary = path + ".XXXXXX";
+  const int fd = ::mkstemp(temporary.data());
+  if (fd < 0) {
+    setError(error, systemError(path, "cannot write the phone store"));
+    return WriteResult::failed;
+  }
+  if (!writeAll(fd, *bytes, _interruptAfter)) {
+    // Left as a crash would leave it: the temporary file stays, the store
+    // file is the old one.
+    ::close(fd);
+    setError(error, path + ": the write was interrupted; the old file is kept");
+    return WriteResult::failed;
+  }
+  bool ok = ::fchmod(fd, 0644) == 0 && ::fsync(fd) == 0;
+  ok = (::close(fd) == 0) && ok;
+  ok = ok && ::rename(temporary.c_str(), path.c_str()) == 0;
+  if (!ok) {
+    setError(error, systemError(path, "cannot write the phone store"));
+    ::unlink(temporary.c_str());
+    return WriteResult::failed;
+  }
+  // The rename itself reaches the disk with the folder.
+  if (const int dir = ::open(_directory.c_str(), O_RDONLY | O_DIRECTORY); dir >= 0) {
+    ::fsync(dir);
+    ::close(dir);
+  }
+  return WriteResult::written;
+}
+
+}  // namespace pc

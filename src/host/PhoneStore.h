@@ -1,0 +1,80 @@
+#pragma once
+// The simulated phone's persistent store: what the phone holds of each data
+// class, one property-list file per data class in the store's folder
+// ("Contacts.plist", "Calendars.plist"), in the record files' text form so
+// that dates keep their zone and a user can edit an entry by hand.
+//
+// A file is a dictionary: "DataClass" -> its name, "Records" -> a list of
+// { "identifier" -> the phone's record identifier, "entityName" -> the
+// engine entity, "fields" -> the record as the phone holds it }.
+//
+// Writes are atomic: the text goes to a temporary file in the same folder,
+// is flushed to the disk and renamed over the old file, so a write that is
+// interrupted leaves the old file whole. A file that does not read gives an
+// error that names it; nothing else is touched.
+//
+//   PhoneStore store("phone");
+//   std::string error;
+//   auto contents = store.read("Contacts", &error);   // nullopt: error
+//   store.write(*contents, &error);
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Value.h"
+
+namespace pc {
+
+struct PhoneStoreRecord {
+  std::string identifier;
+  std::string entity;
+  Dictionary fields;
+};
+
+struct PhoneStoreContents {
+  std::string dataClass;
+  std::vector<PhoneStoreRecord> records;
+};
+
+class PhoneStore {
+ public:
+  enum class WriteResult { unchanged, written, failed };
+
+  explicit PhoneStore(std::string directory) : _directory(std::move(directory)) {}
+
+  const std::string& directory() const { return _directory; }
+  std::string pathForDataClass(const std::string& dataClass) const;
+  bool hasDataClass(const std::string& dataClass) const;
+
+  // The contents of one store file's bytes; nullopt with `error` saying what
+  // is wrong and where ("<fileName>: Records/2/identifier: ...").
+  static std::optional<PhoneStoreContents> contentsFromBytes(std::string_view bytes,
+                                                             const std::string& fileName,
+                                                             std::string* error = nullptr);
+  // The bytes of a store file; nullopt with `error` when a record holds a
+  // value a property list cannot.
+  static std::optional<std::string> bytesForContents(const PhoneStoreContents& contents,
+                                                     std::string* error = nullptr);
+
+  // What the phone holds of the data class: empty when it holds nothing yet;
+  // nullopt with `error` (naming the file) when the file cannot be read or is
+  // corrupt or truncated.
+  std::optional<PhoneStoreContents> read(const std::string& dataClass,
+                                         std::string* error = nullptr) const;
+  // Replaces the data class's file atomically. A file that already holds
+  // these bytes is left alone (unchanged). The folder is created when missing.
+  WriteResult write(const PhoneStoreContents& contents, std::string* error = nullptr);
+
+  // Makes the next writes stop after `bytes` bytes of the temporary file, as
+  // a crash or a full disk would, and fail; nullopt writes normally again.
+  void interruptWritesAfter(std::optional<std::size_t> bytes) { _interruptAfter = bytes; }
+
+ private:
+  std::string _directory;
+  std::optional<std::size_t> _interruptAfter;
+};
+
+}  // namespace pc

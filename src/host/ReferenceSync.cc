@@ -1,0 +1,488 @@
+#include "host/ReferenceSync.h"
+
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include <fmt/format.h>
+
+#include "async/Log.h"
+#include "calcore/CALDateTime.h"
+#include "calcore/CALEventExploder.h"
+#include "calcore/CALTimeRange.h"
+#include "conduit/CFPhone.h"
+#include "conduit/ConduitProtocols.h"
+#include "conduit/SyncSettings.h"
+#include "engine/MemoryEngine.h"
+#include "engine/SchemaNames.h"
+#include "formatting/EntityFormatter.h"
+#include "host/HostInterfaces.h"
+#include "host/PhoneStore.h"
+#include "platform/Exception.h"
+#include "platform/PropertyList.h"
+
+namespace pc {
+
+namespace {
+
+const std::string& syncLogDomain() {
+  static const std::string domain =
+      phcFormatLogDomain(".sync.", phcSimplifyFileName("ReferenceSync"));
+  return domain;
+}
+
+constexpr const char* kSettingsFileName = "SyncSettings.plist";
+constexpr const char* kRecurrencesKey = "recurrences";
+constexpr const char* kEntityFormattersKeyV1 = "EntityFormatters";
+constexpr const char* kFieldFormattingKey = "FieldFormatting";
+
+// "maxLength 40, charsToStrip ..." for a description entry.
+std::string entrySummary(const Value& entry) {
+  auto dictionary = entry.asDictionary();
+  if (!dictionary) return entry.isArray() ? "formatting calls" : entry.description();
+  std::string text;
+  for (const auto& [key, value] : *dictionary) {
+    if (!text.empty()) text += ", ";
+    text += key.stringValue();
+    if (value.isNumber() || value.isString()) text += " " + value.description();
+  }
+  return text;
+}
+
+// What one phone model does: its description, the phone side that formats
+// on the way out and the engine side that predicts.
+struct Phone {
+  const SyncRun& run;
+  std::shared_ptr<EngineSchema> schema;
+  std::unique_ptr<DeviceFormatting> phoneSide;
+  std::unique_ptr<DeviceFormatting> engineSide;
+  Dictionary entities;  // entity -> keys the phone syncs
+
+  DataClassHelperPtr helperFor(const std::string& entity) const {
+    auto formatter = phoneSide->formatterForEntity(entity);
+    return formatter ? formatter->helper() : nullptr;
+  }
+  bool syncsKey(const std::string& entity, const std::string& key) const {
+    auto keys = entities.getArray(entity);
+    return keys && keys->contains(key);
+  }
+  std::string dataClassOf(const std::string& entity) const {
+    return schema->dataClassNameForEntityName(entity).value_or(entity);
+  }
+
+  // The part of the descriptions that explains why `key` of a record of
+  // `entity` did not come back as it went; empty when none does.
+  std::string limitFor(const std::string& entity, const std::string& key) const {
+    if (!syncsKey(entity, key))
+      return fmt::format("{}/{}: not among the keys the phone syncs", kEngineClientEntitiesKey,
+                         entity);
+    const Dictionary& description = run.deviceDescription;
+    if (auto formatting = description.getDictionary(kFormattingKey)) {
+      if (auto entry = formatting->getDictionary(entity); entry && entry->contains(key))
+        return fmt::format("{}/{}/{}: {}", kFormattingKey, entity, key,
+                           entrySummary(entry->get(key)));
+    }
+    if (auto formatters = description.getDictionary(kEntityFormattersKeyV1)) {
+      if (auto entry = formatters->getDictionary(entity)) {
+        if (auto fields = entry->getDictionary(kFieldFormattingKey); fields && fields->contains(key))
+          return fmt::format("{}/{}/{}/{}: {}", kEntityFormattersKeyV1, entity, kFieldFormattingKey,
+                             key, entrySummary(fields->get(key)));
+        if (entry->contains(key))
+          return fmt::format("{}/{}/{}: {}", kEntityFormattersKeyV1, entity, key,
+                             entrySummary(entry->get(key)));
+      }
+    }
+    // A relation: the limits of its sub-records' entity.
+    if (auto target = schema->targetEntityForRelationship(entity, key)) {
+      if (auto formatting = description.getDictionary(kFormattingKey))
+        if (auto entry = formatting->getDictionary(*target)) {
+          for (const auto& [field, properties] : *entry)
+            if (auto p = properties.asDictionary(); p && p->contains("relationshipSize"))
+              return fmt::format("{}/{}/{}: {}", kFormattingKey, *target, field.stringValue(),
+                                 entrySummary(properties));
+          return fmt::format("{}/{}: {}", kFormattingKey, *target, entrySummary(Value(*entry)));
+        }
+      if (auto formatters = description.getDictionary(kEntityFormattersKeyV1))
+        if (auto entry = formatters->getDictionary(*target)) {
+          for (const char* limit : {"MaxNumber", "MaxNumberPerType", "maxRecord"})
+            if (entry->contains(limit))
+              return fmt::format("{}/{}/{}: {}", kEntityFormattersKeyV1, *target, limit,
+                                 entrySummary(entry->get(limit)));
+          return fmt::format("{}/{}", kEntityFormattersKeyV1, *target);
+        }
+      if (!entities.contains(*target))
+        return fmt::format("{}/{}: the phone does not sync these records", kEngineClientEntitiesKey,
+                           *target);
+    }
+    // What the data-class helper does under the data class's flags.
+    const std::string dataClass = dataClassOf(entity);
+    if (auto classes = description.getDictionary(kSyncDataClassesKey))
+      if (auto entry = classes->getDictionary(dataClass))
+        return fmt::format("{}/{}: {}", kSyncDataClassesKey, dataClass, entrySummary(Value(*entry)));
+    return std::string();
+  }
+};
+
+// The sync settings kept in the phone folder.
+struct Settings {
+  std::string path;
+  Dictionary values;
+  std::optional<std::string> savedText;
+
+  bool load(std::string& error) {
+    std::error_code code;
+    if (!std::filesystem::exists(path, code)) return true;
+    PropertyListError problem;
+    std::optional<Value> contents = PropertyList::fromFile(path, &problem);
+    if (!contents || !contents->isDictionary()) {
+      error = path + ": " + (contents ? std::string("not a dictionary") : problem.description());
+      return false;
+    }
+    values = contents->dictionary();
+    savedText = PropertyList::toXML(Value(values));
+    return true;
+  }
+  bool save(std::vector<std::string>& written, std::string& error) {
+    std::optional<std::string> text = PropertyList::toXML(Value(values));
+    if (text && savedText && *text == *savedText) return true;
+    std::error_code code;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), code);
+    PropertyListError problem;
+    if (!PropertyList::writeToFile(Value(values), path, &problem)) {
+      error = path + ": " + problem.description();
+      return false;
+    }
+    written.push_back(path);
+    return true;
+  }
+};
+
+// One record the phone is to hold: its store entry, and the holder that
+// carries what mangling noted to the unmangling of the same record.
+struct Outgoing {
+  PhoneStoreRecord stored;
+  std::shared_ptr<RecordHolder> holder;
+  std::optional<Dictionary> prediction;
+  std::size_t report = 0;  // index of its master's report
+};
+
+Dictionary withEntity(const Dictionary& fields, const std::string& entity) {
+  Dictionary record = fields.deepCopy();
+  record.set(kEngineRecordEntityNameKey, Value(entity));
+  return record;
+}
+
+}  // namespace
+
+const char* syncOutcomeName(SyncOutcome outcome) {
+  switch (outcome) {
+    case SyncOutcome::sent: return "sent";
+    case SyncOutcome::reduced: return "reduced";
+    case SyncOutcome::exploded: return "exploded";
+    case SyncOutcome::rejected: return "rejected";
+    case SyncOutcome::changedOnPhone: return "changedOnPhone";
+  }
+  return "sent";
+}
+
+std::vector<std::string> ReferenceSync::differingFields(const Dictionary& a, const Dictionary& b) {
+  std::vector<std::string> fields;
+  for (const auto& [key, value] : a) {
+    if (key.stringValue() == kEngineRecordEntityNameKey) continue;
+    const Value* other = b.find(key);
+    if (!other || !(*other == value)) fields.push_back(key.stringValue());
+  }
+  for (const auto& [key, value] : b) {
+    if (key.stringValue() == kEngineRecordEntityNameKey || a.contains(key)) continue;
+    fields.push_back(key.stringValue());
+  }
+  return fields;
+}
+
+SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& inputs) {
+  SyncResult result;
+  SyncReport& report = result.report;
+
+  // --- The phone, from its description -------------------------------------------------
+  Phone phone{run, nullptr, nullptr, nullptr, Dictionary()};
+  std::string problem;
+  phone.schema = EngineSchema::schemaWithContentsOfDirectory(EngineSchema::defaultSchemaDirectory(),
+                                                             &problem);
+  if (!phone.schema) {
+    result.error = problem;
+    return result;
+  }
+  try {
+    phone.phoneSide =
+        DeviceFormatting::phoneSide(run.deviceDescription, run.entitiesDescription, run.formatting);
+  } catch (const Exception& exception) {
+    result.error = exception.reason();
+    return result;
+  }
+  if (!phone.phoneSide) {
+    result.error = "no phone can be built from this description";
+    return result;
+  }
+  phone.entities = run.entitiesDescription.getDictionary(kEngineClientEntitiesKey).value_or(Dictionary());
+
+  // --- The engine's truth --------------------------------------------------------------
+  auto truth = std::make_shared<MemoryTruthSnapshot>();
+  RecordAssembler assembler(phone.schema);
+  auto delegateFor = [&](const std::string& entity) -> GenericAssemblerDelegate* {
+    return dynamic_cast<GenericAssemblerDelegate*>(phone.helperFor(entity).get());
+  };
+  std::vector<std::string> masters;
+  std::set<std::string> masterEntities;
+  for (const SyncInput& input : inputs)
+    masterEntities.insert(input.record.getString(kEngineRecordEntityNameKey));
+  for (const SyncInput& input : inputs) {
+    const std::string entity = input.record.getString(kEngineRecordEntityNameKey);
+    assembler.setDelegate(delegateFor(entity));
+    SplitRecord parts = assembler.split(input.record, input.identifier);
+    truth->addRecord(input.identifier, parts.master);
+    masters.push_back(input.identifier);
+    for (const auto& [identifier, record] : parts.subRecords) {
+      truth->addRecord(identifier, record);
+      // A detached event is a master record of its own.
+      if (masterEntities.count(record.getString(kEngineRecordEntityNameKey)))
+        masters.push_back(identifier);
+    }
+  }
+  for (const Value& entity : phone.phoneSide->supportedEntityNames())
+    if (auto formatter = phone.phoneSide->formatterForEntity(entity.stringValue()))
+      formatter->_setSnapShot(truth);
+  phone.engineSide = phone.phoneSide->engineSide(truth);
+  if (!phone.engineSide) {
+    result.error = "the engine cannot rebuild the phone from its client";
+    return result;
+  }
+
+  // --- The sync window and what the phone holds already ---------------------------------
+  Settings settings{(std::filesystem::path(run.phoneDirectory) / kSettingsFileName).string(), {}, {}};
+  if (!settings.load(result.error)) return result;
+  if (run.anchorDate) settings.values.set(kAnchorDateKey, Value(*run.anchorDate));
+  else if (!settings.values.contains(kAnchorDateKey))
+    settings.values.set(kAnchorDateKey, Value(SyncSettings::qvt_anchorDate(settings.values)));
+  const CalendarDate windowStart = SyncSettings::qvt_leftExpansionWindow(settings.values);
+  const CalendarDate windowEnd = SyncSettings::qvt_rightExpansionWindow(settings.values);
+
+  PhoneStore store(run.phoneDirectory);
+  std::vector<std::string> dataClasses;  // in the order records first name them
+  std::map<std::string, PhoneStoreContents> previous;
+  auto noteDataClass = [&](const std::string& dataClass) -> bool {
+    if (previous.count(dataClass)) return true;
+    std::optional<PhoneStoreContents> contents = store.read(dataClass, &result.error);
+    if (!contents) return false;
+    previous[dataClass] = std::move(*contents);
+    dataClasses.push_back(dataClass);
+    return true;
+  };
+  for (const std::string& identifier : masters) {
+    const std::string entity =
+        truth->recordWithIdentifier(identifier)->getString(kEngineRecordEntityNameKey);
+    if (!noteDataClass(phone.dataClassOf(entity))) return result;
+  }
+  std::map<std::string, const PhoneStoreRecord*> onPhone;
+  for (const auto& [dataClass, contents] : previous)
+    for (const PhoneStoreRecord& record : contents.records) onPhone[record.identifier] = &record;
+
+  // --- Way out -------------------------------------------------------------------------
+  std::map<std::string, std::vector<Outgoing>> outgoing;  // data class -> records
+  std::set<std::string> sentIdentifiers;
+  auto unmangled = [&](const PhoneStoreRecord& stored, RecordHolder& holder) {
+    holder.setMutableDictionary(withEntity(stored.fields, stored.entity));
+    auto helper = phone.helperFor(stored.entity);
+    if (auto transformer = dynamic_cast<QVTSyncRecordTransformer*>(helper.get())) {
+      try {
+        transformer->unmangleRecordAfterReadingFromDevice(holder);
+      } catch (const Exception& exception) {
+        QVT_LOG(kLogError, syncLogDomain(), "exception {}", exception.description());
+      }
+    }
+    return holder.mutableDictionary();
+  };
+  // A record the phone holds already: unchanged when its phone form is the
+  // prediction; else the phone's version stays and its changes are listed.
+  auto changedOnPhone = [&](const std::string& phoneIdentifier, const Dictionary& engineRecord,
+                            const std::optional<Dictionary>& prediction,
+                            std::vector<SyncField>& changes, const std::string& prefix) {
+    auto found = onPhone.find(phoneIdentifier);
+    if (found == onPhone.end()) return false;
+    RecordHolder holder(engineRecord, phoneIdentifier);
+    const Dictionary phoneForm = unmangled(*found->second, holder);
+    const std::vector<std::string> fields =
+        differingFields(phoneForm, prediction ? *prediction : Dictionary());
+    for (const std::string& field : fields) changes.push_back({prefix + field, std::string()});
+    return !fields.empty();
+  };
+
+  const std::size_t total = masters.size();
+  for (std::size_t done = 0; done < total; ++done) {
+    if (run.progress) run.progress(done, total);
+    const std::string& identifier = masters[done];
+    const std::string entity =
+        truth->recordWithIdentifier(identifier)->getString(kEngineRecordEntityNameKey);
+    assembler.setDelegate(delegateFor(entity));
+    const Dictionary assembled = *assembler.assembledRecord(identifier, *truth);
+    const std::string dataClass = phone.dataClassOf(entity);
+
+    SyncRecordReport entry;
+    entry.identifier = identifier;
+    entry.entity = entity;
+    entry.assembled = assembled;
+    const std::size_t reportIndex = report.records.size();
+
+    auto helper = phone.helperFor(entity);
+    auto holder = std::make_shared<RecordHolder>(assembled, identifier);
+    if (auto transformer = dynamic_cast<QVTSyncRecordTransformer*>(helper.get())) {
+      try {
+        transformer->mangleRecordBeforePushingToDevice(*holder);
+      } catch (const Exception& exception) {
+        QVT_LOG(kLogError, syncLogDomain(), "exception {}", exception.description());
+      }
+    }
+    const Dictionary mangled = holder->mutableDictionary();
+
+    // Recurring events the phone cannot hold go as single events.
+    bool explode = false;
+    auto recurrences = mangled.getArray(kRecurrencesKey);
+    if (recurrences && !recurrences->empty()) {
+      if (auto protocol = dynamic_cast<QVTSyncEventTransformerProtocol*>(helper.get()))
+        explode = !protocol->deviceSupportRecurrentEvent(*holder);
+      else
+        explode = !phone.syncsKey(entity, kRecurrencesKey);
+    }
+
+    if (explode) {
+      Array events, predicted;
+      try {
+        const CALDateRef start = CALDate::CALDateFromCalendarDate(windowStart, false);
+        const CALDateRef end = CALDate::CALDateFromCalendarDate(windowEnd, false);
+        const CALTimeRange window(start.get(), end.get());
+        auto exploder = CALEventExploder::CALEventExploderWithAssembledEvent(mangled);
+        auto engineExploder = CALEventExploder::CALEventExploderWithAssembledEvent(assembled);
+        if (!exploder || !engineExploder)
+          raiseException(kInvalidArgumentException, "the event holds more than one recurrence");
+        events = exploder->eventsForDates(exploder->produceDatesForTimeRange(window, truth.get(), identifier));
+        predicted = engineExploder->eventsForDates(
+            engineExploder->produceDatesForTimeRange(window, truth.get(), identifier));
+      } catch (const Exception& exception) {
+        entry.outcome = SyncOutcome::rejected;
+        entry.reason = "the recurrence cannot be exploded: " + exception.reason();
+        report.records.push_back(std::move(entry));
+        continue;
+      }
+      entry.outcome = SyncOutcome::exploded;
+      std::vector<SyncField> changes;
+      for (std::size_t i = 0; i < events.count(); ++i) {
+        const std::string occurrence = identifier + "#" + std::to_string(i + 1);
+        const Dictionary event = events.at(i).dictionary();
+        FormattingOutcome formatted = phone.phoneSide->formatRecord(event);
+        if (!formatted.record) continue;
+        const Dictionary engineEvent = i < predicted.count() ? predicted.at(i).dictionary() : event;
+        std::optional<Dictionary> prediction = phone.engineSide->formatRecord(engineEvent).record;
+        if (changedOnPhone(occurrence, engineEvent, prediction, changes, occurrence + ": ")) {
+          outgoing[dataClass].push_back({*onPhone[occurrence], nullptr, prediction, reportIndex});
+        } else {
+          outgoing[dataClass].push_back(
+              {{occurrence, entity, *formatted.record},
+               std::make_shared<RecordHolder>(engineEvent, identifier), prediction, reportIndex});
+        }
+        sentIdentifiers.insert(occurrence);
+        ++entry.events;
+      }
+      if (!changes.empty()) {
+        entry.outcome = SyncOutcome::changedOnPhone;
+        entry.fields = std::move(changes);
+      }
+      report.records.push_back(std::move(entry));
+      continue;
+    }
+
+    FormattingOutcome formatted = phone.phoneSide->formatRecord(mangled);
+    if (!formatted.record) {
+      entry.outcome = SyncOutcome::rejected;
+      entry.reason = formatted.rejection.empty() ? "the phone cannot hold this record"
+                                                 : formatted.rejection;
+      report.records.push_back(std::move(entry));
+      continue;
+    }
+    entry.prediction = phone.engineSide->formatRecord(assembled).record;
+    std::vector<SyncField> changes;
+    if (changedOnPhone(identifier, assembled, entry.prediction, changes, "")) {
+      entry.outcome = SyncOutcome::changedOnPhone;
+      entry.fields = std::move(changes);
+      outgoing[dataClass].push_back({*onPhone[identifier], holder, entry.prediction, reportIndex});
+    } else {
+      outgoing[dataClass].push_back(
+          {{identifier, entity, *formatted.record}, holder, entry.prediction, reportIndex});
+    }
+    sentIdentifiers.insert(identifier);
+    report.records.push_back(std::move(entry));
+  }
+  if (run.progress) run.progress(total, total);
+
+  // Records made on the phone, unknown to the engine, stay on the phone.
+  for (const auto& [dataClass, contents] : previous)
+    for (const PhoneStoreRecord& record : contents.records) {
+      if (sentIdentifiers.count(record.identifier)) continue;
+      SyncRecordReport entry;
+      entry.identifier = record.identifier;
+      entry.entity = record.entity;
+      entry.outcome = SyncOutcome::changedOnPhone;
+      entry.fields.push_back({"added on the phone", std::string()});
+      outgoing[dataClass].push_back({record, nullptr, std::nullopt, report.records.size()});
+      report.records.push_back(std::move(entry));
+    }
+
+  // --- Into the store ------------------------------------------------------------------
+  if (!settings.save(report.filesWritten, result.error)) return result;
+  for (const std::string& dataClass : dataClasses) {
+    PhoneStoreContents contents{dataClass, {}};
+    for (const Outgoing& record : outgoing[dataClass]) contents.records.push_back(record.stored);
+    std::string error;
+    switch (store.write(contents, &error)) {
+      case PhoneStore::WriteResult::written:
+        report.filesWritten.push_back(store.pathForDataClass(dataClass));
+        break;
+      case PhoneStore::WriteResult::unchanged: break;
+      case PhoneStore::WriteResult::failed: result.error = error; return result;
+    }
+  }
+
+  // --- Way back ------------------------------------------------------------------------
+  for (const std::string& dataClass : dataClasses) {
+    std::optional<PhoneStoreContents> contents = store.read(dataClass, &result.error);
+    if (!contents) return result;
+    std::map<std::string, const Outgoing*> sent;
+    for (const Outgoing& record : outgoing[dataClass]) sent[record.stored.identifier] = &record;
+    for (const PhoneStoreRecord& stored : contents->records) {
+      auto found = sent.find(stored.identifier);
+      if (found == sent.end() || !found->second->holder) continue;
+      SyncRecordReport& entry = report.records[found->second->report];
+      if (entry.outcome == SyncOutcome::exploded || entry.outcome == SyncOutcome::changedOnPhone)
+        continue;
+      RecordHolder& holder = *found->second->holder;
+      const Dictionary back = unmangled(stored, holder);
+      entry.roundTrip = back;
+      assembler.setDelegate(delegateFor(stored.entity));
+      entry.engineRecords = assembler.split(back, stored.identifier);
+      for (const std::string& field : differingFields(*entry.assembled, back))
+        entry.fields.push_back({field, phone.limitFor(entry.entity, field)});
+      entry.outcome = entry.fields.empty() ? SyncOutcome::sent : SyncOutcome::reduced;
+    }
+  }
+
+  for (const SyncRecordReport& entry : report.records) {
+    switch (entry.outcome) {
+      case SyncOutcome::sent: ++report.summary.sent; break;
+      case SyncOutcome::reduced: ++report.summary.reduced; break;
+      case SyncOutcome::exploded: ++report.summary.exploded; break;
+      case SyncOutcome::rejected: ++report.summary.rejected; break;
+      case SyncOutcome::changedOnPhone: ++report.summary.changedOnPhone; break;
+    }
+  }
+  return result;
+}
+
+}  // namespace pc

@@ -1,0 +1,114 @@
+#pragma once
+// One synchronisation between the engine's truth and a simulated phone whose
+// store lives in a folder, on the reference host.
+//
+// Way out: the in-memory engine holds the records; each master record is
+// assembled with its sub-records, mangled by its data class's helper,
+// formatted by the phone's entity formatters (a recurring event the phone
+// cannot hold is exploded into single events within the sync window) and
+// written to the phone store, one file per data class. Way back: the store
+// is read again and each record unmangled into engine records.
+//
+// Each record is reported: sent as it is, reduced (each field that did not
+// come back as it went, with the part of the description that removed it),
+// exploded into N events, rejected (why), or changed on the phone. A record
+// the phone already holds is compared with the engine-side formatter's
+// prediction: when they agree the record is unchanged on the phone; when
+// they do not, the phone's version is kept and its changed fields listed.
+//
+//   SyncRun run{description, entities, {}, "phone-dir"};
+//   SyncResult result = ReferenceSync::run(run, records);
+//   if (!result.error.empty()) ...;             // nothing was written
+//   for (const SyncRecordReport& r : result.report.records) ...
+
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "formatting/DeviceFormatting.h"
+#include "host/RecordAssembler.h"
+#include "platform/CalendarDate.h"
+#include "platform/Value.h"
+
+namespace pc {
+
+struct SyncRun {
+  Dictionary deviceDescription;
+  Dictionary entitiesDescription;  // with its "Entities" dictionary
+  DeviceFormattingOptions formatting;
+  std::string phoneDirectory;
+  // The anchor of the sync window; kept in the phone folder's settings, so
+  // that later runs use the same window. Without one: the stored anchor,
+  // else the current one.
+  std::optional<CalendarDate> anchorDate;
+  // Called with (records done, records in all) as the run goes on.
+  std::function<void(std::size_t, std::size_t)> progress;
+};
+
+// A record of the engine: its identifier and its assembled form (a record
+// file's contents).
+struct SyncInput {
+  std::string identifier;
+  Dictionary record;
+};
+
+enum class SyncOutcome { sent, reduced, exploded, rejected, changedOnPhone };
+const char* syncOutcomeName(SyncOutcome outcome);
+
+struct SyncField {
+  std::string field;
+  // The part of the device or entities description that removed or changed
+  // the field ("Formatting/Contacts.Contact/notes: maxLength 40"); empty for
+  // a change made on the phone.
+  std::string limit;
+};
+
+struct SyncRecordReport {
+  std::string identifier;
+  std::string entity;
+  SyncOutcome outcome = SyncOutcome::sent;
+  std::vector<SyncField> fields;
+  std::size_t events = 0;  // exploded into
+  std::string reason;      // rejected
+  // The engine's assembled record, the engine-side prediction and the record
+  // back from the phone (unmangled, assembled), when there are such; and the
+  // engine records the way back split it into.
+  std::optional<Dictionary> assembled;
+  std::optional<Dictionary> prediction;
+  std::optional<Dictionary> roundTrip;
+  std::optional<SplitRecord> engineRecords;
+};
+
+struct SyncSummary {
+  std::size_t sent = 0;
+  std::size_t reduced = 0;
+  std::size_t exploded = 0;
+  std::size_t rejected = 0;
+  std::size_t changedOnPhone = 0;
+};
+
+struct SyncReport {
+  SyncSummary summary;
+  std::vector<SyncRecordReport> records;
+  std::vector<std::string> filesWritten;  // store files this run rewrote
+};
+
+struct SyncResult {
+  // Empty on success; otherwise what stopped the run before anything was
+  // written (an unusable description, a store file that does not read).
+  std::string error;
+  SyncReport report;
+};
+
+class ReferenceSync {
+ public:
+  static SyncResult run(const SyncRun& run, const std::vector<SyncInput>& records);
+
+  // Keys that differ between two records (entity names aside); a relation's
+  // sub-records count as one field.
+  static std::vector<std::string> differingFields(const Dictionary& a, const Dictionary& b);
+};
+
+}  // namespace pc
