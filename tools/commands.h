@@ -49,5 +49,7 @@ void addMethodsCommands(CLI::App& app);
 void addFormatCommands(CLI::App& app);
 // hexdump.
 void addHexdumpCommands(CLI::App& app);
+// sync.
+void addSyncCommands(CLI::App& app);
 
 }  // namespace pc::tools

@@ -17,6 +17,7 @@ int main(int argc, char** argv) {
   pc::tools::addMethodsCommands(app);
   pc::tools::addFormatCommands(app);
   pc::tools::addHexdumpCommands(app);
+  pc::tools::addSyncCommands(app);
 
   // Errors always reach standard error; the user's preferences may ask for more.
   pc::QVTRegisterLogs();

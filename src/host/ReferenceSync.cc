@@ -1,5 +1,6 @@
 #include "host/ReferenceSync.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -44,7 +45,10 @@ std::string entrySummary(const Value& entry) {
   for (const auto& [key, value] : *dictionary) {
     if (!text.empty()) text += ", ";
     text += key.stringValue();
-    if (value.isNumber() || value.isString()) text += " " + value.description();
+    // Numbers and short texts are the limits themselves; long character
+    // lists are named only.
+    if (value.isNumber() || (value.isString() && value.string().size() <= 16))
+      text += " " + value.description();
   }
   return text;
 }
@@ -72,7 +76,19 @@ struct Phone {
 
   // The part of the descriptions that explains why `key` of a record of
   // `entity` did not come back as it went; empty when none does.
-  std::string limitFor(const std::string& entity, const std::string& key) const {
+  std::string limitFor(const std::string& entity, const std::string& path) const {
+    // "phoneNumbers/2/value": the field of a sub-record; "phoneNumbers/2": a
+    // sub-record the phone did not keep.
+    const std::size_t slash = path.find('/');
+    const std::string key = path.substr(0, slash);
+    if (slash != std::string::npos) {
+      const std::size_t next = path.find('/', slash + 1);
+      auto target = schema->targetEntityForRelationship(entity, key);
+      if (next != std::string::npos && target) {
+        std::string limit = limitFor(*target, path.substr(next + 1));
+        if (!limit.empty()) return limit;
+      }
+    }
     if (!syncsKey(entity, key))
       return fmt::format("{}/{}: not among the keys the phone syncs", kEngineClientEntitiesKey,
                          entity);
@@ -97,7 +113,8 @@ struct Phone {
       if (auto formatting = description.getDictionary(kFormattingKey))
         if (auto entry = formatting->getDictionary(*target)) {
           for (const auto& [field, properties] : *entry)
-            if (auto p = properties.asDictionary(); p && p->contains("relationshipSize"))
+            if (auto p = properties.asDictionary();
+                p && (p->contains("relationshipSize") || p->contains("relationshipConstraint")))
               return fmt::format("{}/{}/{}: {}", kFormattingKey, *target, field.stringValue(),
                                  entrySummary(properties));
           return fmt::format("{}/{}: {}", kFormattingKey, *target, entrySummary(Value(*entry)));
@@ -118,7 +135,8 @@ struct Phone {
     const std::string dataClass = dataClassOf(entity);
     if (auto classes = description.getDictionary(kSyncDataClassesKey))
       if (auto entry = classes->getDictionary(dataClass))
-        return fmt::format("{}/{}: {}", kSyncDataClassesKey, dataClass, entrySummary(Value(*entry)));
+        return fmt::format("{}/{}: the {} helper's conventions", kSyncDataClassesKey, dataClass,
+                           dataClass);
     return std::string();
   }
 };
@@ -185,17 +203,74 @@ const char* syncOutcomeName(SyncOutcome outcome) {
   return "sent";
 }
 
-std::vector<std::string> ReferenceSync::differingFields(const Dictionary& a, const Dictionary& b) {
-  std::vector<std::string> fields;
+namespace {
+
+bool sameIgnoringEntityNames(const Value& a, const Value& b);
+
+void collectDifferences(const Dictionary& a, const Dictionary& b, const std::string& prefix,
+                        std::vector<std::string>& fields) {
+  auto differ = [&](const std::string& key, const Value* x, const Value* y) {
+    if (!x || !y) {
+      fields.push_back(prefix + key);
+      return;
+    }
+    auto left = x->asArray();
+    auto right = y->asArray();
+    if (!left || !right || sameIgnoringEntityNames(*x, *y)) {
+      if (!sameIgnoringEntityNames(*x, *y)) fields.push_back(prefix + key);
+      return;
+    }
+    // Sub-records, element by element.
+    for (std::size_t i = 0; i < std::max(left->count(), right->count()); ++i) {
+      const std::string where = prefix + key + "/" + std::to_string(i);
+      if (i >= left->count() || i >= right->count()) {
+        fields.push_back(where);
+        continue;
+      }
+      auto l = left->at(i).asDictionary();
+      auto r = right->at(i).asDictionary();
+      if (l && r)
+        collectDifferences(*l, *r, where + "/", fields);
+      else if (!sameIgnoringEntityNames(left->at(i), right->at(i)))
+        fields.push_back(where);
+    }
+  };
   for (const auto& [key, value] : a) {
     if (key.stringValue() == kEngineRecordEntityNameKey) continue;
-    const Value* other = b.find(key);
-    if (!other || !(*other == value)) fields.push_back(key.stringValue());
+    differ(key.stringValue(), &value, b.find(key));
   }
   for (const auto& [key, value] : b) {
     if (key.stringValue() == kEngineRecordEntityNameKey || a.contains(key)) continue;
-    fields.push_back(key.stringValue());
+    differ(key.stringValue(), nullptr, &value);
   }
+}
+
+// Equal values, where dictionaries may differ by their entity names (the
+// phone keeps only the keys it syncs).
+bool sameIgnoringEntityNames(const Value& a, const Value& b) {
+  auto x = a.asDictionary();
+  auto y = b.asDictionary();
+  if (x && y) {
+    std::vector<std::string> fields;
+    collectDifferences(*x, *y, "", fields);
+    return fields.empty();
+  }
+  auto l = a.asArray();
+  auto r = b.asArray();
+  if (l && r) {
+    if (l->count() != r->count()) return false;
+    for (std::size_t i = 0; i < l->count(); ++i)
+      if (!sameIgnoringEntityNames(l->at(i), r->at(i))) return false;
+    return true;
+  }
+  return a == b;
+}
+
+}  // namespace
+
+std::vector<std::string> ReferenceSync::differingFields(const Dictionary& a, const Dictionary& b) {
+  std::vector<std::string> fields;
+  collectDifferences(a, b, "", fields);
   return fields;
 }
 
@@ -368,7 +443,8 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
             engineExploder->produceDatesForTimeRange(window, truth.get(), identifier));
       } catch (const Exception& exception) {
         entry.outcome = SyncOutcome::rejected;
-        entry.reason = "the recurrence cannot be exploded: " + exception.reason();
+        const std::string reason = exception.reason();
+        entry.reason = "the recurrence cannot be exploded: " + reason.substr(0, reason.find('\n'));
         report.records.push_back(std::move(entry));
         continue;
       }

@@ -1,0 +1,308 @@
+// sync: one synchronisation of record files with a simulated phone whose
+// store is a folder. The records go out (assembled, mangled, formatted,
+// exploded where the phone cannot hold a recurrence), are written into the
+// folder, read back and rebuilt; each record is reported with what the phone
+// model did to it. Run again, it tells the entries changed on the phone from
+// the losses the phone model causes.
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "async/AYLogger.h"
+#include "commands.h"
+#include "conduit/CFPhone.h"
+#include "engine/MemoryEngine.h"
+#include "engine/SchemaNames.h"
+#include "host/ReferenceSync.h"
+#include "platform/CalendarDate.h"
+#include "platform/Exception.h"
+#include "platform/PropertyList.h"
+#include "util/PHCMangling.h"
+
+namespace pc::tools {
+
+namespace {
+
+constexpr int kSomeRecordsRejected = 3;
+
+Dictionary readDictionary(const std::string& path) {
+  PropertyListError error;
+  const std::optional<Value> contents = PropertyList::fromFile(path, &error);
+  if (!contents) throw CommandError(path + ": " + error.description());
+  if (!contents->isDictionary()) throw CommandError(path + ": not a dictionary");
+  return contents->dictionary();
+}
+
+std::string json(const std::string& text) {
+  std::string out = "\"";
+  for (const unsigned char c : text) {
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (c < 0x20) {
+          char escaped[8];
+          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+          out += escaped;
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  return out + "\"";
+}
+
+// The conduit's default error log on standard error is silenced while the
+// sync runs: the report says what happened to each record. --log keeps it.
+class QuietLog {
+ public:
+  explicit QuietLog(bool keep) : _active(!keep) {
+    if (!_active) return;
+    const auto before = QVTAYLogger::loggersForType(QVTLOG, kLogError);
+    QVTAYLogger::removeLogger(QVTAYLogger::stderrStreamLogger(), std::nullopt, kLogError);
+    const auto after = QVTAYLogger::loggersForType(QVTLOG, kLogError);
+    _active = (before ? before->size() : 0) != (after ? after->size() : 0);
+  }
+  ~QuietLog() {
+    if (_active) QVTAYLogger::addLogger(QVTAYLogger::stderrStreamLogger(), std::nullopt, kLogError);
+  }
+  QuietLog(const QuietLog&) = delete;
+  QuietLog& operator=(const QuietLog&) = delete;
+
+ private:
+  bool _active;
+};
+
+// Progress on standard error, once a run has taken more than a second and
+// only when standard error is a terminal.
+class Progress {
+ public:
+  Progress() : _terminal(::isatty(STDERR_FILENO) == 1), _start(std::chrono::steady_clock::now()) {}
+  ~Progress() {
+    if (_shown) std::cerr << "\r\033[K" << std::flush;
+  }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+  void operator()(std::size_t done, std::size_t total) {
+    if (!_terminal || done % 64 != 0) return;
+    if (std::chrono::steady_clock::now() - _start < std::chrono::seconds(1)) return;
+    std::cerr << "\rphoneconduit: sync: " << done << " of " << total << " records" << std::flush;
+    _shown = true;
+  }
+
+ private:
+  bool _terminal;
+  bool _shown = false;
+  std::chrono::steady_clock::time_point _start;
+};
+
+struct SyncOptions {
+  std::string devicePath;
+  std::string entitiesPath;
+  std::string variablesPath;
+  std::string clientValuesPath;
+  std::string phoneDirectory;
+  std::string anchorDate;
+  std::vector<std::string> recordPaths;
+  int version = 0;
+  bool log = false;
+  std::string report = "text";
+};
+
+std::string fieldsText(const std::vector<SyncField>& fields) {
+  std::string text;
+  for (const SyncField& field : fields) {
+    if (!text.empty()) text += "; ";
+    text += field.field;
+    if (!field.limit.empty()) text += " (" + field.limit + ")";
+  }
+  return text;
+}
+
+std::string textReport(const SyncReport& report) {
+  std::ostringstream out;
+  for (const SyncRecordReport& record : report.records) {
+    out << record.identifier << ": ";
+    switch (record.outcome) {
+      case SyncOutcome::sent: out << "sent as is"; break;
+      case SyncOutcome::reduced: out << "reduced: " << fieldsText(record.fields); break;
+      case SyncOutcome::exploded: out << "exploded into " << record.events << " events"; break;
+      case SyncOutcome::rejected: out << "rejected: " << record.reason; break;
+      case SyncOutcome::changedOnPhone:
+        out << "changed on the phone: " << fieldsText(record.fields);
+        break;
+    }
+    out << "\n";
+  }
+  const SyncSummary& s = report.summary;
+  out << s.sent << " sent as is, " << s.reduced << " reduced, " << s.exploded << " exploded, "
+      << s.rejected << " rejected, " << s.changedOnPhone << " changed on the phone; "
+      << report.filesWritten.size() << (report.filesWritten.size() == 1 ? " file" : " files")
+      << " written\n";
+  return out.str();
+}
+
+std::string jsonReport(const SyncReport& report) {
+  std::ostringstream out;
+  const SyncSummary& s = report.summary;
+  out << "{\"summary\": {\"sent\": " << s.sent << ", \"reduced\": " << s.reduced
+      << ", \"exploded\": " << s.exploded << ", \"rejected\": " << s.rejected
+      << ", \"changedOnPhone\": " << s.changedOnPhone << "}, \"records\": [";
+  for (std::size_t i = 0; i < report.records.size(); ++i) {
+    const SyncRecordReport& record = report.records[i];
+    out << (i ? ", " : "") << "{\"identifier\": " << json(record.identifier)
+        << ", \"entity\": " << json(record.entity) << ", \"outcome\": \""
+        << syncOutcomeName(record.outcome) << "\", \"fields\": [";
+    for (std::size_t f = 0; f < record.fields.size(); ++f) {
+      out << (f ? ", " : "") << "{\"field\": " << json(record.fields[f].field);
+      if (!record.fields[f].limit.empty()) out << ", \"limit\": " << json(record.fields[f].limit);
+      out << "}";
+    }
+    out << "]";
+    if (record.outcome == SyncOutcome::exploded) out << ", \"events\": " << record.events;
+    if (record.outcome == SyncOutcome::rejected) out << ", \"reason\": " << json(record.reason);
+    out << "}";
+  }
+  out << "], \"written\": [";
+  for (std::size_t i = 0; i < report.filesWritten.size(); ++i)
+    out << (i ? ", " : "") << json(report.filesWritten[i]);
+  out << "]}\n";
+  return out.str();
+}
+
+void sync(const SyncOptions& options) {
+  SyncRun run;
+  run.deviceDescription = readDictionary(options.devicePath);
+  run.entitiesDescription = readDictionary(options.entitiesPath);
+  if (!run.deviceDescription.getDictionary(kSyncDataClassesKey))
+    throw CommandError(options.devicePath + ": not a device description (no \"" +
+                       std::string(kSyncDataClassesKey) + "\" dictionary)");
+  if (!run.entitiesDescription.getDictionary(kEngineClientEntitiesKey))
+    throw CommandError(options.entitiesPath + ": no \"" + std::string(kEngineClientEntitiesKey) +
+                       "\" dictionary");
+  if (!options.anchorDate.empty()) {
+    std::string problem;
+    run.anchorDate = CalendarDate::dateWithString(options.anchorDate, "%Y%m%d", nullptr, &problem);
+    if (!run.anchorDate || options.anchorDate.size() != 8)
+      throw CommandLineError("--anchor-date: \"" + options.anchorDate + "\": not a day (20261122)");
+  }
+  std::error_code code;
+  if (std::filesystem::exists(options.phoneDirectory, code) &&
+      !std::filesystem::is_directory(options.phoneDirectory, code))
+    throw CommandError(options.phoneDirectory + ": not a folder");
+  run.phoneDirectory = options.phoneDirectory;
+  run.formatting.version = options.version;
+  if (!options.variablesPath.empty()) run.formatting.variables = readDictionary(options.variablesPath);
+  if (!options.clientValuesPath.empty()) {
+    // The values the phone reports live in the engine's client for this
+    // phone, kept in the phone folder next to the store.
+    const Dictionary values = readDictionary(options.clientValuesPath);
+    std::filesystem::create_directories(options.phoneDirectory, code);
+    run.formatting.clientStorePath =
+        (std::filesystem::path(options.phoneDirectory) / "Client.plist").string();
+    MemorySyncEngineClient store(run.formatting.clientIdentifier, "phoneconduit", Array(),
+                                 run.formatting.clientStorePath);
+    for (const auto& [key, value] : values) store.setObject(value, key.stringValue());
+    if (!store.lastSaveSucceeded())
+      throw CommandError(run.formatting.clientStorePath + ": cannot write the client store");
+  }
+
+  // Every record is read before the phone is touched.
+  std::vector<SyncInput> inputs;
+  std::map<std::string, std::string> seen;
+  for (const std::string& path : options.recordPaths) {
+    std::string error;
+    std::optional<Dictionary> record = readRecordFile(path, &error);
+    if (!record) throw CommandError(error);
+    if (!record->get(kEngineRecordEntityNameKey).asString())
+      throw CommandError(path + ": the record has no \"" + std::string(kEngineRecordEntityNameKey) +
+                         "\" text");
+    const std::string identifier = std::filesystem::path(path).stem().string();
+    if (auto [it, added] = seen.emplace(identifier, path); !added)
+      throw CommandError(path + ": names the same record as " + it->second);
+    inputs.push_back({identifier, std::move(*record)});
+  }
+
+  SyncResult result;
+  {
+    QuietLog quiet(options.log);
+    Progress progress;
+    run.progress = [&progress](std::size_t done, std::size_t total) { progress(done, total); };
+    result = ReferenceSync::run(run, inputs);
+  }
+  if (!result.error.empty()) throw CommandError(result.error);
+
+  for (const SyncRecordReport& record : result.report.records)
+    if (record.outcome == SyncOutcome::rejected)
+      std::cerr << "phoneconduit: " << record.identifier << ": rejected: " << record.reason << "\n";
+  std::cout << (options.report == "json" ? jsonReport(result.report) : textReport(result.report))
+            << std::flush;
+  if (result.report.summary.rejected) throw CommandStatus(kSomeRecordsRejected);
+}
+
+}  // namespace
+
+void addSyncCommands(CLI::App& app) {
+  auto options = std::make_shared<SyncOptions>();
+  CLI::App* command = app.add_subcommand(
+      "sync", "Synchronise record files with a simulated phone kept in a folder, and report "
+              "what the phone model did to each record");
+  command->add_option("--device", options->devicePath, "device description (XML property list)")
+      ->required()
+      ->check(CLI::ExistingFile);
+  command->add_option("--entities", options->entitiesPath,
+                      "the engine's description of the entities the phone syncs (a property list "
+                      "with an \"Entities\" dictionary)")
+      ->required()
+      ->check(CLI::ExistingFile);
+  command->add_option("--phone", options->phoneDirectory,
+                      "the phone's folder: one store file per data class, created when missing")
+      ->required();
+  command->add_option("RECORDS", options->recordPaths,
+                      "record files (nice plist text); each file's name is its record's identifier")
+      ->required()
+      ->check(CLI::ExistingFile);
+  command->add_option("--variables", options->variablesPath,
+                      "values of the device's \"$name\" variables (a property-list dictionary)")
+      ->check(CLI::ExistingFile);
+  command->add_option("--client-values", options->clientValuesPath,
+                      "values the phone keeps in its client, such as the limits a phone reports "
+                      "(a property-list dictionary)")
+      ->check(CLI::ExistingFile);
+  command->add_option("--anchor-date", options->anchorDate,
+                      "the day the window of exploded events is counted from (20261122); kept "
+                      "in the phone's folder for later runs (default: the last Sunday)");
+  command->add_option("--format-version", options->version,
+                      "format version of the description (default: 2 when it has \"Formatting\", "
+                      "else 1)");
+  command->add_option("--report", options->report, "text (default) or json, for scripts")
+      ->check(CLI::IsMember({"text", "json"}));
+  command->add_flag("--log", options->log, "keep the conduit's own error log on standard error");
+  command->footer(
+      "Each record is reported as sent as is, reduced (each field, with the part of the "
+      "description that removed it), exploded into N events, rejected (why), or changed on the "
+      "phone (the phone's version is kept), then a summary line. A second run with nothing "
+      "changed rewrites nothing. Exit status: 0 success, 1 bad input (a corrupt store file is "
+      "named), 2 bad command line, 3 some records rejected.\n\n"
+      "Example:\n"
+      "  phoneconduit sync --device examples/devices/full-phone.plist \\\n"
+      "      --entities examples/devices/full-phone.entities.plist \\\n"
+      "      --variables examples/devices/full-phone.variables.plist \\\n"
+      "      --phone /tmp/phone examples/records/contacts/*.plist\n");
+  command->callback([options] { tools::sync(*options); });
+}
+
+}  // namespace pc::tools
