@@ -68,13 +68,24 @@ Array SchemaAssemblerDelegate::extraKeysForMasterEntity(const std::string& maste
 RecordAssembler::RecordAssembler(std::shared_ptr<const EngineSchema> schema)
     : _schema(schema), _schemaDelegate(schema) {}
 
-AssemblyRules RecordAssembler::rulesForMasterEntity(const std::string& masterEntity) {
+const Array& RecordAssembler::relationshipsOf(const std::string& entity) {
+  auto found = _relationships.find(entity);
+  if (found == _relationships.end())
+    found = _relationships.emplace(entity, _schema->relationshipNamesForEntityName(entity)).first;
+  return found->second;
+}
+
+const AssemblyRules& RecordAssembler::rulesForMasterEntity(const std::string& masterEntity) {
+  if (auto found = _rules.find(masterEntity); found != _rules.end()) return found->second;
   GenericAssemblerDelegate& delegate = _delegate ? *_delegate : _schemaDelegate;
-  AssemblyRules rules;
+  AssemblyRules& rules = _rules[masterEntity];
   rules.relations = delegate.masterRelationKeysForMasterEntity(masterEntity);
   rules.relationToEntity = delegate.relationKeysToSubEntitiesForMasterEntity(masterEntity);
   rules.entityToBackRelation = delegate.entityToBackRelationShipForMasterEntity(masterEntity);
   rules.extraKeys = delegate.extraKeysForMasterEntity(masterEntity);
+  for (const auto& [relation, subEntity] : rules.relationToEntity)
+    rules.backRelations.set(relation, Value(backRelation(masterEntity, relation.stringValue(),
+                                                         subEntity.stringValue(), rules)));
   return rules;
 }
 
@@ -100,8 +111,8 @@ std::optional<Dictionary> RecordAssembler::assembledRecord(const std::string& id
   std::optional<Dictionary> master = truth.recordWithIdentifier(identifier);
   if (!master) return std::nullopt;
   const std::string entity = master->getString(kEngineRecordEntityNameKey);
-  const AssemblyRules rules = rulesForMasterEntity(entity);
-  const Array relationships = _schema->relationshipNamesForEntityName(entity);
+  const AssemblyRules& rules = rulesForMasterEntity(entity);
+  const Array& relationships = relationshipsOf(entity);
 
   Dictionary assembled;
   for (const auto& [key, value] : *master) {
@@ -126,7 +137,7 @@ std::optional<Dictionary> RecordAssembler::assembledRecord(const std::string& id
     const Dictionary records = truth.recordsWithIdentifiers(order);
     const std::string subEntity = rules.relationToEntity.getString(relation);
     delegate.sortRelation(relation, order, records, subEntity);
-    const std::string back = backRelation(entity, relation, subEntity, rules);
+    const std::string back = rules.backRelations.getString(relation);
     Array inlined;
     for (const Value& subIdentifier : order) {
       auto sub = records.getDictionary(subIdentifier);
@@ -152,8 +163,8 @@ SplitRecord RecordAssembler::split(const Dictionary& assembled, const std::strin
 void RecordAssembler::splitInto(const Dictionary& assembled, const std::string& identifier,
                                 SplitRecord& out, int depth) {
   const std::string entity = assembled.getString(kEngineRecordEntityNameKey);
-  const AssemblyRules rules = rulesForMasterEntity(entity);
-  const Array relationships = _schema->relationshipNamesForEntityName(entity);
+  const AssemblyRules& rules = rulesForMasterEntity(entity);
+  const Array relationships = relationshipsOf(entity);
   Dictionary master = assembled.deepCopy();
   for (const Value& relationValue : relationships) {
     const std::string relation = relationValue.stringValue();
@@ -162,7 +173,9 @@ void RecordAssembler::splitInto(const Dictionary& assembled, const std::string& 
     std::string subEntity = rules.relationToEntity.getString(relation);
     if (subEntity.empty())
       subEntity = _schema->targetEntityForRelationship(entity, relation).value_or("");
-    const std::string back = backRelation(entity, relation, subEntity, rules);
+    const std::string back = rules.backRelations.contains(relation)
+                                 ? rules.backRelations.getString(relation)
+                                 : backRelation(entity, relation, subEntity, rules);
     Array identifiers;
     std::size_t index = 0;
     for (const Value& element : *elements) {

@@ -18,6 +18,7 @@
 //   std::optional<Dictionary> event = assembler.assembledRecord("event-02", truth);
 //   SplitRecord parts = assembler.split(*event, "event-02");
 
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,6 +39,7 @@ struct AssemblyRules {
   Dictionary relationToEntity;  // relation -> sub-entity
   Dictionary entityToBackRelation;  // sub-entity -> relation pointing to the master
   Array extraKeys;              // relations of the master carried as they are
+  Dictionary backRelations;     // relation -> the back relation of its sub-records
 };
 
 // An assembled record split into engine records: the master (its relations
@@ -70,10 +72,14 @@ class RecordAssembler {
   explicit RecordAssembler(std::shared_ptr<const EngineSchema> schema);
 
   // The delegate asked for the rules (not owned); null: the schema answers.
-  void setDelegate(GenericAssemblerDelegate* delegate) { _delegate = delegate; }
+  void setDelegate(GenericAssemblerDelegate* delegate) {
+    if (delegate != _delegate) _rules.clear();
+    _delegate = delegate;
+  }
   GenericAssemblerDelegate* delegate() const { return _delegate; }
 
-  AssemblyRules rulesForMasterEntity(const std::string& masterEntity);
+  // Asked once per entity and delegate, then kept.
+  const AssemblyRules& rulesForMasterEntity(const std::string& masterEntity);
 
   // The master record `identifier` of the truth with its sub-records inlined
   // (sorted by the delegate, without their back relation), its extra keys
@@ -104,6 +110,9 @@ class RecordAssembler {
   std::shared_ptr<const EngineSchema> _schema;
   SchemaAssemblerDelegate _schemaDelegate;
   GenericAssemblerDelegate* _delegate = nullptr;
+  std::map<std::string, AssemblyRules> _rules;
+  std::map<std::string, Array> _relationships;  // entity -> the schema's relationships
+  const Array& relationshipsOf(const std::string& entity);
 };
 
 }  // namespace pc

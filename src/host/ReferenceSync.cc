@@ -175,12 +175,16 @@ struct Settings {
   }
 };
 
-// One record the phone is to hold: its store entry, and the holder that
-// carries what mangling noted to the unmangling of the same record.
+// One record the phone is to hold: its store entry, and what its holder
+// noted while mangling, which goes to the unmangling of the same record. The
+// holder itself is made again on the way back from the engine's record (the
+// assembled master, or for a single event of an exploded one, that event),
+// so that a large sync does not keep two more copies of every record.
 struct Outgoing {
   PhoneStoreRecord stored;
-  std::shared_ptr<RecordHolder> holder;
-  std::optional<Dictionary> prediction;
+  bool comesBack = false;  // compared on the way back
+  Dictionary holderProperties;
+  std::optional<Dictionary> original;  // when it is not the assembled master
   std::size_t report = 0;  // index of its master's report
 };
 
@@ -327,6 +331,7 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
     if (auto formatter = phone.phoneSide->formatterForEntity(entity.stringValue()))
       formatter->_setSnapShot(truth);
   phone.engineSide = phone.phoneSide->engineSide(truth);
+  if (run.stageDone) run.stageDone("truth");
   if (!phone.engineSide) {
     result.error = "the engine cannot rebuild the phone from its client";
     return result;
@@ -404,7 +409,7 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
     SyncRecordReport entry;
     entry.identifier = identifier;
     entry.entity = entity;
-    entry.assembled = assembled;
+    if (run.keepRecords) entry.assembled = assembled;
     const std::size_t reportIndex = report.records.size();
 
     auto helper = phone.helperFor(entity);
@@ -457,13 +462,11 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
         if (!formatted.record) continue;
         const Dictionary engineEvent = i < predicted.count() ? predicted.at(i).dictionary() : event;
         std::optional<Dictionary> prediction = phone.engineSide->formatRecord(engineEvent).record;
-        if (changedOnPhone(occurrence, engineEvent, prediction, changes, occurrence + ": ")) {
-          outgoing[dataClass].push_back({*onPhone[occurrence], nullptr, prediction, reportIndex});
-        } else {
-          outgoing[dataClass].push_back(
-              {{occurrence, entity, *formatted.record},
-               std::make_shared<RecordHolder>(engineEvent, identifier), prediction, reportIndex});
-        }
+        if (changedOnPhone(occurrence, engineEvent, prediction, changes, occurrence + ": "))
+          outgoing[dataClass].push_back({*onPhone[occurrence], false, {}, std::nullopt, reportIndex});
+        else
+          outgoing[dataClass].push_back({{occurrence, entity, *formatted.record}, false,
+                                         holder->properties(), std::nullopt, reportIndex});
         sentIdentifiers.insert(occurrence);
         ++entry.events;
       }
@@ -483,16 +486,17 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
       report.records.push_back(std::move(entry));
       continue;
     }
-    entry.prediction = phone.engineSide->formatRecord(assembled).record;
+    std::optional<Dictionary> prediction = phone.engineSide->formatRecord(assembled).record;
     std::vector<SyncField> changes;
-    if (changedOnPhone(identifier, assembled, entry.prediction, changes, "")) {
+    if (changedOnPhone(identifier, assembled, prediction, changes, "")) {
       entry.outcome = SyncOutcome::changedOnPhone;
       entry.fields = std::move(changes);
-      outgoing[dataClass].push_back({*onPhone[identifier], holder, entry.prediction, reportIndex});
+      outgoing[dataClass].push_back({*onPhone[identifier], false, {}, std::nullopt, reportIndex});
     } else {
-      outgoing[dataClass].push_back(
-          {{identifier, entity, *formatted.record}, holder, entry.prediction, reportIndex});
+      outgoing[dataClass].push_back({{identifier, entity, *formatted.record}, true,
+                                     holder->properties(), std::nullopt, reportIndex});
     }
+    if (run.keepRecords) entry.prediction = std::move(prediction);
     sentIdentifiers.insert(identifier);
     report.records.push_back(std::move(entry));
   }
@@ -507,7 +511,7 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
       entry.entity = record.entity;
       entry.outcome = SyncOutcome::changedOnPhone;
       entry.fields.push_back({"added on the phone", std::string()});
-      outgoing[dataClass].push_back({record, nullptr, std::nullopt, report.records.size()});
+      outgoing[dataClass].push_back({record, false, {}, std::nullopt, report.records.size()});
       report.records.push_back(std::move(entry));
     }
 
@@ -526,6 +530,8 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
     }
   }
 
+  if (run.stageDone) run.stageDone("out");
+
   // --- Way back ------------------------------------------------------------------------
   for (const std::string& dataClass : dataClasses) {
     std::optional<PhoneStoreContents> contents = store.read(dataClass, &result.error);
@@ -534,21 +540,29 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
     for (const Outgoing& record : outgoing[dataClass]) sent[record.stored.identifier] = &record;
     for (const PhoneStoreRecord& stored : contents->records) {
       auto found = sent.find(stored.identifier);
-      if (found == sent.end() || !found->second->holder) continue;
-      SyncRecordReport& entry = report.records[found->second->report];
-      if (entry.outcome == SyncOutcome::exploded || entry.outcome == SyncOutcome::changedOnPhone)
-        continue;
-      RecordHolder& holder = *found->second->holder;
-      const Dictionary back = unmangled(stored, holder);
-      entry.roundTrip = back;
+      if (found == sent.end() || !found->second->comesBack) continue;
+      const Outgoing& record = *found->second;
+      SyncRecordReport& entry = report.records[record.report];
       assembler.setDelegate(delegateFor(stored.entity));
-      entry.engineRecords = assembler.split(back, stored.identifier);
-      for (const std::string& field : differingFields(*entry.assembled, back))
+      const Dictionary assembled =
+          record.original ? *record.original
+                          : *assembler.assembledRecord(stored.identifier, *truth);
+      RecordHolder holder(assembled, stored.identifier);
+      for (const auto& [key, value] : record.holderProperties)
+        holder.setProperty(value, key.stringValue());
+      const Dictionary back = unmangled(stored, holder);
+      SplitRecord engineRecords = assembler.split(back, stored.identifier);
+      for (const std::string& field : differingFields(assembled, back))
         entry.fields.push_back({field, phone.limitFor(entry.entity, field)});
       entry.outcome = entry.fields.empty() ? SyncOutcome::sent : SyncOutcome::reduced;
+      if (run.keepRecords) {
+        entry.roundTrip = back;
+        entry.engineRecords = std::move(engineRecords);
+      }
     }
   }
 
+  if (run.stageDone) run.stageDone("back");
   for (const SyncRecordReport& entry : report.records) {
     switch (entry.outcome) {
       case SyncOutcome::sent: ++report.summary.sent; break;

@@ -45,6 +45,13 @@ struct SyncRun {
   std::optional<CalendarDate> anchorDate;
   // Called with (records done, records in all) as the run goes on.
   std::function<void(std::size_t, std::size_t)> progress;
+  // Called when a stage ends: "truth" (the engine holds the records), "out"
+  // (the phone store is written), "back" (the store is read and rebuilt).
+  std::function<void(const char* stage)> stageDone;
+  // Keep each record's assembled form, prediction, round trip and engine
+  // records in the report (for checks); without it they are let go as soon
+  // as the record is reported.
+  bool keepRecords = false;
 };
 
 // A record of the engine: its identifier and its assembled form (a record

@@ -89,6 +89,7 @@ class SyncPropertiesTest : public ::testing::TestWithParam<ExamplePhone> {
     }
     run.phoneDirectory = folder + "/phone";
     run.anchorDate = CalendarDate::dateWithYear(2026, 11, 1, 0, 0, 0);
+    run.keepRecords = true;
     records = exampleRecords();
   }
   void TearDown() override { std::filesystem::remove_all(folder); }
