@@ -36,6 +36,7 @@ constexpr const char* kSettingsFileName = "SyncSettings.plist";
 constexpr const char* kRecurrencesKey = "recurrences";
 constexpr const char* kEntityFormattersKeyV1 = "EntityFormatters";
 constexpr const char* kFieldFormattingKey = "FieldFormatting";
+constexpr const char* kRecordFormattingKeyV1 = "RecordFormatting";
 
 // "maxLength 40, charsToStrip ..." for a description entry.
 std::string entrySummary(const Value& entry) {
@@ -106,6 +107,10 @@ struct Phone {
         if (entry->contains(key))
           return fmt::format("{}/{}/{}: {}", kEntityFormattersKeyV1, entity, key,
                              entrySummary(entry->get(key)));
+        // Calls on the whole record (truncations, date conventions).
+        if (entry->contains(kRecordFormattingKeyV1) && !schema->targetEntityForRelationship(entity, key))
+          return fmt::format("{}/{}/{}: formatting calls", kEntityFormattersKeyV1, entity,
+                             kRecordFormattingKeyV1);
       }
     }
     // A relation: the limits of its sub-records' entity.
