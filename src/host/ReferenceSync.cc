@@ -21,6 +21,7 @@
 #include "host/PhoneStore.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
+#include "platform/TimeZone.h"
 
 namespace pc {
 
@@ -389,11 +390,13 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
   // A record the phone holds already: unchanged when its phone form is the
   // prediction; else the phone's version stays and its changes are listed.
   auto changedOnPhone = [&](const std::string& phoneIdentifier, const Dictionary& engineRecord,
+                            const Dictionary& holderProperties,
                             const std::optional<Dictionary>& prediction,
                             std::vector<SyncField>& changes, const std::string& prefix) {
     auto found = onPhone.find(phoneIdentifier);
     if (found == onPhone.end()) return false;
     RecordHolder holder(engineRecord, phoneIdentifier);
+    for (const auto& [key, value] : holderProperties) holder.setProperty(value, key.stringValue());
     const Dictionary phoneForm = unmangled(*found->second, holder);
     const std::vector<std::string> fields =
         differingFields(phoneForm, prediction ? *prediction : Dictionary());
@@ -461,13 +464,21 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
       entry.outcome = SyncOutcome::exploded;
       std::vector<SyncField> changes;
       for (std::size_t i = 0; i < events.count(); ++i) {
-        const std::string occurrence = identifier + "#" + std::to_string(i + 1);
         const Dictionary event = events.at(i).dictionary();
+        // Named by its start, so that the same single event keeps its name
+        // when the window moves.
+        const Value start = event.get("startDate");
+        const std::string occurrence =
+            identifier + "#" +
+            (start.isDate() ? start.date().dateWithTimeZone(TimeZone::gmt()).descriptionWithCalendarFormat(
+                                  "%Y%m%dT%H%M%SZ")
+                            : std::to_string(i + 1));
         FormattingOutcome formatted = phone.phoneSide->formatRecord(event);
         if (!formatted.record) continue;
         const Dictionary engineEvent = i < predicted.count() ? predicted.at(i).dictionary() : event;
         std::optional<Dictionary> prediction = phone.engineSide->formatRecord(engineEvent).record;
-        if (changedOnPhone(occurrence, engineEvent, prediction, changes, occurrence + ": "))
+        if (changedOnPhone(occurrence, engineEvent, holder->properties(), prediction, changes,
+                           occurrence + ": "))
           outgoing[dataClass].push_back({*onPhone[occurrence], false, {}, std::nullopt, reportIndex});
         else
           outgoing[dataClass].push_back({{occurrence, entity, *formatted.record}, false,
@@ -493,7 +504,7 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
     }
     std::optional<Dictionary> prediction = phone.engineSide->formatRecord(assembled).record;
     std::vector<SyncField> changes;
-    if (changedOnPhone(identifier, assembled, prediction, changes, "")) {
+    if (changedOnPhone(identifier, assembled, holder->properties(), prediction, changes, "")) {
       entry.outcome = SyncOutcome::changedOnPhone;
       entry.fields = std::move(changes);
       outgoing[dataClass].push_back({*onPhone[identifier], false, {}, std::nullopt, reportIndex});
@@ -507,10 +518,14 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
   }
   if (run.progress) run.progress(total, total);
 
-  // Records made on the phone, unknown to the engine, stay on the phone.
+  // Records made on the phone, unknown to the engine, stay on the phone. The
+  // single events of an exploded event that fell out of the window go.
+  const std::set<std::string> masterSet(masters.begin(), masters.end());
   for (const auto& [dataClass, contents] : previous)
     for (const PhoneStoreRecord& record : contents.records) {
       if (sentIdentifiers.count(record.identifier)) continue;
+      const std::size_t hash = record.identifier.rfind('#');
+      if (hash != std::string::npos && masterSet.count(record.identifier.substr(0, hash))) continue;
       SyncRecordReport entry;
       entry.identifier = record.identifier;
       entry.entity = record.entity;

@@ -251,3 +251,38 @@ INSTANTIATE_TEST_SUITE_P(ExamplePhones, SyncPropertiesTest, ::testing::ValuesIn(
 
 }  // namespace
 }  // namespace pc
+
+namespace pc {
+namespace {
+
+// The single events of an exploded event follow the window: those that fall
+// out of it leave the phone instead of passing for entries made there.
+TEST(SyncWindowTest, ExplodedEventsFollowTheWindow) {
+  const std::string devices = kExamples + "devices/";
+  SyncRun run;
+  run.deviceDescription = readDictionary(devices + "basic-phone.plist");
+  run.entitiesDescription = readDictionary(devices + "basic-phone.entities.plist");
+  run.phoneDirectory = ::testing::TempDir() + "sync-window-" + std::to_string(::getpid());
+  std::filesystem::remove_all(run.phoneDirectory);
+  std::string error;
+  const std::vector<SyncInput> records{
+      {"weekly", *readRecordFile(kExamples + "events/weekly-team-meeting.plist", &error)}};
+
+  std::vector<std::size_t> events;
+  for (int month : {11, 12}) {
+    run.anchorDate = CalendarDate::dateWithYear(2026, month, 1, 0, 0, 0);
+    const SyncResult result = ReferenceSync::run(run, records);
+    ASSERT_EQ(result.error, "");
+    ASSERT_EQ(result.report.records.size(), 1u);
+    EXPECT_EQ(result.report.records[0].outcome, SyncOutcome::exploded);
+    events.push_back(result.report.records[0].events);
+    const auto stored = PhoneStore(run.phoneDirectory).read("Calendars");
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->records.size(), events.back());
+  }
+  EXPECT_GT(events[0], 0u);
+  std::filesystem::remove_all(run.phoneDirectory);
+}
+
+}  // namespace
+}  // namespace pc
