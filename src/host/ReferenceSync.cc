@@ -72,8 +72,10 @@ struct Phone {
     auto keys = entities.getArray(entity);
     return keys && keys->contains(key);
   }
+  // Empty for an entity the engine does not know; such records are rejected
+  // and never name a store file.
   std::string dataClassOf(const std::string& entity) const {
-    return schema->dataClassNameForEntityName(entity).value_or(entity);
+    return schema->dataClassNameForEntityName(entity).value_or(std::string());
   }
 
   // The part of the descriptions that explains why `key` of a record of
@@ -139,6 +141,7 @@ struct Phone {
     }
     // What the data-class helper does under the data class's flags.
     const std::string dataClass = dataClassOf(entity);
+    if (dataClass.empty()) return std::string();
     if (auto classes = description.getDictionary(kSyncDataClassesKey))
       if (auto entry = classes->getDictionary(dataClass))
         return fmt::format("{}/{}: the {} helper's conventions", kSyncDataClassesKey, dataClass,
@@ -366,7 +369,8 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
   for (const std::string& identifier : masters) {
     const std::string entity =
         truth->recordWithIdentifier(identifier)->getString(kEngineRecordEntityNameKey);
-    if (!noteDataClass(phone.dataClassOf(entity))) return result;
+    const std::string dataClass = phone.dataClassOf(entity);
+    if (!dataClass.empty() && !noteDataClass(dataClass)) return result;
   }
   std::map<std::string, const PhoneStoreRecord*> onPhone;
   for (const auto& [dataClass, contents] : previous)
@@ -417,6 +421,12 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
     SyncRecordReport entry;
     entry.identifier = identifier;
     entry.entity = entity;
+    if (dataClass.empty()) {
+      entry.outcome = SyncOutcome::rejected;
+      entry.reason = "the engine has no entity \"" + entity + "\"";
+      report.records.push_back(std::move(entry));
+      continue;
+    }
     if (run.keepRecords) entry.assembled = assembled;
     const std::size_t reportIndex = report.records.size();
 

@@ -95,6 +95,17 @@ TEST_F(SyncProgramTest, ExitStatuses) {
   EXPECT_EQ(count(rejected.standardOutput, "rejected"), 1);
   EXPECT_NE(rejected.standardError.find("phoneconduit: task-01: rejected: "), std::string::npos);
 
+  // 3 too: an entity the engine does not know never names a store file.
+  const std::string stranger = testing::temporaryFile(
+      "stranger.plist",
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict><key>entityName</key>"
+      "<string>../../escaped</string><key>summary</key><string>x</string></dict></plist>\n");
+  const ProgramRun unknown = runProgram(device("full-phone") + " " + stranger);
+  EXPECT_EQ(unknown.status, 3) << unknown.output;
+  EXPECT_NE(unknown.standardError.find("stranger: rejected: the engine has no entity"), std::string::npos);
+  EXPECT_FALSE(std::filesystem::exists(phone + "/../../escaped.plist"));
+  std::filesystem::remove_all(phone);
+
   // 1: a corrupt store file, named; nothing on standard output.
   std::filesystem::create_directories(phone);
   std::ofstream(phone + "/Contacts.plist") << "<plist><dict><key>Records";
