@@ -165,7 +165,8 @@ void RecordAssembler::splitInto(const Dictionary& assembled, const std::string& 
   const std::string entity = assembled.getString(kEngineRecordEntityNameKey);
   const AssemblyRules& rules = rulesForMasterEntity(entity);
   const Array relationships = relationshipsOf(entity);
-  Dictionary master = assembled.deepCopy();
+  // New dictionaries for the records; the values inside are the input's.
+  Dictionary master = assembled.copy();
   for (const Value& relationValue : relationships) {
     const std::string relation = relationValue.stringValue();
     auto elements = master.getArray(relation);
@@ -185,7 +186,7 @@ void RecordAssembler::splitInto(const Dictionary& assembled, const std::string& 
         continue;
       }
       const std::string subIdentifier = identifier + "/" + relation + "/" + std::to_string(index++);
-      Dictionary record = sub->deepCopy();
+      Dictionary record = sub->copy();
       if (!record.contains(kEngineRecordEntityNameKey) && !subEntity.empty())
         record.set(kEngineRecordEntityNameKey, Value(subEntity));
       if (!back.empty()) record.set(back, Value(Array{Value(identifier)}));

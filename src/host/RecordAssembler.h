@@ -92,7 +92,9 @@ class RecordAssembler {
   // and any other relationship of the entity that holds dictionaries (a
   // record file's detached events), gives sub-records named
   // "<master>/<relation>/<index>", which point back to `identifier` and are
-  // split in turn; identifiers in a relation are kept.
+  // split in turn; identifiers in a relation are kept. The records are new
+  // dictionaries whose values are shared with `assembled`: a caller that
+  // keeps them and changes values in place copies them first.
   SplitRecord split(const Dictionary& assembled, const std::string& identifier);
 
   // Splits `assembled` and stores the master and every sub-record in `truth`.

@@ -512,7 +512,10 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
       report.records.push_back(std::move(entry));
       continue;
     }
-    std::optional<Dictionary> prediction = phone.engineSide->formatRecord(assembled).record;
+    // The prediction is needed only to judge what the phone holds already.
+    std::optional<Dictionary> prediction;
+    if (run.keepRecords || onPhone.count(identifier))
+      prediction = phone.engineSide->formatRecord(assembled).record;
     std::vector<SyncField> changes;
     if (changedOnPhone(identifier, assembled, holder->properties(), prediction, changes, "")) {
       entry.outcome = SyncOutcome::changedOnPhone;
@@ -558,6 +561,8 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
       case PhoneStore::WriteResult::unchanged: break;
       case PhoneStore::WriteResult::failed: result.error = error; return result;
     }
+    // What comes back is read from the store.
+    for (Outgoing& record : outgoing[dataClass]) record.stored.fields = Dictionary();
   }
 
   if (run.stageDone) run.stageDone("out");
