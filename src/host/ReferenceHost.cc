@@ -86,6 +86,52 @@ std::optional<Array> PropertyListParser::recordsFromData(const Data& data) {
   return records;
 }
 
+// --- The contact manager's assembler answers --------------------------------------------
+
+bool ContactManager::setAssemblerDelegate(const std::shared_ptr<Object>& helper) {
+  auto delegate = std::dynamic_pointer_cast<GenericAssemblerDelegate>(helper);
+  _assemblerDelegate = delegate;
+  return delegate != nullptr;
+}
+
+std::shared_ptr<GenericAssemblerDelegate> ContactManager::assemblerDelegate() const {
+  return _assemblerDelegate.lock();
+}
+
+Array ContactManager::masterRelationKeysForMasterEntity(const std::string& masterEntity) {
+  auto delegate = assemblerDelegate();
+  return delegate ? delegate->masterRelationKeysForMasterEntity(masterEntity) : Array();
+}
+
+Dictionary ContactManager::relationKeysToSubEntitiesForMasterEntity(
+    const std::string& masterEntity) {
+  auto delegate = assemblerDelegate();
+  return delegate ? delegate->relationKeysToSubEntitiesForMasterEntity(masterEntity)
+                  : Dictionary();
+}
+
+Dictionary ContactManager::entityToBackRelationShipForMasterEntity(
+    const std::string& masterEntity) {
+  auto delegate = assemblerDelegate();
+  return delegate ? delegate->entityToBackRelationShipForMasterEntity(masterEntity)
+                  : Dictionary();
+}
+
+Array ContactManager::extraKeysForMasterEntity(const std::string& masterEntity) {
+  auto delegate = assemblerDelegate();
+  return delegate ? delegate->extraKeysForMasterEntity(masterEntity) : Array();
+}
+
+void ContactManager::sortRelation(const std::string& relation, Array& identifiers,
+                                  const Dictionary& records, const std::string& entity) {
+  if (auto delegate = assemblerDelegate())
+    delegate->sortRelation(relation, identifiers, records, entity);
+}
+
+void ContactManager::addCustomField(const Value& field, const std::string& key) {
+  if (auto delegate = assemblerDelegate()) delegate->addCustomField(field, key);
+}
+
 // --- ReferenceConduitManager -------------------------------------------------------------
 
 ReferenceConduitManager::ReferenceConduitManager(std::shared_ptr<SimulatedPhone> device,

@@ -93,9 +93,27 @@ class ReferenceDataClassManager : public DataClassManager {
   bool _assemblersPrepared = false;
 };
 
-class ContactManager : public ReferenceDataClassManager {
+// Answers the record assembler's questions about contacts through the
+// contacts helper it is given (the phone's, kept weakly: the phone owns it).
+// Without a helper the answers are empty and nothing is sorted.
+class ContactManager : public ReferenceDataClassManager, public GenericAssemblerDelegate {
  public:
   std::string className() const override { return "ContactManager"; }
+
+  // Keeps `helper` when it answers the assembler; answers whether it does.
+  bool setAssemblerDelegate(const std::shared_ptr<Object>& helper);
+  std::shared_ptr<GenericAssemblerDelegate> assemblerDelegate() const;
+
+  Array masterRelationKeysForMasterEntity(const std::string& masterEntity) override;
+  Dictionary relationKeysToSubEntitiesForMasterEntity(const std::string& masterEntity) override;
+  Dictionary entityToBackRelationShipForMasterEntity(const std::string& masterEntity) override;
+  Array extraKeysForMasterEntity(const std::string& masterEntity) override;
+  void sortRelation(const std::string& relation, Array& identifiers, const Dictionary& records,
+                    const std::string& entity) override;
+  void addCustomField(const Value& field, const std::string& key) override;
+
+ private:
+  std::weak_ptr<GenericAssemblerDelegate> _assemblerDelegate;
 };
 
 class CalendarManager : public ReferenceDataClassManager {
