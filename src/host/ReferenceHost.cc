@@ -3,6 +3,7 @@
 #include "async/Log.h"
 #include "platform/PropertyList.h"
 #include "platform/Registry.h"
+#include "util/PHCMangling.h"
 
 namespace pc {
 
@@ -65,9 +66,18 @@ void PropertyListParser::initWithPhone(CFPhone* phone, const std::optional<Dicti
   _context = context ? std::optional(context->deepCopy()) : std::nullopt;
 }
 
+namespace {
+// A property list has no address kind: URLs (a contact's web pages) are
+// written as the record utilities' tagged dictionaries and rebuilt on reading.
+Value tagAddress(const Value& leaf, void*) {
+  return leaf.isURL() ? PHCMangling::_phc_manglePlistForEncoding(leaf) : leaf;
+}
+}  // namespace
+
 Data PropertyListParser::dataFromRecords(const Array& records) {
   PropertyListError error;
-  auto xml = PropertyList::toXML(records, &error);
+  auto xml = PropertyList::toXML(PHCMangling::_phc_deepMapWithSelector(records, tagAddress, nullptr),
+                                 &error);
   if (!xml) {
     QVT_LOG(kLogError, hostLogDomain(), "cannot write records for the phone: {}",
             error.description());
@@ -80,6 +90,7 @@ std::optional<Array> PropertyListParser::recordsFromData(const Data& data) {
   PropertyListError error;
   auto contents = PropertyList::fromXML(data.asString(), &error);
   auto records = contents ? contents->asArray() : std::nullopt;
+  if (records) PHCMangling::_phc_manglePlistForDecoding(*records);
   if (!records)
     QVT_LOG(kLogError, hostLogDomain(), "cannot read records from the phone: {}",
             contents ? std::string("not an array") : error.description());
