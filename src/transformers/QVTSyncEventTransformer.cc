@@ -64,8 +64,7 @@ std::optional<CalendarDate> dateFromSetting(const Value& value, const char* key,
   if (!text || text->empty()) return std::nullopt;
   std::string error;
   auto date = CalendarDate::dateWithString(*text, kDefaultCalendarFormat, nullptr, &error);
-  if (!date)
-    QVT_LOG(kLogWarning, domain, "bad date for {}: {} ({})", key, *text, error);
+  if (!date) QVT_LOG(kLogWarning, domain, "bad date for {}: {} ({})", key, *text, error);
   return date;
 }
 
@@ -89,14 +88,18 @@ struct QVTSyncEventTransformerProperties {
   // kind is logged as ignored and leaves the flag alone.
   static void registerFlag(const char* key, bool Transformer::*field) {
     registerSetter(key, [key, field](Transformer& t, const Value& value) {
-      if (value.isNumber() || value.isString()) t.*field = value.boolValue();
-      else t.setValueForUndefinedKey(value, key);
+      if (value.isNumber() || value.isString())
+        t.*field = value.boolValue();
+      else
+        t.setValueForUndefinedKey(value, key);
     });
   }
   static void registerFlagSetter(const char* key, void (Transformer::*setter)(bool)) {
     registerSetter(key, [key, setter](Transformer& t, const Value& value) {
-      if (value.isNumber() || value.isString()) (t.*setter)(value.boolValue());
-      else t.setValueForUndefinedKey(value, key);
+      if (value.isNumber() || value.isString())
+        (t.*setter)(value.boolValue());
+      else
+        t.setValueForUndefinedKey(value, key);
     });
   }
   static void registerValueSetter(const char* key, void (Transformer::*setter)(const Value&)) {
@@ -105,9 +108,12 @@ struct QVTSyncEventTransformerProperties {
   // A date field given a date, or a string in the default text form.
   static void registerDate(const char* key, std::optional<CalendarDate> Transformer::*field) {
     registerSetter(key, [key, field](Transformer& t, const Value& value) {
-      if (const CalendarDate* date = value.asDate()) t.*field = *date;
-      else if (value.isString()) t.*field = dateFromSetting(value, key, Transformer::logDomain());
-      else t.setValueForUndefinedKey(value, key);
+      if (const CalendarDate* date = value.asDate())
+        t.*field = *date;
+      else if (value.isString())
+        t.*field = dateFromSetting(value, key, Transformer::logDomain());
+      else
+        t.setValueForUndefinedKey(value, key);
     });
   }
 
@@ -184,8 +190,7 @@ struct QVTSyncEventTransformerProperties {
     registerValueSetter("dontSyncEventBeforeDate", &Transformer::setDontSyncEventBeforeDate);
     registerValueSetter("defaultPriority", &Transformer::setDefaultPriority);
     registerValueSetter("maxMinutesNbDeltaForAlarm", &Transformer::setMaxMinutesNbDeltaForAlarm);
-    registerValueSetter("allowedAlarmRelativeValues",
-                        &Transformer::setAllowedAlarmRelativeValues);
+    registerValueSetter("allowedAlarmRelativeValues", &Transformer::setAllowedAlarmRelativeValues);
     registerValueSetter("countValueWhenMissing", &Transformer::setCountValueWhenMissing);
   }
 };
@@ -300,23 +305,31 @@ void QVTSyncEventTransformer::setDontSyncEventBeforeDate(const Value& string) {
 }
 
 void QVTSyncEventTransformer::setDefaultPriority(const Value& number) {
-  if (number.isNumber()) _defaultPriority = number;
-  else setValueForUndefinedKey(number, "defaultPriority");
+  if (number.isNumber())
+    _defaultPriority = number;
+  else
+    setValueForUndefinedKey(number, "defaultPriority");
 }
 
 void QVTSyncEventTransformer::setMaxMinutesNbDeltaForAlarm(const Value& number) {
-  if (number.isNumber()) _maxMinutesNbDeltaForAlarm = number;
-  else setValueForUndefinedKey(number, "maxMinutesNbDeltaForAlarm");
+  if (number.isNumber())
+    _maxMinutesNbDeltaForAlarm = number;
+  else
+    setValueForUndefinedKey(number, "maxMinutesNbDeltaForAlarm");
 }
 
 void QVTSyncEventTransformer::setAllowedAlarmRelativeValues(const Value& array) {
-  if (array.isArray()) _allowedAlarmRelativeValues = array.deepCopy();
-  else setValueForUndefinedKey(array, "allowedAlarmRelativeValues");
+  if (array.isArray())
+    _allowedAlarmRelativeValues = array.deepCopy();
+  else
+    setValueForUndefinedKey(array, "allowedAlarmRelativeValues");
 }
 
 void QVTSyncEventTransformer::setCountValueWhenMissing(const Value& number) {
-  if (number.isNumber()) _countValueWhenMissing = number;
-  else setValueForUndefinedKey(number, "countValueWhenMissing");
+  if (number.isNumber())
+    _countValueWhenMissing = number;
+  else
+    setValueForUndefinedKey(number, "countValueWhenMissing");
 }
 
 bool QVTSyncEventTransformer::supportsTZForRecord(const Dictionary& record) const {
@@ -536,8 +549,8 @@ void QVTSyncEventTransformer::_unmangleAllDay(RecordHolder& holder) {
   const std::optional<CalendarDate> end = dateEntry(record, kCalendarsEventEndDate);
   if (!start || !end) QVT_LOG(kLogError, "QVT", "bad event");
 
-  const bool startsAtMidnight = start && start->hourOfDay() == 0 &&
-                                start->minuteOfHour() == 0 && start->secondOfMinute() == 0;
+  const bool startsAtMidnight = start && start->hourOfDay() == 0 && start->minuteOfHour() == 0 &&
+                                start->secondOfMinute() == 0;
   const bool endsAt2359 = end && end->hourOfDay() == 23 && end->minuteOfHour() == 59;
   if (!startsAtMidnight || !endsAt2359) return;
   QVT_LOG(kLogInfo, logDomain(), "It looks like we match an all day event...");
@@ -545,8 +558,8 @@ void QVTSyncEventTransformer::_unmangleAllDay(RecordHolder& holder) {
   record.set(kCalendarsEventAllDay, true);
   if (start)
     record.set(kCalendarsEventStartDate,
-               CalendarExtension::allDayDateWithYear(start->yearOfCommonEra(),
-                                                     start->monthOfYear(), start->dayOfMonth()));
+               CalendarExtension::allDayDateWithYear(start->yearOfCommonEra(), start->monthOfYear(),
+                                                     start->dayOfMonth()));
   else
     QVT_LOG(kLogError, logDomain(), "event with no start date");
   if (end)
@@ -574,7 +587,8 @@ std::optional<Dictionary> QVTSyncEventTransformer::formatEventRecord(Dictionary 
     record.set(kCalendarsEventClassification, "public");
   if (_setDefaultStatus) {
     const Value* status = record.find(kCalendarsEventStatus);
-    if (!status || status->stringValue() == "none") record.set(kCalendarsEventStatus, "needsaction");
+    if (!status || status->stringValue() == "none")
+      record.set(kCalendarsEventStatus, "needsaction");
   }
   if (!_defaultPriority.isNull()) {
     const Value* priority = record.find(kCalendarsEventPriority);
@@ -599,19 +613,20 @@ bool QVTSyncEventTransformer::privateConvertToTimedEvent(Dictionary& record) {
 
   const std::optional<CalendarDate> start = dateEntry(record, kCalendarsEventStartDate);
   const std::optional<CalendarDate> end = dateEntry(record, kCalendarsEventEndDate);
-  const bool multiDay = start && end &&
-                        end->timeIntervalSinceReferenceDate() -
-                                start->timeIntervalSinceReferenceDate() >=
-                            kTwoDays;
+  const bool multiDay =
+      start && end &&
+      end->timeIntervalSinceReferenceDate() - start->timeIntervalSinceReferenceDate() >= kTwoDays;
   if (_hasAllDayEvents && !multiDay) return false;
 
   const TimeZonePtr zone = phoneTimeZoneForFormatting();
   record.set(kCalendarsEventAllDay, false);
   if (start)
-    record.set(kCalendarsEventStartDate, CalendarExtension::convertToMidnightInTimeZone(*start, zone));
+    record.set(kCalendarsEventStartDate,
+               CalendarExtension::convertToMidnightInTimeZone(*start, zone));
   if (end) {
     if (_needsEndDateAtMidnight00)
-      record.set(kCalendarsEventEndDate, CalendarExtension::convertToMidnightInTimeZone(*end, zone));
+      record.set(kCalendarsEventEndDate,
+                 CalendarExtension::convertToMidnightInTimeZone(*end, zone));
     else
       record.set(kCalendarsEventEndDate,
                  CalendarDate::dateWithYear(end->yearOfCommonEra(), end->monthOfYear(),
@@ -660,8 +675,8 @@ void QVTSyncEventTransformer::formatAssembledRecord(Dictionary& record) {
 // --- Entities and the record assembler ----------------------------------------------------------
 
 Array QVTSyncEventTransformer::allPossibleEntities() {
-  Array entities{kCalendarsRecurrence, kCalendarsAudioAlarm, kCalendarsMailAlarm,
-                 kCalendarsDisplayAlarm, kCalendarsOrganizer, kCalendarsAttendee};
+  Array entities{kCalendarsRecurrence,   kCalendarsAudioAlarm, kCalendarsMailAlarm,
+                 kCalendarsDisplayAlarm, kCalendarsOrganizer,  kCalendarsAttendee};
   if (_hasEvent) entities.add(kCalendarsEvent);
   if (_hasTask) entities.add(kCalendarsTask);
   return entities;

@@ -49,9 +49,7 @@ void QVTSyncEventTransformer::_unmangleAlarms(RecordHolder&, const TimeZonePtr&,
                                               const TimeZonePtr&) {}
 void QVTSyncEventTransformer::_unmangleTask(RecordHolder&) {}
 void QVTSyncEventTransformer::privateSetAlarmToMidnight(Dictionary&) {}
-bool QVTSyncEventTransformer::privateAdaptToAllowedAlarmRelativeValues(Dictionary&) {
-  return true;
-}
+bool QVTSyncEventTransformer::privateAdaptToAllowedAlarmRelativeValues(Dictionary&) { return true; }
 bool QVTSyncEventTransformer::privateDropAlarmIfAfterStartDate(const Dictionary&) { return false; }
 bool QVTSyncEventTransformer::privateDropAlarmFromRecord(const Dictionary&, const Value&) {
   return false;
