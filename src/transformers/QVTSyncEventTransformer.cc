@@ -56,10 +56,12 @@ TimeZonePtr phoneZoneOf(DataClassManager* manager) {
   return phone ? phone->timeZone() : nullptr;
 }
 
-// A date in the platform's default text form; none for an absent, empty or
-// unreadable string (the last is logged).
+// A date in the platform's default text form (or a date value, as a
+// description read from a property list may hold); none for an absent, empty
+// or unreadable string (the last is logged).
 std::optional<CalendarDate> dateFromSetting(const Value& value, const char* key,
                                             const std::string& domain) {
+  if (const CalendarDate* date = value.asDate()) return *date;
   const std::string* text = value.asString();
   if (!text || text->empty()) return std::nullopt;
   std::string error;
@@ -108,9 +110,7 @@ struct QVTSyncEventTransformerProperties {
   // A date field given a date, or a string in the default text form.
   static void registerDate(const char* key, std::optional<CalendarDate> Transformer::*field) {
     registerSetter(key, [key, field](Transformer& t, const Value& value) {
-      if (const CalendarDate* date = value.asDate())
-        t.*field = *date;
-      else if (value.isString())
+      if (value.isDate() || value.isString())
         t.*field = dateFromSetting(value, key, Transformer::logDomain());
       else
         t.setValueForUndefinedKey(value, key);
