@@ -321,15 +321,13 @@ std::optional<Dictionary> QVTSyncEventTransformer::formatDisplayAndAudioAlarm(Di
   const std::int64_t maxMinutes = _maxMinutesNbDeltaForAlarm.integerValue();
   if (maxMinutes != 0 && privateDropAlarmFromRecord(alarm, _maxMinutesNbDeltaForAlarm)) {
     if (maxMinutes >= 0)
-      QVT_LOG(kLogInfo, logDomain(),
-              "Dropping Alarm that is older than {} days before (which is the maximum value for "
-              "this device)",
-              maxMinutes);
+      // clang-format off
+      QVT_LOG(kLogInfo, logDomain(), "Dropping Alarm that is older than {} days before (which is the maximum value for this device)", maxMinutes);
+      // clang-format on
     else
-      QVT_LOG(kLogInfo, logDomain(),
-              "Dropping Alarm that is more recent than {} days after (which is the maximum value "
-              "for this device)",
-              maxMinutes);
+      // clang-format off
+      QVT_LOG(kLogInfo, logDomain(), "Dropping Alarm that is more recent than {} days after (which is the maximum value for this device)", maxMinutes);
+      // clang-format on
     return std::nullopt;
   }
   if (!privateAdaptToAllowedAlarmRelativeValues(alarm)) {
