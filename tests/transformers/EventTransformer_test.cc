@@ -495,6 +495,25 @@ TEST(EventTransformerMangling, WrongShapesAreLogged) {
   EXPECT_FALSE(holder.mutableDictionary().getBool(kCalendarsEventAllDay));
 }
 
+// A relative alarm sent as an absolute one comes back relative even when the
+// phone's copy lost the start: the reference saved while mangling is used.
+TEST(EventTransformerMangling, AlarmOffsetFromTheSavedReference) {
+  Host host(Dictionary(), "Europe/Paris");
+  Dictionary record = event(at("Europe/Paris", 2024, 5, 1, 10), at("Europe/Paris", 2024, 5, 1, 11));
+  record.set(kCalendarsEventDisplayAlarms,
+             Array{Dictionary{{kEngineRecordEntityNameKey, kCalendarsDisplayAlarm},
+                              {kCalendarsAudioAlarmTriggerduration, -900}}});
+  RecordHolder holder(record, "ev-1");
+  host.transformer->mangleRecordBeforePushingToDevice(holder);
+  Dictionary fromPhone = holder.mutableDictionary().deepCopy();
+  fromPhone.remove(kCalendarsEventStartDate);
+  holder.setMutableDictionary(fromPhone);
+  host.transformer->unmangleRecordAfterReadingFromDevice(holder);
+  auto alarms = holder.mutableDictionary().getArray(kCalendarsEventDisplayAlarms);
+  ASSERT_TRUE(alarms && !alarms->empty());
+  EXPECT_EQ(alarms->first().dictionary().get(kCalendarsAudioAlarmTriggerduration), Value(-900));
+}
+
 // Read back from a phone that writes all-day events from 00:00 to 23:59.
 TEST(EventTransformerMangling, FakeAllDayReadBack) {
   struct Case {
