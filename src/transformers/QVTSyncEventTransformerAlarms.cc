@@ -123,8 +123,8 @@ void QVTSyncEventTransformer::_unmangleAlarms(RecordHolder& holder, const TimeZo
             CalendarUtilities::referenceDateForAlarmComputationInTimeZone(record, phoneTimeZone);
         if (!reference) {
           QVT_LOG(kLogInfo, logDomain(), "cannot find a reference, using our saved properties");
-          if (const CalendarDate* saved = holder.propertyForKey("DateReferenceForAlarm").asDate())
-            reference = *saved;
+          const Value saved = holder.propertyForKey("DateReferenceForAlarm");
+          if (const CalendarDate* date = saved.asDate()) reference = *date;
         }
         if (reference) {
           const double seconds =
