@@ -1,6 +1,9 @@
 #include "host/ReferenceHost.h"
 
 #include "async/Log.h"
+#include "conduit/CFPhone.h"
+#include "engine/SchemaNames.h"
+#include "engine/SyncEngine.h"
 #include "platform/PropertyList.h"
 #include "platform/Registry.h"
 
@@ -58,6 +61,91 @@ void ReferenceDataClassManager::initWithProperty(const Dictionary& properties,
   _properties = properties.deepCopy();
   _deviceDataClass = deviceDataClass;
   _conduitManager = manager;
+}
+
+Array ReferenceDataClassManager::masterRelationKeysForMasterEntity(
+    const std::string& masterEntity) {
+  return _assemblerDelegate ? _assemblerDelegate->masterRelationKeysForMasterEntity(masterEntity)
+                            : Array();
+}
+
+Dictionary ReferenceDataClassManager::relationKeysToSubEntitiesForMasterEntity(
+    const std::string& masterEntity) {
+  return _assemblerDelegate
+             ? _assemblerDelegate->relationKeysToSubEntitiesForMasterEntity(masterEntity)
+             : Dictionary();
+}
+
+Dictionary ReferenceDataClassManager::entityToBackRelationShipForMasterEntity(
+    const std::string& masterEntity) {
+  return _assemblerDelegate
+             ? _assemblerDelegate->entityToBackRelationShipForMasterEntity(masterEntity)
+             : Dictionary();
+}
+
+Array ReferenceDataClassManager::extraKeysForMasterEntity(const std::string& masterEntity) {
+  return _assemblerDelegate ? _assemblerDelegate->extraKeysForMasterEntity(masterEntity) : Array();
+}
+
+void ReferenceDataClassManager::sortRelation(const std::string& relation, Array& identifiers,
+                                             const Dictionary& records,
+                                             const std::string& entity) {
+  if (_assemblerDelegate) _assemblerDelegate->sortRelation(relation, identifiers, records, entity);
+}
+
+void ReferenceDataClassManager::addCustomField(const Value& field, const std::string& key) {
+  if (_assemblerDelegate) _assemblerDelegate->addCustomField(field, key);
+}
+
+TimeZonePtr CalendarManager::_nextTimeZone() {
+  QVTSyncManager* sync = syncManager();
+  CFPhone* phone = sync ? sync->phone() : nullptr;
+  return phone ? phone->timeZone() : nullptr;
+}
+
+// --- Calendars, device stores and parsers ---------------------------------------------------
+
+std::optional<Dictionary> ReferenceCalendarsList::calendarForRecord(
+    const Dictionary& record, std::string* identifierPointer) {
+  if (!_snapshot) return std::nullopt;
+  Value relation = record.get(kCalendarsEventCalendar);
+  if (auto identifiers = relation.asArray()) relation = identifiers->empty() ? Value() : identifiers->first();
+  const std::string* identifier = relation.asString();
+  if (!identifier) return std::nullopt;
+  const Dictionary found = _snapshot->recordsWithIdentifiers(Array{*identifier});
+  auto calendar = found.getDictionary(*identifier);
+  if (!calendar) return std::nullopt;
+  if (identifierPointer) *identifierPointer = *identifier;
+  return calendar;
+}
+
+std::optional<Dictionary> ReferenceDeviceStore::getPrivateStorageDeviceRecordForKey(
+    const std::string& key) const {
+  auto it = _records.find(key);
+  if (it == _records.end()) return std::nullopt;
+  return it->second.deepCopy();
+}
+
+void ReferenceDeviceStore::setPrivateStorageDeviceRecord(const std::optional<Dictionary>& record,
+                                                         const std::string& key) {
+  if (record) _records[key] = record->deepCopy();
+  else _records.erase(key);
+}
+
+DeviceParserPtr ReferenceDeviceManager::parserForDataClass(const std::string& deviceDataClass) {
+  return _phone ? _phone->parserForDeviceDataClass(deviceDataClass) : nullptr;
+}
+
+std::shared_ptr<DeviceStore> ReferenceDeviceManager::storeForDeviceDataClass(
+    const std::string& deviceDataClass) {
+  return referenceStoreForDeviceDataClass(deviceDataClass);
+}
+
+std::shared_ptr<ReferenceDeviceStore> ReferenceDeviceManager::referenceStoreForDeviceDataClass(
+    const std::string& deviceDataClass) {
+  std::shared_ptr<ReferenceDeviceStore>& store = _stores[deviceDataClass];
+  if (!store) store = std::make_shared<ReferenceDeviceStore>();
+  return store;
 }
 
 void PropertyListParser::initWithPhone(CFPhone* phone, const std::optional<Dictionary>& context) {

@@ -124,7 +124,7 @@ void QVTSyncEventTransformer::_unmangleAlarms(RecordHolder& holder, const TimeZo
         if (!reference) {
           QVT_LOG(kLogInfo, logDomain(), "cannot find a reference, using our saved properties");
           const Value saved = holder.propertyForKey("DateReferenceForAlarm");
-          if (const CalendarDate* date = saved.asDate()) reference = *date;
+          if (const CalendarDate* savedDate = saved.asDate()) reference = *savedDate;
         }
         if (reference) {
           const double seconds =
