@@ -30,8 +30,8 @@ class EventStages : public QVTSyncEventTransformer {
   using QVTSyncEventTransformer::privateConvertArrayToTimedCalendarDate;
 };
 
-// A parser that tells which rules the phone stores (vCalendar phones) and
-// remembers what it was asked.
+// A parser that tells which rules the phone stores (vCalendar and agent
+// phones alike) and remembers the phone's raw properties it was given.
 class RuleParser : public DeviceParser, public VCalParserExternal, public AgentParserExternal {
  public:
   std::string className() const override { return "RuleParser"; }
@@ -39,40 +39,19 @@ class RuleParser : public DeviceParser, public VCalParserExternal, public AgentP
   Data dataFromRecords(const Array&) override { return Data(); }
   std::optional<Array> recordsFromData(const Data&) override { return std::nullopt; }
   bool supportsADE() const override { return true; }
-  bool deviceHandleRule(const Dictionary&, const Dictionary&,
-                        const std::optional<Dictionary>& extra, const Dictionary&) override {
+  bool deviceHandleRule(const Dictionary&, const Dictionary&, const std::optional<Dictionary>& extra,
+                        const Dictionary&) override {
     extraProperties = extra;
-    ++asked;
     return answer;
   }
-  bool deviceHandleRule(const Dictionary&, const Dictionary&, const Dictionary&) override {
-    ++asked;
-    return answer;
-  }
+  bool deviceHandleRule(const Dictionary&, const Dictionary&, const Dictionary&) override { return answer; }
   bool answer = true;
-  int asked = 0;
   std::optional<Dictionary> extraProperties;
 };
 
-// A parser that knows nothing of rules.
-class PlainParser : public DeviceParser {
- public:
-  std::string className() const override { return "PlainParser"; }
-  void initWithPhone(CFPhone*, const std::optional<Dictionary>&) override {}
-  Data dataFromRecords(const Array&) override { return Data(); }
-  std::optional<Array> recordsFromData(const Data&) override { return std::nullopt; }
-};
-
-class TestStore : public DeviceStore {
- public:
-  std::optional<Dictionary> getPrivateStorageDeviceRecordForKey(const std::string& key) const override {
-    if (const Value* found = records.find(key)) return found->asDictionary();
-    return std::nullopt;
-  }
-  Dictionary records;
-};
-
-class TestHost : public DataClassManager, public QVTSyncManager, public DeviceManager {
+// The calendar manager, sync manager, device manager and device store of one
+// phone, answering what the tests set.
+class TestHost : public DataClassManager, public QVTSyncManager, public DeviceManager, public DeviceStore {
  public:
   std::string className() const override { return "TestCalendarManager"; }
   void initWithProperty(const Dictionary&, const std::string&, SyncConduitManager*) override {}
@@ -83,22 +62,25 @@ class TestHost : public DataClassManager, public QVTSyncManager, public DeviceMa
   DeviceManager* deviceManager() override { return this; }
   TimeZonePtr _nextTimeZone() override { return nextZone; }
   bool shouldSyncAlarm() override { return syncAlarms; }
-
   CFPhone* phone() override { return nullptr; }
   CalendarsList* calendarsList() override { return nullptr; }
   Object* syncTransport() override { return nullptr; }
   bool isInBrisalde() const override { return brisalde; }
   const TruthSnapshot* recordSnapShot() const override { return truth.get(); }
-
   DeviceParserPtr parserForDataClass(const std::string&) override { return parser; }
-  std::shared_ptr<DeviceStore> storeForDeviceDataClass(const std::string&) override { return store; }
+  std::shared_ptr<DeviceStore> storeForDeviceDataClass(const std::string&) override {
+    return std::shared_ptr<DeviceStore>(std::shared_ptr<void>(), this);
+  }
+  std::optional<Dictionary> getPrivateStorageDeviceRecordForKey(const std::string& key) const override {
+    return stored.getDictionary(key);
+  }
 
   TimeZonePtr nextZone;
   bool syncAlarms = true;
   bool brisalde = false;
   std::shared_ptr<MemoryTruthSnapshot> truth = std::make_shared<MemoryTruthSnapshot>();
-  DeviceParserPtr parser;
-  std::shared_ptr<TestStore> store;
+  DeviceParserPtr parser = std::make_shared<RuleParser>();
+  Dictionary stored;
 };
 
 // A transformer configured from `properties` for a phone in `phoneZone`.
