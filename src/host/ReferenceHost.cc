@@ -1,6 +1,9 @@
 #include "host/ReferenceHost.h"
 
 #include "async/Log.h"
+#include "conduit/CFPhone.h"
+#include "engine/SchemaNames.h"
+#include "engine/SyncEngine.h"
 #include "platform/PropertyList.h"
 #include "platform/Registry.h"
 #include "util/PHCMangling.h"
@@ -61,6 +64,58 @@ void ReferenceDataClassManager::initWithProperty(const Dictionary& properties,
   _conduitManager = manager;
 }
 
+
+TimeZonePtr CalendarManager::_nextTimeZone() {
+  QVTSyncManager* sync = syncManager();
+  CFPhone* phone = sync ? sync->phone() : nullptr;
+  return phone ? phone->timeZone() : nullptr;
+}
+
+// --- Calendars, device stores and parsers ---------------------------------------------------
+
+std::optional<Dictionary> ReferenceCalendarsList::calendarForRecord(
+    const Dictionary& record, std::string* identifierPointer) {
+  if (!_snapshot) return std::nullopt;
+  Value relation = record.get(kCalendarsEventCalendar);
+  if (auto identifiers = relation.asArray()) relation = identifiers->empty() ? Value() : identifiers->first();
+  const std::string* identifier = relation.asString();
+  if (!identifier) return std::nullopt;
+  const Dictionary found = _snapshot->recordsWithIdentifiers(Array{*identifier});
+  auto calendar = found.getDictionary(*identifier);
+  if (!calendar) return std::nullopt;
+  if (identifierPointer) *identifierPointer = *identifier;
+  return calendar;
+}
+
+std::optional<Dictionary> ReferenceDeviceStore::getPrivateStorageDeviceRecordForKey(
+    const std::string& key) const {
+  auto it = _records.find(key);
+  if (it == _records.end()) return std::nullopt;
+  return it->second.deepCopy();
+}
+
+void ReferenceDeviceStore::setPrivateStorageDeviceRecord(const std::optional<Dictionary>& record,
+                                                         const std::string& key) {
+  if (record) _records[key] = record->deepCopy();
+  else _records.erase(key);
+}
+
+DeviceParserPtr ReferenceDeviceManager::parserForDataClass(const std::string& deviceDataClass) {
+  return _phone ? _phone->parserForDeviceDataClass(deviceDataClass) : nullptr;
+}
+
+std::shared_ptr<DeviceStore> ReferenceDeviceManager::storeForDeviceDataClass(
+    const std::string& deviceDataClass) {
+  return referenceStoreForDeviceDataClass(deviceDataClass);
+}
+
+std::shared_ptr<ReferenceDeviceStore> ReferenceDeviceManager::referenceStoreForDeviceDataClass(
+    const std::string& deviceDataClass) {
+  std::shared_ptr<ReferenceDeviceStore>& store = _stores[deviceDataClass];
+  if (!store) store = std::make_shared<ReferenceDeviceStore>();
+  return store;
+}
+
 void PropertyListParser::initWithPhone(CFPhone* phone, const std::optional<Dictionary>& context) {
   _phone = phone;
   _context = context ? std::optional(context->deepCopy()) : std::nullopt;
@@ -97,49 +152,49 @@ std::optional<Array> PropertyListParser::recordsFromData(const Data& data) {
   return records;
 }
 
-// --- The contact manager's assembler answers --------------------------------------------
+// --- The managers' assembler answers ----------------------------------------
 
-bool ContactManager::setAssemblerDelegate(const std::shared_ptr<Object>& helper) {
+bool ReferenceDataClassManager::setAssemblerDelegate(const std::shared_ptr<Object>& helper) {
   auto delegate = std::dynamic_pointer_cast<GenericAssemblerDelegate>(helper);
   _assemblerDelegate = delegate;
   return delegate != nullptr;
 }
 
-std::shared_ptr<GenericAssemblerDelegate> ContactManager::assemblerDelegate() const {
+std::shared_ptr<GenericAssemblerDelegate> ReferenceDataClassManager::assemblerDelegate() const {
   return _assemblerDelegate.lock();
 }
 
-Array ContactManager::masterRelationKeysForMasterEntity(const std::string& masterEntity) {
+Array ReferenceDataClassManager::masterRelationKeysForMasterEntity(const std::string& masterEntity) {
   auto delegate = assemblerDelegate();
   return delegate ? delegate->masterRelationKeysForMasterEntity(masterEntity) : Array();
 }
 
-Dictionary ContactManager::relationKeysToSubEntitiesForMasterEntity(
+Dictionary ReferenceDataClassManager::relationKeysToSubEntitiesForMasterEntity(
     const std::string& masterEntity) {
   auto delegate = assemblerDelegate();
   return delegate ? delegate->relationKeysToSubEntitiesForMasterEntity(masterEntity)
                   : Dictionary();
 }
 
-Dictionary ContactManager::entityToBackRelationShipForMasterEntity(
+Dictionary ReferenceDataClassManager::entityToBackRelationShipForMasterEntity(
     const std::string& masterEntity) {
   auto delegate = assemblerDelegate();
   return delegate ? delegate->entityToBackRelationShipForMasterEntity(masterEntity)
                   : Dictionary();
 }
 
-Array ContactManager::extraKeysForMasterEntity(const std::string& masterEntity) {
+Array ReferenceDataClassManager::extraKeysForMasterEntity(const std::string& masterEntity) {
   auto delegate = assemblerDelegate();
   return delegate ? delegate->extraKeysForMasterEntity(masterEntity) : Array();
 }
 
-void ContactManager::sortRelation(const std::string& relation, Array& identifiers,
+void ReferenceDataClassManager::sortRelation(const std::string& relation, Array& identifiers,
                                   const Dictionary& records, const std::string& entity) {
   if (auto delegate = assemblerDelegate())
     delegate->sortRelation(relation, identifiers, records, entity);
 }
 
-void ContactManager::addCustomField(const Value& field, const std::string& key) {
+void ReferenceDataClassManager::addCustomField(const Value& field, const std::string& key) {
   if (auto delegate = assemblerDelegate()) delegate->addCustomField(field, key);
 }
 
