@@ -114,6 +114,7 @@ TEST(Value, EqualityIgnoresDictionaryOrderAndHashesAgree) {
   std::unordered_set<Value> values{Value(1), Value(1.0), Value("1"), Value(Array{1})};
   EXPECT_EQ(values.size(), 3u);
   EXPECT_TRUE(values.contains(Value(Array{true})));
+  EXPECT_EQ(Set({3, "a", 3.0}).count(), 2u);
 }
 
 TEST(Value, ArrayRangeErrorsAreExceptionsNotCrashes) {
