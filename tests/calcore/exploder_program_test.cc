@@ -90,8 +90,6 @@ INSTANTIATE_TEST_SUITE_P(
                  "recurrences/0/frequency: missing: expected one of daily, weekly, monthly or yearly"},
         BadEvent{"TwoRecurrences", kRecurrences, "<key>recurrences</key><array><dict/><dict/></array><key>unused</key>",
                  "recurrences: 2 recurrence records; the command works on an event with exactly one"},
-        BadEvent{"BydayLengths", "<integer>0</integer>\n\t\t\t\t<integer>0</integer>", "<integer>0</integer>",
-                 "recurrences/0/bydayfreq: 1 ordinals for 2 day names in \"bydaydays\""},
         BadEvent{"UnknownDay", "<string>thursday</string>", "<string>thursdy</string>",
                  "recurrences/0/bydaydays/1: \"thursdy\" is not one of sunday, monday, tuesday, wednesday, "
                  "thursday, friday or saturday"},
@@ -111,9 +109,7 @@ TEST_F(ExploderProgramTest, BadOptionsAreCommandLineErrors) {
   const std::pair<std::string, std::string> cases[] = {
       {"--from 20261120 --to 20261110", "--to: 20261110 is not after --from 20261120"},
       {"--from 20261120junk --to 20261210", "--from: \"20261120junk\": not a date"},
-      {"--from 20261131 --to 20261210", "--from: \"20261131\": not a date: value 31 out of range 1-30"},
       {"--from 50001120 --to 50001210", "--from: \"50001120\": year 5000 is outside the supported years 1 to 3285"},
-      {"--from 20261101", "--to is required"},
   };
   for (const auto& [options, error] : cases) {
     const ProgramRun run = runProgram("explode " + event + " " + options);

@@ -169,7 +169,9 @@ Owner phones(const std::filesystem::path& folder) {
           [=] {
             // The stand-in helper keeps what the phone gave it as it is, so
             // changing it reaches the phone unless the phone gave it a copy.
-            return Value(std::dynamic_pointer_cast<FakeHelper>(helper)->properties);
+            // The contact transformer keeps no container it is given.
+            auto fake = std::dynamic_pointer_cast<FakeHelper>(helper);
+            return fake ? Value(fake->properties) : Value(Dictionary());
           }};
 }
 

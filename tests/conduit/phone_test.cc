@@ -13,6 +13,7 @@
 #include "host/ReferenceHost.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
+#include "transformers/QVTSyncContactTransformer.h"
 
 namespace pc {
 namespace {
@@ -149,13 +150,14 @@ TEST_F(HostedPhoneTest, HelpersAreNewEachTimeExceptTheCanonicalOnes) {
   EXPECT_FALSE(phone->canonicalHelperForEntity("Notes.Note"));
 
   // First format: the manager's attributes; second format: the whole info.
-  auto v1Helper = std::dynamic_pointer_cast<FakeHelper>(first);
+  auto v1Helper = std::dynamic_pointer_cast<QVTSyncContactTransformer>(first);
   ASSERT_TRUE(v1Helper);
-  EXPECT_TRUE(v1Helper->properties.getBool("removeInvalidEmailAddresses"));
-  auto v2Helper = std::dynamic_pointer_cast<FakeHelper>(
+  EXPECT_TRUE(v1Helper->removeInvalidEmailAddresses());
+  LogCapture log;
+  auto v2Helper = std::dynamic_pointer_cast<QVTSyncContactTransformer>(
       makePhone(exampleV2(), 2)->dataClassHelperForDataClassName(kContacts));
   ASSERT_TRUE(v2Helper);
-  EXPECT_EQ(v2Helper->properties.getString(kParserKey), "PropertyListParser");
+  EXPECT_TRUE(log.contains("ignored: Parser -> PropertyListParser"));
 }
 
 TEST_F(HostedPhoneTest, HelperFailuresAnswerNothing) {

