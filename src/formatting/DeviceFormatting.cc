@@ -210,6 +210,8 @@ std::shared_ptr<EntityFormatter> DeviceFormatting::formatterForEntity(
 
 const std::shared_ptr<SyncEngineClient>& DeviceFormatting::client() const { return _impl->client; }
 
+CFPhone* DeviceFormatting::phone() const { return _impl->phone(); }
+
 FormattingOutcome DeviceFormatting::formatRecord(const Dictionary& input) const {
   FormattingOutcome outcome;
   const Dictionary record = input.deepCopy();

@@ -80,6 +80,9 @@ class DeviceFormatting {
   // nullptr when the entity has none.
   std::shared_ptr<EntityFormatter> formatterForEntity(const std::string& entityName) const;
   const std::shared_ptr<SyncEngineClient>& client() const;
+  // The phone conduit behind the formatters (not owned by the caller), for a
+  // host that wires its managers to the phone's helpers.
+  CFPhone* phone() const;
 
   // Formats a copy of `record` (the input is left alone); its entity is its
   // "entityName" entry. Relationship entries holding dictionaries are the

@@ -19,6 +19,7 @@
 #include "formatting/EntityFormatter.h"
 #include "host/HostInterfaces.h"
 #include "host/PhoneStore.h"
+#include "host/ReferenceHost.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
@@ -315,8 +316,45 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
 
   // --- The engine's truth --------------------------------------------------------------
   auto truth = std::make_shared<MemoryTruthSnapshot>();
+
+  // The host's side of the phone: its sync manager, calendars and device
+  // manager, handed to the data-class managers, which the helpers ask; each
+  // helper gets its manager, and each manager its helper as the delegate of
+  // its record assembler.
+  CFPhone* conduit = phone.phoneSide->phone();
+  ReferenceCalendarsList calendars(truth.get());
+  ReferenceSyncManager syncManager;
+  syncManager.setPhone(conduit);
+  syncManager.setCalendarsList(&calendars);
+  syncManager.setRecordSnapShot(truth.get());
+  ReferenceDeviceManager deviceManager(conduit);
+  std::map<std::string, GenericAssemblerDelegate*> assemblerDelegates;  // entity -> delegate
+  for (const Value& entityValue : phone.phoneSide->supportedEntityNames()) {
+    const std::string entity = entityValue.stringValue();
+    DataClassHelperPtr helper = phone.helperFor(entity);
+    const std::string dataClass = phone.dataClassOf(entity);
+    if (!helper || !conduit || dataClass.empty()) continue;
+    std::shared_ptr<DataClassManager> manager;
+    try {
+      manager = conduit->managerForDeviceDataClass(dataClass);
+    } catch (const Exception& exception) {
+      QVT_LOG(kLogWarning, syncLogDomain(), "no manager for {}: {}", dataClass, exception.reason());
+    }
+    if (!manager) continue;
+    if (auto transformer = dynamic_cast<QVTSyncRecordTransformer*>(helper.get()))
+      transformer->setDataClassManager(manager.get());
+    if (auto reference = dynamic_cast<ReferenceDataClassManager*>(manager.get())) {
+      reference->setSyncManager(&syncManager);
+      reference->setDeviceManager(&deviceManager);
+      if (reference->setAssemblerDelegate(std::dynamic_pointer_cast<Object>(helper)))
+        assemblerDelegates[entity] = reference;
+    }
+  }
+
   RecordAssembler assembler(phone.schema);
   auto delegateFor = [&](const std::string& entity) -> GenericAssemblerDelegate* {
+    if (auto found = assemblerDelegates.find(entity); found != assemblerDelegates.end())
+      return found->second;
     return dynamic_cast<GenericAssemblerDelegate*>(phone.helperFor(entity).get());
   };
   std::vector<std::string> masters;
