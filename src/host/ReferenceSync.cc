@@ -224,6 +224,9 @@ bool sameIgnoringEntityNames(const Value& a, const Value& b);
 void collectDifferences(const Dictionary& a, const Dictionary& b, const std::string& prefix,
                         std::vector<std::string>& fields) {
   auto differ = [&](const std::string& key, const Value* x, const Value* y) {
+    // An empty list holds as much as no list at all.
+    auto isEmptyList = [](const Value* v) { return v && v->isArray() && v->array().empty(); };
+    if ((!x && (!y || isEmptyList(y))) || (!y && isEmptyList(x))) return;
     if (!x || !y) {
       fields.push_back(prefix + key);
       return;
@@ -286,6 +289,22 @@ std::vector<std::string> ReferenceSync::differingFields(const Dictionary& a, con
   std::vector<std::string> fields;
   collectDifferences(a, b, "", fields);
   return fields;
+}
+
+std::vector<std::string> ReferenceSync::changedFields(const Dictionary& prediction,
+                                                      const Dictionary& back,
+                                                      const Dictionary& engineRecord) {
+  std::vector<std::string> changed;
+  for (const std::string& field : differingFields(prediction, back)) {
+    const std::string key = field.substr(0, field.find('/'));
+    const Value* restored = back.find(key);
+    const Value* engine = engineRecord.find(key);
+    if ((!restored && !engine) ||
+        (restored && engine && sameIgnoringEntityNames(*restored, *engine)))
+      continue;
+    if (changed.empty() || changed.back() != field) changed.push_back(field);
+  }
+  return changed;
 }
 
 SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& inputs) {
@@ -434,14 +453,18 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
   auto changedOnPhone = [&](const std::string& phoneIdentifier, const Dictionary& engineRecord,
                             const Dictionary& holderProperties,
                             const std::optional<Dictionary>& prediction,
-                            std::vector<SyncField>& changes, const std::string& prefix) {
+                            const Dictionary& phoneRecord, std::vector<SyncField>& changes,
+                            const std::string& prefix) {
     auto found = onPhone.find(phoneIdentifier);
     if (found == onPhone.end()) return false;
+    // What the phone holds is what this run would send: nothing changed there.
+    if (differingFields(found->second->fields, phoneRecord).empty()) return false;
     RecordHolder holder(engineRecord, phoneIdentifier);
     for (const auto& [key, value] : holderProperties) holder.setProperty(value, key.stringValue());
     const Dictionary phoneForm = unmangled(*found->second, holder);
-    const std::vector<std::string> fields =
-        differingFields(phoneForm, prediction ? *prediction : Dictionary());
+    std::vector<std::string> fields =
+        changedFields(prediction ? *prediction : Dictionary(), phoneForm, engineRecord);
+    if (fields.empty()) fields = differingFields(phoneRecord, found->second->fields);
     for (const std::string& field : fields) changes.push_back({prefix + field, std::string()});
     return !fields.empty();
   };
@@ -525,8 +548,8 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
         if (!formatted.record) continue;
         const Dictionary engineEvent = i < predicted.count() ? predicted.at(i).dictionary() : event;
         std::optional<Dictionary> prediction = phone.engineSide->formatRecord(engineEvent).record;
-        if (changedOnPhone(occurrence, engineEvent, holder->properties(), prediction, changes,
-                           occurrence + ": "))
+        if (changedOnPhone(occurrence, engineEvent, holder->properties(), prediction,
+                           *formatted.record, changes, occurrence + ": "))
           outgoing[dataClass].push_back({*onPhone[occurrence], false, {}, std::nullopt, reportIndex});
         else
           outgoing[dataClass].push_back({{occurrence, entity, *formatted.record}, false,
@@ -555,7 +578,8 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
     if (run.keepRecords || onPhone.count(identifier))
       prediction = phone.engineSide->formatRecord(assembled).record;
     std::vector<SyncField> changes;
-    if (changedOnPhone(identifier, assembled, holder->properties(), prediction, changes, "")) {
+    if (changedOnPhone(identifier, assembled, holder->properties(), prediction, *formatted.record,
+                       changes, "")) {
       entry.outcome = SyncOutcome::changedOnPhone;
       entry.fields = std::move(changes);
       outgoing[dataClass].push_back({*onPhone[identifier], false, {}, std::nullopt, reportIndex});

@@ -116,6 +116,14 @@ class ReferenceSync {
   // Keys that differ between two records (entity names aside); a relation's
   // sub-records count as one field.
   static std::vector<std::string> differingFields(const Dictionary& a, const Dictionary& b);
+  // The fields in which a record back from the phone differs from the
+  // prediction, leaving out those it holds as the engine's record does:
+  // unmangling restores from the engine's record what the phone cannot hold
+  // (alarms, exception dates, date-only forms), which the prediction shows
+  // reduced. A change made on the phone differs from both.
+  static std::vector<std::string> changedFields(const Dictionary& prediction,
+                                                const Dictionary& back,
+                                                const Dictionary& engineRecord);
 };
 
 }  // namespace pc
