@@ -163,8 +163,6 @@ TEST(EventRecurrenceFormat, DefaultLimitsAndConversions) {
   const Case cases[] = {
       {{{"countValueWhenMissing", 7}, {"untilDateValueWhenMissing", until}}, ownedRule({}), 7, ""},
       {{{"untilDateValueWhenMissing", until}}, ownedRule({}), 0, "2006-12-31 23:59:59"},
-      {{{"countValueWhenMissing", 7}, {"untilDateValueWhenMissing", until}, {"needsToFormatCountToUntilDate", 1}},
-       ownedRule({}), 0, "2006-12-31 23:59:59"},
       {{{"countValueWhenMissing", 5}, {"needsToFormatCountToUntilDate", 1}}, ownedRule({}), 0, "2006-03-05 23:59:59"},
       {{{"needsToFormatUntilDateToCount", 1}, {"untilDateIsDateOnly", 0}},
        ownedRule({{kCalendarsRecurrenceUntil, dateIn("Europe/Paris", 2006, 3, 4, 12)}}), 4, ""},

@@ -404,7 +404,9 @@ TEST(EventTransformerMangling, AlarmOffsetFromTheSavedReference) {
   Dictionary fromPhone = holder.mutableDictionary().deepCopy();
   fromPhone.remove(kCalendarsEventStartDate);
   holder.setMutableDictionary(fromPhone);
+  test::LogCapture log;
   host.transformer->unmangleRecordAfterReadingFromDevice(holder);
+  EXPECT_TRUE(log.contains("cannot find a reference, using our saved properties"));
   auto alarms = holder.mutableDictionary().getArray(kCalendarsEventDisplayAlarms);
   ASSERT_TRUE(alarms && !alarms->empty());
   EXPECT_EQ(alarms->first().dictionary().get(kCalendarsAudioAlarmTriggerduration), Value(-900));
