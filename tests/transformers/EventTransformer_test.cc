@@ -151,9 +151,7 @@ TEST(EventTransformerConfiguration, AdjustingKeys) {
 
 TEST(EventTransformerConfiguration, BadAndUnknownValuesAreLoggedAndSkipped) {
   test::LogCapture log;
-  auto t = transformerWith(Dictionary{{"treatEventsTimeAs", "localtime"},
-                                      {"foo", 3},
-                                      {"hasTask", Array{1}},
+  auto t = transformerWith(Dictionary{{"treatEventsTimeAs", "localtime"}, {"foo", 3}, {"hasTask", Array{1}},
                                       {"defaultPriority", "high"},
                                       {"defaultUntilDateWhenMissing", "not a date"},
                                       {"defaultDueDateWhenMissing", ""}});
@@ -251,8 +249,8 @@ TEST(EventTransformerFormatting, EventDefaultsAndSeconds) {
   EXPECT_EQ(formatted->get(kCalendarsEventStatus), Value("needsaction"));
   EXPECT_EQ(formatted->get(kCalendarsEventPriority), Value(3));
   // Seconds are cut, not rounded, and the zone stays.
-  EXPECT_TRUE(formatted->get(kCalendarsEventStartDate).date().isEqualIncludingTimeZone(at("Europe/Paris", 2024, 5, 1, 10)));
-  EXPECT_TRUE(formatted->get(kCalendarsEventEndDate).date().isEqualIncludingTimeZone(at("Europe/Paris", 2024, 5, 1, 11)));
+  for (const auto& [key, hour] : {std::pair{kCalendarsEventStartDate, 10}, std::pair{kCalendarsEventEndDate, 11}})
+    EXPECT_TRUE(formatted->get(key).date().isEqualIncludingTimeZone(at("Europe/Paris", 2024, 5, 1, hour)));
 
   // Values present are kept; records of other entities pass unchanged.
   record.set(kCalendarsEventStatus, "confirmed");
@@ -264,36 +262,28 @@ TEST(EventTransformerFormatting, EventDefaultsAndSeconds) {
   EXPECT_TRUE(host.transformer->formatRecord(calendar)->isIdenticalTo(calendar));
 }
 
-// All-day events on phones that keep them, that only know one-day ones, that
-// know none, and that end converted events at midnight.
-TEST(EventTransformerFormatting, AllDayEventsByPhoneFamily) {
+// All-day events converted to timed ones on phones without them (or, for
+// longer ones, without multi-day ones: see the round trips), ending at 23:59
+// or at midnight; a phone may also refuse their location.
+TEST(EventTransformerFormatting, AllDayEventsConverted) {
   struct Case {
     Dictionary properties;
-    int month, day, days;
-    bool staysAllDay;
-    int endMonth, endDay, endHour, endMinute;  // of a converted event, in the phone zone
+    int month, day, endMonth, endDay, endHour, endMinute;  // the end in the phone zone
   };
   const Case cases[] = {
-      {{}, 3, 1, 3, true, 0, 0, 0, 0},
-      {{{"hasAllDayMultiDay", false}}, 3, 1, 1, true, 0, 0, 0, 0},
-      {{{"hasAllDayMultiDay", false}}, 3, 1, 2, false, 3, 2, 23, 59},
-      {{{"hasAllDayEvents", false}}, 3, 1, 1, false, 3, 1, 23, 59},
-      {{{"hasAllDayEvents", false}, {"needsEndDateAtMidnight00", true}}, 3, 1, 1, false, 3, 2, 0, 0},
-      {{{"hasAllDayEvents", false}}, 2, 29, 1, false, 2, 29, 23, 59},  // at the turn of a month
+      {{{"hasAllDayEvents", false}}, 3, 1, 3, 1, 23, 59},
+      {{{"hasAllDayEvents", false}, {"needsEndDateAtMidnight00", true}}, 3, 1, 3, 2, 0, 0},
+      {{{"hasAllDayEvents", false}}, 2, 29, 2, 29, 23, 59},  // at the turn of a month
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.properties.description() + std::to_string(c.day));
     Host host(c.properties, "America/New_York");
-    Dictionary record = allDayEvent(2024, c.month, c.day, c.days);
+    Dictionary record = allDayEvent(2024, c.month, c.day, 1);
     record.set(kCalendarsEventLocation, "Beach");
     record.set(kCalendarsEventExceptionDates, Array{CalendarExtension::allDayDateWithYear(2024, 3, 1)});
     auto formatted = host.transformer->formatRecord(record);
     ASSERT_TRUE(formatted);
-    EXPECT_EQ(formatted->getBool(kCalendarsEventAllDay), c.staysAllDay);
-    if (c.staysAllDay) {
-      EXPECT_EQ(formatted->get(kCalendarsEventStartDate), record.get(kCalendarsEventStartDate));
-      continue;
-    }
+    EXPECT_FALSE(formatted->getBool(kCalendarsEventAllDay));
     EXPECT_EQ(formatted->get(kCalendarsEventStartDate).date(), at("America/New_York", 2024, c.month, c.day));
     EXPECT_EQ(formatted->get(kCalendarsEventEndDate).date(),
               at("America/New_York", 2024, c.endMonth, c.endDay, c.endHour, c.endMinute));
