@@ -15,6 +15,7 @@
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
 #include "formatting/DeviceFormatting.h"
+#include "formatting/FormattingFixture.h"
 #include "formatting/FormattingMethods.h"
 #include "host/ReferenceHost.h"
 #include "platform/PropertyList.h"
@@ -77,10 +78,7 @@ struct Host {
     phone = std::make_unique<CFPhone>(Dictionary{
         {"SyncDataClasses", Dictionary{{"Calendars", Dictionary{{"MimeType", "text/x-vcalendar"}}}}}});
     phone->setTimeZone(zone(phoneZone));
-    client = std::make_shared<MemorySyncEngineClient>("test", "Test phone", Array());
-    SyncClientState::setCurrentTimeZoneName(*client, zone(phoneZone)->name());
-    methods = std::make_shared<FormattingMethods>();
-    methods->initWithDictionary(std::nullopt, nullptr, client);
+    methods = test::makeFormatter("FormattingMethods", zone(phoneZone)->name());
     calendars.setSnapshot(&snapshot);
     sync.setPhone(phone.get());
     sync.setCalendarsList(&calendars);
@@ -96,7 +94,6 @@ struct Host {
   }
 
   std::unique_ptr<CFPhone> phone;
-  std::shared_ptr<MemorySyncEngineClient> client;
   std::shared_ptr<FormattingMethods> methods;
   MemoryTruthSnapshot snapshot;
   ReferenceCalendarsList calendars;
