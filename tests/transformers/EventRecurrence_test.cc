@@ -37,7 +37,6 @@ TEST(EventRecurrenceDecision, FlagsEventKindsAndTheNextZone) {
       {"full recurrence", {{"hasFullRecurrence", 1}, {"handleAllDayRecurrent", 0}}, allDay, weekly, false, true, nullptr},
       {"all-day refused", {{"hasVCalRecurrence", 1}, {"handleAllDayRecurrent", 0}}, allDay, weekly, false, false,
        "Exploding recurrence rule, because device doesn't support recurrent all-day events"},
-      {"all-day by default", {{"hasVCalRecurrence", 1}}, allDay, weekly, false, true, nullptr},
       {"multi-day refused", {{"hasVCalRecurrence", 1}, {"handleMultiDayRecurrent", 0}}, threeDays, weekly, false, false,
        "Exploding recurrence rule, because device doesn't support recurrent multi-day events"},
       {"Monday 23:30 is Tuesday there", {{"hasVCalRecurrence", 1}}, lateMonday, weekly, false, false,
