@@ -12,8 +12,10 @@
 namespace pc::test {
 
 // A width x height image in `format` ("jpeg", "png", "bmp", "tiff"): a
-// gradient, so that encoders cannot shrink it to nothing.
-inline Data makeImage(int width, int height, const char* format, bool alpha = false) {
+// gradient, so that encoders cannot shrink it to nothing; a JPEG at `quality`
+// when given.
+inline Data makeImage(int width, int height, const char* format, bool alpha = false,
+                      const char* quality = nullptr) {
   GdkPixbuf* pixbuf = gdk_pixbuf_new(GDK_COLORSPACE_RGB, alpha, 8, width, height);
   const int channels = gdk_pixbuf_get_n_channels(pixbuf), stride = gdk_pixbuf_get_rowstride(pixbuf);
   guchar* pixels = gdk_pixbuf_get_pixels(pixbuf);
@@ -27,7 +29,9 @@ inline Data makeImage(int width, int height, const char* format, bool alpha = fa
     }
   gchar* buffer = nullptr;
   gsize length = 0;
-  EXPECT_TRUE(gdk_pixbuf_save_to_buffer(pixbuf, &buffer, &length, format, nullptr, nullptr));
+  EXPECT_TRUE(quality
+                  ? gdk_pixbuf_save_to_buffer(pixbuf, &buffer, &length, format, nullptr, "quality", quality, nullptr)
+                  : gdk_pixbuf_save_to_buffer(pixbuf, &buffer, &length, format, nullptr, nullptr));
   g_object_unref(pixbuf);
   Data data(buffer, length);
   g_free(buffer);

@@ -84,7 +84,8 @@ TEST(ExamplePhonesTest, TheBasicPhoneKeepsShortSevenBitTextAndOneNumberPerType) 
     EXPECT_NE(entity, "Calendars.Task") << path;
     for (const char* key : {"firstName", "lastName", "summary", "location"}) {
       const std::string text = record->getString(key);
-      EXPECT_TRUE(std::all_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x80; })) << path << " " << key << ": " << text;
+      EXPECT_TRUE(std::all_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x80; }))
+          << path << " " << key << ": " << text;
     }
     EXPECT_LE(utf16Length(record->getString("firstName")), 12u) << path;
     EXPECT_LE(utf16Length(record->getString("summary")), 24u) << path;

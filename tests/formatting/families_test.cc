@@ -64,7 +64,8 @@ TEST(MotorolaTest, RecordsFitTheLimitsThePhoneReports) {
 
 // Sets an environment variable while it lives.
 struct ScopedEnvironment {
-  ScopedEnvironment(const char* name, const char* value) : name(name), saved(std::getenv(name) ? std::optional<std::string>(std::getenv(name)) : std::nullopt) {
+  ScopedEnvironment(const char* name, const char* value) : name(name) {
+    if (const char* old = std::getenv(name)) saved = old;
     setenv(name, value, 1);
   }
   ~ScopedEnvironment() { saved ? setenv(name, saved->c_str(), 1) : unsetenv(name); }

@@ -333,8 +333,9 @@ TEST(ContactTransformerTest, SubRecordsAreCleanedForThePhone) {
               subRecord(kContactsStreetAddress, {{"street", "Flat 12, 221B Baker Street"}, {"city", "London"},
                                                  {"postalCode", "NW1 6XE"}, {"country", "United Kingdom"}})}}});
   const Dictionary folded{{"needsFullAddressInStreetField", true}};
+  const Strings allMail{"ann@example.org", "ann@localhost", "ann@b@example.org", "not an address", "ann.example.org@"};
   Array emails;
-  for (const char* value : {"ann@example.org", "ann@localhost", "ann@b@example.org", "not an address", "ann.example.org@"})
+  for (const std::string& value : allMail)
     emails.add(subRecord(kContactsEmailAddress, {{"value", value}}));
   emails.add(subRecord(kContactsEmailAddress, {{"value", 42}}));
   const Dictionary mail = contact({{"firstName", "Ann"}, {"emailAddresses", emails}});
@@ -348,7 +349,8 @@ TEST(ContactTransformerTest, SubRecordsAreCleanedForThePhone) {
     Strings expected;
   } cases[] = {
       {"letters become keypad digits", nullptr, Dictionary(), digitsOnly,
-       withNumbers({"1-800-FLOWERS", "+44 20 7946 0958", "+"}), "phoneNumbers", "value", {"18003569377", "+442079460958"}},
+       withNumbers({"1-800-FLOWERS", "+44 20 7946 0958", "+"}), "phoneNumbers", "value",
+       {"18003569377", "+442079460958"}},
       {"letters kept as letters are dropped by the phone", nullptr,
        Dictionary{{"shouldReplaceCapitalLettersInPhoneNumbers", false}}, digitsOnly, withNumbers({"1-800-FLOWERS"}),
        "phoneNumbers", "value", {"1800"}},
@@ -369,7 +371,8 @@ TEST(ContactTransformerTest, SubRecordsAreCleanedForThePhone) {
       {"address parts kept apart", nullptr, Dictionary(), addressFields, addresses, "streetAddresses", "street",
        {"1 Main St", "<none>", "Flat 12, 221B Baker Street"}},
       // The phone's store gives the types back, the engine's default for none.
-      {"address types", nullptr, folded, addressFields, addresses, "streetAddresses", "type", {"home", "work", "other"}},
+      {"address types", nullptr, folded, addressFields, addresses, "streetAddresses", "type",
+       {"home", "work", "other"}},
       {"invalid e-mail addresses removed", "full-phone", {}, {}, mail, "emailAddresses", "value", {"ann@example.org"}},
       {"e-mail type default", "full-phone", {}, {}, mail, "emailAddresses", "type", {"other"}},
   };
@@ -381,9 +384,9 @@ TEST(ContactTransformerTest, SubRecordsAreCleanedForThePhone) {
 
   // A phone that does not ask keeps every e-mail address.
   Strings kept = column(ContactPhone(Dictionary(), kFirstNameOnly).format(mail), "emailAddresses", "value");
-  ASSERT_GE(kept.size(), 5u);
-  kept.resize(5);
-  EXPECT_EQ(kept, (Strings{"ann@example.org", "ann@localhost", "ann@b@example.org", "not an address", "ann.example.org@"}));
+  ASSERT_GE(kept.size(), allMail.size());
+  kept.resize(allMail.size());
+  EXPECT_EQ(kept, allMail);
 }
 
 TEST(ContactTransformerTest, NumberTypesGoThroughThePhoneValuesAndBack) {
@@ -549,7 +552,7 @@ TEST(ContactTransformerTest, ContactsWithoutABirthdayGetTheDefaultAtNoonGMT) {
 
 TEST(ContactTransformerTest, PhotosAreReducedToWhatThePhoneTakes) {
   const Data small = makeImage(40, 50, "jpeg");
-  const Data large = makeImage(900, 1200, "jpeg");
+  const Data large = makeImage(900, 1200, "jpeg", false, "100");
   const Data corrupt = Data::fromString(std::string(20000, 'x'));
   ASSERT_GT(large.length(), 65536u);
   ASSERT_LT(small.length(), 8192u);
