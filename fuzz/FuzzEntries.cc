@@ -83,6 +83,7 @@ class ScratchFolder {
 struct ExamplePhones {
   ScratchFolder scratch;
   std::vector<std::unique_ptr<DeviceFormatting>> sides;
+  std::vector<std::string> names;
 
   ExamplePhones() {
     // Model, its entities, its "$name" variables.
@@ -116,6 +117,7 @@ struct ExamplePhones {
       if (!phone) finding(std::string(device) + ": no phone built from the example");
       auto engine = phone->engineSide();
       if (!engine) finding(std::string(device) + ": no engine side built from the example");
+      names.push_back(device);
       sides.push_back(std::move(phone));
       sides.push_back(std::move(engine));
     }
@@ -152,6 +154,11 @@ Dictionary withEntityName(const Dictionary& record, const std::string& entity) {
   Dictionary named{{kEngineRecordEntityNameKey, entity}};
   for (const auto& [key, value] : record) named.set(key, value);
   return named;
+}
+
+std::string describe(const FormattingOutcome& outcome) {
+  if (!outcome.record) return "rejected: " + outcome.rejection;
+  return recordText(*outcome.record).value_or("(cannot be written)");
 }
 
 }  // namespace
@@ -224,10 +231,24 @@ void fuzzFormatRecord(const std::uint8_t* data, std::size_t size) {
   const Value entityName = record->get(kEngineRecordEntityNameKey);
   const std::string* entity = entityName.asString();
   if (!entity) return;
-  for (const auto& side : phones.sides) {
-    FormattingOutcome outcome = side->formatRecord(*record);
-    if (!outcome.record) continue;
-    (void)recordText(withEntityName(*outcome.record, *entity), &error);
+  // The sides come in pairs: a phone's, then the engine's for its client.
+  for (std::size_t i = 0; i + 1 < phones.sides.size(); i += 2) {
+    const FormattingOutcome phone = phones.sides[i]->formatRecord(*record);
+    const FormattingOutcome engine = phones.sides[i + 1]->formatRecord(*record);
+    if (!phone.record) {
+      if (engine.record)
+        finding(phones.names[i / 2] + ": the engine side keeps a record the phone side rejects (" +
+                phone.rejection + "):\n" + describe(engine));
+      continue;
+    }
+    (void)recordText(withEntityName(*phone.record, *entity), &error);
+    if (holdsNaN(Value(*phone.record))) continue;
+    // The engine predicts what the phone holds. (Formatting twice is not
+    // always formatting once: a text whose characters all go is left empty
+    // the first time and takes the field's default the second.)
+    if (!engine.record || !(*engine.record == *phone.record))
+      finding(phones.names[i / 2] + ": the engine side answers another record than the phone side:\n" +
+              describe(phone) + "\nengine side:\n" + describe(engine));
   }
 }
 
