@@ -13,6 +13,8 @@
 #include <utility>
 
 #include "async/AYLogger.h"
+#include "calcore/CALEventExploder.h"
+#include "calcore/CALTimeRange.h"
 #include "commands.h"
 #include "conduit/CFPhone.h"
 #include "engine/MemoryEngine.h"
@@ -276,6 +278,36 @@ void fuzzExplodeRecurrence(const std::uint8_t* data, std::size_t size) {
   }
 }
 
+void fuzzExplodeUnchecked(const std::uint8_t* data, std::size_t size) {
+  const std::string_view input = textOf(data, size);
+  const std::size_t endOfLine = input.find('\n');
+  if (endOfLine == std::string_view::npos) return;
+  std::istringstream options{std::string(input.substr(0, endOfLine))};
+  std::string fromText, toText;
+  options >> fromText >> toText;
+  CALDateRef from, to;
+  try {
+    from = tools::dateOption(fromText, "--from");
+    to = tools::dateOption(toText, "--to");
+  } catch (const tools::CommandLineError&) {
+    return;
+  }
+  if (!from->isBefore(to.get()) || to->timeIntervalSinceDate(*from) > 40.0 * 366 * 86400) return;
+  const std::optional<Dictionary> record = recordFromText(input.substr(endOfLine + 1));
+  if (!record) return;
+  const std::optional<Array> recurrences = record->get(kCalendarsEventRecurrences).asArray();
+  if (!recurrences || recurrences->count() == 0) return;
+  const std::optional<Dictionary> recurrence = recurrences->at(0).asDictionary();
+  if (!recurrence) return;
+  try {
+    CALEventExploder exploder(*record, *recurrence);
+    const CALDateList dates = exploder.produceDatesForTimeRange(CALTimeRange(from.get(), to.get()), nullptr,
+                                                                std::string(), false);
+    (void)exploder.eventsForDates(dates);
+  } catch (const Exception&) {
+  }
+}
+
 void fuzzPhoneStore(const std::uint8_t* data, std::size_t size) {
   PropertyListParser parser;
   parser.initWithPhone(nullptr, std::nullopt);
@@ -290,6 +322,7 @@ const std::vector<NamedFuzzEntry>& fuzzEntries() {
       {"xml_plist", fuzzXMLPropertyList},   {"nice_plist", fuzzNicePList},
       {"device", fuzzDeviceDescription},    {"format", fuzzFormatRecord},
       {"explode", fuzzExplodeRecurrence},   {"phone_store", fuzzPhoneStore},
+      {"exploder", fuzzExplodeUnchecked},
   };
   return entries;
 }

@@ -40,6 +40,9 @@ void fuzzFormatRecord(const std::uint8_t* data, std::size_t size);
 // dates of --from and --to ("20261101 20261201"; a third word "events" asks
 // for the event records instead of the dates).
 void fuzzExplodeRecurrence(const std::uint8_t* data, std::size_t size);
+// The same input as fuzzExplodeRecurrence handed to the exploder without the
+// program's checks, as the host hands it the engine's events.
+void fuzzExplodeUnchecked(const std::uint8_t* data, std::size_t size);
 // What the phone sends back (an XML property list of records), read as the
 // host's parser reads it, each record written as a record file.
 void fuzzPhoneStore(const std::uint8_t* data, std::size_t size);
