@@ -1,6 +1,7 @@
-// Every input kept in tests/fuzz_regressions/<target>/ (each one made a fuzz
-// target crash, hang or break a property before its fix) fed again to the
-// entry of that target, on every build.
+// Every input kept in tests/fuzz_regressions/<target>/ fed again to the entry
+// of that target, on every build: the inputs that made a fuzz target crash,
+// hang or break a property before their fix, and one ordinary input per
+// target ("example-*") so that every entry keeps running.
 
 #include <gtest/gtest.h>
 
