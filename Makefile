@@ -3,6 +3,8 @@
 BUILD      ?= build
 SANBUILD   ?= build-sanitize
 TSANBUILD  ?= build-tsan
+FUZZBUILD  ?= build-fuzz
+FUZZ_SECONDS ?= 60
 BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CTEST_ARGS ?= --output-on-failure
@@ -11,7 +13,7 @@ PROGRAM     = $(BUILD)/tools/phoneconduit
 # The build tool make runs below needs no "Entering directory" lines.
 MAKEFLAGS  += --no-print-directory
 
-.PHONY: all deps configure build test demo bench test-sanitize test-tsan clean
+.PHONY: all deps configure build test demo bench test-sanitize test-tsan clean fuzz fuzz-short fuzz-build
 
 all: build
 
@@ -46,5 +48,18 @@ test-tsan: deps
 	@TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  ctest --test-dir $(TSANBUILD) -j $(JOBS) $(CTEST_ARGS)
 
+# The libFuzzer targets (clang, AddressSanitizer, UndefinedBehaviorSanitizer),
+# each run for FUZZ_SECONDS; fuzz-short runs each for 10 s (CI).
+fuzz-build: deps
+	@cmake -S . -B $(FUZZBUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPC_FUZZ=ON \
+	  -DPC_TESTS=OFF -DPC_TOOLS=OFF -DPC_BENCHMARKS=OFF >/dev/null
+	@cmake --build $(FUZZBUILD) -j $(JOBS)
+
+fuzz: fuzz-build
+	@FUZZ_SECONDS=$(FUZZ_SECONDS) ./scripts/fuzz $(FUZZBUILD)
+
+fuzz-short:
+	@$(MAKE) fuzz FUZZ_SECONDS=10
+
 clean:
-	rm -rf $(BUILD) $(SANBUILD) $(TSANBUILD)
+	rm -rf $(BUILD) $(SANBUILD) $(TSANBUILD) $(FUZZBUILD)

@@ -13,6 +13,7 @@
 #include "calcore/CALEventExploder.h"
 #include "commands.h"
 #include "engine/SchemaNames.h"
+#include "explode.h"
 #include "util/PHCMangling.h"
 #include "validation.h"
 
@@ -81,8 +82,7 @@ struct RecurringEvent {
   bool allDay;
 };
 
-RecurringEvent readRecurringEvent(const std::string& path) {
-  const Field record = readRecordInput(path);
+RecurringEvent readRecurringEvent(const Field& record) {
   const CalendarDate start = record[kCalendarsEventStartDate].required("a calendar date").date();
   const Field end = record[kCalendarsEventEndDate];
   if (end.present() && end.date() < start) end.fail("the end date is before the start date");
@@ -99,12 +99,31 @@ RecurringEvent readRecurringEvent(const std::string& path) {
   return {record.dictionary(), recurrences.at(0), start, allDay};
 }
 
-void printRecord(const Dictionary& record) {
+std::string textOfRecord(const Dictionary& record) {
   std::string error;
-  const std::optional<std::string> text = recordText(record, &error);
+  std::optional<std::string> text = recordText(record, &error);
   if (!text) throw CommandError(error);
-  std::cout << *text;
+  return std::move(*text);
 }
+
+void printRecord(const Dictionary& record) { std::cout << textOfRecord(record); }
+
+}  // namespace
+
+std::string explodedText(const Field& record, const CALDateRef& from, const CALDateRef& to,
+                         bool ignoreExceptionDates, bool events) {
+  const RecurringEvent recurring = readRecurringEvent(record);
+  CALEventExploder exploder(recurring.event, recurring.recurrence.dictionary());
+  // Without a truth there are no detached events: only exception dates apply.
+  const CALDateList dates = exploder.produceDatesForTimeRange(CALTimeRange(from.get(), to.get()), nullptr,
+                                                              std::string(), ignoreExceptionDates);
+  if (events) return textOfRecord(Dictionary{{"Events", exploder.eventsForDates(dates)}});
+  std::string text;
+  for (const CALDateRef& date : dates) text += date->isoStringRepresentation() + "\n";
+  return text;
+}
+
+namespace {
 
 struct ExplodeOptions {
   std::string eventPath, from, to;
@@ -117,16 +136,8 @@ void explode(const ExplodeOptions& options) {
   const CALDateRef to = dateOption(options.to, "--to");
   if (!from->isBefore(to.get()))
     throw CommandLineError(fmt::format("--to: {} is not after --from {}", options.to, options.from));
-  const RecurringEvent recurring = readRecurringEvent(options.eventPath);
-  CALEventExploder exploder(recurring.event, recurring.recurrence.dictionary());
-  // Without a truth there are no detached events: only exception dates apply.
-  const CALDateList dates = exploder.produceDatesForTimeRange(CALTimeRange(from.get(), to.get()), nullptr,
-                                                              std::string(), options.ignoreExceptionDates);
-  if (options.events) {
-    printRecord(Dictionary{{"Events", exploder.eventsForDates(dates)}});
-    return;
-  }
-  for (const CALDateRef& date : dates) std::cout << date->isoStringRepresentation() << "\n";
+  std::cout << explodedText(readRecordInput(options.eventPath), from, to, options.ignoreExceptionDates,
+                            options.events);
 }
 
 struct ConvertOptions {
@@ -134,7 +145,7 @@ struct ConvertOptions {
 };
 
 void convertLimit(const ConvertOptions& options) {
-  const RecurringEvent recurring = readRecurringEvent(options.eventPath);
+  const RecurringEvent recurring = readRecurringEvent(readRecordInput(options.eventPath));
   const Field& recurrenceField = recurring.recurrence;
   const Dictionary recurrence = recurrenceField.dictionary().copy();
   const bool toUntil = options.to == "until";

@@ -249,8 +249,11 @@ void EntityFormatter::initWithDescriptions(const std::string& entityName,
   if (const Value* fields = first.find("FieldFormatting")) {
     check::PathScope scope("FieldFormatting");
     if (auto dictionary = fields->asDictionary()) {
-      for (const auto& [field, invocationDescription] : *dictionary) {
-        const std::string fieldName = field.stringValue();
+      for (const auto& entry : *dictionary) {
+        // A named reference, not a structured binding: clang 14 (the fuzz
+        // build) cannot capture bindings in the lambda below.
+        const Value& invocationDescription = entry.second;
+        const std::string fieldName = entry.first.stringValue();
         check::PathScope fieldScope(fieldName);
         check::step({}, [&] {
           InvocationPtr invocation = _invocationFromObject(invocationDescription, syncService);

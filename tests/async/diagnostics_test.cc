@@ -24,6 +24,7 @@ TEST(Diagnostics, HexDumpLinesKeepTheirColumns) {
   EXPECT_EQ(qvtHexDump(three, 0), "(empty)");
   EXPECT_EQ(hexDump(three, 3), "0x41 0x20 0x7f ");
   EXPECT_EQ(dataDump(Data()), "");
+  EXPECT_EQ(fourCharCodeString(0x61622063), "ab c");  // most significant byte first
 
   std::vector<std::uint8_t> bytes(40);
   for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = std::uint8_t(i * 7 + 30);
@@ -51,10 +52,6 @@ TEST(Diagnostics, HexDumpLinesKeepTheirColumns) {
     }
     EXPECT_EQ(lineNumber, (n + 15) / 16);
   }
-}
-
-TEST(Diagnostics, FourCharCodesReadMostSignificantByteFirst) {
-  EXPECT_EQ(fourCharCodeString(0x61622063), "ab c");
 }
 
 [[gnu::noinline]] void raiseFromHere() {

@@ -174,15 +174,6 @@ TEST_F(LoggingTest, ArgumentsAreEvaluatedOnlyWhenALoggerMatchesAndOnce) {
   EXPECT_TRUE(other->records().empty());
 }
 
-TEST_F(LoggingTest, FailedCheckLogsTheConditionAsAnError) {
-  auto errors = add(QVTLOG, kLogError);
-  int x = 1;
-  EXPECT_TRUE(QVT_CHECK(x == 1));
-  EXPECT_FALSE(QVT_CHECK(x == 2));
-  EXPECT_THAT(errors->messages(), ElementsAre("condition \"x == 2\" failed"));
-  EXPECT_THAT(errors->records()[0].function, HasSubstr("FailedCheckLogsTheConditionAsAnError"));
-}
-
 TEST_F(LoggingTest, LogInFileFormatsLazilyAndReportsBadFormats) {
   auto logger = add(".sync", kLogWarning);
   QVTAYLogger::logInFile(nullptr, "f", 3, ".sync.X", kLogWarning, "a {}", 1);

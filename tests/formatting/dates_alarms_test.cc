@@ -1,6 +1,5 @@
-// Dates in the phone's time zone, tasks' due and completion dates, event and
-// task defaults, and the alarm filters. The phone's zone comes from the
-// client; these tests also run under several system zones (see ctest).
+// Dates in the phone's zone (from the client, whatever the system zone), task
+// dates, event and task defaults, and the alarm filters.
 
 #include <gmock/gmock.h>
 
@@ -17,12 +16,6 @@ using test::dateIn;
 using test::textIn;
 using ::testing::Contains;
 using ::testing::HasSubstr;
-
-TEST(DatesTest, PhoneZoneWithoutClientIsTheSystemZone) {
-  auto noClient = ClassRegistry::createAs<FormattingMethods>("FormattingMethods");
-  noClient->initWithDictionary(std::nullopt, nullptr, nullptr);
-  EXPECT_EQ(noClient->phoneTimeZone()->name(), TimeZone::systemTimeZone()->name());
-}
 
 TEST(DatesTest, MidnightAndMiddayRounding) {
   auto ny = test::makeFormatter("FormattingMethods", "America/New_York");
@@ -70,7 +63,7 @@ TEST(DatesTest, EventAndTaskDefaults) {
   EXPECT_EQ(due.get(kCalendarsTaskDueDateIsDateOnly), Value(false));
 }
 
-TEST(DatesTest, CompletedTasksTakeTheirDueDateAsCompletion) {
+TEST(DatesTest, CompletedTasksTakeTheirDueDateAsCompletionAndLoseTheirAlarms) {
   auto methods = test::makeFormatter();
   const CalendarDate due = dateIn("Europe/Paris", 2024, 5, 1, 9);
   Dictionary done{{kCalendarsTaskStatus, "completed"}, {kCalendarsTaskDueDate, due},
@@ -81,6 +74,12 @@ TEST(DatesTest, CompletedTasksTakeTheirDueDateAsCompletion) {
                    {kCalendarsTaskCompletionDate, dateIn("Europe/Paris", 2024, 5, 3)}};
   methods->setDueDateToCompletionDateIfCompleted(noDue);
   EXPECT_FALSE(noDue.contains(kCalendarsTaskCompletionDate));
+
+  const Dictionary alarm{{kCalendarsAudioAlarmTriggerduration, -60}};
+  EXPECT_TRUE(methods->dropAlarmIfTaskCompleted(
+      Dictionary{{kEngineRecordEntityNameKey, kCalendarsTask}, {kCalendarsTaskStatus, "completed"}}, alarm).isNull());
+  EXPECT_FALSE(methods->dropAlarmIfTaskCompleted(
+      Dictionary{{kEngineRecordEntityNameKey, kCalendarsEvent}, {kCalendarsTaskStatus, "completed"}}, alarm).isNull());
 }
 
 TEST(DatesTest, DateOnlyDueDatesBecomeTimed) {
@@ -167,15 +166,6 @@ TEST(AlarmsTest, OnlyTheFirstAlarmStrictlyBeforeTheEventSurvives) {
   Dictionary holding = event.copy();
   holding.set(kCalendarsEventDisplayAlarms, Array{relative(-60)});
   EXPECT_FALSE(kept(holding, relative(-60)));
-}
-
-TEST(AlarmsTest, CompletedTasksLoseTheirAlarms) {
-  auto methods = test::makeFormatter();
-  const Dictionary alarm{{kCalendarsAudioAlarmTriggerduration, -60}};
-  EXPECT_TRUE(methods->dropAlarmIfTaskCompleted(
-      Dictionary{{kEngineRecordEntityNameKey, kCalendarsTask}, {kCalendarsTaskStatus, "completed"}}, alarm).isNull());
-  EXPECT_FALSE(methods->dropAlarmIfTaskCompleted(
-      Dictionary{{kEngineRecordEntityNameKey, kCalendarsEvent}, {kCalendarsTaskStatus, "completed"}}, alarm).isNull());
 }
 
 }  // namespace

