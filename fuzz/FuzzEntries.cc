@@ -21,6 +21,7 @@
 #include "engine/SchemaNames.h"
 #include "explode.h"
 #include "formatting/DeviceFormatting.h"
+#include "host/PhoneStore.h"
 #include "host/ReferenceHost.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
@@ -308,7 +309,21 @@ void fuzzExplodeUnchecked(const std::uint8_t* data, std::size_t size) {
   }
 }
 
+// What the phone gives back, both ways it is read: a phone store file as the
+// sync reads it back (a store it can read must write and read back to the
+// same records), and a parser's data as the simulated phone sends it.
 void fuzzPhoneStore(const std::uint8_t* data, std::size_t size) {
+  const std::string_view bytes(reinterpret_cast<const char*>(data), size);
+  std::string error;
+  if (const auto contents = PhoneStore::contentsFromBytes(bytes, "fuzz.plist", &error)) {
+    if (const auto written = PhoneStore::bytesForContents(*contents)) {
+      const auto again = PhoneStore::contentsFromBytes(*written, "fuzz.plist", &error);
+      if (!again || again->records.size() != contents->records.size()) std::abort();
+    }
+  } else if (error.empty()) {
+    std::abort();  // a store that cannot be read must say why
+  }
+
   PropertyListParser parser;
   parser.initWithPhone(nullptr, std::nullopt);
   const std::optional<Array> records = parser.recordsFromData(Data(data, size));

@@ -634,6 +634,14 @@ std::string QVTFrame::description() const {
 
 // ---------------------------------------------------------------------------
 
+void QVTRegisterLogsUnlessRegistered() {
+  {
+    std::unique_lock guard(startupLock());
+    if (!startupRegistrations().empty()) return;
+  }
+  QVTRegisterLogs();
+}
+
 void QVTRegisterLogs() {
   std::unique_lock guard(startupLock());
   auto& made = startupRegistrations();

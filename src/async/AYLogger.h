@@ -49,6 +49,9 @@ std::function<void()> setExceptionSubstitutionHook(std::function<void()> hook);
 // always go to standard error. Calling it again replaces the registrations
 // made by the previous call, so a second call never doubles the output.
 void QVTRegisterLogs();
+// Registers the loggers as QVTRegisterLogs does unless the process has
+// registered them already (what a caller removed since stays removed).
+void QVTRegisterLogsUnlessRegistered();
 
 class QVTAYLogger : public Object {
  public:

@@ -47,7 +47,7 @@ const std::string& QVTSyncFormatter::logDomain() {
 
 void QVTSyncFormatter::initWithClient(std::shared_ptr<SyncEngineClient> aClient,
                                       std::shared_ptr<const TruthSnapshot> snapshot) {
-  std::call_once(sLogsRegistered, [] { QVTRegisterLogs(); });
+  std::call_once(sLogsRegistered, [] { QVTRegisterLogsUnlessRegistered(); });
   QVT_LOG(kLogInfo, logDomain(), "heho {} {}",
           aClient ? aClient->clientIdentifier() : std::string("(null)"),
           aClient ? aClient->displayName() : std::string("(null)"));

@@ -75,16 +75,35 @@ const Array& RecordAssembler::relationshipsOf(const std::string& entity) {
   return found->second;
 }
 
-const AssemblyRules& RecordAssembler::rulesForMasterEntity(const std::string& masterEntity) {
-  if (auto found = _rules.find(masterEntity); found != _rules.end()) return found->second;
-  GenericAssemblerDelegate& delegate = _delegate ? *_delegate : _schemaDelegate;
-  AssemblyRules& rules = _rules[masterEntity];
+namespace {
+
+void askRules(GenericAssemblerDelegate& delegate, const std::string& masterEntity,
+              AssemblyRules& rules) {
   rules.relations = delegate.masterRelationKeysForMasterEntity(masterEntity);
   rules.relationToEntity = delegate.relationKeysToSubEntitiesForMasterEntity(masterEntity);
   rules.entityToBackRelation = delegate.entityToBackRelationShipForMasterEntity(masterEntity);
   rules.extraKeys = delegate.extraKeysForMasterEntity(masterEntity);
+}
+
+}  // namespace
+
+const AssemblyRules& RecordAssembler::rulesForMasterEntity(const std::string& masterEntity) {
+  if (!_delegate) return schemaRulesForEntity(masterEntity);
+  if (auto found = _rules.find(masterEntity); found != _rules.end()) return found->second;
+  AssemblyRules& rules = _rules[masterEntity];
+  askRules(*_delegate, masterEntity, rules);
   for (const auto& [relation, subEntity] : rules.relationToEntity)
     rules.backRelations.set(relation, Value(backRelation(masterEntity, relation.stringValue(),
+                                                         subEntity.stringValue(), rules)));
+  return rules;
+}
+
+const AssemblyRules& RecordAssembler::schemaRulesForEntity(const std::string& entity) {
+  if (auto found = _schemaRules.find(entity); found != _schemaRules.end()) return found->second;
+  AssemblyRules& rules = _schemaRules[entity];
+  askRules(_schemaDelegate, entity, rules);
+  for (const auto& [relation, subEntity] : rules.relationToEntity)
+    rules.backRelations.set(relation, Value(backRelation(entity, relation.stringValue(),
                                                          subEntity.stringValue(), rules)));
   return rules;
 }
@@ -156,14 +175,15 @@ std::optional<Dictionary> RecordAssembler::assembledRecord(const std::string& id
 
 SplitRecord RecordAssembler::split(const Dictionary& assembled, const std::string& identifier) {
   SplitRecord out;
-  splitInto(assembled, identifier, out, 0);
+  splitInto(assembled, identifier, out, 0, assembled.getString(kEngineRecordEntityNameKey));
   return out;
 }
 
 void RecordAssembler::splitInto(const Dictionary& assembled, const std::string& identifier,
-                                SplitRecord& out, int depth) {
+                                SplitRecord& out, int depth, const std::string& masterEntity) {
   const std::string entity = assembled.getString(kEngineRecordEntityNameKey);
-  const AssemblyRules& rules = rulesForMasterEntity(entity);
+  const AssemblyRules& rules =
+      entity == masterEntity ? rulesForMasterEntity(entity) : schemaRulesForEntity(entity);
   const Array relationships = relationshipsOf(entity);
   // New dictionaries for the records; the values inside are the input's.
   Dictionary master = assembled.copy();
@@ -194,7 +214,7 @@ void RecordAssembler::splitInto(const Dictionary& assembled, const std::string& 
       if (depth < kMaxNesting) {
         // A sub-record may hold sub-records of its own (a detached event's alarms).
         SplitRecord nested;
-        splitInto(record, subIdentifier, nested, depth + 1);
+        splitInto(record, subIdentifier, nested, depth + 1, masterEntity);
         out.subRecords.emplace_back(subIdentifier, nested.master);
         for (auto& entry : nested.subRecords) out.subRecords.push_back(std::move(entry));
       } else {

@@ -106,13 +106,19 @@ class RecordAssembler {
   // `masterEntity` point back to the master.
   std::string backRelation(const std::string& masterEntity, const std::string& relation,
                            const std::string& subEntity, const AssemblyRules& rules) const;
+  // `masterEntity`: the entity split at the top. The delegate answers for
+  // records of that entity only (a detached event inside an event); the
+  // schema answers for other sub-records (alarms, recurrences), which the
+  // delegate does not know as masters.
   void splitInto(const Dictionary& assembled, const std::string& identifier, SplitRecord& out,
-                 int depth);
+                 int depth, const std::string& masterEntity);
+  const AssemblyRules& schemaRulesForEntity(const std::string& entity);
 
   std::shared_ptr<const EngineSchema> _schema;
   SchemaAssemblerDelegate _schemaDelegate;
   GenericAssemblerDelegate* _delegate = nullptr;
   std::map<std::string, AssemblyRules> _rules;
+  std::map<std::string, AssemblyRules> _schemaRules;
   std::map<std::string, Array> _relationships;  // entity -> the schema's relationships
   const Array& relationshipsOf(const std::string& entity);
 };

@@ -408,7 +408,7 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
   if (!settings.load(result.error)) return result;
   if (run.anchorDate) settings.values.set(kAnchorDateKey, Value(*run.anchorDate));
   else if (!settings.values.contains(kAnchorDateKey))
-    settings.values.set(kAnchorDateKey, Value(SyncSettings::qvt_anchorDate(settings.values)));
+    settings.values.set(kAnchorDateKey, Value(QVTSyncServiceExtension::qvt_currentAnchorDate()));
   const CalendarDate windowStart = SyncSettings::qvt_leftExpansionWindow(settings.values);
   const CalendarDate windowEnd = SyncSettings::qvt_rightExpansionWindow(settings.values);
 

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <string>
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 
@@ -36,8 +39,10 @@ class PreferencesTest : public ::testing::Test {
     return (_dir / name).string();
   }
 
-  const std::filesystem::path _dir =
-      std::filesystem::path(::testing::TempDir()) / "pc_preferences_test";
+  // One folder per process: ctest runs tests (and the same tests in a second
+  // zone) in parallel processes.
+  const std::filesystem::path _dir = std::filesystem::path(::testing::TempDir()) /
+                                     ("pc_preferences_test." + std::to_string(::getpid()));
 };
 
 TEST_F(PreferencesTest, DefaultPathFollowsTheEnvironment) {

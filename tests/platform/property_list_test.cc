@@ -3,6 +3,9 @@
 #include <cmath>
 #include <filesystem>
 #include <limits>
+#include <string>
+
+#include <unistd.h>
 
 #include "platform/PropertyList.h"
 
@@ -163,7 +166,7 @@ TEST(PropertyList, RefusesAContainerThatHoldsItself) {
 }
 
 TEST(PropertyList, WritesFilesAtomicallyAndReadsThemBack) {
-  const auto dir = std::filesystem::path(::testing::TempDir()) / "pc_property_list_test";
+  const auto dir = std::filesystem::path(::testing::TempDir()) / ("pc_property_list_test." + std::to_string(::getpid()));
   std::filesystem::remove_all(dir);
   std::filesystem::create_directories(dir);
   const std::string path = (dir / "store.plist").string();
