@@ -284,6 +284,11 @@ std::optional<Dictionary> MemoryTruthSnapshot::recordWithIdentifier(
   return it->second.deepCopy();
 }
 
+std::string MemoryTruthSnapshot::entityNameOfRecord(const std::string& identifier) const {
+  auto it = _records.find(identifier);
+  return it == _records.end() ? std::string() : it->second.getString(kEngineRecordEntityNameKey);
+}
+
 Array MemoryTruthSnapshot::recordIdentifiersForEntityName(const std::string& entityName) const {
   Array identifiers;
   for (const auto& [identifier, record] : _records)

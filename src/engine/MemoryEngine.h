@@ -101,6 +101,9 @@ class MemoryTruthSnapshot : public TruthSnapshot {
   void removeRecord(const std::string& identifier);
   // A deep copy of the record, which the caller may change freely.
   std::optional<Dictionary> recordWithIdentifier(const std::string& identifier) const;
+  // The record's "entityName" without copying the record; empty when the
+  // record is absent or names none.
+  std::string entityNameOfRecord(const std::string& identifier) const;
   // Identifiers of the records of one entity, in identifier order.
   Array recordIdentifiersForEntityName(const std::string& entityName) const;
   std::size_t count() const { return _records.size(); }

@@ -424,8 +424,7 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
     return true;
   };
   for (const std::string& identifier : masters) {
-    const std::string entity =
-        truth->recordWithIdentifier(identifier)->getString(kEngineRecordEntityNameKey);
+    const std::string entity = truth->entityNameOfRecord(identifier);
     const std::string dataClass = phone.dataClassOf(entity);
     if (!dataClass.empty() && !noteDataClass(dataClass)) return result;
   }
@@ -473,8 +472,7 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
   for (std::size_t done = 0; done < total; ++done) {
     if (run.progress) run.progress(done, total);
     const std::string& identifier = masters[done];
-    const std::string entity =
-        truth->recordWithIdentifier(identifier)->getString(kEngineRecordEntityNameKey);
+    const std::string entity = truth->entityNameOfRecord(identifier);
     assembler.setDelegate(delegateFor(entity));
     const Dictionary assembled = *assembler.assembledRecord(identifier, *truth);
     const std::string dataClass = phone.dataClassOf(entity);
@@ -648,13 +646,14 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
       for (const auto& [key, value] : record.holderProperties)
         holder.setProperty(value, key.stringValue());
       const Dictionary back = unmangled(stored, holder);
-      SplitRecord engineRecords = assembler.split(back, stored.identifier);
       for (const std::string& field : differingFields(assembled, back))
         entry.fields.push_back({field, phone.limitFor(entry.entity, field)});
       entry.outcome = entry.fields.empty() ? SyncOutcome::sent : SyncOutcome::reduced;
+      // The engine's records the phone's form splits into are only shown,
+      // never written: they are made when the caller keeps the records.
       if (run.keepRecords) {
         entry.roundTrip = back;
-        entry.engineRecords = std::move(engineRecords);
+        entry.engineRecords = assembler.split(back, stored.identifier);
       }
     }
   }
