@@ -17,13 +17,47 @@ struct ArrayRep {
   std::vector<Value> items;
 };
 
-// Entries in insertion order plus an index from key to position.
+// Entries in insertion order. A record holds a dozen keys or so: below
+// kIndexFrom entries a key is found by walking the entries, which costs less
+// than hashing it and keeps a small dictionary to two allocations; from
+// kIndexFrom entries on, an index from key to position is kept as well.
 struct DictionaryRep {
+  static constexpr std::size_t kIndexFrom = 16;
   std::vector<Dictionary::Entry> entries;
-  std::unordered_map<Value, std::size_t, ValueHash> index;
+  std::unordered_map<Value, std::size_t, ValueHash> index;  // empty below kIndexFrom
 
-  void reindexFrom(std::size_t first) {
-    for (std::size_t i = first; i < entries.size(); ++i) index[entries[i].first] = i;
+  static bool sameKey(const Value& a, const Value& b) {
+    const std::string* x = a.asString();
+    const std::string* y = b.asString();
+    if (x && y) return *x == *y;
+    return a == b;
+  }
+  std::optional<std::size_t> position(const Value& key) const {
+    if (entries.size() >= kIndexFrom) {
+      auto it = index.find(key);
+      if (it == index.end()) return std::nullopt;
+      return it->second;
+    }
+    for (std::size_t i = 0; i < entries.size(); ++i)
+      if (sameKey(entries[i].first, key)) return i;
+    return std::nullopt;
+  }
+  void reindex() {
+    index.clear();
+    if (entries.size() < kIndexFrom) return;
+    index.reserve(entries.size());
+    for (std::size_t i = 0; i < entries.size(); ++i) index.emplace(entries[i].first, i);
+  }
+  void append(const Value& key, Value value) {
+    entries.emplace_back(key, std::move(value));
+    if (entries.size() > kIndexFrom)
+      index.emplace(entries.back().first, entries.size() - 1);
+    else if (entries.size() == kIndexFrom)
+      reindex();
+  }
+  void erase(std::size_t at) {
+    entries.erase(entries.begin() + std::ptrdiff_t(at));
+    reindex();
   }
 };
 
@@ -609,8 +643,8 @@ Dictionary::Dictionary(std::initializer_list<Entry> entries) : Dictionary() {
 std::size_t Dictionary::count() const { return _rep->entries.size(); }
 
 const Value* Dictionary::find(const Value& key) const {
-  auto it = _rep->index.find(key);
-  return it == _rep->index.end() ? nullptr : &_rep->entries[it->second].second;
+  const std::optional<std::size_t> at = _rep->position(key);
+  return at ? &_rep->entries[*at].second : nullptr;
 }
 
 Value* Dictionary::find(const Value& key) {
@@ -654,17 +688,11 @@ void Dictionary::set(const Value& key, Value value) {
     *existing = std::move(value);
     return;
   }
-  _rep->index.emplace(key, _rep->entries.size());
-  _rep->entries.emplace_back(key, std::move(value));
+  _rep->append(key, std::move(value));
 }
 
 void Dictionary::remove(const Value& key) {
-  auto it = _rep->index.find(key);
-  if (it == _rep->index.end()) return;
-  const std::size_t position = it->second;
-  _rep->index.erase(it);
-  _rep->entries.erase(_rep->entries.begin() + std::ptrdiff_t(position));
-  _rep->reindexFrom(position);
+  if (const std::optional<std::size_t> at = _rep->position(key)) _rep->erase(*at);
 }
 
 void Dictionary::removeAll() {

@@ -103,6 +103,45 @@ TEST(Value, DictionaryKeepsInsertionOrderThroughReplaceAndRemove) {
   EXPECT_EQ(d.count(), 4u);
 }
 
+// Small dictionaries find keys by walking their entries, large ones through
+// an index: lookups, replacement and removal agree on both sides of the size
+// where one gives way to the other, and through copies.
+TEST(Value, DictionaryLookupsHoldAsItGrowsAndShrinks) {
+  Dictionary d;
+  auto key = [](int i) { return "key" + std::to_string(i); };
+  for (int i = 0; i < 40; ++i) {
+    d.set(key(i), i);
+    for (int j = 0; j <= i; j += 7) ASSERT_EQ(d.get(key(j)), Value(j)) << "after " << i;
+    ASSERT_FALSE(d.contains(key(i + 1)));
+  }
+  d.set(key(3), "three");  // replaced in place
+  EXPECT_EQ(d.count(), 40u);
+  const Dictionary copied = d.copy();
+  const Dictionary deep = d.deepCopy();
+  for (int i = 39; i >= 0; i -= 2) d.remove(key(i));
+  EXPECT_EQ(d.count(), 20u);
+  for (int i = 0; i < 40; ++i) {
+    EXPECT_EQ(d.contains(key(i)), i % 2 == 0) << key(i);
+    EXPECT_EQ(copied.contains(key(i)), true);
+    EXPECT_EQ(deep.get(key(i)), i == 3 ? Value("three") : Value(i));
+  }
+  std::vector<std::string> keys;
+  for (const auto& [k, v] : d) keys.push_back(k.string());
+  EXPECT_EQ(keys.front(), "key0");
+  EXPECT_EQ(keys.back(), "key38");
+
+  // Number keys are found by value, whatever their kind, below and above the index.
+  for (int size : {3, 30}) {
+    Dictionary numbers;
+    for (int i = 0; i < size; ++i) numbers.set(Value(i), i);
+    EXPECT_EQ(numbers.get(Value(2.0)), Value(2)) << size;
+    EXPECT_EQ(numbers.get(Value(true)), Value(1)) << size;
+    numbers.set(Value(1.0), "one");
+    EXPECT_EQ(numbers.count(), static_cast<std::size_t>(size)) << size;
+    EXPECT_EQ(numbers.get(Value(1)), Value("one")) << size;
+  }
+}
+
 TEST(Value, EqualityIgnoresDictionaryOrderAndHashesAgree) {
   Dictionary a{{"x", 1}, {"y", Array{1, "two", Dictionary{{"z", 3.0}}}}};
   Dictionary b{{"y", Array{true, "two", Dictionary{{"z", 3}}}}, {"x", 1.0}};
