@@ -198,12 +198,6 @@ struct Outgoing {
   std::size_t report = 0;  // index of its master's report
 };
 
-Dictionary withEntity(const Dictionary& fields, const std::string& entity) {
-  Dictionary record = fields.deepCopy();
-  record.set(kEngineRecordEntityNameKey, Value(entity));
-  return record;
-}
-
 }  // namespace
 
 const char* syncOutcomeName(SyncOutcome outcome) {
@@ -233,10 +227,11 @@ void collectDifferences(const Dictionary& a, const Dictionary& b, const std::str
     }
     auto left = x->asArray();
     auto right = y->asArray();
-    if (!left || !right || sameIgnoringEntityNames(*x, *y)) {
+    if (!left || !right) {
       if (!sameIgnoringEntityNames(*x, *y)) fields.push_back(prefix + key);
       return;
     }
+    if (sameIgnoringEntityNames(*x, *y)) return;
     // Sub-records, element by element.
     for (std::size_t i = 0; i < std::max(left->count(), right->count()); ++i) {
       const std::string where = prefix + key + "/" + std::to_string(i);
@@ -253,12 +248,15 @@ void collectDifferences(const Dictionary& a, const Dictionary& b, const std::str
     }
   };
   for (const auto& [key, value] : a) {
-    if (key.stringValue() == kEngineRecordEntityNameKey) continue;
-    differ(key.stringValue(), &value, b.find(key));
+    const std::string name = key.stringValue();
+    if (name == kEngineRecordEntityNameKey) continue;
+    differ(name, &value, b.find(key));
   }
   for (const auto& [key, value] : b) {
-    if (key.stringValue() == kEngineRecordEntityNameKey || a.contains(key)) continue;
-    differ(key.stringValue(), nullptr, &value);
+    if (a.contains(key)) continue;
+    const std::string name = key.stringValue();
+    if (name == kEngineRecordEntityNameKey) continue;
+    differ(name, nullptr, &value);
   }
 }
 
@@ -435,9 +433,11 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
   // --- Way out -------------------------------------------------------------------------
   std::map<std::string, std::vector<Outgoing>> outgoing;  // data class -> records
   std::set<std::string> sentIdentifiers;
-  auto unmangled = [&](const PhoneStoreRecord& stored, RecordHolder& holder) {
-    holder.setMutableDictionary(withEntity(stored.fields, stored.entity));
-    auto helper = phone.helperFor(stored.entity);
+  // Unmangles `fields` in place, which must be the caller's own.
+  auto unmangled = [&](Dictionary fields, const std::string& entity, RecordHolder& holder) {
+    fields.set(kEngineRecordEntityNameKey, Value(entity));
+    holder.setMutableDictionary(fields);
+    auto helper = phone.helperFor(entity);
     if (auto transformer = dynamic_cast<QVTSyncRecordTransformer*>(helper.get())) {
       try {
         transformer->unmangleRecordAfterReadingFromDevice(holder);
@@ -460,7 +460,8 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
     if (differingFields(found->second->fields, phoneRecord).empty()) return false;
     RecordHolder holder(engineRecord, phoneIdentifier);
     for (const auto& [key, value] : holderProperties) holder.setProperty(value, key.stringValue());
-    const Dictionary phoneForm = unmangled(*found->second, holder);
+    const Dictionary phoneForm =
+        unmangled(found->second->fields.deepCopy(), found->second->entity, holder);
     std::vector<std::string> fields =
         changedFields(prediction ? *prediction : Dictionary(), phoneForm, engineRecord);
     if (fields.empty()) fields = differingFields(phoneRecord, found->second->fields);
@@ -545,7 +546,11 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
         FormattingOutcome formatted = phone.phoneSide->formatRecord(event);
         if (!formatted.record) continue;
         const Dictionary engineEvent = i < predicted.count() ? predicted.at(i).dictionary() : event;
-        std::optional<Dictionary> prediction = phone.engineSide->formatRecord(engineEvent).record;
+        // The prediction is needed only to judge a single event the phone
+        // holds already.
+        std::optional<Dictionary> prediction;
+        if (onPhone.count(occurrence))
+          prediction = phone.engineSide->formatRecord(engineEvent).record;
         if (changedOnPhone(occurrence, engineEvent, holder->properties(), prediction,
                            *formatted.record, changes, occurrence + ": "))
           outgoing[dataClass].push_back({*onPhone[occurrence], false, {}, std::nullopt, reportIndex});
@@ -645,7 +650,9 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
       RecordHolder holder(assembled, stored.identifier);
       for (const auto& [key, value] : record.holderProperties)
         holder.setProperty(value, key.stringValue());
-      const Dictionary back = unmangled(stored, holder);
+      // The store's contents were read for this loop alone: the fields are
+      // unmangled where they are.
+      const Dictionary back = unmangled(stored.fields, stored.entity, holder);
       for (const std::string& field : differingFields(assembled, back))
         entry.fields.push_back({field, phone.limitFor(entry.entity, field)});
       entry.outcome = entry.fields.empty() ? SyncOutcome::sent : SyncOutcome::reduced;
