@@ -8,7 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 #include "engine/SchemaNames.h"
 #include "util/PHCMangling.h"
@@ -44,6 +44,18 @@ bool writeAll(int fd, std::string_view bytes, std::optional<std::size_t> limit) 
     done += static_cast<std::size_t>(n);
   }
   return done == bytes.size();
+}
+
+// The whole of a file, read into one string of its size (a store holds
+// tens of megabytes); nullopt when reading fails.
+std::optional<std::string> readAll(std::ifstream& in, const std::string& path) {
+  std::string text;
+  std::error_code code;
+  const std::uintmax_t size = std::filesystem::file_size(path, code);
+  if (!code) text.reserve(static_cast<std::size_t>(size));
+  text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  if (in.bad()) return std::nullopt;
+  return text;
 }
 
 }  // namespace
@@ -119,13 +131,12 @@ std::optional<PhoneStoreContents> PhoneStore::read(const std::string& dataClass,
     setError(error, systemError(path, "cannot read the phone store"));
     return std::nullopt;
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  if (in.bad()) {
+  std::optional<std::string> text = readAll(in, path);
+  if (!text) {
     setError(error, path + ": cannot read the phone store");
     return std::nullopt;
   }
-  std::optional<PhoneStoreContents> contents = contentsFromBytes(text.str(), path, error);
+  std::optional<PhoneStoreContents> contents = contentsFromBytes(*text, path, error);
   if (contents && contents->dataClass != dataClass) {
     setError(error, path + ": " + kDataClassKey + ": holds \"" + contents->dataClass +
                         "\", not \"" + dataClass + "\"");
@@ -144,9 +155,8 @@ PhoneStore::WriteResult PhoneStore::write(const PhoneStoreContents& contents, st
   {
     std::ifstream in(path, std::ios::binary);
     if (in) {
-      std::ostringstream old;
-      old << in.rdbuf();
-      if (old.str() == *bytes) return WriteResult::unchanged;
+      std::optional<std::string> old = readAll(in, path);
+      if (old && *old == *bytes) return WriteResult::unchanged;
     }
   }
   std::error_code code;
