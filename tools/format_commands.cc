@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "async/AYLogger.h"
+#include "command_support.h"
 #include "commands.h"
 #include "conduit/CFPhone.h"
 #include "engine/MemoryEngine.h"
@@ -55,62 +56,6 @@ Dictionary withEntityName(const Dictionary& record, const std::string& entity) {
   for (const auto& [key, value] : record) named.set(key, value);
   return named;
 }
-
-Dictionary readDictionary(const std::string& path) {
-  PropertyListError error;
-  const std::optional<Value> contents = PropertyList::fromFile(path, &error);
-  if (!contents) throw CommandError(path + ": " + error.description());
-  if (!contents->isDictionary()) throw CommandError(path + ": not a dictionary");
-  return contents->dictionary();
-}
-
-// Text as a JSON string literal.
-std::string jsonString(const std::string& text) {
-  std::string out = "\"";
-  for (const unsigned char c : text) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-          out += escaped;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
-}
-
-// While a command formats, the default error log on standard error is
-// silenced: the command reports what went wrong itself, once, with the file
-// and key path. A user whose preferences ask for more logging keeps it all,
-// and so does --log.
-class QuietDefaultLog {
- public:
-  explicit QuietDefaultLog(bool keep) : _active(!keep) {
-    if (!_active) return;
-    // Removing succeeds only when the default registration is the only one
-    // for standard error (errors alone, for every domain).
-    const auto before = QVTAYLogger::loggersForType(QVTLOG, kLogError);
-    QVTAYLogger::removeLogger(QVTAYLogger::stderrStreamLogger(), std::nullopt, kLogError);
-    const auto after = QVTAYLogger::loggersForType(QVTLOG, kLogError);
-    _active = (before ? before->size() : 0) != (after ? after->size() : 0);
-  }
-  ~QuietDefaultLog() {
-    if (_active) QVTAYLogger::addLogger(QVTAYLogger::stderrStreamLogger(), std::nullopt, kLogError);
-  }
-  QuietDefaultLog(const QuietDefaultLog&) = delete;
-  QuietDefaultLog& operator=(const QuietDefaultLog&) = delete;
-
- private:
-  bool _active;
-};
 
 // A folder of its own for the client store of one run, removed at the end
 // unless the user named the store.

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "async/AYLogger.h"
+#include "command_support.h"
 #include "commands.h"
 #include "conduit/CFPhone.h"
 #include "engine/MemoryEngine.h"
@@ -34,57 +35,6 @@ namespace pc::tools {
 namespace {
 
 constexpr int kSomeRecordsRejected = 3;
-
-Dictionary readDictionary(const std::string& path) {
-  PropertyListError error;
-  const std::optional<Value> contents = PropertyList::fromFile(path, &error);
-  if (!contents) throw CommandError(path + ": " + error.description());
-  if (!contents->isDictionary()) throw CommandError(path + ": not a dictionary");
-  return contents->dictionary();
-}
-
-std::string json(const std::string& text) {
-  std::string out = "\"";
-  for (const unsigned char c : text) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-          out += escaped;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
-}
-
-// The conduit's default error log on standard error is silenced while the
-// sync runs: the report says what happened to each record. --log keeps it.
-class QuietLog {
- public:
-  explicit QuietLog(bool keep) : _active(!keep) {
-    if (!_active) return;
-    const auto before = QVTAYLogger::loggersForType(QVTLOG, kLogError);
-    QVTAYLogger::removeLogger(QVTAYLogger::stderrStreamLogger(), std::nullopt, kLogError);
-    const auto after = QVTAYLogger::loggersForType(QVTLOG, kLogError);
-    _active = (before ? before->size() : 0) != (after ? after->size() : 0);
-  }
-  ~QuietLog() {
-    if (_active) QVTAYLogger::addLogger(QVTAYLogger::stderrStreamLogger(), std::nullopt, kLogError);
-  }
-  QuietLog(const QuietLog&) = delete;
-  QuietLog& operator=(const QuietLog&) = delete;
-
- private:
-  bool _active;
-};
 
 // Progress on standard error, once a run has taken more than a second and
 // only when standard error is a terminal.
@@ -163,22 +113,22 @@ std::string jsonReport(const SyncReport& report) {
       << ", \"changedOnPhone\": " << s.changedOnPhone << "}, \"records\": [";
   for (std::size_t i = 0; i < report.records.size(); ++i) {
     const SyncRecordReport& record = report.records[i];
-    out << (i ? ", " : "") << "{\"identifier\": " << json(record.identifier)
-        << ", \"entity\": " << json(record.entity) << ", \"outcome\": \""
+    out << (i ? ", " : "") << "{\"identifier\": " << jsonString(record.identifier)
+        << ", \"entity\": " << jsonString(record.entity) << ", \"outcome\": \""
         << syncOutcomeName(record.outcome) << "\", \"fields\": [";
     for (std::size_t f = 0; f < record.fields.size(); ++f) {
-      out << (f ? ", " : "") << "{\"field\": " << json(record.fields[f].field);
-      if (!record.fields[f].limit.empty()) out << ", \"limit\": " << json(record.fields[f].limit);
+      out << (f ? ", " : "") << "{\"field\": " << jsonString(record.fields[f].field);
+      if (!record.fields[f].limit.empty()) out << ", \"limit\": " << jsonString(record.fields[f].limit);
       out << "}";
     }
     out << "]";
     if (record.outcome == SyncOutcome::exploded) out << ", \"events\": " << record.events;
-    if (record.outcome == SyncOutcome::rejected) out << ", \"reason\": " << json(record.reason);
+    if (record.outcome == SyncOutcome::rejected) out << ", \"reason\": " << jsonString(record.reason);
     out << "}";
   }
   out << "], \"written\": [";
   for (std::size_t i = 0; i < report.filesWritten.size(); ++i)
-    out << (i ? ", " : "") << json(report.filesWritten[i]);
+    out << (i ? ", " : "") << jsonString(report.filesWritten[i]);
   out << "]}\n";
   return out.str();
 }
@@ -238,7 +188,7 @@ void sync(const SyncOptions& options) {
 
   SyncResult result;
   {
-    QuietLog quiet(options.log);
+    QuietDefaultLog quiet(options.log);
     Progress progress;
     run.progress = [&progress](std::size_t done, std::size_t total) { progress(done, total); };
     result = ReferenceSync::run(run, inputs);
