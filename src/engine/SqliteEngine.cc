@@ -80,7 +80,8 @@ CREATE TABLE client_values(client TEXT NOT NULL, key TEXT NOT NULL, value TEXT N
 CREATE TABLE synced_entries(client TEXT NOT NULL, engine_id TEXT NOT NULL, phone_id TEXT NOT NULL,
                             entity TEXT NOT NULL, data_class TEXT NOT NULL,
                             engine_form TEXT NOT NULL, phone_form TEXT NOT NULL,
-                            PRIMARY KEY(client, engine_id), UNIQUE(client, phone_id));
+                            PRIMARY KEY(client, phone_id));
+CREATE INDEX synced_entries_by_engine_id ON synced_entries(client, engine_id);
 CREATE TABLE anchors(client TEXT NOT NULL, data_class TEXT NOT NULL, anchor TEXT NOT NULL,
                      PRIMARY KEY(client, data_class));
 INSERT INTO meta(key, value) VALUES('change_counter', 0);
@@ -106,7 +107,8 @@ CREATE INDEX deletions_by_change ON deletions(changed);
 CREATE TABLE synced_entries(client TEXT NOT NULL, engine_id TEXT NOT NULL, phone_id TEXT NOT NULL,
                             entity TEXT NOT NULL, data_class TEXT NOT NULL,
                             engine_form TEXT NOT NULL, phone_form TEXT NOT NULL,
-                            PRIMARY KEY(client, engine_id), UNIQUE(client, phone_id));
+                            PRIMARY KEY(client, phone_id));
+CREATE INDEX synced_entries_by_engine_id ON synced_entries(client, engine_id);
 CREATE TABLE anchors(client TEXT NOT NULL, data_class TEXT NOT NULL, anchor TEXT NOT NULL,
                      PRIMARY KEY(client, data_class));
 )sql";
@@ -625,9 +627,9 @@ std::vector<SyncedEntry> SqliteEngine::syncedEntries(const std::string& client,
                                                      const std::string& dataClassName) const {
   std::lock_guard lock(_lock);
   static const std::string all = fmt::format(
-      "SELECT {} FROM synced_entries WHERE client = ?1 ORDER BY engine_id", kEntryColumns);
+      "SELECT {} FROM synced_entries WHERE client = ?1 ORDER BY phone_id", kEntryColumns);
   static const std::string ofClass = fmt::format(
-      "SELECT {} FROM synced_entries WHERE client = ?1 AND data_class = ?2 ORDER BY engine_id",
+      "SELECT {} FROM synced_entries WHERE client = ?1 AND data_class = ?2 ORDER BY phone_id",
       kEntryColumns);
   Statement select = statement(dataClassName.empty() ? all.c_str() : ofClass.c_str());
   select.bind(1, client);
@@ -664,7 +666,8 @@ std::optional<SyncedEntry> SqliteEngine::syncedEntryForEngineIdentifier(
     const std::string& client, const std::string& identifier) const {
   std::lock_guard lock(_lock);
   static const std::string sql = fmt::format(
-      "SELECT {} FROM synced_entries WHERE client = ?1 AND engine_id = ?2", kEntryColumns);
+      "SELECT {} FROM synced_entries WHERE client = ?1 AND engine_id = ?2 ORDER BY phone_id LIMIT 1",
+      kEntryColumns);
   Statement select = statement(sql.c_str());
   if (!select.bind(1, client).bind(2, identifier).next()) return std::nullopt;
   return entryFromRow(_path + ": phones/" + client + "/" + identifier, select.text(0),
@@ -688,12 +691,7 @@ void SqliteEngine::setSyncedEntry(const std::string& client, const SyncedEntry& 
   const std::string phoneText = encodeRecord(entry.phoneForm, where);
   Transaction transaction(*this);
   step("entry");
-  statement("DELETE FROM synced_entries WHERE client = ?1 AND (engine_id = ?2 OR phone_id = ?3)")
-      .bind(1, client)
-      .bind(2, entry.engineIdentifier)
-      .bind(3, entry.phoneIdentifier)
-      .run();
-  statement("INSERT INTO synced_entries(client, engine_id, phone_id, entity, data_class, "
+  statement("INSERT OR REPLACE INTO synced_entries(client, engine_id, phone_id, entity, data_class, "
             "engine_form, phone_form) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7)")
       .bind(1, client)
       .bind(2, entry.engineIdentifier)
@@ -706,12 +704,12 @@ void SqliteEngine::setSyncedEntry(const std::string& client, const SyncedEntry& 
   transaction.commit();
 }
 
-void SqliteEngine::removeSyncedEntry(const std::string& client, const std::string& engineIdentifier) {
+void SqliteEngine::removeSyncedEntry(const std::string& client, const std::string& phoneIdentifier) {
   Transaction transaction(*this);
   step("entry");
-  statement("DELETE FROM synced_entries WHERE client = ?1 AND engine_id = ?2")
+  statement("DELETE FROM synced_entries WHERE client = ?1 AND phone_id = ?2")
       .bind(1, client)
-      .bind(2, engineIdentifier)
+      .bind(2, phoneIdentifier)
       .run();
   transaction.commit();
 }

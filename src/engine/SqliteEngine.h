@@ -116,16 +116,18 @@ class SqliteEngine : public TruthSnapshot, public std::enable_shared_from_this<S
 
   // --- sync state of a phone -------------------------------------------------
   // The entries of a client, those of one data class when one is named, in
-  // engine identifier order.
+  // phone identifier order. An engine record may stand behind several phone
+  // entries (the single events of an exploded event).
   std::vector<SyncedEntry> syncedEntries(const std::string& client,
                                          const std::string& dataClassName = {}) const;
+  // The first entry (by phone identifier) of the engine record.
   std::optional<SyncedEntry> syncedEntryForEngineIdentifier(const std::string& client,
                                                             const std::string& identifier) const;
   std::optional<SyncedEntry> syncedEntryForPhoneIdentifier(const std::string& client,
                                                            const std::string& identifier) const;
-  // Stores the entry, replacing the one of either identifier.
+  // Stores the entry, replacing the one of the same phone identifier.
   void setSyncedEntry(const std::string& client, const SyncedEntry& entry);
-  void removeSyncedEntry(const std::string& client, const std::string& engineIdentifier);
+  void removeSyncedEntry(const std::string& client, const std::string& phoneIdentifier);
   // Forgets the entries and anchors of a client for one data class (all when
   // none is named), as a slow sync starts over.
   void resetSyncState(const std::string& client, const std::string& dataClassName = {});

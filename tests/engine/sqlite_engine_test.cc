@@ -230,18 +230,19 @@ TEST_F(SqliteEngineTest, SyncedEntriesAreKeyedByBothIdentifiers) {
   store->setSyncedEntry("phone", {"e1", "p2", kCalendarsEvent, richEvent(), Dictionary()});
   store->setSyncedEntry("other", {"c1", "p1", kContactsContact, contact("Other"), phoneForm});
 
-  // The phone gave the entry a new identifier: the old mapping goes.
+  // One engine record behind two phone entries (the single events of an
+  // exploded event); a phone identifier maps to one engine record only.
   store->setSyncedEntry("phone", {"c1", "p9", kContactsContact, contact("Alice"), phoneForm});
-  EXPECT_FALSE(store->syncedEntryForPhoneIdentifier("phone", "p1"));
-  // Another engine record takes over a phone identifier: the old one goes.
-  store->setSyncedEntry("phone", {"c2", "p9", kContactsContact, contact("Carol"), phoneForm});
-  EXPECT_FALSE(store->syncedEntryForEngineIdentifier("phone", "c1"));
+  EXPECT_EQ(store->syncedEntryForEngineIdentifier("phone", "c1")->phoneIdentifier, "p1");
+  store->setSyncedEntry("phone", {"c2", "p1", kContactsContact, contact("Carol"), phoneForm});
+  EXPECT_EQ(store->syncedEntryForEngineIdentifier("phone", "c1")->phoneIdentifier, "p9");
+  EXPECT_EQ(store->syncedEntryForPhoneIdentifier("phone", "p1")->engineIdentifier, "c2");
 
   const std::optional<SyncedEntry> event = store->syncedEntryForEngineIdentifier("phone", "e1");
   ASSERT_TRUE(event);
   EXPECT_EQ(Value(event->engineForm), Value(richEvent()));
-  EXPECT_EQ(store->syncedEntries("phone", kContacts).size(), 1u);
-  EXPECT_EQ(store->syncedEntries("phone").size(), 2u);
+  EXPECT_EQ(store->syncedEntries("phone", kContacts).size(), 2u);
+  EXPECT_EQ(store->syncedEntries("phone").size(), 3u);
   EXPECT_EQ(store->syncedEntries("other").front().engineForm.getString("firstName"), "Other");
 
   store->setAnchor("phone", kContacts, "anchor");
@@ -250,7 +251,7 @@ TEST_F(SqliteEngineTest, SyncedEntriesAreKeyedByBothIdentifiers) {
   EXPECT_EQ(store->syncedEntries("phone").size(), 1u);
   EXPECT_TRUE(store->anchor("phone", kContacts).isNull());
   EXPECT_FALSE(store->anchor("phone", kCalendars).isNull());
-  store->removeSyncedEntry("phone", "e1");
+  store->removeSyncedEntry("phone", "p2");
   EXPECT_TRUE(store->syncedEntries("phone").empty());
   EXPECT_EQ(store->syncedEntries("other").size(), 1u);
 }
