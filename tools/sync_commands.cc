@@ -21,6 +21,7 @@
 #include "async/AYLogger.h"
 #include "command_support.h"
 #include "commands.h"
+#include "store_sync.h"
 #include "conduit/CFPhone.h"
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
@@ -70,6 +71,7 @@ struct SyncOptions {
   int version = 0;
   bool log = false;
   std::string report = "text";
+  StoreSyncOptions store;
 };
 
 std::string fieldsText(const std::vector<SyncField>& fields) {
@@ -170,6 +172,18 @@ void sync(const SyncOptions& options) {
       throw CommandError(run.formatting.clientStorePath + ": cannot write the client store");
   }
 
+  if (!options.store.storePath.empty()) {
+    if (!options.recordPaths.empty())
+      throw CommandLineError("--store: the records are the store's; add record files with import");
+    StoreSyncOptions storeOptions = options.store;
+    storeOptions.log = options.log;
+    storeOptions.report = options.report;
+    syncWithStore(run, storeOptions);
+    return;
+  }
+  if (options.recordPaths.empty())
+    throw CommandLineError("RECORDS: record files, or a store with --store, are required");
+
   // Every record is read before the phone is touched.
   std::vector<SyncInput> inputs;
   std::map<std::string, std::string> seen;
@@ -223,8 +237,17 @@ void addSyncCommands(CLI::App& app) {
       ->required();
   command->add_option("RECORDS", options->recordPaths,
                       "record files (nice plist text); each file's name is its record's identifier")
-      ->required()
       ->check(CLI::ExistingFile);
+  command->add_option("--store", options->store.storePath,
+                      "a store file (see import): a two-way sync of its records with the phone, "
+                      "from the state of the last sync")
+      ->check(CLI::ExistingFile);
+  command->add_option("--conflicts", options->store.conflicts,
+                      "with --store: which side a field changed on both sides follows, engine "
+                      "(default) or phone")
+      ->check(CLI::IsMember({"engine", "phone"}));
+  command->add_flag("--dry-run", options->store.dryRun,
+                    "with --store: report what a sync would do, and write nothing");
   command->add_option("--variables", options->variablesPath,
                       "values of the device's \"$name\" variables (a property-list dictionary)")
       ->check(CLI::ExistingFile);
@@ -251,7 +274,14 @@ void addSyncCommands(CLI::App& app) {
       "  phoneconduit sync --device examples/devices/full-phone.plist \\\n"
       "      --entities examples/devices/full-phone.entities.plist \\\n"
       "      --variables examples/devices/full-phone.variables.plist \\\n"
-      "      --phone /tmp/phone examples/records/contacts/*.plist\n");
+      "      --phone /tmp/phone examples/records/contacts/*.plist\n\n"
+      "With --store, entries added, changed or deleted on the phone are carried into the store "
+      "(what the phone cannot hold stays), the store's changes reach the phone, and each is "
+      "reported: added on the phone, changed on the phone (carried into the engine), deleted on "
+      "the phone, deleted on the phone by the engine, conflict (field: engine value / phone "
+      "value). A sync happens whole or not at all.\n"
+      "  phoneconduit sync --store truth.db --device examples/devices/full-phone.plist \\\n"
+      "      --entities examples/devices/full-phone.entities.plist --phone /tmp/phone\n");
   command->callback([options] { tools::sync(*options); });
 }
 
