@@ -1,6 +1,7 @@
 // sync --store: a two-way synchronisation of the engine's store with a phone
 // folder, reported record by record.
 
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <sstream>
@@ -125,6 +126,14 @@ void syncWithStore(const SyncRun& phoneRun, const StoreSyncOptions& options) {
   if (code) run.clientIdentifier = phoneRun.phoneDirectory;
   run.conflicts = options.conflicts == "phone" ? ConflictPolicy::phone : ConflictPolicy::engine;
   run.dryRun = options.dryRun;
+  // The tests of interrupted runs end the process at a named step, as a
+  // crash or a kill would, with nothing cleaned up.
+  if (const char* stop = std::getenv("PHONECONDUIT_STOP_AT"); stop && *stop) {
+    const std::string step = stop;
+    run.beforeStep = [step](std::string_view name) {
+      if (name == step) std::_Exit(137);
+    };
+  }
 
   StoreSyncResult result;
   {
