@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <bit>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -10,7 +12,8 @@
 #include "async/Log.h"
 #include "engine/SchemaNames.h"
 #include "platform/Exception.h"
-#include "util/PHCMangling.h"
+#include "platform/CalendarDate.h"
+#include "platform/TimeZone.h"
 
 namespace pc {
 
@@ -29,28 +32,245 @@ void setError(std::string* error, std::string text) {
 // file is refused rather than written into.
 constexpr int kApplicationId = 0x50434e44;
 
-constexpr const char* kValueKey = "value";
+// --- the stored form of values ---------------------------------------------------
+//
+// A compact binary form that holds every kind a record can (dates keep their
+// instant, zone and print format; data stays bytes), read back with every
+// length checked, so that a damaged row is reported, never trusted:
+//   'n' null; 't' / 'f' booleans; 'i' 8-byte integer; 'r' 8-byte real;
+//   's' string, 'd' data, 'u' address: length and bytes; 'D' date: instant,
+//   zone name (empty: the local zone), offset at the instant, print format;
+//   'a' array, 'S' set: count and values; 'h' dictionary: count, then keys
+//   and values. Lengths and counts are unsigned LEB128 numbers; the whole
+//   starts with kEncodingMark.
+constexpr char kEncodingMark = 'P';
+constexpr int kMaximumDepth = 256;
 
-// A stored value is the nice plist text of a one-entry dictionary, so that
-// any kind a record can hold (dates, addresses, data) comes back unchanged.
-std::string encodeValue(const Value& value, const std::string& where) {
-  std::string error;
-  std::optional<std::string> text = recordText(Dictionary{{kValueKey, value}}, &error);
-  if (!text) raiseException(kInvalidArgumentException, where + ": cannot store the value: " + error);
-  return *text;
+void putNumber(std::string& out, std::uint64_t number) {
+  do {
+    std::uint8_t byte = number & 0x7f;
+    number >>= 7;
+    if (number) byte |= 0x80;
+    out += static_cast<char>(byte);
+  } while (number);
 }
 
-std::optional<Value> decodeValue(std::string_view text, std::string* error) {
-  std::optional<Dictionary> holder = recordFromText(text, error);
-  if (!holder) return std::nullopt;
-  return holder->get(kValueKey);
+void putFixed(std::string& out, std::uint64_t bits) {
+  for (int i = 0; i < 8; ++i) out += static_cast<char>((bits >> (8 * i)) & 0xff);
+}
+
+void putText(std::string& out, std::string_view text) {
+  putNumber(out, text.size());
+  out.append(text);
+}
+
+// False (with `error` naming the key path) for a value no record can hold.
+bool putValue(std::string& out, const Value& value, const std::string& path, std::string* error) {
+  switch (value.kind()) {
+    case ValueKind::Null: out += 'n'; return true;
+    case ValueKind::Boolean: out += value.boolValue() ? 't' : 'f'; return true;
+    case ValueKind::Integer:
+      out += 'i';
+      putFixed(out, static_cast<std::uint64_t>(value.integerValue()));
+      return true;
+    case ValueKind::Real:
+      out += 'r';
+      putFixed(out, std::bit_cast<std::uint64_t>(value.doubleValue()));
+      return true;
+    case ValueKind::String: out += 's'; putText(out, value.string()); return true;
+    case ValueKind::Data: {
+      out += 'd';
+      const auto& bytes = value.data().bytes();
+      putText(out, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+      return true;
+    }
+    case ValueKind::URL: out += 'u'; putText(out, value.url().absoluteString()); return true;
+    case ValueKind::Date: {
+      const CalendarDate& date = value.date();
+      out += 'D';
+      putFixed(out, std::bit_cast<std::uint64_t>(date.timeIntervalSinceReferenceDate()));
+      const TimeZonePtr& zone = date.timeZone();
+      const bool local = !zone || zone->isLocalTimeZoneKind();
+      putText(out, local ? std::string() : zone->name());
+      putFixed(out, static_cast<std::uint64_t>(
+                        static_cast<std::int64_t>(local ? 0 : zone->secondsFromGMT(date.date()))));
+      putText(out, date.calendarFormat());
+      return true;
+    }
+    case ValueKind::Array:
+    case ValueKind::Set: {
+      const Array elements = value.isSet() ? value.set().allObjects() : value.array();
+      out += value.isSet() ? 'S' : 'a';
+      putNumber(out, elements.count());
+      for (std::size_t i = 0; i < elements.count(); ++i)
+        if (!putValue(out, elements.at(i), path + "/" + std::to_string(i), error)) return false;
+      return true;
+    }
+    case ValueKind::Dictionary: {
+      const Dictionary entries = value.dictionary();
+      out += 'h';
+      putNumber(out, entries.count());
+      for (const auto& [key, element] : entries) {
+        if (!putValue(out, key, path, error)) return false;
+        if (!putValue(out, element, path + "/" + key.stringValue(), error)) return false;
+      }
+      return true;
+    }
+    default:
+      setError(error, (path.empty() ? std::string("the value") : path.substr(1)) + ": a " +
+                          value.kindName() + " cannot be stored");
+      return false;
+  }
+}
+
+class ValueReader {
+ public:
+  explicit ValueReader(std::string_view bytes) : _bytes(bytes) {}
+
+  std::optional<Value> read(std::string* error) {
+    if (_bytes.empty() || _bytes[0] != kEncodingMark) return failed(error, "not a stored value");
+    _at = 1;
+    std::optional<Value> value = readValue(0);
+    if (value && _at != _bytes.size()) return failed(error, "bytes after the value");
+    if (!value) return failed(error, _problem);
+    return value;
+  }
+
+ private:
+  std::optional<Value> failed(std::string* error, const std::string& problem) {
+    setError(error, fmt::format("damaged value ({} at byte {})", problem, _at));
+    return std::nullopt;
+  }
+  bool number(std::uint64_t& out) {
+    out = 0;
+    for (int shift = 0; shift < 64; shift += 7) {
+      if (_at >= _bytes.size()) return false;
+      const auto byte = static_cast<std::uint8_t>(_bytes[_at++]);
+      out |= static_cast<std::uint64_t>(byte & 0x7f) << shift;
+      if (!(byte & 0x80)) return true;
+    }
+    return false;
+  }
+  bool fixed(std::uint64_t& out) {
+    if (_bytes.size() - _at < 8) return false;
+    out = 0;
+    for (int i = 0; i < 8; ++i)
+      out |= static_cast<std::uint64_t>(static_cast<std::uint8_t>(_bytes[_at++])) << (8 * i);
+    return true;
+  }
+  bool text(std::string_view& out) {
+    std::uint64_t length = 0;
+    if (!number(length) || length > _bytes.size() - _at) return false;
+    out = _bytes.substr(_at, length);
+    _at += length;
+    return true;
+  }
+  // A count of values that each take at least one byte.
+  bool count(std::uint64_t& out) { return number(out) && out <= _bytes.size() - _at; }
+
+  std::optional<Value> readValue(int depth) {
+    if (depth > kMaximumDepth) return problem("nested too deeply");
+    if (_at >= _bytes.size()) return problem("cut short");
+    const char tag = _bytes[_at++];
+    std::uint64_t bits = 0;
+    std::string_view bytes;
+    switch (tag) {
+      case 'n': return Value();
+      case 't': return Value(true);
+      case 'f': return Value(false);
+      case 'i':
+        if (!fixed(bits)) return problem("cut short");
+        return Value(static_cast<std::int64_t>(bits));
+      case 'r':
+        if (!fixed(bits)) return problem("cut short");
+        return Value(std::bit_cast<double>(bits));
+      case 's':
+        if (!text(bytes)) return problem("cut short");
+        return Value(std::string(bytes));
+      case 'd':
+        if (!text(bytes)) return problem("cut short");
+        return Value(Data(bytes.data(), bytes.size()));
+      case 'u':
+        if (!text(bytes)) return problem("cut short");
+        return Value(URL(std::string(bytes)));
+      case 'D': {
+        std::uint64_t offset = 0;
+        std::string_view zoneName, format;
+        if (!fixed(bits) || !text(zoneName) || !fixed(offset) || !text(format))
+          return problem("cut short");
+        TimeZonePtr zone = zoneName.empty() ? TimeZone::localTimeZone()
+                                            : TimeZone::timeZoneWithName(zoneName);
+        if (!zone)
+          zone = TimeZone::timeZoneForSecondsFromGMT(
+              static_cast<int>(static_cast<std::int64_t>(offset)));
+        if (!zone) return problem("a date's zone is unknown");
+        CalendarDate date(Date{std::bit_cast<double>(bits)}, zone);
+        date.setCalendarFormat(std::string(format));
+        return Value(date);
+      }
+      case 'a':
+      case 'S': {
+        std::uint64_t n = 0;
+        if (!count(n)) return problem("cut short");
+        Array elements;
+        Set members;
+        for (std::uint64_t i = 0; i < n; ++i) {
+          std::optional<Value> element = readValue(depth + 1);
+          if (!element) return std::nullopt;
+          tag == 'S' ? members.add(std::move(*element)) : elements.add(std::move(*element));
+        }
+        return tag == 'S' ? Value(members) : Value(elements);
+      }
+      case 'h': {
+        std::uint64_t n = 0;
+        if (!count(n)) return problem("cut short");
+        Dictionary entries;
+        for (std::uint64_t i = 0; i < n; ++i) {
+          std::optional<Value> key = readValue(depth + 1);
+          if (!key) return std::nullopt;
+          std::optional<Value> element = readValue(depth + 1);
+          if (!element) return std::nullopt;
+          entries.set(std::move(*key), std::move(*element));
+        }
+        return Value(entries);
+      }
+      default: return problem(fmt::format("unknown kind {:#04x}", static_cast<unsigned char>(tag)));
+    }
+  }
+  std::optional<Value> problem(std::string what) {
+    if (_problem.empty()) _problem = std::move(what);
+    return std::nullopt;
+  }
+
+  std::string_view _bytes;
+  std::size_t _at = 0;
+  std::string _problem;
+};
+
+std::string encodeValue(const Value& value, const std::string& where) {
+  std::string out(1, kEncodingMark);
+  std::string error;
+  if (!putValue(out, value, "", &error))
+    raiseException(kInvalidArgumentException, where + ": cannot store the value: " + error);
+  return out;
+}
+
+std::optional<Value> decodeValue(std::string_view bytes, std::string* error) {
+  return ValueReader(bytes).read(error);
 }
 
 std::string encodeRecord(const Dictionary& record, const std::string& where) {
-  std::string error;
-  std::optional<std::string> text = recordText(record, &error);
-  if (!text) raiseException(kInvalidArgumentException, where + ": cannot store the record: " + error);
-  return *text;
+  return encodeValue(record, where);
+}
+
+std::optional<Dictionary> decodeRecord(std::string_view bytes, std::string* error) {
+  std::optional<Value> value = decodeValue(bytes, error);
+  if (!value) return std::nullopt;
+  if (!value->isDictionary()) {
+    setError(error, fmt::format("a record is a dictionary, not a {}", value->kindName()));
+    return std::nullopt;
+  }
+  return value->dictionary();
 }
 
 // The data class an entity belongs to: the engine's answer, else the part of
@@ -293,6 +513,14 @@ bool SqliteEngine::migrateFromVersion(int version, std::string* error) {
   return true;
 }
 
+std::string SqliteEngine::storedFormOfValue(const Value& value) {
+  return encodeValue(value, "value");
+}
+
+std::optional<Value> SqliteEngine::valueFromStoredForm(std::string_view bytes, std::string* error) {
+  return decodeValue(bytes, error);
+}
+
 int SqliteEngine::schemaVersion() const {
   std::lock_guard lock(_lock);
   Statement select = statement("PRAGMA user_version");
@@ -313,7 +541,7 @@ std::string SqliteEngine::check() const {
     Statement records = statement("SELECT identifier, entity, record FROM records");
     while (records.next()) {
       const std::string where = _path + ": records/" + records.text(0);
-      std::optional<Dictionary> record = recordFromText(records.text(2), &problem);
+      std::optional<Dictionary> record = decodeRecord(records.text(2), &problem);
       if (!record) return where + ": " + problem;
       if (record->getString(kEngineRecordEntityNameKey) != records.text(1))
         return where + ": the record's \"" + kEngineRecordEntityNameKey + "\" is not " +
@@ -327,7 +555,7 @@ std::string SqliteEngine::check() const {
         statement("SELECT client, engine_id, engine_form, phone_form FROM synced_entries");
     while (entries.next())
       for (int column : {2, 3})
-        if (!recordFromText(entries.text(column), &problem))
+        if (!decodeRecord(entries.text(column), &problem))
           return _path + ": phones/" + entries.text(0) + "/" + entries.text(1) + ": " + problem;
     Statement anchors = statement("SELECT client, data_class, anchor FROM anchors");
     while (anchors.next())
@@ -455,7 +683,7 @@ std::optional<Dictionary> SqliteEngine::recordWithIdentifier(const std::string& 
   Statement select = statement("SELECT record FROM records WHERE identifier = ?1");
   if (!select.bind(1, identifier).next()) return std::nullopt;
   std::string error;
-  std::optional<Dictionary> record = recordFromText(select.text(0), &error);
+  std::optional<Dictionary> record = decodeRecord(select.text(0), &error);
   if (!record)
     QVT_LOG(kLogError, storeLogDomain(), "{}: records/{}: {}", _path, identifier, error);
   return record;
@@ -638,8 +866,8 @@ std::vector<SyncedEntry> SqliteEngine::syncedEntries(const std::string& client,
   while (select.next()) {
     SyncedEntry entry{select.text(0), select.text(1), select.text(2), {}, {}};
     std::string error;
-    auto engineForm = recordFromText(select.text(3), &error);
-    auto phoneForm = engineForm ? recordFromText(select.text(4), &error) : std::nullopt;
+    auto engineForm = decodeRecord(select.text(3), &error);
+    auto phoneForm = engineForm ? decodeRecord(select.text(4), &error) : std::nullopt;
     if (!engineForm || !phoneForm)
       raiseException(kSqliteStoreException,
                      fmt::format("{}: phones/{}/{}: {}", _path, client, entry.engineIdentifier, error));
@@ -655,8 +883,8 @@ std::optional<SyncedEntry> entryFromRow(const std::string& where, const std::str
                                         const std::string& phoneId, const std::string& entity,
                                         const std::string& engineText, const std::string& phoneText) {
   std::string error;
-  auto engineForm = recordFromText(engineText, &error);
-  auto phoneForm = engineForm ? recordFromText(phoneText, &error) : std::nullopt;
+  auto engineForm = decodeRecord(engineText, &error);
+  auto phoneForm = engineForm ? decodeRecord(phoneText, &error) : std::nullopt;
   if (!engineForm || !phoneForm) raiseException(kSqliteStoreException, where + ": " + error);
   return SyncedEntry{engineId, phoneId, entity, std::move(*engineForm), std::move(*phoneForm)};
 }

@@ -6,8 +6,9 @@
 // every record change and deletion, so that a sync can ask what changed since
 // the last one.
 //
-// Values are stored as nice plist text, the form record files use, so that
-// dates, addresses and data come back as they went in. The file carries a
+// Values are stored in a compact binary form that keeps every kind a record
+// holds (dates with their zone, addresses, data), so that records come back
+// as they went in. The file carries a
 // schema version: an older file is migrated when it is opened, a newer one is
 // refused. Writes that belong together go inside a Transaction: either all of
 // them reach the file or none does.
@@ -75,6 +76,14 @@ class SqliteEngine : public TruthSnapshot, public std::enable_shared_from_this<S
 
   const std::string& path() const { return _path; }
   int schemaVersion() const;
+
+  // The stored form of a value, as the file holds it; raises for a value no
+  // record can hold (an object). For tools and tests that write a file
+  // directly.
+  static std::string storedFormOfValue(const Value& value);
+  // The value of a stored form; nullopt (with `error`) when it is damaged.
+  static std::optional<Value> valueFromStoredForm(std::string_view bytes,
+                                                  std::string* error = nullptr);
 
   // Reads every stored record and value and checks the file's structure.
   // Empty when all is well, else the first problem, as "file: records/ID:

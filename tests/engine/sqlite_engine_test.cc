@@ -363,7 +363,8 @@ TEST_F(SqliteEngineTest, FilesThatAreNotUsableStoresAreRefusedNamingTheFile) {
 
 TEST_F(SqliteEngineTest, DamagedContentsAreFoundByCheckWithTheirPlace) {
   openStore(path)->addRecord("c1", contact("Alice"));
-  writeWithSqlite(path, "UPDATE records SET record = '<plist><dict><key>x' WHERE identifier = 'c1'");
+  // A row cut short, as a bad copy would leave it.
+  writeWithSqlite(path, "UPDATE records SET record = substr(record, 1, 20) WHERE identifier = 'c1'");
   auto store = openStore(path);
   const std::string problem = store->check();
   EXPECT_NE(problem.find(path.string() + ": records/c1"), std::string::npos) << problem;
@@ -382,20 +383,48 @@ TEST_F(SqliteEngineTest, DamagedContentsAreFoundByCheckWithTheirPlace) {
   else EXPECT_NE(error.find(path.string()), std::string::npos) << error;
 }
 
+// A blob literal of a value's stored form.
+std::string storedLiteral(const Value& value) {
+  std::string literal = "X'";
+  for (unsigned char c : SqliteEngine::storedFormOfValue(value)) literal += fmt::format("{:02x}", c);
+  return literal + "'";
+}
+
+TEST(StoredFormTest, DamagedFormsAreRefusedNeverTrusted) {
+  const Value original = Value(Array{richEvent(), Set{1, "x"}, Value(), 1.5e300, -7});
+  const std::string stored = SqliteEngine::storedFormOfValue(original);
+  EXPECT_EQ(SqliteEngine::valueFromStoredForm(stored), original);
+  // Every form cut short is refused.
+  for (std::size_t length = 0; length < stored.size(); ++length)
+    EXPECT_FALSE(SqliteEngine::valueFromStoredForm(stored.substr(0, length))) << length;
+  // Every byte changed either reads as some value or is refused.
+  for (std::size_t at = 0; at < stored.size(); ++at)
+    for (unsigned char flip : {0x01, 0x80, 0xff}) {
+      std::string damaged = stored;
+      damaged[at] = static_cast<char>(damaged[at] ^ flip);
+      std::string error;
+      if (!SqliteEngine::valueFromStoredForm(damaged, &error)) {
+        EXPECT_NE(error.find("damaged value"), std::string::npos) << error;
+      }
+    }
+  std::string error;
+  EXPECT_FALSE(SqliteEngine::valueFromStoredForm(stored + "x", &error));
+}
+
 TEST_F(SqliteEngineTest, VersionOneStoreIsUpgradedKeepingItsRecordsAndClients) {
-  const std::string record = *recordText(contact("Alice"));
   writeWithSqlite(path, fmt::format(R"sql(
     CREATE TABLE records(identifier TEXT PRIMARY KEY, entity TEXT NOT NULL, record TEXT NOT NULL);
     CREATE TABLE clients(client TEXT PRIMARY KEY, display_name TEXT NOT NULL, enabled TEXT NOT NULL);
     CREATE TABLE client_values(client TEXT NOT NULL, key TEXT NOT NULL, value TEXT NOT NULL,
                                PRIMARY KEY(client, key));
-    INSERT INTO records VALUES('c1', 'Contacts.Contact', '{}');
-    INSERT INTO clients VALUES('phone', 'My Phone', '{}');
-    INSERT INTO client_values VALUES('phone', 'count', '{}');
+    INSERT INTO records VALUES('c1', 'Contacts.Contact', {});
+    INSERT INTO clients VALUES('phone', 'My Phone', {});
+    INSERT INTO client_values VALUES('phone', 'count', {});
     PRAGMA application_id = {};
     PRAGMA user_version = 1;)sql",
-                                    record, *recordText(Dictionary{{"value", Array{kContactsContact}}}),
-                                    *recordText(Dictionary{{"value", 4}}), 0x50434e44));
+                                    storedLiteral(contact("Alice")),
+                                    storedLiteral(Array{kContactsContact}), storedLiteral(4),
+                                    0x50434e44));
   auto store = openStore(path);
   ASSERT_TRUE(store);
   EXPECT_EQ(store->schemaVersion(), SqliteEngine::kSchemaVersion);
