@@ -1,0 +1,132 @@
+// The sync path under the machine's zone: what the phone holds of a
+// recurring event, an all-day event or a reordered contact, and what is
+// reported when it comes back. The suites here run under several zones.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "calcore/CALDateTime.h"
+#include "calcore/CALEventExploder.h"
+#include "calcore/CALTimeRange.h"
+#include "host/PhoneStore.h"
+#include "host/ReferenceSync.h"
+#include "platform/PropertyList.h"
+#include "platform/TimeZone.h"
+
+namespace pc {
+namespace {
+
+const std::string kDevices = std::string(PC_SOURCE_DIR) + "/examples/devices/";
+
+Dictionary readDictionary(const std::string& path) {
+  std::optional<Value> contents = PropertyList::fromFile(path);
+  return contents && contents->isDictionary() ? contents->dictionary() : Dictionary();
+}
+
+Value date(int year, int month, int day, int hour, int minute, const char* zone) {
+  return Value(CalendarDate::dateWithYear(year, month, day, hour, minute, 0,
+                                          TimeZone::timeZoneWithName(zone)));
+}
+
+Dictionary dictionary(std::initializer_list<std::pair<const char*, Value>> entries) {
+  Dictionary d;
+  for (const auto& [key, value] : entries) d.set(key, value);
+  return d;
+}
+
+Array array(std::initializer_list<Value> values) {
+  Array a;
+  for (const Value& v : values) a.add(v);
+  return a;
+}
+
+// Mondays 18:00 Berlin, 1 March to 19 April 2027 (eight occurrences across
+// the daylight-time change of 28 March), with an alarm 15 minutes before.
+Dictionary weeklyBerlinEvent() {
+  return dictionary({
+      {"entityName", Value("Calendars.Event")},
+      {"summary", Value("Choir")},
+      {"startDate", date(2027, 3, 1, 18, 0, "Europe/Berlin")},
+      {"endDate", date(2027, 3, 1, 19, 0, "Europe/Berlin")},
+      {"recurrences",
+       Value(array({Value(dictionary({{"entityName", Value("Calendars.Recurrence")},
+                                      {"frequency", Value("weekly")},
+                                      {"interval", Value(std::int64_t{1})},
+                                      {"until", date(2027, 4, 19, 23, 59, "Europe/Berlin")}}))}))},
+      {"displayAlarms",
+       Value(array({Value(dictionary({{"entityName", Value("Calendars.DisplayAlarm")},
+                                      {"triggerduration", Value(std::int64_t{-900})}}))}))},
+  });
+}
+
+class SyncZonesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    folder = ::testing::TempDir() + "sync-zones-" + std::to_string(::getpid()) + "-" +
+             ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::filesystem::remove_all(folder);
+    use("photo-phone");
+    // One display alarm per event, kept as a display alarm.
+    Dictionary calendars = run.deviceDescription.getDictionary("SyncDataClasses")
+                               ->getDictionary("Calendars")
+                               .value();
+    calendars.set("alarmTypeIsDisplay", Value(true));
+    run.anchorDate = CalendarDate::dateWithYear(2027, 3, 1, 0, 0, 0);
+  }
+  void TearDown() override { std::filesystem::remove_all(folder); }
+
+  void use(const std::string& phone) {
+    run.deviceDescription = readDictionary(kDevices + phone + ".plist");
+    run.entitiesDescription = readDictionary(kDevices + phone + ".entities.plist");
+    run.phoneDirectory = folder + "/" + phone;
+  }
+  SyncReport sync(const std::vector<SyncInput>& records) {
+    SyncResult result = ReferenceSync::run(run, records);
+    EXPECT_EQ(result.error, "");
+    return result.report;
+  }
+  std::vector<PhoneStoreRecord> stored(const std::string& dataClass) {
+    auto contents = PhoneStore(run.phoneDirectory).read(dataClass);
+    return contents ? contents->records : std::vector<PhoneStoreRecord>{};
+  }
+
+  std::string folder;
+  SyncRun run;
+};
+
+double instant(const Value& value) {
+  return value.isDate() ? value.date().timeIntervalSinceReferenceDate() : -1;
+}
+
+TEST_F(SyncZonesTest, ExplodedOccurrencesFallOnTheirInstantsWithTheirOwnAlarms) {
+  const SyncReport report = sync({{"choir", weeklyBerlinEvent()}});
+  ASSERT_EQ(report.records.size(), 1u);
+  EXPECT_EQ(report.records[0].outcome, SyncOutcome::exploded);
+  EXPECT_EQ(report.records[0].events, 8u);
+
+  const std::vector<PhoneStoreRecord> events = stored("Calendars");
+  ASSERT_EQ(events.size(), 8u);
+  // 17:00 GMT until 22 March, 16:00 GMT from 29 March.
+  for (std::size_t week = 0; week < 8; ++week) {
+    SCOPED_TRACE(week);
+    const CalendarDate expected = CalendarDate::dateWithYear(
+        2027, 3, 1, week < 4 ? 17 : 16, 0, 0, TimeZone::gmt()).dateByAddingYears(0, 0, 7 * int(week), 0, 0, 0);
+    const PhoneStoreRecord& event = events[week];
+    EXPECT_EQ(instant(event.fields.get("startDate")), expected.timeIntervalSinceReferenceDate())
+        << event.fields.get("startDate").description();
+    EXPECT_EQ(instant(event.fields.get("endDate")), expected.timeIntervalSinceReferenceDate() + 3600);
+    // The single alarm, whatever form the phone gives it, rings 15 minutes
+    // before this occurrence.
+    auto alarms = event.fields.getArray("displayAlarms");
+    ASSERT_TRUE(alarms && alarms->count() == 1) << event.fields.description();
+    const Dictionary alarm = alarms->at(0).dictionary();
+    if (alarm.contains("triggerdate"))
+      EXPECT_EQ(instant(alarm.get("triggerdate")), expected.timeIntervalSinceReferenceDate() - 900);
+    else
+      EXPECT_EQ(alarm.get("triggerduration"), Value(std::int64_t{-900}));
+  }
+}
+
+}  // namespace
+}  // namespace pc
