@@ -621,3 +621,33 @@ TEST(EventTransformerRoundTrip, AllDayEvents) {
 
 }  // namespace
 }  // namespace pc
+
+namespace pc {
+namespace {
+
+// A phone that writes all-day events from 00:00 to 23:59 on its own clock:
+// what it holds is recognised as all-day again whatever its zone, also
+// across a daylight-time change (27 to 29 March 2027 in Berlin).
+TEST(EventTransformerMangling, FakeAllDayIsRecognisedOnThePhonesClock) {
+  const Dictionary properties{{"hasFakeAllDay", true}, {"hasAllDayEvents", false},
+                              {"supportsTZ", false}};
+  for (const char* phoneZone :
+       {"Europe/Berlin", "America/New_York", "Asia/Kolkata", "Pacific/Auckland", "GMT"}) {
+    SCOPED_TRACE(phoneZone);
+    Host host(properties, phoneZone);
+    // The phone's entry as the store gives it, on the phone's clock; the
+    // holder remembers the all-day event went out in GMT.
+    const Dictionary onPhone =
+        event(at(phoneZone, 2027, 3, 27), at(phoneZone, 2027, 3, 29, 23, 59));
+    RecordHolder back(onPhone, "ade-1");
+    back.setProperty(QVTTimeZoneProperty::valueWithTimeZone(zone("GMT")), "sTimeZone");
+    host.transformer->unmangleRecordAfterReadingFromDevice(back);
+    const Dictionary record = back.mutableDictionary();
+    EXPECT_TRUE(record.getBool(kCalendarsEventAllDay)) << onPhone.description() << record.description();
+    EXPECT_EQ(record.get(kCalendarsEventStartDate), Value(CalendarExtension::allDayDateWithYear(2027, 3, 27)));
+    EXPECT_EQ(record.get(kCalendarsEventEndDate), Value(CalendarExtension::allDayDateWithYear(2027, 3, 30)));
+  }
+}
+
+}  // namespace
+}  // namespace pc
