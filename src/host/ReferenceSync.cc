@@ -253,6 +253,68 @@ namespace {
 bool sameIgnoringEntityNames(const Value& a, const Value& b);
 
 void collectDifferences(const Dictionary& a, const Dictionary& b, const std::string& prefix,
+                        std::vector<std::string>& fields);
+
+// The differences between two lists of sub-records. A phone may keep fewer
+// of them and in another order (one number per type, its own sort), so each
+// sub-record is first matched with its counterpart by content: an equal one,
+// then one of the same type and value, then one of the same value; those
+// left are paired in order, and their fields compared. A sub-record without
+// counterpart is named by its position ("phoneNumbers/3"); fields of a
+// matched one by the first list's position.
+void compareSubRecords(const Array& left, const Array& right, const std::string& where,
+                       std::vector<std::string>& fields) {
+  auto allRecords = [](const Array& list) {
+    return std::all_of(list.begin(), list.end(), [](const Value& v) { return v.isDictionary(); });
+  };
+  if (!allRecords(left) || !allRecords(right)) {
+    for (std::size_t i = 0; i < std::max(left.count(), right.count()); ++i) {
+      if (i >= left.count() || i >= right.count() ||
+          !sameIgnoringEntityNames(left.at(i), right.at(i)))
+        fields.push_back(where + std::to_string(i));
+    }
+    return;
+  }
+  constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+  std::vector<std::size_t> counterpart(left.count(), kNone);
+  std::vector<bool> taken(right.count(), false);
+  auto sameKey = [](const Dictionary& l, const Dictionary& r, const char* key) {
+    const Value* x = l.find(key);
+    const Value* y = r.find(key);
+    return x && y && *x == *y;
+  };
+  const std::function<bool(const Dictionary&, const Dictionary&)> passes[] = {
+      [](const Dictionary& l, const Dictionary& r) {
+        return sameIgnoringEntityNames(Value(l), Value(r));
+      },
+      [&](const Dictionary& l, const Dictionary& r) {
+        return sameKey(l, r, "type") && sameKey(l, r, "value");
+      },
+      [&](const Dictionary& l, const Dictionary& r) { return sameKey(l, r, "value"); },
+      [](const Dictionary&, const Dictionary&) { return true; },
+  };
+  for (const auto& matches : passes)
+    for (std::size_t i = 0; i < left.count(); ++i) {
+      if (counterpart[i] != kNone) continue;
+      const Dictionary l = left.at(i).dictionary();
+      for (std::size_t j = 0; j < right.count(); ++j)
+        if (!taken[j] && matches(l, right.at(j).dictionary())) {
+          counterpart[i] = j;
+          taken[j] = true;
+          break;
+        }
+    }
+  for (std::size_t i = 0; i < left.count(); ++i) {
+    const std::string path = where + std::to_string(i);
+    if (counterpart[i] == kNone) fields.push_back(path);
+    else collectDifferences(left.at(i).dictionary(), right.at(counterpart[i]).dictionary(),
+                            path + "/", fields);
+  }
+  for (std::size_t j = 0; j < right.count(); ++j)
+    if (!taken[j]) fields.push_back(where + std::to_string(j));
+}
+
+void collectDifferences(const Dictionary& a, const Dictionary& b, const std::string& prefix,
                         std::vector<std::string>& fields) {
   auto differ = [&](const std::string& key, const Value* x, const Value* y) {
     // An empty list holds as much as no list at all.
@@ -269,20 +331,7 @@ void collectDifferences(const Dictionary& a, const Dictionary& b, const std::str
       return;
     }
     if (sameIgnoringEntityNames(*x, *y)) return;
-    // Sub-records, element by element.
-    for (std::size_t i = 0; i < std::max(left->count(), right->count()); ++i) {
-      const std::string where = prefix + key + "/" + std::to_string(i);
-      if (i >= left->count() || i >= right->count()) {
-        fields.push_back(where);
-        continue;
-      }
-      auto l = left->at(i).asDictionary();
-      auto r = right->at(i).asDictionary();
-      if (l && r)
-        collectDifferences(*l, *r, where + "/", fields);
-      else if (!sameIgnoringEntityNames(left->at(i), right->at(i)))
-        fields.push_back(where);
-    }
+    compareSubRecords(*left, *right, prefix + key + "/", fields);
   };
   for (const auto& [key, value] : a) {
     const std::string name = key.stringValue();

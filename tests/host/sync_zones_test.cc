@@ -128,5 +128,64 @@ TEST_F(SyncZonesTest, ExplodedOccurrencesFallOnTheirInstantsWithTheirOwnAlarms) 
   }
 }
 
+// A phone that keeps one number per type keeps the first mobile and the home
+// number, which moves from the end of the list to the second place: the
+// report blames the numbers left out on the per-type limit, never a cut of
+// the home number's value.
+TEST_F(SyncZonesTest, SubRecordsAreMatchedByContentBeforeTheirFields) {
+  use("basic-phone");
+  Array numbers;
+  for (int i = 0; i < 12; ++i)
+    numbers.add(Value(dictionary({{"entityName", Value("Contacts.PhoneNumber")},
+                                  {"type", Value("mobile")},
+                                  {"value", Value("+4917" + std::to_string(10000000 + i))}})));
+  numbers.add(Value(dictionary({{"entityName", Value("Contacts.PhoneNumber")},
+                                {"type", Value("home")},
+                                {"value", Value("+4930123456789")}})));
+  const Dictionary contact = dictionary({{"entityName", Value("Contacts.Contact")},
+                                         {"firstName", Value("Ada")},
+                                         {"phoneNumbers", Value(numbers)}});
+  const SyncReport report = sync({{"ada", contact}});
+  ASSERT_EQ(report.records.size(), 1u);
+  const SyncRecordReport& record = report.records[0];
+  EXPECT_EQ(record.outcome, SyncOutcome::reduced);
+  ASSERT_EQ(record.fields.size(), 11u);
+  for (std::size_t i = 0; i < record.fields.size(); ++i) {
+    EXPECT_EQ(record.fields[i].field, "phoneNumbers/" + std::to_string(i + 1));
+    EXPECT_NE(record.fields[i].limit.find("perSubType"), std::string::npos) << record.fields[i].limit;
+  }
+}
+
+struct ListCase {
+  const char* name;
+  Array engine, phone;
+  std::vector<std::string> fields;
+};
+
+Value number(const char* type, const char* value) {
+  return Value(dictionary({{"type", Value(type)}, {"value", Value(value)}}));
+}
+
+TEST(SubRecordMatchingTest, DifferencesAreNamedAfterMatchingByContent) {
+  const ListCase cases[] = {
+      {"reordered", array({number("home", "1"), number("work", "2")}),
+       array({number("work", "2"), number("home", "1")}), {}},
+      {"one left out", array({number("home", "1"), number("work", "2"), number("cell", "3")}),
+       array({number("cell", "3"), number("home", "1")}), {"phoneNumbers/1"}},
+      {"type changed", array({number("home", "1"), number("work", "2")}),
+       array({number("work", "2"), number("cell", "1")}), {"phoneNumbers/0/type"}},
+      {"value cut", array({number("home", "123456"), number("work", "2")}),
+       array({number("work", "2"), number("home", "123")}), {"phoneNumbers/0/value"}},
+      {"added on the phone", array({number("home", "1")}),
+       array({number("home", "1"), number("work", "2")}), {"phoneNumbers/1"}},
+  };
+  for (const ListCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(ReferenceSync::differingFields(dictionary({{"phoneNumbers", Value(c.engine)}}),
+                                             dictionary({{"phoneNumbers", Value(c.phone)}})),
+              c.fields);
+  }
+}
+
 }  // namespace
 }  // namespace pc
