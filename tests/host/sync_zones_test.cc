@@ -79,6 +79,7 @@ class SyncZonesTest : public ::testing::Test {
   void use(const std::string& phone) {
     run.deviceDescription = readDictionary(kDevices + phone + ".plist");
     run.entitiesDescription = readDictionary(kDevices + phone + ".entities.plist");
+    run.formatting.variables = readDictionary(kDevices + phone + ".variables.plist");
     run.phoneDirectory = folder + "/" + phone;
   }
   SyncReport sync(const std::vector<SyncInput>& records) {
@@ -126,6 +127,50 @@ TEST_F(SyncZonesTest, ExplodedOccurrencesFallOnTheirInstantsWithTheirOwnAlarms) 
     else
       EXPECT_EQ(alarm.get("triggerduration"), Value(std::int64_t{-900}));
   }
+}
+
+// A daily all-day event 1 to 5 March 2027: its dates are anchored at 12:00
+// GMT, so no zone moves its until date or its occurrences to another day.
+Dictionary dailyAllDayEvent() {
+  return dictionary({
+      {"entityName", Value("Calendars.Event")},
+      {"summary", Value("Fair")},
+      {"allDay", Value(true)},
+      {"startDate", date(2027, 3, 1, 12, 0, "GMT")},
+      {"endDate", date(2027, 3, 2, 12, 0, "GMT")},
+      {"recurrences",
+       Value(array({Value(dictionary({{"entityName", Value("Calendars.Recurrence")},
+                                      {"frequency", Value("daily")},
+                                      {"interval", Value(std::int64_t{1})},
+                                      {"until", date(2027, 3, 5, 12, 0, "GMT")}}))}))},
+  });
+}
+
+TEST_F(SyncZonesTest, AllDayUntilDateStaysOnItsDay) {
+  const SyncReport exploded = sync({{"fair", dailyAllDayEvent()}});
+  ASSERT_EQ(exploded.records.size(), 1u);
+  EXPECT_EQ(exploded.records[0].outcome, SyncOutcome::exploded);
+  const std::vector<PhoneStoreRecord> days = stored("Calendars");
+  ASSERT_EQ(days.size(), 5u);
+  // The phone's all-day form: the day, in its own zone.
+  for (std::size_t day = 0; day < days.size(); ++day) {
+    const Value start = days[day].fields.get("startDate");
+    ASSERT_TRUE(start.isDate());
+    EXPECT_EQ(start.date().dayOfMonth(), 1 + int(day)) << start.description();
+  }
+
+  use("full-phone");
+  run.keepRecords = true;
+  const SyncReport kept = sync({{"fair", dailyAllDayEvent()}});
+  ASSERT_EQ(kept.records.size(), 1u);
+  for (const SyncField& field : kept.records[0].fields)
+    EXPECT_EQ(field.field.find("recurrences"), std::string::npos) << field.field;
+  ASSERT_TRUE(kept.records[0].roundTrip);
+  auto recurrences = kept.records[0].roundTrip->getArray("recurrences");
+  ASSERT_TRUE(recurrences && recurrences->count() == 1);
+  EXPECT_EQ(instant(recurrences->at(0).dictionary().get("until")),
+            instant(date(2027, 3, 5, 12, 0, "GMT")))
+      << recurrences->at(0).dictionary().description();
 }
 
 // A phone that keeps one number per type keeps the first mobile and the home
