@@ -9,6 +9,7 @@
 #include "calcore/CALDateTime.h"
 #include "calcore/CALEventExploder.h"
 #include "calcore/CALTimeRange.h"
+#include "engine/MemoryEngine.h"
 #include "host/PhoneStore.h"
 #include "host/ReferenceSync.h"
 #include "platform/PropertyList.h"
@@ -80,6 +81,13 @@ class SyncZonesTest : public ::testing::Test {
     run.deviceDescription = readDictionary(kDevices + phone + ".plist");
     run.entitiesDescription = readDictionary(kDevices + phone + ".entities.plist");
     run.formatting.variables = readDictionary(kDevices + phone + ".variables.plist");
+    const Dictionary clientValues = readDictionary(kDevices + phone + ".client.plist");
+    if (!clientValues.empty()) {
+      run.formatting.clientStorePath = folder + "/" + phone + ".client.plist";
+      MemorySyncEngineClient client(run.formatting.clientIdentifier, "test", Array(),
+                                    run.formatting.clientStorePath);
+      for (const auto& [key, value] : clientValues) client.setObject(value, key.stringValue());
+    }
     run.phoneDirectory = folder + "/" + phone;
   }
   SyncReport sync(const std::vector<SyncInput>& records) {
@@ -127,6 +135,38 @@ TEST_F(SyncZonesTest, ExplodedOccurrencesFallOnTheirInstantsWithTheirOwnAlarms) 
     else
       EXPECT_EQ(alarm.get("triggerduration"), Value(std::int64_t{-900}));
   }
+}
+
+// The weekly Berlin event with two occurrences taken out (15 March 18:00 CET
+// and 5 April 18:00 CEST), on a phone that keeps date-only exception dates
+// and no zones: the dates come back as the occurrences they stand for, also
+// where the phone's zone changes daylight time on other dates than Berlin.
+TEST_F(SyncZonesTest, ExceptionDatesComeBackAsTheirOccurrences) {
+  use("flip-phone");
+  run.keepRecords = true;
+  Dictionary event = weeklyBerlinEvent();
+  const Array exceptions = array({date(2027, 3, 15, 18, 0, "Europe/Berlin"),
+                                  date(2027, 4, 5, 18, 0, "Europe/Berlin")});
+  event.set("exceptionDates", Value(exceptions));
+  const SyncReport report = sync({{"choir", event}});
+  ASSERT_EQ(report.records.size(), 1u);
+  const SyncRecordReport& record = report.records[0];
+  if (record.outcome == SyncOutcome::exploded) {
+    // Where Monday evening in Berlin is Tuesday on the phone, the rule goes
+    // as single events, without the two taken out.
+    EXPECT_EQ(record.events, 6u);
+    for (const PhoneStoreRecord& single : stored("Calendars"))
+      for (const Value& exception : exceptions)
+        EXPECT_NE(instant(single.fields.get("startDate")), instant(exception));
+    return;
+  }
+  for (const SyncField& field : record.fields)
+    EXPECT_EQ(field.field.find("exceptionDates"), std::string::npos) << field.field;
+  ASSERT_TRUE(record.roundTrip);
+  auto back = record.roundTrip->getArray("exceptionDates");
+  ASSERT_TRUE(back && back->count() == 2) << record.roundTrip->description();
+  for (std::size_t i = 0; i < 2; ++i)
+    EXPECT_EQ(instant(back->at(i)), instant(exceptions.at(i))) << back->at(i).description();
 }
 
 // A daily all-day event 1 to 5 March 2027: its dates are anchored at 12:00
