@@ -472,8 +472,11 @@ void addFormatCommands(CLI::App& app) {
                      "write each formatted record to this folder under its input file's name "
                      "instead of printing it");
   format->footer(
-      "Rejected records are named on standard error with the reason. Exit status: 0 all "
-      "formatted, 1 bad input, 3 some records rejected.\n\n"
+      "The phone side shows what sync writes to the phone: a recurring event the phone "
+      "cannot hold prints its single events within the window (see --anchor-date), and "
+      "detached events print as records of their own. Rejected records are named on "
+      "standard error with the reason. Exit status: 0 all formatted, 1 bad input, 3 some "
+      "records rejected.\n\n"
       "Example:\n"
       "  phoneconduit format --device examples/devices/basic-phone.plist \\\n"
       "      --entities examples/devices/basic-phone.entities.plist \\\n"
