@@ -208,7 +208,7 @@ class QVTSyncEventTransformer : public QVTSyncDataClassHelper,
   void _mangleTimeZone(Dictionary& record, const TimeZonePtr& eventTimeZone);
   void _unmangleTimeZone(RecordHolder& holder, const TimeZonePtr& eventTimeZone,
                          const TimeZonePtr& phoneTimeZone);
-  void _unmangleAllDay(RecordHolder& holder);
+  void _unmangleAllDay(RecordHolder& holder, const TimeZonePtr& phoneZone);
   void _mangleCompletionDate(RecordHolder& holder);
   // Converts an all-day record to a timed one when the phone needs it;
   // answers whether it did.

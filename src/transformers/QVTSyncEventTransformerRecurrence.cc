@@ -280,6 +280,32 @@ void QVTSyncEventTransformer::_unmangleRecurrenceAfterTimeZoneUnMangling(
     }
   }
 
+  // An all-day event's until date names a day, which the phone wrote on its
+  // own clock: it is anchored at 12:00 GMT of that day again, where no zone
+  // moves it to another day.
+  if (CalendarUtilities::isAllDayEvent(record)) {
+    Array anchored;
+    bool changed = false;
+    for (const Value& value : *recurrences) {
+      const std::optional<Dictionary> rule = value.asDictionary();
+      const std::optional<CalendarDate> until =
+          rule ? dateForKey(*rule, kCalendarsRecurrenceUntil) : std::nullopt;
+      const std::optional<CalendarDate> midday =
+          until ? std::optional<CalendarDate>(allDayDateWithYear(
+                      until->yearOfCommonEra(), until->monthOfYear(), until->dayOfMonth()))
+                : std::nullopt;
+      if (!midday || *midday == *until) {
+        anchored.add(value);
+        continue;
+      }
+      Dictionary copy = rule->copy();
+      copy.set(kCalendarsRecurrenceUntil, *midday);
+      anchored.add(Value(copy));
+      changed = true;
+    }
+    if (changed) record.set(kCalendarsEventRecurrences, anchored);
+  }
+
   QVT_LOG(kLogInfo, logDomain(), "there is a tracker, find the detached dates");
   const std::vector<CalendarDate> detached = datesOfProperty(holder, "MangledDetachDates");
   const std::vector<CalendarDate> kept = datesOfProperty(holder, "MangledExDates");
