@@ -252,13 +252,14 @@ TEST_P(SyncPropertiesTest, ExplodedEventsFallOnTheEnginesOccurrences) {
         auto alarms = single.fields.getArray(relation);
         if (!alarms || alarms->empty()) continue;
         const Dictionary alarm = alarms->at(0).dictionary();
-        if (alarm.get("triggerdate").isDate())
+        if (alarm.get("triggerdate").isDate()) {
           EXPECT_EQ(start.date().timeIntervalSinceReferenceDate() -
                         alarm.get("triggerdate").date().timeIntervalSinceReferenceDate(),
                     *lead)
               << single.identifier;
-        else if (alarm.get("triggerduration").isNumber())
+        } else if (alarm.get("triggerduration").isNumber()) {
           EXPECT_EQ(-alarm.get("triggerduration").doubleValue(), *lead) << single.identifier;
+        }
       }
     }
     EXPECT_EQ(singles, record.events);
