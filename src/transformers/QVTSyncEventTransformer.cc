@@ -490,7 +490,7 @@ void QVTSyncEventTransformer::unmangleRecordAfterReadingFromDevice(RecordHolder&
                                     : propertyZone;
   const TimeZonePtr phoneZone = phoneZoneOf(_calendarManager);
 
-  _unmangleRecurrenceBeforeTimeZoneUnMangling(holder);
+  _unmangleRecurrenceBeforeTimeZoneUnMangling(holder, eventZone);
   _unmangleTimeZone(holder, eventZone, phoneZone);
   _unmangleRecurrenceAfterTimeZoneUnMangling(holder, eventZone);
 

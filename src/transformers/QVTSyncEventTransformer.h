@@ -217,7 +217,8 @@ class QVTSyncEventTransformer : public QVTSyncDataClassHelper,
   // Recurrences (QVTSyncEventTransformerRecurrence.cc).
   void _mangleRecurrenceBeforeTimeZoneMangling(RecordHolder& holder, bool convertAllDayToDateTime);
   void _mangleRecurrenceAfterTimeZoneMangling(RecordHolder& holder);
-  void _unmangleRecurrenceBeforeTimeZoneUnMangling(RecordHolder& holder);
+  void _unmangleRecurrenceBeforeTimeZoneUnMangling(RecordHolder& holder,
+                                                   const TimeZonePtr& eventTimeZone = nullptr);
   void _unmangleRecurrenceAfterTimeZoneUnMangling(RecordHolder& holder,
                                                   const TimeZonePtr& eventTimeZone);
   Array privateConvertArrayToTimedCalendarDate(const Array& dates);

@@ -238,7 +238,8 @@ void QVTSyncEventTransformer::_mangleRecurrenceAfterTimeZoneMangling(RecordHolde
 
 // --- Unmangling -----------------------------------------------------------------------------
 
-void QVTSyncEventTransformer::_unmangleRecurrenceBeforeTimeZoneUnMangling(RecordHolder& holder) {
+void QVTSyncEventTransformer::_unmangleRecurrenceBeforeTimeZoneUnMangling(
+    RecordHolder& holder, const TimeZonePtr& eventTimeZone) {
   Dictionary record = holder.mutableDictionary();
   const std::optional<Array> exDates = record.getArray(kCalendarsEventExceptionDates);
   if (!exDates || exDates->empty()) return;
@@ -248,10 +249,28 @@ void QVTSyncEventTransformer::_unmangleRecurrenceBeforeTimeZoneUnMangling(Record
     QVT_LOG(kLogError, logDomain(), "exdate with not start date: {}", record);
     return;
   }
-  // The phone's date-only exception dates become the starts they stand for.
+  // The phone's date-only exception dates become the starts they stand for:
+  // the occurrence on that day of the phone's calendar, at the start's time
+  // in the event's own zone (where the rule repeats), which is not the
+  // start's time on the phone's clock when the two zones change daylight
+  // time on different dates.
+  const bool ownZone = eventTimeZone && !CalendarUtilities::isAllDayEvent(record) &&
+                       !eventTimeZone->isEqualToTimeZone(*start->timeZone());
+  const CalendarDate first = ownZone ? start->dateWithTimeZone(eventTimeZone) : *start;
+  auto occurrenceOn = [&](const CalendarDate& day) {
+    if (!ownZone) return dayAtTimeOf(day, *start);
+    for (int shift : {0, -1, 1}) {
+      const CalendarDate there = dayAtTimeOf(day, first).dateByAddingYears(0, 0, shift, 0, 0, 0);
+      const CalendarDate onPhone = there.dateWithTimeZone(start->timeZone());
+      if (onPhone.yearOfCommonEra() == day.yearOfCommonEra() &&
+          onPhone.monthOfYear() == day.monthOfYear() && onPhone.dayOfMonth() == day.dayOfMonth())
+        return onPhone;
+    }
+    return dayAtTimeOf(day, *start);
+  };
   Array starts;
   for (const Value& value : *exDates) {
-    if (const CalendarDate* date = value.asDate()) starts.add(dayAtTimeOf(*date, *start));
+    if (const CalendarDate* date = value.asDate()) starts.add(occurrenceOn(*date));
     else starts.add(value);  // dropped, logged, by the normalisation
   }
   record.set(kCalendarsEventExceptionDates, normalizedExDates(starts));

@@ -652,3 +652,40 @@ TEST(EventTransformerMangling, FakeAllDayIsRecognisedOnThePhonesClock) {
 
 }  // namespace
 }  // namespace pc
+
+namespace pc {
+namespace {
+
+// Date-only exception dates of a Berlin weekly event read back on a phone
+// without zones: each stands for the occurrence on its day, also where the
+// phone's zone changes daylight time on other dates than Berlin (15 March is
+// after New York's change and before Berlin's).
+TEST(EventTransformerRoundTrip, ExceptionDatesComeBackAsTheirOccurrences) {
+  const Dictionary properties{{"supportsTZ", false}, {"hasFullRecurrence", true},
+                              {"exDatesAreDateOnly", true}};
+  for (const char* phoneZone :
+       {"Europe/Berlin", "America/New_York", "Asia/Kolkata", "Pacific/Auckland"}) {
+    SCOPED_TRACE(phoneZone);
+    Host host(properties, phoneZone);
+    Dictionary record = event(at("Europe/Berlin", 2027, 3, 1, 18), at("Europe/Berlin", 2027, 3, 1, 19));
+    record.set(kCalendarsEventRecurrences,
+               Array{Dictionary{{kEngineRecordEntityNameKey, kCalendarsRecurrence},
+                                {kCalendarsRecurrenceFrequency, "weekly"},
+                                {kCalendarsRecurrenceUntil, at("Europe/Berlin", 2027, 4, 19, 23, 59)}}});
+    const Array exceptions{at("Europe/Berlin", 2027, 3, 15, 18), at("Europe/Berlin", 2027, 4, 5, 18)};
+    record.set(kCalendarsEventExceptionDates, exceptions);
+    RecordHolder holder(record, "weekly-1");
+    host.transformer->mangleRecordBeforePushingToDevice(holder);
+    holder.setMutableDictionary(holder.mutableDictionary().deepCopy());
+    host.transformer->unmangleRecordAfterReadingFromDevice(holder);
+    const auto back = holder.mutableDictionary().getArray(kCalendarsEventExceptionDates);
+    ASSERT_TRUE(back && back->count() == 2) << holder.mutableDictionary().description();
+    for (std::size_t i = 0; i < 2; ++i)
+      EXPECT_EQ(back->at(i).date().timeIntervalSinceReferenceDate(),
+                exceptions.at(i).date().timeIntervalSinceReferenceDate())
+          << back->at(i).description();
+  }
+}
+
+}  // namespace
+}  // namespace pc
