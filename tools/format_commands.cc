@@ -25,7 +25,7 @@
 #include "conduit/CFPhone.h"
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "host/PhoneStore.h"
 #include "host/ReferenceSync.h"
 #include "platform/Exception.h"

@@ -14,7 +14,7 @@
 #include <string>
 
 #include "engine/SchemaNames.h"
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "formatting/ExamplePhones.h"
 #include "formatting/FormattingMethods.h"
 #include "util/PHCMangling.h"

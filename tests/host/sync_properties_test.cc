@@ -16,7 +16,7 @@
 #include "calcore/CALTimeRange.h"
 #include "conduit/SyncSettings.h"
 #include "engine/MemoryEngine.h"
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "host/PhoneStore.h"
 #include "host/ReferenceSync.h"
 #include "platform/PropertyList.h"
