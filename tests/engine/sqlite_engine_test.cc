@@ -66,6 +66,8 @@ Dictionary richEvent() {
       {"attachment", Data::fromString(std::string("\0\x01\xff", 3))},
       {kCalendarsEventDetachedEvents, Array{"e2", "e3"}},
       {"nested", Dictionary{{"list", Array{1, "two", Dictionary{{"three", 3}}}}}},
+      // A date in the zone that follows the system's.
+      {"reminder", CalendarDate::dateWithYear(2026, 10, 25, 2, 30, 0, TimeZone::localTimeZone())},
   };
 }
 
@@ -122,7 +124,7 @@ TYPED_TEST(EngineKindTest, RecordsAndRelationships) {
   EXPECT_EQ(snapshot.count(), 2u);
 }
 
-TYPED_TEST(EngineKindTest, RecordsComeBackWhole) {
+TYPED_TEST(EngineKindTest, RecordsAndTheirDatesComeBackWhole) {
   auto& snapshot = *this->kind.snapshot;
   const Dictionary original = richEvent();
   snapshot.addRecord("e1", original);
@@ -132,6 +134,10 @@ TYPED_TEST(EngineKindTest, RecordsComeBackWhole) {
   const CalendarDate start = stored->get(kCalendarsEventStartDate).date();
   EXPECT_EQ(start.timeZone()->name(), "Europe/Berlin");
   EXPECT_EQ(start.hourOfDay(), 1);
+  const CalendarDate reminder = stored->get("reminder").date();
+  EXPECT_TRUE(reminder.timeZone()->isLocalTimeZoneKind());
+  EXPECT_EQ(reminder.timeIntervalSince1970(),
+            original.get("reminder").date().timeIntervalSince1970());
 }
 
 TYPED_TEST(EngineKindTest, StoredAndReturnedRecordsAreCopies) {
