@@ -115,7 +115,13 @@ std::optional<double> leadingDouble(std::string_view s) {
   double d = 0;
   auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), d);
   if (ec == std::errc::result_out_of_range) {
-    return negative ? -std::numeric_limits<double>::infinity() : std::numeric_limits<double>::infinity();
+    // Too small a magnitude (a negative exponent) is zero, too large infinity.
+    const std::string_view number(s.data(), static_cast<std::size_t>(end - s.data()));
+    const std::size_t exponent = number.find_first_of("eE");
+    const bool underflow = exponent != std::string_view::npos && exponent + 1 < number.size() &&
+                           number[exponent + 1] == '-';
+    const double magnitude = underflow ? 0.0 : std::numeric_limits<double>::infinity();
+    return negative ? -magnitude : magnitude;
   }
   if (ec != std::errc() || end == s.data()) return std::nullopt;
   return negative ? -d : d;
@@ -133,6 +139,11 @@ bool boolFromString(std::string_view s) {
   for (const char* word : {"YES", "Y", "TRUE", "T"}) {
     if (equalsIgnoringCase(t, word)) return true;
   }
+  // Only a number written with digits counts: "nan" and "inf" are words, not numbers.
+  std::string_view digits = t;
+  if (!digits.empty() && (digits[0] == '+' || digits[0] == '-')) digits.remove_prefix(1);
+  if (!digits.empty() && digits[0] == '.') digits.remove_prefix(1);
+  if (digits.empty() || digits[0] < '0' || digits[0] > '9') return false;
   const auto d = leadingDouble(t);
   return d && *d != 0;
 }
