@@ -1,9 +1,8 @@
 #include "platform/PropertyList.h"
 
-#include <fcntl.h>
+#include "platform/FileIO.h"
+
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -500,21 +499,13 @@ std::optional<Value> PropertyList::fromXML(std::string_view xml, PropertyListErr
 }
 
 std::optional<Value> PropertyList::fromFile(const std::string& path, PropertyListError* error) {
-  std::string contents;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  bool ok = fd >= 0;
-  for (char buffer[65536]; ok;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      ok = n == 0;
-      break;
-    }
-    contents.append(buffer, static_cast<std::size_t>(n));
+  std::string problem;
+  const std::optional<std::string> contents = readWholeFile(path, &problem);
+  if (!contents) {
+    setError(error, std::move(problem));
+    return std::nullopt;
   }
-  if (!ok) setError(error, fmt::format("cannot read {}: {}", path, std::strerror(errno)));
-  if (fd >= 0) ::close(fd);
-  return ok ? fromXML(contents, error) : std::nullopt;
+  return fromXML(*contents, error);
 }
 
 std::optional<std::string> PropertyList::toXML(const Value& value, PropertyListError* error) {
@@ -525,32 +516,10 @@ bool PropertyList::writeToFile(const Value& value, const std::string& path,
                                PropertyListError* error) {
   const auto xml = toXML(value, error);
   if (!xml) return false;
-
-  std::string temporary = path + ".XXXXXX";
-  const int fd = ::mkstemp(temporary.data());
-  if (fd < 0) {
-    setError(error, fmt::format("cannot write {}: {}", path, std::strerror(errno)));
-    return false;
-  }
-  // Keep the mode of the file being replaced; a new file gets rw-r--r--.
-  struct stat existing {};
-  ::fchmod(fd, ::stat(path.c_str(), &existing) == 0 ? existing.st_mode & 07777 : 0644);
-
-  bool ok = true;
-  for (std::size_t written = 0; ok && written < xml->size();) {
-    const ssize_t n = ::write(fd, xml->data() + written, xml->size() - written);
-    if (n < 0 && errno == EINTR) continue;
-    ok = n > 0;
-    if (ok) written += static_cast<std::size_t>(n);
-  }
-  ok = ok && ::fsync(fd) == 0;
-  ok = (::close(fd) == 0) && ok;
-  ok = ok && ::rename(temporary.c_str(), path.c_str()) == 0;
-  if (!ok) {
-    setError(error, fmt::format("cannot write {}: {}", path, std::strerror(errno)));
-    ::unlink(temporary.c_str());
-  }
-  return ok;
+  std::string problem;
+  if (writeFileAtomically(path, *xml, &problem)) return true;
+  setError(error, std::move(problem));
+  return false;
 }
 
 }  // namespace pc

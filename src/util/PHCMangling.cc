@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "async/Log.h"
+#include "platform/FileIO.h"
 #include "platform/PropertyList.h"
 #include "platform/Registry.h"
 
@@ -274,8 +275,10 @@ std::optional<Dictionary> recordFromPlist(const Value& plist, std::string* error
 }  // namespace
 
 std::optional<Dictionary> readRecordFile(const std::string& path, std::string* error) {
+  const std::optional<std::string> bytes = readWholeFile(path, error);  // its error names the file
+  if (!bytes) return std::nullopt;
   PropertyListError plistError;
-  const std::optional<Value> plist = PropertyList::fromFile(path, &plistError);
+  const std::optional<Value> plist = PropertyList::fromXML(*bytes, &plistError);
   if (!plist) {
     setError(error, fmt::format("{}: {}", path, plistError.description()));
     return std::nullopt;
