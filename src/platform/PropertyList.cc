@@ -23,8 +23,7 @@ std::string PropertyListError::description() const {
 
 namespace {
 
-// Deeper input is refused rather than read recursively into a stack overflow.
-constexpr int kMaxDepth = 512;
+constexpr int kMaxDepth = PropertyList::kMaxDepth;
 
 constexpr char kHeader[] =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
@@ -346,6 +345,7 @@ class Writer {
 
  private:
   bool writeValue(const Value& value, int depth) {
+    if (depth > kMaxDepth) return fail(fmt::format("values nested more than {} deep", kMaxDepth));
     switch (value.kind()) {
       case ValueKind::Boolean:
         line(depth, value.boolValue() ? "<true/>" : "<false/>");

@@ -512,7 +512,30 @@ std::size_t Value::hash() const {
 
 std::string Value::description() const { return descriptionWithIndent(0); }
 
+namespace {
+
+// The containers being described on this thread, outermost first: one that
+// holds itself prints a mark where it recurs instead of recursing for ever.
+thread_local std::vector<const void*> describing;
+
+}  // namespace
+
 std::string Value::descriptionWithIndent(int level) const {
+  const void* identity = nullptr;
+  if (const auto* rep = std::get_if<std::shared_ptr<detail::ArrayRep>>(&_v)) identity = rep->get();
+  if (const auto* rep = std::get_if<std::shared_ptr<detail::DictionaryRep>>(&_v)) identity = rep->get();
+  if (const auto* rep = std::get_if<std::shared_ptr<detail::SetRep>>(&_v)) identity = rep->get();
+  if (identity) {
+    if (std::find(describing.begin(), describing.end(), identity) != describing.end())
+      return "<the container itself>";
+    describing.push_back(identity);
+  }
+  struct Leave {
+    const void* identity;
+    ~Leave() {
+      if (identity) describing.pop_back();
+    }
+  } leave{identity};
   switch (kind()) {
     case ValueKind::Null: return "<null>";
     case ValueKind::Boolean: return std::get<bool>(_v) ? "1" : "0";
