@@ -53,12 +53,48 @@ std::string fromUTF16(std::u16string_view text) {
   return utf8(icu::UnicodeString(false, text.data(), static_cast<int32_t>(text.size())));
 }
 
+std::int32_t nextCodePoint(std::string_view text, std::size_t& position) {
+  const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+  const unsigned char lead = byte(position);
+  if (lead < 0x80) {
+    ++position;
+    return lead;
+  }
+  std::size_t length = 0;
+  std::int32_t code = 0, minimum = 0;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2, code = lead & 0x1F, minimum = 0x80;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3, code = lead & 0x0F, minimum = 0x800;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4, code = lead & 0x07, minimum = 0x10000;
+  } else {
+    ++position;
+    return -1;
+  }
+  if (text.size() - position < length) {
+    ++position;
+    return -1;
+  }
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(position + i) & 0xC0) != 0x80) {
+      ++position;
+      return -1;
+    }
+    code = (code << 6) | (byte(position + i) & 0x3F);
+  }
+  if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
+    ++position;
+    return -1;
+  }
+  position += length;
+  return code;
+}
+
 bool isValidUTF8(std::string_view text) {
-  UErrorCode status = U_ZERO_ERROR;
-  int32_t length = 0;
-  // Preflighting (no destination) reports an ill-formed sequence as U_INVALID_CHAR_FOUND.
-  u_strFromUTF8(nullptr, 0, &length, text.data(), static_cast<int32_t>(text.size()), &status);
-  return status != U_INVALID_CHAR_FOUND;
+  for (std::size_t position = 0; position < text.size();)
+    if (nextCodePoint(text, position) < 0) return false;
+  return true;
 }
 
 std::string utf16Prefix(std::string_view text, std::size_t units) {

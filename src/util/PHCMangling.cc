@@ -209,6 +209,10 @@ std::optional<CalendarDate> phc_dateFromNiceText(std::string_view text, std::str
   // Without an offset the zone decides the instant.
   const std::string_view format = words.size() == 3 ? kNicePListDateFormatWithoutOffset : kNicePListDateFormat;
   std::optional<CalendarDate> date = CalendarDate::dateWithString(text, format, nullptr, &problem);
+  if (date && !date->isWithinSupportedRange()) {
+    problem = "outside the years the calendar supports";
+    return std::nullopt;
+  }
   if (!date || words.size() == 3) return date;
 
   // With one, the instant is the reading of the wall clock that has that
@@ -246,7 +250,13 @@ class DeepMapper {
  public:
   DeepMapper(LeafOperation operation, void* context) : _operation(operation), _context(context) {}
 
+  // Refuses dates the calendar cannot read fields of (their text would name
+  // another date).
+  void refuseDatesOutsideTheCalendar() { _checkDates = true; }
+
   std::optional<Value> map(const Value& value) {
+    if (_checkDates && value.isDate() && !value.date().isWithinSupportedRange())
+      return fail("a date outside the years the calendar supports");
     if (!value.isCollection()) return _operation(value, _context);
     if (_ancestors.size() >= static_cast<std::size_t>(PropertyList::kMaxDepth) + 1)
       return fail(fmt::format("values nested more than {} deep", PropertyList::kMaxDepth));
@@ -301,6 +311,7 @@ class DeepMapper {
   std::vector<Value> _ancestors;
   std::vector<std::string> _path;  // filled from the failing leaf upwards
   std::string _problem;
+  bool _checkDates = false;
 
  public:
   std::string where() const {
@@ -326,6 +337,7 @@ Value _phc_deepMapWithSelector(const Value& value, LeafOperation operation, void
 // The nice plist text: tagged values in place, then the property-list writer.
 std::optional<std::string> niceText(const Value& value, PropertyListError* error) {
   DeepMapper mapper([](const Value& leaf, void*) { return _phc_manglePlistForEncoding(leaf); }, nullptr);
+  mapper.refuseDatesOutsideTheCalendar();
   std::optional<Value> mangled = mapper.map(value);
   if (!mangled) {
     if (error) *error = PropertyListError{fmt::format("{} (at {})", mapper.problem(), mapper.where())};

@@ -285,6 +285,22 @@ TEST(NicePList, ReaderAndWriterAgreeOnDepth) {
   EXPECT_THAT(error, HasSubstr("values nested more than 512 deep (at \"k/0/0/"));
 }
 
+// A tagged date the calendar cannot read fields of is refused on reading
+// (with the key path) and on writing, so no other date is written in its place.
+TEST(NicePList, DatesOutsideTheCalendarAreRefusedBothWays) {
+  std::string error;
+  EXPECT_FALSE(recordFromText(
+      "<plist version=\"1.0\"><dict><key>due</key><dict><key>date</key>"
+      "<string>01/01/400000 00:00:00 UTC +0000</string><key>_GRNType</key><string>CalendarDate</string>"
+      "</dict></dict></plist>",
+      &error));
+  EXPECT_THAT(error, HasSubstr("due: "));
+  EXPECT_THAT(error, HasSubstr("outside the years the calendar supports"));
+
+  EXPECT_FALSE(recordText(Dictionary{{"due", CalendarDate(Date{-2e13})}}, &error));
+  EXPECT_EQ(error, "a date outside the years the calendar supports (at \"due\")");
+}
+
 TEST(NicePList, ATaggedValueAtTheTopIsNamedByItsKind) {
   LogCapture log;
   EXPECT_FALSE(PHCMangling::phc_dictionaryFromNiceString(
