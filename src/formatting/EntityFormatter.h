@@ -82,15 +82,15 @@ class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDel
                             const std::optional<Dictionary>& descriptionV2,
                             const std::optional<Array>& supportedKeys,
                             std::shared_ptr<DeviceSyncService> service,
-                            std::shared_ptr<SyncEngineClient> client);
+                            std::shared_ptr<SyncEngineClient> client) override;
 
   // Gives the helper the formatting methods and, with field formatters,
   // announces this formatter to it. The same helper again changes nothing.
   void setHelper(DataClassHelperPtr helper) override;
   const DataClassHelperPtr& helper() const { return _helper; }
 
-  void awakeFromSynchronization();
-  void _setSnapShot(std::shared_ptr<const TruthSnapshot> snapShot);
+  void awakeFromSynchronization() override;
+  void _setSnapShot(std::shared_ptr<const TruthSnapshot> snapShot) override;
   const std::shared_ptr<FormattingMethods>& _formattingMethods() const { return formatter; }
   const std::string& entityName() const;
 
@@ -117,7 +117,7 @@ class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDel
   // --- Formatting ----------------------------------------------------------
   // Formats `record` in place; answers it (or the record that replaced it),
   // nullopt when the record is rejected (see lastRejectionReason).
-  std::optional<Dictionary> formatRecord(const Dictionary& record);
+  std::optional<Dictionary> formatRecord(const Dictionary& record) override;
   // Why the last formatRecord rejected its record: which field or which step.
   const std::string& lastRejectionReason() const { return _lastRejectionReason; }
   // The entity's standard formatting of the record; the record itself when the
@@ -126,7 +126,12 @@ class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDel
   // The formatted sub-record when one more of its type fits in the master
   // record, nullopt when it must be dropped. `typesInRecord` (type label ->
   // count) is the caller's, empty for each master record; `effectiveType`
-  // receives the sub-record's type label (null without one).
+  // receives the sub-record's type label (null without one). `masterRecord`
+  // is the record being built for the phone (its entity name and the
+  // sub-records admitted so far); while it is filtered and formatted the
+  // sub-record's back relation holds a copy of it without its sub-record
+  // lists, so that the hooks find the owner (an alarm's event, a rule's
+  // event). The answer keeps the back relation the sub-record came with.
   std::optional<Dictionary> canAppendAndFormatSubRecord(const Dictionary& subRecord,
                                                         const Dictionary& masterRecord,
                                                         Dictionary& typesInRecord,
@@ -152,6 +157,10 @@ class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDel
   void _setupWithFieldFormatter(const QVTSyncStringFieldFormatter& fieldFormatter);
   void setupPreFiltering(const Value& description);
   void reject(std::string reason);
+  // The relation by which a sub-record of this entity points to its master
+  // (the delegate's assembly rules); empty when there is none.
+  std::string backRelationFrom(const Dictionary& masterRecord) const;
+  static Dictionary ownerView(const Dictionary& masterRecord);
   static const std::string& logDomain();
 
   std::optional<std::string> _entityName;
