@@ -197,7 +197,7 @@ struct RecordResult {
 std::vector<RecordResult> formatAsSynced(const FormatOptions& options, const LoadedDevice& device,
                                          const std::vector<std::pair<std::string, Dictionary>>& inputs,
                                          const std::string& phoneFolder) {
-  SyncRun run{device.description, device.entities, device.options, phoneFolder, std::nullopt, {}, {}, false};
+  SyncRun run{device.description, device.entities, device.options, phoneFolder, std::nullopt, {}, {}, false, {}};
   if (!options.anchorDate.empty()) {
     std::string problem;
     run.anchorDate = CalendarDate::dateWithString(

@@ -720,6 +720,25 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
       report.records.push_back(std::move(entry));
     }
 
+  // Phone entries the caller wants in the engine's form: unmangled with what
+  // the mangling of their engine record noted, as on the way back.
+  if (!run.unmangle.empty())
+    for (const auto& [dataClass, records] : outgoing)
+      for (const Outgoing& record : records) {
+        if (record.original) continue;  // a single event of an exploded one
+        auto [from, to] = run.unmangle.equal_range(record.stored.identifier);
+        if (from == to) continue;
+        assembler.setDelegate(delegateFor(record.stored.entity));
+        const Dictionary assembled = *assembler.assembledRecord(record.stored.identifier, *truth);
+        for (auto it = from; it != to; ++it) {
+          RecordHolder holder(assembled, record.stored.identifier);
+          for (const auto& [key, value] : record.holderProperties)
+            holder.setProperty(value, key.stringValue());
+          result.unmangled[it->second.identifier] =
+              unmangled(it->second.fields.deepCopy(), it->second.entity, holder);
+        }
+      }
+
   // --- Into the store ------------------------------------------------------------------
   if (!settings.save(report.filesWritten, result.error)) return result;
   for (const std::string& dataClass : dataClasses) {

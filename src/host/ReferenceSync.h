@@ -23,11 +23,13 @@
 
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "host/DeviceFormatting.h"
+#include "host/PhoneStore.h"
 #include "host/RecordAssembler.h"
 #include "platform/CalendarDate.h"
 #include "platform/Value.h"
@@ -52,6 +54,11 @@ struct SyncRun {
   // records in the report (for checks); without it they are let go as soon
   // as the record is reported.
   bool keepRecords = false;
+  // Phone entries to unmangle against the engine record they were made
+  // from (engine identifier -> entries): each is unmangled with the holder
+  // properties the mangling of that record left, and the result is kept in
+  // SyncResult::unmangled under the entry's identifier.
+  std::multimap<std::string, PhoneStoreRecord> unmangle;
 };
 
 // A record of the engine: its identifier and its assembled form (a record
@@ -107,6 +114,8 @@ struct SyncResult {
   // written (an unusable description, a store file that does not read).
   std::string error;
   SyncReport report;
+  // The phone entries of SyncRun::unmangle, in the engine's form.
+  std::map<std::string, Dictionary> unmangled;
 };
 
 class ReferenceSync {

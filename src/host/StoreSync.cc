@@ -74,10 +74,12 @@ struct Formatted {
   std::map<std::string, std::vector<PhoneStoreRecord>> entries;  // data class -> entries
   SyncReport report;
   std::string settingsText;  // the sync settings the run left
+  std::map<std::string, Dictionary> unmangled;  // phone entries asked for, in the engine's form
 };
 
 bool formatAll(const StoreSyncRun& run, const SqliteEngine& store,
-               const std::vector<std::string>& dataClasses, Formatted& out, std::string& error) {
+               const std::vector<std::string>& dataClasses, Formatted& out, std::string& error,
+               std::multimap<std::string, PhoneStoreRecord> unmangle = {}) {
   TemporaryFolder folder;
   if (folder.path().empty()) {
     error = "cannot make a temporary folder";
@@ -98,6 +100,7 @@ bool formatAll(const StoreSyncRun& run, const SqliteEngine& store,
   formatting.phoneDirectory = folder.path().string();
   formatting.stageDone = nullptr;
   formatting.keepRecords = false;
+  formatting.unmangle = std::move(unmangle);
   SyncResult result = ReferenceSync::run(formatting, inputs);
   if (!result.error.empty()) {
     error = result.error;
@@ -110,6 +113,7 @@ bool formatAll(const StoreSyncRun& run, const SqliteEngine& store,
     out.entries[dataClass] = std::move(contents->records);
   }
   out.report = std::move(result.report);
+  out.unmangled = std::move(result.unmangled);
   out.settingsText = fileText(folder.path() / kSettingsFileName);
   return true;
 }
@@ -325,6 +329,33 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
     std::set<std::string> deletedOnPhone;  // engine ids
     std::set<std::string> touchedByPhone;  // engine ids the phone's changes reached
     auto report = [&result](StoreSyncRecord record) { result.records.push_back(std::move(record)); };
+    // The phone's changed entries and their last phone forms, in the
+    // engine's form: the phone's dates, zones, all-day form, alarms and
+    // recurrence ends are compared and merged as the engine holds them.
+    std::map<std::string, Dictionary> unmangledForms;  // "phone:" / "base:" + phone id
+    {
+      std::multimap<std::string, PhoneStoreRecord> unmangle;
+      for (const std::string& dataClass : dataClasses)
+        for (const PhoneStoreRecord& entry : onPhone[dataClass].records) {
+          auto mapped = engineIdOf.find(entry.identifier);
+          if (mapped == engineIdOf.end() || !records.count(mapped->second)) continue;
+          auto known = state.find(entry.identifier);
+          const Dictionary& base =
+              known != state.end() ? known->second.phoneForm : baseOf[entry.identifier];
+          if (changedKeys(base, entry.fields).empty()) continue;
+          unmangle.emplace(mapped->second,
+                           PhoneStoreRecord{"phone:" + entry.identifier, entry.entity, entry.fields});
+          unmangle.emplace(mapped->second,
+                           PhoneStoreRecord{"base:" + entry.identifier, entry.entity, base});
+        }
+      if (!unmangle.empty()) {
+        Formatted current;
+        if (!formatAll(run, store, dataClasses, current, result.error, std::move(unmangle)))
+          return result;
+        unmangledForms = std::move(current.unmangled);
+      }
+    }
+
     step("engine");
     for (const std::string& dataClass : dataClasses) {
       std::set<std::string> present;
@@ -363,7 +394,13 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         const std::string& engineId = mapped->second;
         const Dictionary& base =
             known != state.end() ? known->second.phoneForm : baseOf[entry.identifier];
-        const std::vector<std::string> keys = changedKeys(base, entry.fields);
+        if (changedKeys(base, entry.fields).empty()) continue;
+        auto phoneForm = unmangledForms.find("phone:" + entry.identifier);
+        auto baseForm = unmangledForms.find("base:" + entry.identifier);
+        const bool unmangledBoth = phoneForm != unmangledForms.end() && baseForm != unmangledForms.end();
+        const Dictionary& phoneFields = unmangledBoth ? phoneForm->second : entry.fields;
+        const Dictionary& baseFields = unmangledBoth ? baseForm->second : base;
+        const std::vector<std::string> keys = changedKeys(baseFields, phoneFields);
         if (keys.empty()) continue;
         std::optional<Dictionary> current = store.recordWithIdentifier(engineId);
         const Dictionary engineBase =
@@ -381,10 +418,10 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         }
         Dictionary merged = current->deepCopy();
         for (const std::string& key : keys) {
-          const Value* phoneValue = entry.fields.find(key);
+          const Value* phoneValue = phoneFields.find(key);
           const Value* engineValue = current->find(key);
           const bool engineChanged = !sameValue(engineBase.find(key), engineValue);
-          Value value = mergedValue(engineValue, phoneValue, base.find(key));
+          Value value = mergedValue(engineValue, phoneValue, baseFields.find(key));
           if (engineChanged && !sameValue(&value, engineValue)) {
             changed.conflicts.push_back({key, shownValue(engineValue), shownValue(phoneValue)});
             if (run.conflicts == ConflictPolicy::engine) continue;

@@ -19,6 +19,7 @@
 #include "host/PhoneStore.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
+#include "platform/TimeZone.h"
 #include "util/PHCMangling.h"
 
 namespace pc {
@@ -447,6 +448,57 @@ TEST_F(StoreSyncTest, RandomEditsOnBothSidesAreNeverLost) {
     EXPECT_EQ(held, expected);
     EXPECT_TRUE(f->sync().filesWritten.empty());
   }
+}
+
+// Dates edited on the phone, under the machine's zone (the suite runs under
+// several): the phone's form is unmangled before it is merged, so a moved
+// start lands on the right instant in the event's own zone, and an all-day
+// event stays all-day.
+class SyncZonesStoreTest : public ::testing::Test {};
+
+TEST_F(SyncZonesStoreTest, PhoneDateEditsReachTheEngineInTheEventsOwnForm) {
+  StoreSyncFixture f("photo-phone", "zones");
+  const TimeZonePtr berlin = TimeZone::timeZoneWithName("Europe/Berlin");
+  auto event = [](const char* summary, CalendarDate start, CalendarDate end, bool allDay) {
+    Dictionary record;
+    record.set("entityName", Value("Calendars.Event"));
+    record.set("summary", Value(summary));
+    record.set("startDate", Value(start));
+    record.set("endDate", Value(end));
+    if (allDay) record.set("allDay", Value(true));
+    return record;
+  };
+  const CalendarDate meetingStart = CalendarDate::dateWithYear(2026, 11, 10, 10, 0, 0, berlin);
+  f.store->addRecord("meeting", event("Meeting", meetingStart,
+                                      meetingStart.dateByAddingTimeInterval(3600), false));
+  const CalendarDate day = CalendarDate::dateWithYear(2026, 11, 12, 0, 0, 0, TimeZone::gmt());
+  f.store->addRecord("holiday", event("Holiday", day, day, true));
+  f.sync();
+
+  PhoneStoreContents phone = f.phoneContents("Calendars");
+  auto moved = [](Dictionary& fields, const char* key, double seconds) {
+    fields.set(key, Value(fields.get(key).date().dateByAddingTimeInterval(seconds)));
+  };
+  for (PhoneStoreRecord& entry : phone.records) {
+    const double by = entry.identifier == "meeting" ? 3600 : 86400;
+    moved(entry.fields, "startDate", by);
+    moved(entry.fields, "endDate", by);
+  }
+  f.writePhone(phone);
+  EXPECT_EQ(f.sync().summary.changedOnPhone, 2u);
+
+  const Dictionary meeting = *f.store->recordWithIdentifier("meeting");
+  const CalendarDate start = meeting.get("startDate").date();
+  EXPECT_EQ(start.timeIntervalSince1970(), meetingStart.timeIntervalSince1970() + 3600);
+  ASSERT_TRUE(start.timeZone());
+  EXPECT_EQ(start.timeZone()->name(), "Europe/Berlin");
+  EXPECT_FALSE(meeting.get("allDay").isBoolean() && meeting.get("allDay").boolValue());
+
+  const Dictionary holiday = *f.store->recordWithIdentifier("holiday");
+  EXPECT_TRUE(holiday.get("allDay").boolValue());
+  EXPECT_EQ(holiday.get("startDate").date().timeIntervalSince1970(),
+            day.timeIntervalSince1970() + 86400);
+  EXPECT_TRUE(f.sync().filesWritten.empty());
 }
 
 }  // namespace
