@@ -229,6 +229,64 @@ std::string masterOf(const std::string& phoneIdentifier, const std::set<std::str
   return std::string();
 }
 
+
+// A single event of an exploded recurring event ("id#20270301T170000Z"): its
+// master's identifier and the occurrence's start.
+struct Occurrence {
+  std::string master;
+  CalendarDate start;
+};
+std::optional<Occurrence> occurrenceOf(const std::string& phoneIdentifier,
+                                       const std::set<std::string>& records) {
+  const std::size_t hash = phoneIdentifier.rfind('#');
+  if (hash == std::string::npos || !records.count(phoneIdentifier.substr(0, hash))) return std::nullopt;
+  auto start = CalendarDate::dateWithString(phoneIdentifier.substr(hash + 1), "%Y%m%dT%H%M%SZ",
+                                            TimeZone::gmt());
+  if (!start) return std::nullopt;
+  return Occurrence{phoneIdentifier.substr(0, hash), *start};
+}
+
+// A date of the phone's in the zone of the engine's `like` (the phone may
+// hold dates on its own wall clock).
+Value inZoneOf(const Value& value, const Value& like) {
+  if (!value.isDate() || !like.isDate() || !like.date().timeZone()) return value.deepCopy();
+  return Value(value.date().dateWithTimeZone(like.date().timeZone()));
+}
+
+// The occurrence of `master` starting at `start` as a detached event: the
+// master's fields without its recurrence, moved to the occurrence, with the
+// fields the phone changed from `base` to `phone` taken from the phone.
+Dictionary detachedEventOf(const Dictionary& master, const CalendarDate& start,
+                           const Dictionary& base, const Dictionary& phone) {
+  Dictionary event = master.deepCopy();
+  for (const char* key : {kCalendarsEventRecurrences, kCalendarsEventDetachedEvents,
+                          kCalendarsEventExceptionDates})
+    event.remove(key);
+  const Value masterStart = master.get(kCalendarsEventStartDate);
+  const Value masterEnd = master.get(kCalendarsEventEndDate);
+  const Value occurrenceStart = inZoneOf(Value(start), masterStart);
+  if (masterStart.isDate()) {
+    event.set(kCalendarsEventStartDate, occurrenceStart);
+    if (masterEnd.isDate())
+      event.set(kCalendarsEventEndDate,
+                Value(occurrenceStart.date().dateByAddingTimeInterval(
+                    masterEnd.date().timeIntervalSinceReferenceDate() -
+                    masterStart.date().timeIntervalSinceReferenceDate())));
+  }
+  for (const std::string& key : changedKeys(base, phone)) {
+    const Value* value = phone.find(key);
+    if (!value || value->isNull()) {
+      event.remove(key);
+      continue;
+    }
+    const Value* engineValue = event.find(key);
+    Value merged = mergedValue(engineValue, value, base.find(key));
+    if (merged.isDate() && masterStart.isDate()) merged = inZoneOf(merged, masterStart);
+    event.set(key, merged);
+  }
+  event.set(kCalendarsEventOriginalDate, Value(start));
+  return event;
+}
 }  // namespace
 
 StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
@@ -357,6 +415,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
     }
 
     step("engine");
+    std::map<std::string, Dictionary> masterEdits;  // recurring events the phone's occurrences change
     for (const std::string& dataClass : dataClasses) {
       std::set<std::string> present;
       for (const PhoneStoreRecord& entry : onPhone[dataClass].records) {
@@ -366,10 +425,31 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         const bool isMaster = mapped != engineIdOf.end();
         if (!isMaster) {
           if (known != state.end() || !masterOf(entry.identifier, records).empty()) {
-            // A single event of an exploded event or a detached event: its
-            // changes stay on the phone.
-            if (known != state.end() && !ReferenceSync::differingFields(known->second.phoneForm,
-                                                                        entry.fields).empty()) {
+            const bool edited =
+                known != state.end() &&
+                !ReferenceSync::differingFields(known->second.phoneForm, entry.fields).empty();
+            // An edited single event of an exploded event becomes a detached
+            // event of the engine's event, on the day it stood.
+            if (edited)
+              if (auto occurrence = occurrenceOf(entry.identifier, records)) {
+                auto master = masterEdits.find(occurrence->master);
+                if (master == masterEdits.end()) {
+                  std::optional<Dictionary> record = store.recordWithIdentifier(occurrence->master);
+                  if (!record) continue;
+                  master = masterEdits.emplace(occurrence->master, std::move(*record)).first;
+                }
+                Array detached =
+                    master->second.getArray(kCalendarsEventDetachedEvents).value_or(Array());
+                detached.add(detachedEventOf(master->second, occurrence->start,
+                                             known->second.phoneForm, entry.fields));
+                master->second.set(kCalendarsEventDetachedEvents, detached);
+                report({entry.identifier, entry.entity, StoreSyncOutcome::changedOnPhone,
+                        {{kCalendarsEventDetachedEvents, std::string()}}, {}, 0,
+                        "a detached event of " + occurrence->master});
+                continue;
+              }
+            // A detached event: its changes stay on the phone.
+            if (edited) {
               keptOnPhone.insert(entry.identifier);
               report({entry.identifier, entry.entity, StoreSyncOutcome::keptOnPhone, {}, {}, 0,
                       "a single event of a recurring event"});
@@ -440,7 +520,26 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       }
       // Deleted on the phone.
       for (const auto& [phoneId, entry] : state) {
-        if (present.count(phoneId) || !engineIdOf.count(phoneId)) continue;
+        if (present.count(phoneId)) continue;
+        if (schema->dataClassNameForEntityName(entry.entityName) != dataClass) continue;
+        // A single event of an exploded event: an exception date of the
+        // engine's event, in the zone of its start.
+        if (auto occurrence = occurrenceOf(phoneId, records); occurrence && !engineIdOf.count(phoneId)) {
+          auto master = masterEdits.find(occurrence->master);
+          if (master == masterEdits.end()) {
+            std::optional<Dictionary> record = store.recordWithIdentifier(occurrence->master);
+            if (!record) continue;
+            master = masterEdits.emplace(occurrence->master, std::move(*record)).first;
+          }
+          Array dates = master->second.getArray(kCalendarsEventExceptionDates).value_or(Array());
+          dates.add(inZoneOf(Value(occurrence->start), master->second.get(kCalendarsEventStartDate)));
+          master->second.set(kCalendarsEventExceptionDates, dates);
+          report({phoneId, entry.entityName, StoreSyncOutcome::deletedOnPhone,
+                  {{kCalendarsEventExceptionDates, std::string()}}, {}, 0,
+                  "an exception date of " + occurrence->master});
+          continue;
+        }
+        if (!engineIdOf.count(phoneId)) continue;
         if (schema->dataClassNameForEntityName(entry.entityName) != dataClass) continue;
         std::optional<Dictionary> current = store.recordWithIdentifier(entry.engineIdentifier);
         if (!current) continue;  // gone on both sides
@@ -458,6 +557,12 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         deletedOnPhone.insert(entry.engineIdentifier);
         report({entry.engineIdentifier, entry.entityName, StoreSyncOutcome::deletedOnPhone, {}, {}, 0, {}});
       }
+    }
+    // Recurring events that gained detached events or exception dates.
+    for (const auto& [identifier, record] : masterEdits) {
+      if (!records.count(identifier)) continue;  // deleted on the phone as a whole
+      store.addRecord(identifier, record);
+      touchedByPhone.insert(identifier);
     }
 
     // --- The engine's records, out to the phone -------------------------------------------

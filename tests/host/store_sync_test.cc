@@ -501,5 +501,81 @@ TEST_F(SyncZonesStoreTest, PhoneDateEditsReachTheEngineInTheEventsOwnForm) {
   EXPECT_TRUE(f.sync().filesWritten.empty());
 }
 
+// Single events of an exploded recurring event: an edited one becomes a
+// detached event of the engine's event on the day it stood, a deleted one an
+// exception date; the phone then holds the detached event in its place and
+// the next sync is quiet. Runs under several machine zones.
+TEST_F(SyncZonesStoreTest, EditedAndDeletedOccurrencesBecomeDetachedEventsAndExceptionDates) {
+  StoreSyncFixture f("photo-phone", "occurrences");
+  const TimeZonePtr berlin = TimeZone::timeZoneWithName("Europe/Berlin");
+  const CalendarDate first = CalendarDate::dateWithYear(2026, 11, 2, 18, 0, 0, berlin);
+  Dictionary rule;
+  rule.set("entityName", Value("Calendars.Recurrence"));
+  rule.set("frequency", Value("weekly"));
+  rule.set("interval", Value(std::int64_t{1}));
+  rule.set("count", Value(std::int64_t{4}));
+  Array rules;
+  rules.add(Value(rule));
+  Dictionary choir;
+  choir.set("entityName", Value("Calendars.Event"));
+  choir.set("summary", Value("Choir"));
+  choir.set("location", Value("Hall"));
+  choir.set("startDate", Value(first));
+  choir.set("endDate", Value(first.dateByAddingTimeInterval(3600)));
+  choir.set("recurrences", Value(rules));
+  f.store->addRecord("choir", choir);
+  f.sync();
+
+  PhoneStoreContents phone = f.phoneContents("Calendars");
+  ASSERT_EQ(phone.records.size(), 4u);
+  const double week = 7 * 86400;
+  auto occurrence = [&](int n) {
+    return "choir#" + first.dateByAddingTimeInterval(n * week)
+                          .dateWithTimeZone(TimeZone::gmt())
+                          .descriptionWithCalendarFormat("%Y%m%dT%H%M%SZ");
+  };
+  for (PhoneStoreRecord& entry : phone.records)
+    if (entry.identifier == occurrence(1)) {
+      entry.fields.set("summary", Value("Choir (concert)"));
+      entry.fields.set("startDate",
+                       Value(entry.fields.get("startDate").date().dateByAddingTimeInterval(1800)));
+    }
+  std::erase_if(phone.records, [&](const PhoneStoreRecord& entry) { return entry.identifier == occurrence(2); });
+  f.writePhone(phone);
+  const StoreSyncResult result = f.sync();
+  EXPECT_EQ(result.summary.changedOnPhone, 1u);
+  EXPECT_EQ(result.summary.deletedOnPhone, 1u);
+
+  const Dictionary master = *f.store->recordWithIdentifier("choir");
+  const Array detached = master.getArray("detachedEvents").value_or(Array());
+  ASSERT_EQ(detached.count(), 1u);
+  const Dictionary moved = detached.at(0).dictionary();
+  EXPECT_EQ(moved.getString("summary"), "Choir (concert)");
+  EXPECT_EQ(moved.getString("location"), "Hall");  // kept from the engine's event
+  EXPECT_FALSE(moved.contains("recurrences"));
+  EXPECT_EQ(moved.get("originalDate").date().timeIntervalSince1970(),
+            first.timeIntervalSince1970() + week);
+  const CalendarDate movedStart = moved.get("startDate").date();
+  EXPECT_EQ(movedStart.timeIntervalSince1970(), first.timeIntervalSince1970() + week + 1800);
+  ASSERT_TRUE(movedStart.timeZone());
+  EXPECT_EQ(movedStart.timeZone()->name(), "Europe/Berlin");
+  const Array exceptions = master.getArray("exceptionDates").value_or(Array());
+  ASSERT_EQ(exceptions.count(), 1u);
+  EXPECT_EQ(exceptions.at(0).date().timeIntervalSince1970(),
+            first.timeIntervalSince1970() + 2 * week);
+
+  // The phone: two untouched occurrences and the detached event.
+  std::vector<std::string> summaries;
+  for (const PhoneStoreRecord& entry : f.phoneContents("Calendars").records)
+    summaries.push_back(entry.fields.getString("summary"));
+  std::sort(summaries.begin(), summaries.end());
+  EXPECT_EQ(summaries, (std::vector<std::string>{"Choir", "Choir", "Choir (concert)"}));
+
+  const StoreSyncResult again = f.sync();
+  EXPECT_TRUE(again.filesWritten.empty());
+  EXPECT_FALSE(again.storeChanged);
+  EXPECT_TRUE(again.records.empty());
+}
+
 }  // namespace
 }  // namespace pc
