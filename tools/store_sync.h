@@ -11,6 +11,7 @@ namespace pc::tools {
 struct StoreSyncOptions {
   std::string storePath;
   std::string conflicts = "engine";
+  std::string firstSync;  // merge, phone or engine; empty: the phone folder's settings say
   bool dryRun = false;
   bool log = false;
   std::string report = "text";

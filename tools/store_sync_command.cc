@@ -126,6 +126,9 @@ void syncWithStore(const SyncRun& phoneRun, const StoreSyncOptions& options) {
   if (code) run.clientIdentifier = phoneRun.phoneDirectory;
   run.conflicts = options.conflicts == "phone" ? ConflictPolicy::phone : ConflictPolicy::engine;
   run.dryRun = options.dryRun;
+  if (options.firstSync == "merge") run.firstSyncMode = FirstSyncMode::merge;
+  else if (options.firstSync == "phone") run.firstSyncMode = FirstSyncMode::phoneReplacesEngine;
+  else if (options.firstSync == "engine") run.firstSyncMode = FirstSyncMode::engineReplacesPhone;
   // The tests of interrupted runs end the process at a named step, as a
   // crash or a kill would, with nothing cleaned up.
   if (const char* stop = std::getenv("PHONECONDUIT_STOP_AT"); stop && *stop) {

@@ -248,6 +248,13 @@ void addSyncCommands(CLI::App& app) {
                       "with --store: which side a field changed on both sides follows, engine "
                       "(default) or phone")
       ->check(CLI::IsMember({"engine", "phone"}));
+  command->add_option("--first-sync", options->store.firstSync,
+                      "with --store: what the first sync of a data class does with entries the "
+                      "phone holds already: merge them (pairs by content), or replace one side "
+                      "with the other: phone (its entries replace the store's records) or engine "
+                      "(the store's records replace the phone's entries); default: the phone "
+                      "folder's sync settings, else merge")
+      ->check(CLI::IsMember({"merge", "phone", "engine"}));
   command->add_flag("--dry-run", options->store.dryRun,
                     "with --store: report what a sync would do, and write nothing");
   command->add_option("--variables", options->variablesPath,
@@ -283,7 +290,12 @@ void addSyncCommands(CLI::App& app) {
       "the phone, deleted on the phone by the engine, conflict (field: engine value / phone "
       "value). A sync happens whole or not at all.\n"
       "  phoneconduit sync --store truth.db --device examples/devices/full-phone.plist \\\n"
-      "      --entities examples/devices/full-phone.entities.plist --phone /tmp/phone\n");
+      "      --entities examples/devices/full-phone.entities.plist --phone /tmp/phone\n"
+      "A first sync with a phone that holds entries already, the store's records replacing "
+      "them:\n"
+      "  phoneconduit sync --store truth.db --device examples/devices/full-phone.plist \\\n"
+      "      --entities examples/devices/full-phone.entities.plist --phone /tmp/phone \\\n"
+      "      --first-sync engine\n");
   command->callback([options] { tools::sync(*options); });
 }
 

@@ -14,7 +14,9 @@
 
 #include "engine/SchemaNames.h"
 #include "host/PhoneStore.h"
+#include "conduit/SyncSettings.h"
 #include "platform/Exception.h"
+#include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
 
 namespace pc {
@@ -35,6 +37,15 @@ const char* storeSyncOutcomeName(StoreSyncOutcome outcome) {
     case StoreSyncOutcome::conflict: return "conflict";
   }
   return "sent";
+}
+
+const char* firstSyncModeName(FirstSyncMode mode) {
+  switch (mode) {
+    case FirstSyncMode::merge: return "merge";
+    case FirstSyncMode::phoneReplacesEngine: return "phone";
+    case FirstSyncMode::engineReplacesPhone: return "engine";
+  }
+  return "merge";
 }
 
 namespace {
@@ -346,6 +357,39 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         phoneIdOf[entry.engineIdentifier] = phoneId;
       }
 
+    // The mode of each data class's first sync.
+    std::map<std::string, FirstSyncMode> firstSyncModes;
+    {
+      const fs::path settingsPath = fs::path(run.phone.phoneDirectory) / kSettingsFileName;
+      Dictionary settings;
+      std::error_code code;
+      if (!run.firstSyncMode && fs::exists(settingsPath, code)) {
+        std::optional<Value> contents = PropertyList::fromFile(settingsPath.string());
+        if (!contents || !contents->isDictionary())
+          raiseException(kSqliteStoreException, settingsPath.string() + ": not a settings dictionary");
+        settings = contents->dictionary();
+      }
+      for (const std::string& dataClass : dataClasses) {
+        if (classesWithState.count(dataClass)) continue;
+        if (run.firstSyncMode) {
+          firstSyncModes[dataClass] = *run.firstSyncMode;
+          continue;
+        }
+        const int mode = SyncSettings::qvt_modeOfFirstSyncForDataClass(settings, dataClass);
+        if (mode < 0 || mode > 2)
+          raiseException(kSqliteStoreException,
+                         fmt::format("{}: {}ModeOfFirstSync: {} is no mode (0 merge, 1 the phone "
+                                     "replaces the engine, 2 the engine replaces the phone)",
+                                     settingsPath.string(), dataClass == "Calendars" ? "calendars"
+                                                                                     : "contacts",
+                                     mode));
+        firstSyncModes[dataClass] = static_cast<FirstSyncMode>(mode);
+      }
+    }
+    // Phone entries the engine's records replace: left out of the engine and
+    // deleted from the phone.
+    std::set<std::string> replacedOnPhone;
+
     // First sync of a data class with entries on the phone: pair them with
     // engine records by content.
     bool needsPairing = false;
@@ -373,11 +417,17 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
             for (auto it = from; it != to && !match; ++it)
               if (!taken.count(it->second->identifier)) match = it->second;
           }
-          if (!match || taken.count(match->identifier)) continue;
+          const bool engineReplaces = firstSyncModes[dataClass] == FirstSyncMode::engineReplacesPhone;
+          if (!match || taken.count(match->identifier)) {
+            if (engineReplaces) replacedOnPhone.insert(entry.identifier);
+            continue;
+          }
           taken.insert(match->identifier);
           engineIdOf[entry.identifier] = match->identifier;
           phoneIdOf[match->identifier] = entry.identifier;
-          baseOf[entry.identifier] = match->fields;
+          // The engine's side replacing the phone's, the phone's form of a
+          // paired entry counts as unchanged, and the engine's form goes out.
+          baseOf[entry.identifier] = engineReplaces ? entry.fields : match->fields;
         }
       }
     }
@@ -423,6 +473,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         auto known = state.find(entry.identifier);
         auto mapped = engineIdOf.find(entry.identifier);
         const bool isMaster = mapped != engineIdOf.end();
+        if (replacedOnPhone.count(entry.identifier)) continue;
         if (!isMaster) {
           if (known != state.end() || !masterOf(entry.identifier, records).empty()) {
             const bool edited =
@@ -558,6 +609,22 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         report({entry.engineIdentifier, entry.entityName, StoreSyncOutcome::deletedOnPhone, {}, {}, 0, {}});
       }
     }
+    // The phone's entries replacing the engine's records: those of the
+    // data class no phone entry stands for go.
+    for (const auto& [dataClass, mode] : firstSyncModes) {
+      if (mode != FirstSyncMode::phoneReplacesEngine) continue;
+      for (const Value& identifier : store.recordIdentifiersForDataClassName(dataClass)) {
+        const std::string engineId = identifier.string();
+        if (phoneIdOf.count(engineId) || !records.count(engineId)) continue;
+        const std::string entity = store.entityNameOfRecord(engineId);
+        store.removeRecord(engineId);
+        records.erase(engineId);
+        deletedOnPhone.insert(engineId);
+        report({engineId, entity, StoreSyncOutcome::deletedOnPhone, {}, {}, 0,
+                "the phone's entries replace the engine's records"});
+      }
+    }
+
     // Recurring events that gained detached events or exception dates.
     for (const auto& [identifier, record] : masterEdits) {
       if (!records.count(identifier)) continue;  // deleted on the phone as a whole
@@ -625,6 +692,11 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
               !deletedOnPhone.count(known->second.engineIdentifier))
             report({known->second.engineIdentifier, held.entity, StoreSyncOutcome::deletedByEngine,
                     {}, {}, 0, {}});
+          continue;
+        }
+        if (replacedOnPhone.count(held.identifier)) {
+          report({held.identifier, held.entity, StoreSyncOutcome::deletedByEngine, {}, {}, 0,
+                  "the engine's records replace the phone's entries"});
           continue;
         }
         // Unknown to the engine and not carried into it: it stays.

@@ -28,6 +28,7 @@
 //   StoreSyncResult result = StoreSync::run(*store, run);
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,12 +40,26 @@ namespace pc {
 
 enum class ConflictPolicy { engine, phone };
 
+// What the first sync of a data class does with a phone that holds entries
+// already, as the sync settings' "calendarsModeOfFirstSync" and
+// "contactsModeOfFirstSync" number it.
+enum class FirstSyncMode {
+  merge = 0,                // entries paired by content; the rest added on both sides
+  phoneReplacesEngine = 1,  // engine records the phone does not hold are deleted
+  engineReplacesPhone = 2,  // phone entries the engine does not hold are deleted
+};
+// "merge", "phone" or "engine" (the side that replaces the other).
+const char* firstSyncModeName(FirstSyncMode mode);
+
 struct StoreSyncRun {
   // The phone: its descriptions, formatting options, folder and window.
   SyncRun phone;
   // The engine client the phone's state is kept under.
   std::string clientIdentifier;
   ConflictPolicy conflicts = ConflictPolicy::engine;
+  // The mode of a data class's first sync; without one, the phone folder's
+  // sync settings say (merge when they do not).
+  std::optional<FirstSyncMode> firstSyncMode;
   // Everything is worked out and reported; nothing is written.
   bool dryRun = false;
   // Called before each write step ("engine", "state", "phone", "commit"); a

@@ -116,6 +116,29 @@ TEST_F(StoreSyncProgramTest, BadInputIsNamedAndNothingIsWritten) {
   EXPECT_EQ(runProgram(sync(" " + examplePath("records/calendar/event-02.plist"))).status, 2);
 }
 
+// --first-sync chooses what a first sync does with entries the phone holds
+// already; a mode it does not know is a bad command line.
+TEST_F(StoreSyncProgramTest, FirstSyncModeIsChosenOnTheCommandLine) {
+  PhoneStore contents(phone);
+  PhoneStoreContents own{"Contacts", {{"phone-own", "Contacts.Contact",
+                                       Dictionary{{"firstName", "Phone"}, {"lastName", "Only"}}}}};
+  ASSERT_NE(contents.write(own), PhoneStore::WriteResult::failed);
+
+  const ProgramRun bad = runProgram(sync(" --first-sync both"));
+  EXPECT_EQ(bad.status, 2);
+  EXPECT_EQ(bad.standardOutput, "");
+
+  const ProgramRun replaced = runProgram(sync(" --first-sync engine"));
+  ASSERT_EQ(replaced.status, 0) << replaced.output;
+  EXPECT_NE(replaced.standardOutput.find("phone-own: deleted on the phone by the engine"),
+            std::string::npos)
+      << replaced.standardOutput;
+  auto held = contents.read("Contacts");
+  ASSERT_TRUE(held);
+  EXPECT_EQ(held->records.size(), 2u);
+  for (const PhoneStoreRecord& entry : held->records) EXPECT_NE(entry.identifier, "phone-own");
+}
+
 // The process is killed after the phone's files are written and before the
 // store's transaction commits; the next run ends with the same store and
 // phone as an uninterrupted run, with nothing duplicated.

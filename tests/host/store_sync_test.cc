@@ -297,6 +297,95 @@ TEST_F(StoreSyncTest, FirstSyncPairsPhoneEntriesByContent) {
   EXPECT_TRUE(f->sync(fresh.get()).filesWritten.empty());
 }
 
+// The modes of a first sync with a phone that holds entries already: one
+// entry the engine also has (changed on the phone), one the engine lacks,
+// and two engine records the phone lacks.
+TEST_F(StoreSyncTest, ModesOfFirstSyncMergeOrReplaceEitherSide) {
+  struct Case {
+    FirstSyncMode mode;
+    std::vector<std::string> engine;  // first names the engine ends with
+    std::string pairedJobTitle;       // what the paired record's job title ends as
+  };
+  const std::vector<Case> cases{
+      {FirstSyncMode::merge, {"Phone", "c1", "c2", "c3"}, "Phone job"},
+      {FirstSyncMode::phoneReplacesEngine, {"Phone", "c1"}, "Phone job"},
+      {FirstSyncMode::engineReplacesPhone, {"c1", "c2", "c3"}, "Engine job"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(firstSyncModeName(c.mode));
+    auto f = make(std::string("first-sync-") + firstSyncModeName(c.mode));
+    f->run.firstSyncMode = c.mode;
+    auto fresh = f->openStore("fresh.db");
+    for (int i = 1; i <= 3; ++i)
+      fresh->addRecord("c" + std::to_string(i),
+                       Dictionary{{kEngineRecordEntityNameKey, kContactsContact},
+                                  {"firstName", "c" + std::to_string(i)},
+                                  {"lastName", "Engine"},
+                                  {"jobTitle", "Engine job"}});
+    // The phone holds c1 under its own name with another job title, and an
+    // entry of its own.
+    PhoneStoreContents phone{kContacts, {}};
+    phone.records.push_back({"phone-c1", kContactsContact,
+                             Dictionary{{"firstName", "c1"}, {"lastName", "Engine"},
+                                        {"jobTitle", "Phone job"}}});
+    phone.records.push_back({"phone-own", kContactsContact,
+                             Dictionary{{"firstName", "Phone"}, {"lastName", "Only"}}});
+    f->writePhone(phone);
+
+    const StoreSyncResult result = f->sync(fresh.get());
+    std::vector<std::string> engine;
+    for (const Value& id : fresh->recordIdentifiers())
+      engine.push_back(fresh->recordWithIdentifier(id.string())->getString("firstName"));
+    std::sort(engine.begin(), engine.end());
+    EXPECT_EQ(engine, c.engine);
+    EXPECT_EQ(fresh->recordWithIdentifier("c1")->getString("jobTitle"), c.pairedJobTitle);
+
+    // Both sides agree, c1 keeps the phone's name, nothing is duplicated.
+    std::vector<std::string> held;
+    for (const PhoneStoreRecord& entry : f->phoneContents(kContacts).records) {
+      held.push_back(entry.fields.getString("firstName"));
+      if (entry.fields.getString("firstName") == "c1") {
+        EXPECT_EQ(entry.identifier, "phone-c1");
+        EXPECT_EQ(entry.fields.getString("jobTitle"), c.pairedJobTitle);
+      }
+    }
+    std::sort(held.begin(), held.end());
+    EXPECT_EQ(held, c.engine);
+    const bool phoneReplaces = c.mode == FirstSyncMode::phoneReplacesEngine;
+    const bool engineReplaces = c.mode == FirstSyncMode::engineReplacesPhone;
+    EXPECT_EQ(result.summary.deletedOnPhone, phoneReplaces ? 2u : 0u);
+    EXPECT_EQ(result.summary.deletedByEngine, engineReplaces ? 1u : 0u);
+    EXPECT_EQ(result.summary.addedOnPhone, engineReplaces ? 0u : 1u);
+
+    const StoreSyncResult again = f->sync(fresh.get());
+    EXPECT_TRUE(again.filesWritten.empty());
+    EXPECT_TRUE(again.records.empty());
+  }
+}
+
+// Without a mode on the run, the phone folder's sync settings give it; a
+// number that is no mode stops the run before anything is written.
+TEST_F(StoreSyncTest, ModeOfFirstSyncComesFromTheSyncSettings) {
+  for (const auto& [mode, engineCount] : std::vector<std::pair<int, std::size_t>>{{2, 12}, {7, 12}}) {
+    auto f = make("settings-mode-" + std::to_string(mode));
+    Dictionary settings;
+    settings.set("contactsModeOfFirstSync", Value(std::int64_t{mode}));
+    ASSERT_TRUE(PropertyList::writeToFile(Value(settings), (f->folder / "phone" / "SyncSettings.plist").string()));
+    f->writePhone({kContacts, {{"phone-own", kContactsContact,
+                                Dictionary{{"firstName", "Phone"}, {"lastName", "Only"}}}}});
+    const StoreSyncResult result = StoreSync::run(*f->store, f->run);
+    EXPECT_EQ(f->store->count(), engineCount);
+    if (mode == 7) {
+      EXPECT_NE(result.error.find("contactsModeOfFirstSync"), std::string::npos) << result.error;
+      EXPECT_EQ(f->phoneContents(kContacts).records.size(), 1u);
+    } else {
+      EXPECT_EQ(result.error, "");
+      EXPECT_EQ(result.summary.deletedByEngine, 1u);
+      EXPECT_EQ(f->phoneContents(kContacts).records.size(), 12u);
+    }
+  }
+}
+
 TEST_F(StoreSyncTest, UnreadablePhoneFileStopsTheRunBeforeAnythingIsWritten) {
   auto f = make("corrupt");
   f->sync();
