@@ -529,14 +529,22 @@ void ContentWriter::line(std::string_view name, const std::vector<ContentParamet
   // break needs one column.
   std::size_t column = _out.size() - start;
   const std::string encoded = quotedPrintableEncode(value);
+  // A blank that would start a line is escaped, so that a reader that
+  // unfolds before decoding does not take it for a fold.
   for (std::size_t i = 0; i < encoded.size();) {
     const std::size_t unit = encoded[i] == '=' ? 3 : 1;
-    if (column + unit > kLineWidth) {
+    const bool blank = encoded[i] == ' ';
+    if (column + (blank ? 3 : unit) > kLineWidth) {
       _out += "=\r\n";
       column = 0;
     }
-    _out.append(encoded, i, unit);
-    column += unit;
+    if (blank && column == 0) {
+      _out += "=20";
+      column += 3;
+    } else {
+      _out.append(encoded, i, unit);
+      column += unit;
+    }
     i += unit;
   }
   _out += "\r\n";

@@ -312,8 +312,10 @@ std::vector<DaylightPeriod> daylightPeriods(const TimeZone& zone, int firstYear,
   bool state = dst(from);
   bool open = false;
   double openedAt = 0;
-  for (double t = from; t < to; t += kDay) {
-    const double next = std::min(t + kDay, to);
+  // A period still open at the end of the last year is followed to its end.
+  const double limit = to + 370 * kDay;
+  for (double t = from; t < to || (open && t < limit); t += kDay) {
+    const double next = t + kDay;
     const bool nextState = dst(next);
     if (!nextState) standard = zone.secondsFromGMT(Date{next});
     if (nextState == state) continue;
@@ -327,7 +329,7 @@ std::vector<DaylightPeriod> daylightPeriods(const TimeZone& zone, int firstYear,
     }
     state = nextState;
   }
-  if (open) periods.push_back({openedAt, to, zone.secondsFromGMT(Date{openedAt})});
+  if (open) periods.push_back({openedAt, limit, zone.secondsFromGMT(Date{openedAt})});
   const double first = yearStart(firstYear).secondsSinceReferenceDate;
   std::erase_if(periods, [&](const DaylightPeriod& p) { return p.end <= first; });
   return periods;
