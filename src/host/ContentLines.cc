@@ -30,12 +30,6 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
          std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return upperAscii(x) == upperAscii(y); });
 }
 
-bool containsIgnoringCase(std::string_view text, std::string_view needle) {
-  return std::search(text.begin(), text.end(), needle.begin(), needle.end(), [](char x, char y) {
-           return upperAscii(x) == upperAscii(y);
-         }) != text.end();
-}
-
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
 std::string_view trimWhitespaceView(std::string_view text) {
@@ -140,14 +134,25 @@ struct HeadFlags {
   bool base64 = false;
 };
 
+// The encoding a line's parameters name, before the line is parsed: its
+// value may go on over the next physical lines.
 HeadFlags headFlags(std::string_view logical) {
   const std::size_t colon = valueColon(logical);
   if (colon == std::string_view::npos) return {};
   std::string_view head = logical.substr(0, colon);
   HeadFlags flags;
-  flags.quotedPrintable = containsIgnoringCase(head, "QUOTED-PRINTABLE");
-  for (std::string_view marker : {"BASE64", "ENCODING=B"})
-    if (containsIgnoringCase(head, marker)) flags.base64 = true;
+  std::size_t start = head.find(';');
+  while (start != std::string_view::npos) {
+    const std::size_t end = head.find(';', start + 1);
+    std::string_view item = trimWhitespaceView(head.substr(start + 1, end == std::string_view::npos ? end : end - start - 1));
+    if (std::size_t equals = item.find('='); equals != std::string_view::npos) {
+      if (!equalsIgnoringCase(trimWhitespaceView(item.substr(0, equals)), "ENCODING")) item = {};
+      else item = trimWhitespaceView(item.substr(equals + 1));
+    }
+    if (equalsIgnoringCase(item, "QUOTED-PRINTABLE")) flags.quotedPrintable = true;
+    if (equalsIgnoringCase(item, "BASE64") || equalsIgnoringCase(item, "B")) flags.base64 = true;
+    start = end;
+  }
   return flags;
 }
 

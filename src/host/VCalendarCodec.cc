@@ -142,7 +142,8 @@ class EntryWriter {
   // be written. `day`: a day anchor is written as its day.
   std::string dateText(const CalendarDate& date, bool day, std::vector<ContentParameter>* parameters);
   bool dateLine(std::string_view property, const Value& value, bool day);
-  void alarms(std::string_view property, const Value& list, std::string_view textKey);
+  // false (nothing written) when the list holds anything but alarms.
+  bool alarms(std::string_view property, const Value& list, std::string_view textKey);
   void noteYear(int year) {
     _firstYear = std::min(_firstYear, year);
     _lastYear = std::max(_lastYear, year);
@@ -178,7 +179,9 @@ bool EntryWriter::dateLine(std::string_view property, const Value& value, bool d
   return true;
 }
 
-void EntryWriter::alarms(std::string_view property, const Value& list, std::string_view textKey) {
+bool EntryWriter::alarms(std::string_view property, const Value& list, std::string_view textKey) {
+  if (!std::all_of(list.array().begin(), list.array().end(), [](const Value& v) { return v.isDictionary(); }))
+    return false;
   for (const Value& item : list.array()) {
     const std::optional<Dictionary> alarm = item.asDictionary();
     if (!alarm) continue;
@@ -194,6 +197,7 @@ void EntryWriter::alarms(std::string_view property, const Value& list, std::stri
       parts.insert(parts.end(), {"", "", text.string()});
     _out.line(property, parameters, joinComponents(parts));
   }
+  return true;
 }
 
 void EntryWriter::write(const PhoneStoreRecord& record) {
@@ -240,14 +244,12 @@ void EntryWriter::write(const PhoneStoreRecord& record) {
   }
 
   if (const Value list = fields.get("displayAlarms"); list.isArray()) {
-    alarms("DALARM", list, "description");
-    _written.insert("displayAlarms");
+    if (alarms("DALARM", list, "description")) _written.insert("displayAlarms");
   }
   if (const Value list = fields.get("audioAlarms"); list.isArray()) {
-    alarms("AALARM", list, "sound");
-    _written.insert("audioAlarms");
+    if (alarms("AALARM", list, "sound")) _written.insert("audioAlarms");
   }
-  if (const Value list = fields.get("exceptionDates"); list.isArray()) {
+  if (const Value list = fields.get("exceptionDates"); list.isArray() && !list.array().empty()) {
     // One line per zone, so that each instant can name its zone.
     std::vector<std::pair<std::vector<ContentParameter>, std::vector<std::string>>> lines;
     bool complete = true;
@@ -268,7 +270,7 @@ void EntryWriter::write(const PhoneStoreRecord& record) {
     for (const auto& [parameters, days] : lines) _out.line("EXDATE", parameters, fmt::format("{}", fmt::join(days, ";")));
     if (complete) _written.insert("exceptionDates");
   }
-  if (const Value list = fields.get("recurrences"); list.isArray()) {
+  if (const Value list = fields.get("recurrences"); list.isArray() && !list.array().empty()) {
     bool complete = true;
     for (const Value& item : list.array()) {
       const std::optional<Dictionary> recurrence = item.asDictionary();
@@ -372,14 +374,24 @@ std::optional<CalendarDate> EntryReader::date(const ContentLine& line, std::stri
     return std::nullopt;
   }
   if (day) *day = value->dateOnly;
-  if (value->dateOnly || value->utc) return calendarDateFromVDate(*value, zoneOfLine(line, TimeZone::gmt()));
-  if (std::optional<std::string> tzid = line.parameter("TZID"))
-    if (TimeZonePtr zone = TimeZone::timeZoneWithName(*tzid)) return calendarDateFromVDate(*value, zone);
-  if (!_zone.standard) return calendarDateFromVDate(*value, _options.phoneZone);
-  const double wall = calendarDateFromVDate(*value, TimeZone::gmt()).timeIntervalSinceReferenceDate();
-  const int offset = _zone.offsetAt(wall);
-  TimeZonePtr zone = _options.phoneZone ? _options.phoneZone : TimeZone::timeZoneForSecondsFromGMT(*_zone.standard);
-  return CalendarDate(Date{wall - offset}, zone ? zone : TimeZone::gmt());
+  CalendarDate result;
+  if (value->dateOnly || value->utc) {
+    result = calendarDateFromVDate(*value, zoneOfLine(line, TimeZone::gmt()));
+  } else if (TimeZonePtr zone = TimeZone::timeZoneWithName(line.parameter("TZID").value_or(""))) {
+    result = calendarDateFromVDate(*value, zone);
+  } else if (!_zone.standard) {
+    result = calendarDateFromVDate(*value, _options.phoneZone);
+  } else {
+    const double wall = calendarDateFromVDate(*value, TimeZone::gmt()).timeIntervalSinceReferenceDate();
+    const int offset = _zone.offsetAt(wall);
+    TimeZonePtr zone = _options.phoneZone ? _options.phoneZone : TimeZone::timeZoneForSecondsFromGMT(*_zone.standard);
+    result = CalendarDate(Date{wall - offset}, zone ? zone : TimeZone::gmt());
+  }
+  if (utcText(result).empty()) {
+    problem(line, "a date out of the years 1 to 9999: \"" + std::string(text) + "\"");
+    return std::nullopt;
+  }
+  return result;
 }
 
 Dictionary EntryReader::alarm(const ContentLine& line, std::string_view textKey) {
@@ -450,10 +462,9 @@ PhoneStoreRecord EntryReader::read(const ContentObject& entry) {
       Array alarms = list(name == "DALARM" ? "displayAlarms" : "audioAlarms");
       alarms.add(alarm(line, name == "DALARM" ? "description" : "sound"));
     } else if (name == "EXDATE") {
-      Array dates = list("exceptionDates");
       for (const std::string& item : splitStructured(text(line), line.rawValue.find(';') != std::string::npos ? ';' : ','))
         if (!item.empty())
-          if (std::optional<CalendarDate> value = date(line, item)) dates.add(*value);
+          if (std::optional<CalendarDate> value = date(line, item)) list("exceptionDates").add(*value);
     } else if (name == "RRULE") {
       std::string why;
       std::optional<Dictionary> recurrence = recurrenceFromVCalendarRule(

@@ -105,16 +105,14 @@ std::optional<VCalendarRuleText> vcalendarRuleFromRecurrence(
   const std::string frequency = recurrence.getString("frequency");
   const Value intervalValue = recurrence.get("interval");
   const std::int64_t interval = std::max<std::int64_t>(1, intervalValue.integerIfNumeric().value_or(1));
-  std::set<std::string> said{"frequency", "count", "until"};
+  std::set<std::string> said{"frequency"};
   if (intervalValue.integerIfNumeric() && *intervalValue.integerIfNumeric() >= 1) said.insert("interval");
   std::string rule;
   std::vector<std::string> words;
 
   const Value days = recurrence.get("bydaydays");
   const std::optional<std::vector<std::string>> dayNames = weekdays(days);
-  const std::optional<std::vector<int>> dayFrequencies =
-      recurrence.contains("bydayfreq") ? integers(recurrence.get("bydayfreq"))
-                                       : std::optional(std::vector<int>(dayNames ? dayNames->size() : 0, 0));
+  const std::optional<std::vector<int>> dayFrequencies = integers(recurrence.get("bydayfreq"));
   const bool daysAreWeekly = dayNames && dayFrequencies && dayFrequencies->size() == dayNames->size() &&
                              std::all_of(dayFrequencies->begin(), dayFrequencies->end(), [](int n) { return n == 0; });
   const bool daysAreMonthly = dayNames && !dayNames->empty() && dayFrequencies &&
@@ -177,9 +175,11 @@ std::optional<VCalendarRuleText> vcalendarRuleFromRecurrence(
   if (const std::optional<std::int64_t> count = recurrence.get("count").integerIfNumeric();
       count && *count > 0 && !recurrence.get("count").isString()) {
     end = fmt::format("#{}", *count);
+    said.insert("count");
   } else if (until.isDate()) {
     if (std::string untilText = dateText(until.date()); !untilText.empty()) {
       end = untilText;
+      said.insert("until");
       for (ContentParameter& p : zoneParameters(until.date()))
         text.parameters.push_back({"X-UNTIL-TZID", std::move(p.value)});
     }

@@ -102,10 +102,7 @@ std::string typeForTokens(const SubRecordKind& kind, const Tokens& tokens,
   return "other";
 }
 
-// A parameter value that a 2.1 line can carry as it is.
-bool fitsParameter(std::string_view value) {
-  return !value.empty() && value.find_first_of(";:\"\r\n") == std::string_view::npos;
-}
+bool fitsParameter(std::string_view value) { return isPlainParameter(value); }
 
 std::string photoType(const std::string& bytes) {
   auto starts = [&](std::string_view magic) { return bytes.compare(0, magic.size(), magic) == 0; };
@@ -185,7 +182,9 @@ void VCardCodec::writeEntry(ContentWriter& out, const PhoneStoreRecord& record) 
 
   for (const SubRecordKind& kind : kKinds) {
     const Value* list = fields.find(std::string(kind.relation));
-    if (!list || !list->isArray()) continue;
+    if (!list || !list->isArray() ||
+        !std::all_of(list->array().begin(), list->array().end(), [](const Value& v) { return v.isDictionary(); }))
+      continue;
     written.insert(std::string(kind.relation));
     for (const Value& item : list->array()) {
       const std::optional<Dictionary> sub = item.asDictionary();
@@ -291,11 +290,11 @@ PhoneStoreRecord VCardCodec::readEntry(const ContentObject& card, VFormatReadRes
     } else if (name == "NOTE") {
       setText(fields, "notes", textOf(line));
     } else if (name == "BDAY") {
-      const std::string value = textOf(line);
-      if (std::optional<VDateValue> date = parseVDate(value))
-        fields.set("birthday", calendarDateFromVDate(*date, zoneOfLine(line, nullptr)));
+      std::string problem;
+      if (std::optional<CalendarDate> date = readVDate(textOf(line), zoneOfLine(line, nullptr), problem))
+        fields.set("birthday", *date);
       else
-        result.problems.push_back({line.line, "BDAY is not a date: \"" + value + "\""});
+        result.problems.push_back({line.line, "BDAY: " + problem});
     } else if (name == "PHOTO") {
       std::string bytes;
       if (line.rawValue.compare(0, 5, "data:") == 0) {
@@ -336,7 +335,8 @@ PhoneStoreRecord VCardCodec::readEntry(const ContentObject& card, VFormatReadRes
         setText(sub, "state", part(4));
         setText(sub, "postalCode", part(5));
         setText(sub, "country", part(6));
-        if (std::optional<std::string> code = line.parameter("X-COUNTRYCODE")) setText(sub, "countryCode", *code);
+        if (std::optional<std::string> code = line.parameter("X-COUNTRYCODE"); code && fitsParameter(*code))
+          sub.set("countryCode", *code);
       } else {
         std::string value = textOf(line);
         if (kind->property == "TEL" && value.compare(0, 4, "tel:") == 0) value.erase(0, 4);
@@ -346,7 +346,8 @@ PhoneStoreRecord VCardCodec::readEntry(const ContentObject& card, VFormatReadRes
       }
       sub.set("type", typeForTokens(*kind, tokens,
                                     names == _options.typeNames.end() ? nullptr : &names->second));
-      if (std::optional<std::string> label = line.parameter("X-LABEL")) setText(sub, "label", *label);
+      if (std::optional<std::string> label = line.parameter("X-LABEL"); label && fitsParameter(*label))
+        sub.set("label", *label);
       Array list = fields.getArray(std::string(kind->relation)).value_or(Array());
       list.add(sub);
       fields.set(std::string(kind->relation), list);

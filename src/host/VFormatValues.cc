@@ -98,6 +98,25 @@ CalendarDate calendarDateFromVDate(const VDateValue& value, const TimeZonePtr& z
                                     value.second, zone ? zone : TimeZone::gmt());
 }
 
+std::optional<CalendarDate> readVDate(std::string_view text, const TimeZonePtr& zone, std::string& problem) {
+  const std::optional<VDateValue> value = parseVDate(text);
+  if (!value) {
+    problem = "not a date: \"" + std::string(text) + "\"";
+    return std::nullopt;
+  }
+  CalendarDate date = calendarDateFromVDate(*value, zone);
+  if (utcText(date).empty()) {
+    problem = "a date out of the years 1 to 9999: \"" + std::string(text) + "\"";
+    return std::nullopt;
+  }
+  return date;
+}
+
+bool isPlainParameter(std::string_view value) {
+  return !value.empty() && value.find_first_of(";:\"=,\r\n") == std::string_view::npos &&
+         value.front() != ' ' && value.back() != ' ' && value.front() != '\t' && value.back() != '\t';
+}
+
 bool isDayAnchor(const CalendarDate& date) {
   return date.timeZone() && date.timeZone()->name() == "GMT" && date.hourOfDay() == 12 &&
          date.minuteOfHour() == 0 && date.secondOfMinute() == 0;
@@ -166,8 +185,8 @@ bool writeExtraField(ContentWriter& out, std::string_view key, const Value& valu
 
 bool readExtraField(const ContentLine& line, Dictionary& record, std::string& problem) {
   const std::optional<std::string> key = line.parameter("KEY");
-  if (!key || key->empty()) {
-    problem = std::string(kExtraFieldProperty) + " without a KEY";
+  if (!key || !isPlainParameter(*key) || *key == "entityName") {
+    problem = std::string(kExtraFieldProperty) + " without a usable KEY";
     return false;
   }
   const std::string kind = upper(line.parameter("VALUE").value_or("TEXT"));
@@ -201,12 +220,9 @@ bool readExtraField(const ContentLine& line, Dictionary& record, std::string& pr
   } else if (kind == "BINARY") {
     record.set(*key, Data::fromString(decodedBytes(line)));
   } else if (kind == "DATE-TIME") {
-    const std::optional<VDateValue> date = parseVDate(text);
-    if (!date) {
-      problem = "not a date: \"" + text + "\"";
-      return false;
-    }
-    record.set(*key, calendarDateFromVDate(*date, zoneOfLine(line, nullptr)));
+    const std::optional<CalendarDate> date = readVDate(text, zoneOfLine(line, nullptr), problem);
+    if (!date) return false;
+    record.set(*key, *date);
   } else if (kind == "LIST") {
     Array items;
     if (!text.empty())

@@ -41,6 +41,12 @@ std::optional<VDateValue> parseVDate(std::string_view text);
 // The wall clock read in `zone` (nullptr: GMT); a date only is 12:00:00 GMT.
 CalendarDate calendarDateFromVDate(const VDateValue& value, const TimeZonePtr& zone);
 
+// parseVDate and calendarDateFromVDate in one, refusing an instant whose
+// year in GMT is out of 1...9999 (it could not be written again).
+std::optional<CalendarDate> readVDate(std::string_view text, const TimeZonePtr& zone, std::string& problem);
+// Whether a text can be a 2.1 parameter value as it is, and read back the same.
+bool isPlainParameter(std::string_view value);
+
 // Whether a record date stands for a whole day: 12:00:00 in the zone GMT.
 bool isDayAnchor(const CalendarDate& date);
 // "20270131" of a day anchor's day.
