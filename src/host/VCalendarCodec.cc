@@ -190,11 +190,10 @@ bool EntryWriter::alarms(std::string_view property, const Value& list, std::stri
     if (const Value trigger = alarm->get("triggerdate"); trigger.isDate())
       runTime = dateText(trigger.date(), false, &parameters);
     if (const Value duration = alarm->get("triggerduration"); duration.isNumber())
-      parameters.push_back({"X-TRIGGERDURATION", duration.isInteger() ? std::to_string(duration.integerValue())
-                                                                      : fmt::format("{}", duration.doubleValue())});
-    std::vector<std::string> parts{runTime};
-    if (const Value text = alarm->get(std::string(textKey)); text.isString() && !text.string().empty())
-      parts.insert(parts.end(), {"", "", text.string()});
+      parameters.push_back({"X-TRIGGERDURATION", "N" + (duration.isInteger() ? std::to_string(duration.integerValue())
+                                                                             : fmt::format("{}", duration.doubleValue()))});
+    // Run time, snooze time, repeat count, text: all four, as phones write them.
+    std::vector<std::string> parts{runTime, "", "", alarm->getString(std::string(textKey))};
     _out.line(property, parameters, joinComponents(parts));
   }
   return true;
@@ -400,6 +399,7 @@ Dictionary EntryReader::alarm(const ContentLine& line, std::string_view textKey)
   if (!parts[0].empty())
     if (std::optional<CalendarDate> trigger = date(line, parts[0])) alarm.set("triggerdate", *trigger);
   if (std::optional<std::string> duration = line.parameter("X-TRIGGERDURATION")) {
+    if (duration->size() > 1 && (*duration)[0] == 'N') duration->erase(0, 1);
     std::int64_t seconds = 0;
     const auto [end, error] = std::from_chars(duration->data(), duration->data() + duration->size(), seconds);
     if (error == std::errc() && end == duration->data() + duration->size()) alarm.set("triggerduration", seconds);

@@ -73,13 +73,19 @@ std::string ordinal(int n, bool plusSign) {
   return plusSign ? fmt::format("{}+", n) : std::to_string(n);
 }
 
+// A number in a parameter is written "N<number>": readers of the 1.0
+// grammar take a parameter value for a word only when it starts with a letter.
+std::string parameterItem(const Value& item) {
+  return item.isString() ? item.string() : "N" + item.stringValue();
+}
+
 std::string parameterValue(const Value& value) {
   if (const std::optional<Array> list = value.asArray()) {
     std::vector<std::string> items;
-    for (const Value& item : *list) items.push_back(item.stringValue());
+    for (const Value& item : *list) items.push_back(parameterItem(item));
     return fmt::format("{}", fmt::join(items, ","));
   }
-  return value.stringValue();
+  return parameterItem(value);
 }
 
 // Reads "3", "3+" or "3-" (and "LD", the last day) within [1, limit].
@@ -295,7 +301,7 @@ std::optional<Dictionary> recurrenceFromVCalendarRule(
     for (const std::string& item : splitStructured(p.value, ',')) {
       if (known->text) {
         items.add(item);
-      } else if (std::optional<int> n = number(item)) {
+      } else if (std::optional<int> n = number(item.size() > 1 && item[0] == 'N' ? std::string_view(item).substr(1) : std::string_view(item))) {
         items.add(*n);
       } else {
         return fail("X-" + upper(key) + " is not a number list");

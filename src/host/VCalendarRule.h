@@ -13,7 +13,9 @@
 // A rule without its duration runs twice, as the grammar says. The parts of
 // a record that the grammar cannot say (a position in the set, a week
 // start, days on a yearly rule...) travel as X-<KEY> parameters of the
-// RRULE line ("X-BYSETPOS=-1"), which this reader restores; a phone that
+// RRULE line ("X-BYSETPOS=N-1": a number after an N, since other readers
+// take a parameter value that starts with a digit or a sign for no word),
+// which this reader restores; a phone that
 // cannot store such a rule gets the event exploded before it is written.
 
 #include <functional>
