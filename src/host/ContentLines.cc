@@ -125,7 +125,9 @@ std::optional<ContentLine> parseLine(std::string logical, std::size_t lineNumber
       addParameter(line.parameters, item);
     rest = end < rest.size() ? rest.substr(end + 1) : std::string_view();
   }
-  line.rawValue = logical.substr(colon + 1);
+  // The value keeps the line's buffer.
+  line.rawValue = std::move(logical);
+  line.rawValue.erase(0, colon + 1);
   return line;
 }
 
@@ -229,9 +231,16 @@ const ContentLine* ContentObject::find(std::string_view lineName) const {
 
 std::optional<std::string_view> ContentReader::peekPhysicalLine() {
   if (_position >= _text.size()) return std::nullopt;
-  std::size_t end = _text.find_first_of("\r\n", _position);
-  if (end == std::string_view::npos) end = _text.size();
-  return _text.substr(_position, end - _position);
+  if (_peekedAt != _position) {
+    // One pass over the bytes (find_first_of tests each byte against the set).
+    const char* begin = _text.data() + _position;
+    const char* const last = _text.data() + _text.size();
+    const char* end = begin;
+    while (end != last && *end != '\n' && *end != '\r') ++end;
+    _peekedAt = _position;
+    _peekedLength = static_cast<std::size_t>(end - begin);
+  }
+  return _text.substr(_position, _peekedLength);
 }
 
 std::optional<std::string_view> ContentReader::nextPhysicalLine() {
@@ -346,6 +355,7 @@ std::string decodedBytes(const ContentLine& line) {
 }
 
 std::string decodedText(const ContentLine& line, std::string* problem) {
+  if (line.parameters.empty() && isAscii(line.rawValue)) return line.rawValue;
   std::string bytes = decodedBytes(line);
   if (const std::optional<std::string> charset = line.parameter("CHARSET");
       charset && !equalsIgnoringCase(*charset, "UTF-8") && !equalsIgnoringCase(*charset, "UTF8")) {

@@ -89,6 +89,8 @@ class ContentReader {
   std::string_view _text;
   std::size_t _position = 0;
   std::size_t _lineNumber = 0;  // of the last physical line taken
+  std::size_t _peekedAt = std::string_view::npos;  // where the line measured last starts
+  std::size_t _peekedLength = 0;
   bool _foldKeepsBlank = true;  // 2.1 and vCalendar 1.0 until a VERSION says otherwise
   std::vector<ContentProblem> _problems;
 };

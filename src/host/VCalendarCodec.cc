@@ -386,7 +386,7 @@ std::optional<CalendarDate> EntryReader::date(const ContentLine& line, std::stri
     TimeZonePtr zone = _options.phoneZone ? _options.phoneZone : TimeZone::timeZoneForSecondsFromGMT(*_zone.standard);
     result = CalendarDate(Date{wall - offset}, zone ? zone : TimeZone::gmt());
   }
-  if (utcText(result).empty()) {
+  if (!isWithinWritableYears(result)) {
     problem(line, "a date out of the years 1 to 9999: \"" + std::string(text) + "\"");
     return std::nullopt;
   }

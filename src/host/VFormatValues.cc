@@ -98,6 +98,13 @@ CalendarDate calendarDateFromVDate(const VDateValue& value, const TimeZonePtr& z
                                     value.second, zone ? zone : TimeZone::gmt());
 }
 
+bool isWithinWritableYears(const CalendarDate& date) {
+  static const double first = CalendarDate::dateWithYear(1, 1, 1, 0, 0, 0, TimeZone::gmt()).timeIntervalSinceReferenceDate();
+  static const double end = CalendarDate::dateWithYear(10000, 1, 1, 0, 0, 0, TimeZone::gmt()).timeIntervalSinceReferenceDate();
+  const double t = date.timeIntervalSinceReferenceDate();
+  return t >= first && t < end;
+}
+
 std::optional<CalendarDate> readVDate(std::string_view text, const TimeZonePtr& zone, std::string& problem) {
   const std::optional<VDateValue> value = parseVDate(text);
   if (!value) {
@@ -105,7 +112,7 @@ std::optional<CalendarDate> readVDate(std::string_view text, const TimeZonePtr& 
     return std::nullopt;
   }
   CalendarDate date = calendarDateFromVDate(*value, zone);
-  if (utcText(date).empty()) {
+  if (!isWithinWritableYears(date)) {
     problem = "a date out of the years 1 to 9999: \"" + std::string(text) + "\"";
     return std::nullopt;
   }

@@ -41,6 +41,8 @@ std::optional<VDateValue> parseVDate(std::string_view text);
 // The wall clock read in `zone` (nullptr: GMT); a date only is 12:00:00 GMT.
 CalendarDate calendarDateFromVDate(const VDateValue& value, const TimeZonePtr& zone);
 
+// Whether the instant falls in the years 1...9999 in GMT, which utcText writes.
+bool isWithinWritableYears(const CalendarDate& date);
 // parseVDate and calendarDateFromVDate in one, refusing an instant whose
 // year in GMT is out of 1...9999 (it could not be written again).
 std::optional<CalendarDate> readVDate(std::string_view text, const TimeZonePtr& zone, std::string& problem);
