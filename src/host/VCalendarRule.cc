@@ -196,8 +196,9 @@ std::optional<VCalendarRuleText> vcalendarRuleFromRecurrence(
 
   for (const auto& [key, value] : recurrence) {
     if (!key.isString() || said.count(key.string())) continue;
+    const std::string& name = key.string();
     const auto known = std::find_if(kExtraKeys.begin(), kExtraKeys.end(),
-                                    [&](const ExtraKey& k) { return k.key == key.string(); });
+                                    [&](const ExtraKey& k) { return k.key == name; });
     if (known == kExtraKeys.end()) continue;
     text.parameters.push_back({"X-" + upper(key.string()), parameterValue(value)});
   }
