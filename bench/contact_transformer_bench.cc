@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "engine/SchemaNames.h"
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "formatting/EntityFormatter.h"
-#include "host/HostInterfaces.h"
+#include "platform/HostInterfaces.h"
 #include "platform/PropertyList.h"
 #include "transformers/QVTSyncContactTransformer.h"
 #include "util/PHCMangling.h"

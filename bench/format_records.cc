@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "engine/MemoryEngine.h"
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "platform/PropertyList.h"
 #include "util/PHCMangling.h"
 

@@ -20,7 +20,7 @@
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
 #include "explode.h"
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "host/PhoneStore.h"
 #include "host/VCalendarCodec.h"
 #include "host/VCardCodec.h"

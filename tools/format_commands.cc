@@ -23,7 +23,7 @@
 #include "conduit/CFPhone.h"
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
 #include "util/PHCMangling.h"

@@ -5,7 +5,7 @@
 #include <filesystem>
 
 #include "async/Log.h"
-#include "conduit/ConditionReport.h"
+#include "async/ConditionReport.h"
 #include "conduit/SyncClientState.h"
 #include "engine/SchemaNames.h"
 

@@ -21,7 +21,7 @@
 
 #include "conduit/ConduitProtocols.h"
 #include "engine/SyncEngine.h"
-#include "host/HostInterfaces.h"
+#include "platform/HostInterfaces.h"
 #include "platform/TimeZone.h"
 #include "platform/Value.h"
 

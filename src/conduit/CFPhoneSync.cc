@@ -5,7 +5,7 @@
 
 #include "async/Log.h"
 #include "conduit/CFPhone.h"
-#include "conduit/ConditionReport.h"
+#include "async/ConditionReport.h"
 #include "conduit/SyncClientState.h"
 #include "engine/SchemaNames.h"
 #include "platform/Exception.h"

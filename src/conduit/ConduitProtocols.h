@@ -18,9 +18,12 @@ namespace pc {
 
 class CFPhone;
 class DataClassManager;
+class DeviceSyncService;
 class EntityFormatter;
 class FormattingMethods;
 class RecordHolder;
+class SyncEngineClient;
+class TruthSnapshot;
 
 // A data-class helper as a record transformer: it changes each record of its
 // data class before it goes to the phone and after it comes back.
@@ -54,12 +57,27 @@ class EntityFormatterDelegate {
 // is a QVTSyncRecordTransformer too.
 using DataClassHelperPtr = std::shared_ptr<EntityFormatterDelegate>;
 
-// An entity formatter as the phone builds it for one entity.
+// An entity formatter as the phone and the engine record formatter build it
+// for one entity.
 class EntityFormatting : public Object {
  public:
   // May raise an invalid-argument exception for an unusable description.
   virtual void initWithPhone(CFPhone& phone, const std::string& entityName) = 0;
+  // The same from the descriptions themselves (the phone's look-ups done by
+  // the caller): `description` first format, `descriptionV2` second format,
+  // `supportedKeys` the keys the phone keeps (absent: all are kept).
+  virtual void initWithDescriptions(const std::string& entityName,
+                                    const std::optional<Dictionary>& description,
+                                    const std::optional<Dictionary>& descriptionV2,
+                                    const std::optional<Array>& supportedKeys,
+                                    std::shared_ptr<DeviceSyncService> service,
+                                    std::shared_ptr<SyncEngineClient> client) = 0;
   virtual void setHelper(DataClassHelperPtr helper) = 0;
+  virtual void awakeFromSynchronization() = 0;
+  virtual void _setSnapShot(std::shared_ptr<const TruthSnapshot> snapShot) = 0;
+  // Formats `record` in place; answers it (or the record that replaced it),
+  // nullopt when the record is rejected.
+  virtual std::optional<Dictionary> formatRecord(const Dictionary& record) = 0;
 };
 
 using EntityFormattingPtr = std::shared_ptr<EntityFormatting>;

@@ -5,10 +5,9 @@
 #include "async/AYLogger.h"
 #include "async/Log.h"
 #include "conduit/CFPhone.h"
-#include "conduit/ConditionReport.h"
+#include "async/ConditionReport.h"
 #include "engine/SchemaNames.h"
-#include "host/HostInterfaces.h"
-#include "formatting/EntityFormatter.h"
+#include "platform/HostInterfaces.h"
 #include "platform/Exception.h"
 #include "platform/Registry.h"
 
@@ -67,7 +66,13 @@ void QVTSyncFormatter::initWithClient(std::shared_ptr<SyncEngineClient> aClient,
   for (const Value& entity : entities) {
     const std::string entityName = entity.stringValue();
     try {
-      auto formatter = std::make_shared<EntityFormatter>();
+      // The formatter class registers itself by name; the conduit knows it
+      // only through its interface.
+      auto formatter = ClassRegistry::createAs<EntityFormatting>("EntityFormatter");
+      if (!formatter) {
+        QVT_LOG(kLogError, logDomain(), "cannot load class {}", "EntityFormatter");
+        break;
+      }
       formatter->initWithDescriptions(entityName, phone->formattingDescriptionForEntity(entityName),
                                       phone->formattingDescriptionV2ForEntity(entityName),
                                       phone->allKeysForEntity(entityName), service,
@@ -87,7 +92,7 @@ void QVTSyncFormatter::initWithClient(std::shared_ptr<SyncEngineClient> aClient,
   phone->invalidate();
 }
 
-std::shared_ptr<EntityFormatter> QVTSyncFormatter::formatterForEntity(
+EntityFormattingPtr QVTSyncFormatter::formatterForEntity(
     const std::string& entityName) const {
   if (!formatters) return nullptr;
   auto it = formatters->find(entityName);
@@ -98,7 +103,7 @@ std::optional<Dictionary> QVTSyncFormatter::formattedRecordForRecord(
     const Dictionary& record, const std::string& identifier) {
   QVT_CHECK_NAMED(formatters, "_formatters");
   QVT_LOG(kLogInfo, logDomain(), "ask to format {}\n{}", identifier, record);
-  std::shared_ptr<EntityFormatter> formatter =
+  EntityFormattingPtr formatter =
       formatterForEntity(record.get(kEngineRecordEntityNameKey).stringValue());
   if (!formatter) {
     QVT_LOG(kLogWarning, logDomain(), "no formatter!!");

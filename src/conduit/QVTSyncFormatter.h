@@ -12,12 +12,11 @@
 #include <string>
 
 #include "engine/MemoryEngine.h"
+#include "conduit/ConduitProtocols.h"
 #include "engine/SyncEngine.h"
 #include "platform/Value.h"
 
 namespace pc {
-
-class EntityFormatter;
 
 // Where a phone side keeps the values of the device's "$name" variables in
 // its client, so that the engine side, which has no device, resolves them the
@@ -49,14 +48,14 @@ class QVTSyncFormatter : public EngineRecordFormattingPlugIn {
 
   // The formatter of one entity (nullptr when there is none), for callers
   // that assemble master records with their sub-records.
-  std::shared_ptr<EntityFormatter> formatterForEntity(const std::string& entityName) const;
+  EntityFormattingPtr formatterForEntity(const std::string& entityName) const;
 
  private:
   static const std::string& logDomain();
 
   std::shared_ptr<const TruthSnapshot> snapShot;
   std::shared_ptr<SyncEngineClient> client;
-  std::optional<std::map<std::string, std::shared_ptr<EntityFormatter>>> formatters;
+  std::optional<std::map<std::string, EntityFormattingPtr>> formatters;
   Array entities;
 };
 

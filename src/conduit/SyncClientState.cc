@@ -3,7 +3,7 @@
 #include <mutex>
 
 #include "async/Log.h"
-#include "conduit/ConditionReport.h"
+#include "async/ConditionReport.h"
 #include "conduit/StoredDefaults.h"
 #include "engine/SchemaNames.h"
 

@@ -9,7 +9,17 @@
 #include <string>
 #include <vector>
 
-#include "formatting/DeviceFormatting.h"
+namespace pc {
+
+// One problem of a device description: where it is ("Formatting/Contacts.
+// PhoneNumber/type/mappings/2": keys and list indexes joined by "/", since
+// entity names hold dots) and the message the formatter logs for it.
+struct DescriptionProblem {
+  std::string keyPath;
+  std::string message;
+};
+
+}  // namespace pc
 
 namespace pc::description_check {
 

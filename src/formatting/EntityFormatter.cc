@@ -4,11 +4,11 @@
 
 #include "async/Log.h"
 #include "conduit/CFPhone.h"
-#include "conduit/ConditionReport.h"
+#include "async/ConditionReport.h"
 #include "engine/SchemaNames.h"
 #include "formatting/DescriptionCheck.h"
 #include "formatting/FormattingMethods.h"
-#include "host/HostInterfaces.h"
+#include "platform/HostInterfaces.h"
 #include "platform/Exception.h"
 #include "platform/Registry.h"
 #include "util/SyncCategory.h"

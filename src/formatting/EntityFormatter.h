@@ -82,15 +82,15 @@ class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDel
                             const std::optional<Dictionary>& descriptionV2,
                             const std::optional<Array>& supportedKeys,
                             std::shared_ptr<DeviceSyncService> service,
-                            std::shared_ptr<SyncEngineClient> client);
+                            std::shared_ptr<SyncEngineClient> client) override;
 
   // Gives the helper the formatting methods and, with field formatters,
   // announces this formatter to it. The same helper again changes nothing.
   void setHelper(DataClassHelperPtr helper) override;
   const DataClassHelperPtr& helper() const { return _helper; }
 
-  void awakeFromSynchronization();
-  void _setSnapShot(std::shared_ptr<const TruthSnapshot> snapShot);
+  void awakeFromSynchronization() override;
+  void _setSnapShot(std::shared_ptr<const TruthSnapshot> snapShot) override;
   const std::shared_ptr<FormattingMethods>& _formattingMethods() const { return formatter; }
   const std::string& entityName() const;
 
@@ -117,7 +117,7 @@ class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDel
   // --- Formatting ----------------------------------------------------------
   // Formats `record` in place; answers it (or the record that replaced it),
   // nullopt when the record is rejected (see lastRejectionReason).
-  std::optional<Dictionary> formatRecord(const Dictionary& record);
+  std::optional<Dictionary> formatRecord(const Dictionary& record) override;
   // Why the last formatRecord rejected its record: which field or which step.
   const std::string& lastRejectionReason() const { return _lastRejectionReason; }
   // The entity's standard formatting of the record; the record itself when the

@@ -14,7 +14,7 @@
 #include "formatting/FormattingMethodsPrivate.h"
 #include "formatting/Invocation.h"
 #include "platform/Exception.h"
-#include "transformers/CalendarUtilities.h"
+#include "calcore/CalendarDateExtension.h"
 #include "util/QVTStringExtensions.h"
 #include "util/StringEncoding.h"
 #include "util/SyncCategory.h"

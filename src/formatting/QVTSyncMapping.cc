@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include "async/Log.h"
-#include "conduit/ConditionReport.h"
+#include "async/ConditionReport.h"
 #include "platform/Exception.h"
 #include "platform/Registry.h"
 

@@ -25,7 +25,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/HostInterfaces.h"
+#include "platform/HostInterfaces.h"
 #include "platform/Value.h"
 
 namespace pc {

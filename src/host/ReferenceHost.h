@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-#include "host/HostInterfaces.h"
+#include "platform/HostInterfaces.h"
 
 namespace pc {
 

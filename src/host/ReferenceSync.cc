@@ -17,7 +17,7 @@
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
 #include "formatting/EntityFormatter.h"
-#include "host/HostInterfaces.h"
+#include "platform/HostInterfaces.h"
 #include "host/PhoneStore.h"
 #include "host/ReferenceHost.h"
 #include "platform/Exception.h"

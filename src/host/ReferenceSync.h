@@ -27,7 +27,7 @@
 #include <string>
 #include <vector>
 
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "host/RecordAssembler.h"
 #include "platform/CalendarDate.h"
 #include "platform/Value.h"

@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 
+#include "calcore/CalendarDateExtension.h"
 #include "platform/CalendarDate.h"
 #include "platform/TimeZone.h"
 #include "platform/Value.h"
@@ -122,10 +123,8 @@ void normalizeRecurrencesWithStartDate(Array& recurrences,
                                        const std::optional<CalendarDate>& startDate,
                                        const std::optional<std::string>& weekStartDay,
                                        bool isAllDay, bool untilDateIsDateOnly);
-// A new array of the dates sorted ascending, each instant once (the first of
-// equal dates is kept; each removal is logged). Elements that are not dates
-// are dropped, logged. The input is not changed.
-Array normalizedExDates(const Array& exDates);
+// normalizedExDates (the exception-date list, sorted and without duplicates)
+// is declared in calcore/CalendarDateExtension.h, included above.
 
 }  // namespace CalendarUtilities
 
@@ -141,19 +140,9 @@ std::optional<Array> datesOfDetachedEventsForIdentifier(const TruthSnapshot& sna
                                                         const std::string& identifier,
                                                         const TimeZonePtr& zone);
 
-// --- Calendar dates ---
-
-// The date's year, month and day (read in its own zone) at 00:00:00 in `zone`
-// (nullptr: GMT).
-CalendarDate convertToMidnightInTimeZone(const CalendarDate& date, const TimeZonePtr& zone);
-// The same at 12:00:00.
-CalendarDate convertToMiddayInTimeZone(const CalendarDate& date, const TimeZonePtr& zone);
-// Wall-clock conversion: the same year, month, day, hour, minute and second in
-// `zone` (nullptr: GMT); the instant changes.
-CalendarDate convertInTimeZone(const CalendarDate& date, const TimeZonePtr& zone);
-// 12:00:00 GMT of the given day: all-day dates sit at midday GMT so that no
-// zone offset can move them to another day.
-CalendarDate allDayDateWithYear(int year, int month, int day);
+// The operations on calendar dates alone (convertToMidnightInTimeZone,
+// convertToMiddayInTimeZone, convertInTimeZone, allDayDateWithYear) are
+// declared in calcore/CalendarDateExtension.h, included above.
 
 }  // namespace CalendarExtension
 

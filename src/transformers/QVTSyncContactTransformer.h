@@ -24,7 +24,7 @@
 #include <string>
 
 #include "formatting/QVTSyncMapping.h"
-#include "host/HostInterfaces.h"
+#include "platform/HostInterfaces.h"
 #include "transformers/QVTSyncDataClassHelper.h"
 
 namespace pc {

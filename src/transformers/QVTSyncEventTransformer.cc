@@ -4,7 +4,7 @@
 
 #include "async/Log.h"
 #include "conduit/CFPhone.h"
-#include "conduit/ConditionReport.h"
+#include "async/ConditionReport.h"
 #include "engine/SchemaNames.h"
 #include "platform/Registry.h"
 #include "transformers/CalendarUtilities.h"

@@ -24,7 +24,7 @@
 #include <optional>
 #include <string>
 
-#include "host/HostInterfaces.h"
+#include "platform/HostInterfaces.h"
 #include "platform/CalendarDate.h"
 #include "transformers/QVTSyncDataClassHelper.h"
 

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "async/Log.h"
-#include "conduit/ConditionReport.h"
+#include "async/ConditionReport.h"
 #include "engine/SchemaNames.h"
 #include "engine/SyncEngine.h"
 #include "formatting/FormattingMethods.h"

@@ -11,7 +11,7 @@
 #include "conduit_test_support.h"
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "formatting/EntityFormatter.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"

@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 #include "engine/MemoryEngine.h"
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "platform/PropertyList.h"
 #include "util/PHCMangling.h"
 

@@ -12,7 +12,7 @@
 #include <set>
 
 #include "engine/MemoryEngine.h"
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "host/PhoneStore.h"
 #include "host/ReferenceSync.h"
 #include "platform/PropertyList.h"

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "engine/SchemaNames.h"
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "formatting/EntityFormatter.h"
 #include "formatting/ExamplePhones.h"
 #include "formatting/FormattingKeys.h"

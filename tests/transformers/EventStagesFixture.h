@@ -12,7 +12,7 @@
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
 #include "formatting/FormattingFixture.h"
-#include "host/HostInterfaces.h"
+#include "platform/HostInterfaces.h"
 #include "transformers/QVTSyncEventTransformer.h"
 
 namespace pc::test {

@@ -14,7 +14,7 @@
 #include "conduit/SyncClientState.h"
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 #include "formatting/FormattingFixture.h"
 #include "formatting/FormattingMethods.h"
 #include "host/ReferenceHost.h"

@@ -2,7 +2,9 @@
 // The host phone-sync agent's objects as the conduit uses them: the conduit
 // manager and its delegate, the connected device with its named services, the
 // data-class managers and parsers created by class name from a device
-// description. The reference host (ReferenceHost.h) implements them.
+// description. They sit with the platform, below every layer that uses them,
+// because the host is outside this system; the reference host
+// (host/ReferenceHost.h) implements them.
 
 #include <cstdint>
 #include <memory>

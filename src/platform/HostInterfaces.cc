@@ -1,4 +1,4 @@
-#include "host/HostInterfaces.h"
+#include "platform/HostInterfaces.h"
 
 namespace pc {
 

@@ -1,4 +1,4 @@
-#include "formatting/DeviceFormatting.h"
+#include "host/DeviceFormatting.h"
 
 #include <fmt/format.h>
 
@@ -71,7 +71,7 @@ struct DeviceFormatting::Impl {
   CFPhone* phone() const { return built.phone ? built.phone.get() : archivedPhone.get(); }
 
   std::shared_ptr<EntityFormatter> formatterFor(const std::string& entityName) const {
-    if (engine) return engine->formatterForEntity(entityName);
+    if (engine) return std::dynamic_pointer_cast<EntityFormatter>(engine->formatterForEntity(entityName));
     auto it = formatters.find(entityName);
     return it == formatters.end() ? nullptr : it->second;
   }

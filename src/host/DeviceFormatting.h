@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "formatting/DescriptionCheck.h"
 #include "platform/Value.h"
 
 namespace pc {
@@ -96,14 +97,6 @@ class DeviceFormatting {
   static std::unique_ptr<DeviceFormatting> engineSideForClient(
       std::shared_ptr<SyncEngineClient> client, std::shared_ptr<const TruthSnapshot> snapshot);
   std::unique_ptr<Impl> _impl;
-};
-
-// One problem of a device description: where it is ("Formatting/Contacts.
-// PhoneNumber/type/mappings/2": keys and list indexes joined by "/", since
-// entity names hold dots) and the message the formatter logs for it.
-struct DescriptionProblem {
-  std::string keyPath;
-  std::string message;
 };
 
 // Builds every entity formatter and field formatter of the description and
