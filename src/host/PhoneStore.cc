@@ -9,8 +9,11 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 
+#include "async/Log.h"
 #include "engine/SchemaNames.h"
+#include "host/PhoneStoreFormat.h"
 #include "util/PHCMangling.h"
 
 namespace pc {
@@ -21,6 +24,11 @@ constexpr const char* kDataClassKey = "DataClass";
 constexpr const char* kRecordsKey = "Records";
 constexpr const char* kIdentifierKey = "identifier";
 constexpr const char* kFieldsKey = "fields";
+
+const std::string& storeLogDomain() {
+  static const std::string domain = ".sync.PhoneStore";
+  return domain;
+}
 
 void setError(std::string* error, std::string text) {
   if (error) *error = std::move(text);
@@ -60,8 +68,39 @@ std::optional<std::string> readAll(std::ifstream& in, const std::string& path) {
 
 }  // namespace
 
+void PhoneStore::setFormat(const std::string& dataClass, std::shared_ptr<const PhoneStoreFormat> format) {
+  if (format) _formats[dataClass] = std::move(format);
+  else _formats.erase(dataClass);
+}
+
 std::string PhoneStore::pathForDataClass(const std::string& dataClass) const {
-  return (std::filesystem::path(_directory) / (dataClass + ".plist")).string();
+  const auto format = _formats.find(dataClass);
+  const std::string extension = format == _formats.end() ? "plist" : format->second->fileExtension();
+  return (std::filesystem::path(_directory) / (dataClass + "." + extension)).string();
+}
+
+std::optional<PhoneStoreContents> PhoneStore::contentsOf(const std::string& dataClass, std::string_view bytes,
+                                                         const std::string& path, std::string* error) const {
+  const auto format = _formats.find(dataClass);
+  if (format == _formats.end()) return contentsFromBytes(bytes, path, error);
+  VFormatReadResult read = format->second->contentsFromText(bytes);
+  for (const ContentProblem& problem : read.problems)
+    QVT_LOG(kLogWarning, storeLogDomain(), "{}:{}: {}", path, problem.line, problem.message);
+  std::set<std::string> identifiers;
+  for (const PhoneStoreRecord& record : read.records) identifiers.insert(record.identifier);
+  std::size_t next = 1;
+  for (PhoneStoreRecord& record : read.records) {
+    if (!record.identifier.empty()) continue;
+    while (identifiers.count("new-" + std::to_string(next))) ++next;
+    record.identifier = "new-" + std::to_string(next++);
+  }
+  return PhoneStoreContents{dataClass, std::move(read.records)};
+}
+
+std::optional<std::string> PhoneStore::bytesOf(const PhoneStoreContents& contents, std::string* error) const {
+  const auto format = _formats.find(contents.dataClass);
+  if (format == _formats.end()) return bytesForContents(contents, error);
+  return format->second->textForContents(contents);
 }
 
 bool PhoneStore::hasDataClass(const std::string& dataClass) const {
@@ -136,7 +175,7 @@ std::optional<PhoneStoreContents> PhoneStore::read(const std::string& dataClass,
     setError(error, path + ": cannot read the phone store");
     return std::nullopt;
   }
-  std::optional<PhoneStoreContents> contents = contentsFromBytes(*text, path, error);
+  std::optional<PhoneStoreContents> contents = contentsOf(dataClass, *text, path, error);
   if (contents && contents->dataClass != dataClass) {
     setError(error, path + ": " + kDataClassKey + ": holds \"" + contents->dataClass +
                         "\", not \"" + dataClass + "\"");
@@ -147,7 +186,7 @@ std::optional<PhoneStoreContents> PhoneStore::read(const std::string& dataClass,
 
 PhoneStore::WriteResult PhoneStore::write(const PhoneStoreContents& contents, std::string* error) {
   const std::string path = pathForDataClass(contents.dataClass);
-  std::optional<std::string> bytes = bytesForContents(contents, error);
+  std::optional<std::string> bytes = bytesOf(contents, error);
   if (!bytes) {
     if (error) *error = path + ": " + *error;
     return WriteResult::failed;

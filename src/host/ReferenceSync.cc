@@ -19,6 +19,7 @@
 #include "formatting/EntityFormatter.h"
 #include "platform/HostInterfaces.h"
 #include "host/PhoneStore.h"
+#include "host/VFormatParsers.h"
 #include "host/ReferenceHost.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
@@ -411,6 +412,7 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
   const CalendarDate windowEnd = SyncSettings::qvt_rightExpansionWindow(settings.values);
 
   PhoneStore store(run.phoneDirectory);
+  usePhoneParsers(store, phone.phoneSide->phone());
   std::vector<std::string> dataClasses;  // in the order records first name them
   std::map<std::string, PhoneStoreContents> previous;
   auto noteDataClass = [&](const std::string& dataClass) -> bool {

@@ -33,6 +33,7 @@
 
 #include "host/ContentLines.h"
 #include "host/PhoneStore.h"
+#include "host/PhoneStoreFormat.h"
 
 namespace pc {
 
@@ -41,14 +42,6 @@ struct VCardOptions {
   // "urls"): the type names the phone itself uses (the phone side of its
   // value mappings); a line whose type parameters are one of them reads as it.
   std::map<std::string, std::vector<std::string>> typeNames;
-};
-
-// What reading a file gave: the entries, the lines it skipped, and the
-// properties it left out by name.
-struct VFormatReadResult {
-  std::vector<PhoneStoreRecord> records;
-  std::vector<ContentProblem> problems;
-  std::map<std::string, std::size_t> ignoredProperties;
 };
 
 class VCardCodec {

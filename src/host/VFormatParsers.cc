@@ -1,0 +1,163 @@
+#include "host/VFormatParsers.h"
+
+#include "conduit/CFPhone.h"
+#include "engine/SchemaNames.h"
+#include "platform/Registry.h"
+
+namespace pc {
+
+PC_REGISTER_CLASS(VCardParser, "");
+PC_REGISTER_CLASS(VCalendarParser, "");
+
+namespace {
+
+constexpr const char* kIdentifierKey = "identifier";
+
+// The data-class entry of the phone's description that names `mimeType`.
+std::optional<Dictionary> dataClassInfo(CFPhone* phone, std::string_view mimeType) {
+  if (!phone) return std::nullopt;
+  std::optional<Dictionary> description = phone->phoneConduitDescriptionWithVersion(nullptr);
+  std::optional<Dictionary> classes = description ? description->getDictionary("SyncDataClasses") : std::nullopt;
+  if (!classes) return std::nullopt;
+  for (const auto& [name, value] : *classes) {
+    std::optional<Dictionary> info = value.asDictionary();
+    if (!info) continue;
+    if (info->getString("MimeType") == mimeType) return info;
+    if (mimeType == "text/x-vcalendar" && name.stringValue() == "Calendars") return info;
+    if (mimeType == "text/x-vcard" && name.stringValue() == "Contacts") return info;
+  }
+  return std::nullopt;
+}
+
+// The phone-side values of an attribute's value mappings.
+std::vector<std::string> mappedValues(CFPhone* phone, const std::string& entity, const std::string& attribute) {
+  std::vector<std::string> values;
+  if (!phone) return values;
+  std::optional<Dictionary> formatting = phone->formattingDescriptionV2ForEntity(entity);
+  std::optional<Dictionary> field = formatting ? formatting->getDictionary(attribute) : std::nullopt;
+  std::optional<Array> mappings = field ? field->getArray("mappings") : std::nullopt;
+  if (!mappings) return values;
+  for (const Value& mapping : *mappings) {
+    const std::optional<Dictionary> entry = mapping.asDictionary();
+    if (!entry) continue;
+    const Value mapped = entry->get("mappedValue");
+    if (mapped.isString()) values.push_back(mapped.string());
+    if (std::optional<Array> list = mapped.asArray())
+      for (const Value& item : *list)
+        if (item.isString()) values.push_back(item.string());
+  }
+  return values;
+}
+
+PhoneStoreContents contentsFromRecords(const Array& records, const std::string& dataClass) {
+  PhoneStoreContents contents{dataClass, {}};
+  for (const Value& value : records) {
+    std::optional<Dictionary> record = value.asDictionary();
+    if (!record) continue;
+    Dictionary fields = record->copy();
+    const std::string identifier = fields.getString(kIdentifierKey);
+    const std::string entity = fields.getString(kEngineRecordEntityNameKey);
+    fields.remove(kIdentifierKey);
+    fields.remove(kEngineRecordEntityNameKey);
+    contents.records.push_back({identifier, entity, fields});
+  }
+  return contents;
+}
+
+Array recordsFromResult(const VFormatReadResult& result) {
+  Array records;
+  for (const PhoneStoreRecord& entry : result.records) {
+    Dictionary record = entry.fields.copy();
+    record.set(kEngineRecordEntityNameKey, entry.entity);
+    if (!entry.identifier.empty()) record.set(kIdentifierKey, entry.identifier);
+    records.add(record);
+  }
+  return records;
+}
+
+}  // namespace
+
+std::string parserClassForMimeType(std::string_view mimeType) {
+  if (mimeType == "text/x-vcard") return "VCardParser";
+  if (mimeType == "text/x-vcalendar") return "VCalendarParser";
+  return std::string();
+}
+
+void VCardParser::initWithPhone(CFPhone* phone, const std::optional<Dictionary>&) {
+  _options = {};
+  const std::pair<const char*, const char*> relations[] = {
+      {"phoneNumbers", kContactsPhoneNumber}, {"emailAddresses", kContactsEmailAddress},
+      {"streetAddresses", kContactsStreetAddress}, {"urls", kContactsURL}};
+  for (const auto& [relation, entity] : relations)
+    if (std::vector<std::string> names = mappedValues(phone, entity, "type"); !names.empty())
+      _options.typeNames[relation] = std::move(names);
+}
+
+Data VCardParser::dataFromRecords(const Array& records) {
+  return Data::fromString(textForContents(contentsFromRecords(records, "Contacts")));
+}
+
+std::optional<Array> VCardParser::recordsFromData(const Data& data) {
+  return recordsFromResult(contentsFromText(data.asString()));
+}
+
+std::string VCardParser::textForContents(const PhoneStoreContents& contents) const {
+  return VCardCodec(_options).write(contents.records);
+}
+
+VFormatReadResult VCardParser::contentsFromText(std::string_view text) const {
+  return VCardCodec(_options).read(text);
+}
+
+void VCalendarParser::initWithPhone(CFPhone* phone, const std::optional<Dictionary>&) {
+  _options = {};
+  const std::optional<Dictionary> info = dataClassInfo(phone, "text/x-vcalendar");
+  const bool keepsInstants = info && (info->get("supportsGMTDates").boolValue() ||
+                                      info->get("hasTimeZone").boolValue());
+  if (phone && info && !keepsInstants) {
+    // The zone the phone is set to: the host's (asking the phone would log
+    // that none was set, and adopt the same).
+    _options.localTimes = true;
+    _options.phoneZone = TimeZone::systemTimeZone();
+  }
+}
+
+Data VCalendarParser::dataFromRecords(const Array& records) {
+  return Data::fromString(textForContents(contentsFromRecords(records, "Calendars")));
+}
+
+std::optional<Array> VCalendarParser::recordsFromData(const Data& data) {
+  return recordsFromResult(contentsFromText(data.asString()));
+}
+
+std::string VCalendarParser::textForContents(const PhoneStoreContents& contents) const {
+  return VCalendarCodec(_options).write(contents.records);
+}
+
+VFormatReadResult VCalendarParser::contentsFromText(std::string_view text) const {
+  return VCalendarCodec(_options).read(text);
+}
+
+void usePhoneParsers(PhoneStore& store, CFPhone* phone) {
+  if (!phone) return;
+  std::optional<Dictionary> description = phone->phoneConduitDescriptionWithVersion(nullptr);
+  std::optional<Dictionary> classes = description ? description->getDictionary("SyncDataClasses") : std::nullopt;
+  if (!classes) return;
+  for (const auto& [name, value] : *classes) {
+    const std::optional<Dictionary> info = value.asDictionary();
+    if (!name.isString() || !info) continue;
+    DeviceParserPtr parser;
+    if (info->contains("Parser") || info->contains("ParserService")) {
+      parser = phone->parserForDeviceDataClass(name.string());
+    } else {
+      std::string mimeType = info->getString("MimeType");
+      if (mimeType.empty() && name.string() == "Contacts") mimeType = "text/x-vcard";
+      if (mimeType.empty() && name.string() == "Calendars") mimeType = "text/x-vcalendar";
+      if (std::string className = parserClassForMimeType(mimeType); !className.empty())
+        if ((parser = ClassRegistry::createAs<DeviceParser>(className))) parser->initWithPhone(phone, std::nullopt);
+    }
+    store.setFormat(name.string(), std::dynamic_pointer_cast<const PhoneStoreFormat>(parser));
+  }
+}
+
+}  // namespace pc
