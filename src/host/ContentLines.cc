@@ -317,6 +317,7 @@ std::optional<ContentObject> ContentReader::nextObject() {
       std::optional<ContentLine> inner = nextLine();
       if (!inner) {
         problem(_lineNumber, "missing END:" + open.back().name);
+        _endedInsideObject = true;
         std::optional<ContentObject> top;
         while (!open.empty()) top = closeInnermost();
         return top;

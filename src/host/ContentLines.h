@@ -78,6 +78,8 @@ class ContentReader {
   // END that closes nothing are problems, not failures.
   std::optional<ContentObject> nextObject();
   const std::vector<ContentProblem>& problems() const { return _problems; }
+  // Whether the text ended inside an object (cut short).
+  bool endedInsideObject() const { return _endedInsideObject; }
 
  private:
   // The next logical line (unfolded); nullopt at the end of the text.
@@ -91,7 +93,8 @@ class ContentReader {
   std::size_t _lineNumber = 0;  // of the last physical line taken
   std::size_t _peekedAt = std::string_view::npos;  // where the line measured last starts
   std::size_t _peekedLength = 0;
-  bool _foldKeepsBlank = true;  // 2.1 and vCalendar 1.0 until a VERSION says otherwise
+  bool _foldKeepsBlank = true;
+  bool _endedInsideObject = false;  // 2.1 and vCalendar 1.0 until a VERSION says otherwise
   std::vector<ContentProblem> _problems;
 };
 

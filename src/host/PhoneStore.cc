@@ -84,6 +84,13 @@ std::optional<PhoneStoreContents> PhoneStore::contentsOf(const std::string& data
   const auto format = _formats.find(dataClass);
   if (format == _formats.end()) return contentsFromBytes(bytes, path, error);
   VFormatReadResult read = format->second->contentsFromText(bytes);
+  // A file cut short, or of which nothing reads, is not the phone's: the
+  // run stops rather than take its entries for deleted.
+  if ((read.cutShort || read.records.empty()) && !read.problems.empty()) {
+    const ContentProblem& first = read.cutShort ? read.problems.back() : read.problems.front();
+    setError(error, path + ": line " + std::to_string(first.line) + ": " + first.message);
+    return std::nullopt;
+  }
   for (const ContentProblem& problem : read.problems)
     QVT_LOG(kLogWarning, storeLogDomain(), "{}:{}: {}", path, problem.line, problem.message);
   std::set<std::string> identifiers;

@@ -21,6 +21,7 @@ struct VFormatReadResult {
   std::vector<PhoneStoreRecord> records;
   std::vector<ContentProblem> problems;
   std::map<std::string, std::size_t> ignoredProperties;
+  bool cutShort = false;  // the text ends inside an entry
 };
 
 class PhoneStoreFormat {

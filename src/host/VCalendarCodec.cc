@@ -545,6 +545,7 @@ VFormatReadResult VCalendarCodec::read(std::string_view text) const {
         ++result.ignoredProperties[line.name];
   }
   result.problems.insert(result.problems.end(), reader.problems().begin(), reader.problems().end());
+  result.cutShort = reader.endedInsideObject();
   std::stable_sort(result.problems.begin(), result.problems.end(),
                    [](const ContentProblem& a, const ContentProblem& b) { return a.line < b.line; });
   return result;

@@ -239,6 +239,7 @@ VFormatReadResult VCardCodec::read(std::string_view text) const {
     result.records.push_back(readEntry(*object, result));
   }
   result.problems.insert(result.problems.end(), reader.problems().begin(), reader.problems().end());
+  result.cutShort = reader.endedInsideObject();
   std::stable_sort(result.problems.begin(), result.problems.end(),
                    [](const ContentProblem& a, const ContentProblem& b) { return a.line < b.line; });
   return result;

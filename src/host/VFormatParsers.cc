@@ -29,26 +29,6 @@ std::optional<Dictionary> dataClassInfo(CFPhone* phone, std::string_view mimeTyp
   return std::nullopt;
 }
 
-// The phone-side values of an attribute's value mappings.
-std::vector<std::string> mappedValues(CFPhone* phone, const std::string& entity, const std::string& attribute) {
-  std::vector<std::string> values;
-  if (!phone) return values;
-  std::optional<Dictionary> formatting = phone->formattingDescriptionV2ForEntity(entity);
-  std::optional<Dictionary> field = formatting ? formatting->getDictionary(attribute) : std::nullopt;
-  std::optional<Array> mappings = field ? field->getArray("mappings") : std::nullopt;
-  if (!mappings) return values;
-  for (const Value& mapping : *mappings) {
-    const std::optional<Dictionary> entry = mapping.asDictionary();
-    if (!entry) continue;
-    const Value mapped = entry->get("mappedValue");
-    if (mapped.isString()) values.push_back(mapped.string());
-    if (std::optional<Array> list = mapped.asArray())
-      for (const Value& item : *list)
-        if (item.isString()) values.push_back(item.string());
-  }
-  return values;
-}
-
 PhoneStoreContents contentsFromRecords(const Array& records, const std::string& dataClass) {
   PhoneStoreContents contents{dataClass, {}};
   for (const Value& value : records) {
@@ -83,14 +63,10 @@ std::string parserClassForMimeType(std::string_view mimeType) {
   return std::string();
 }
 
-void VCardParser::initWithPhone(CFPhone* phone, const std::optional<Dictionary>&) {
+void VCardParser::initWithPhone(CFPhone*, const std::optional<Dictionary>&) {
+  // The records the phone holds carry the engine's type names (the value
+  // mappings apply on the way back), which the codec writes and reads itself.
   _options = {};
-  const std::pair<const char*, const char*> relations[] = {
-      {"phoneNumbers", kContactsPhoneNumber}, {"emailAddresses", kContactsEmailAddress},
-      {"streetAddresses", kContactsStreetAddress}, {"urls", kContactsURL}};
-  for (const auto& [relation, entity] : relations)
-    if (std::vector<std::string> names = mappedValues(phone, entity, "type"); !names.empty())
-      _options.typeNames[relation] = std::move(names);
 }
 
 Data VCardParser::dataFromRecords(const Array& records) {
@@ -140,16 +116,24 @@ VFormatReadResult VCalendarParser::contentsFromText(std::string_view text) const
 
 void usePhoneParsers(PhoneStore& store, CFPhone* phone) {
   if (!phone) return;
-  std::optional<Dictionary> description = phone->phoneConduitDescriptionWithVersion(nullptr);
-  std::optional<Dictionary> classes = description ? description->getDictionary("SyncDataClasses") : std::nullopt;
+  if (std::optional<Dictionary> description = phone->phoneConduitDescriptionWithVersion(nullptr))
+    usePhoneParsers(store, *description, phone);
+}
+
+void usePhoneParsers(PhoneStore& store, const Dictionary& description, CFPhone* phone) {
+  std::optional<Dictionary> classes = description.getDictionary("SyncDataClasses");
   if (!classes) return;
   for (const auto& [name, value] : *classes) {
     const std::optional<Dictionary> info = value.asDictionary();
     if (!name.isString() || !info) continue;
     DeviceParserPtr parser;
-    if (info->contains("Parser") || info->contains("ParserService")) {
+    if (phone && (info->contains("Parser") || info->contains("ParserService"))) {
       parser = phone->parserForDeviceDataClass(name.string());
-    } else {
+    } else if (const Value named = info->get("Parser"); named.isString()) {
+      if ((parser = ClassRegistry::createAs<DeviceParser>(named.string()))) parser->initWithPhone(nullptr, std::nullopt);
+    }
+    if (!parser) {
+      // No parser named, or a service the host does not serve: the MIME type's.
       std::string mimeType = info->getString("MimeType");
       if (mimeType.empty() && name.string() == "Contacts") mimeType = "text/x-vcard";
       if (mimeType.empty() && name.string() == "Calendars") mimeType = "text/x-vcalendar";

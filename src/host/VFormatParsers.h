@@ -5,11 +5,7 @@
 // "text/x-vcalendar"). Each is also the file form of its data class in the
 // phone store ("Contacts.vcf", "Calendars.vcs"; PhoneStore.h).
 //
-// Set up from the phone they serve: the vCard parser reads the type names
-// the phone uses from the value mappings of its description (the
-// "mappings" of the "type" attribute of phone numbers, e-mail and street
-// addresses and URLs), so that "TEL;CELL" reads back as the "CELL" the
-// phone was given; the vCalendar parser writes instants in UTC for a phone
+// Set up from the phone they serve: the vCalendar parser writes instants in UTC for a phone
 // whose calendar data class says "supportsGMTDates" or "hasTimeZone", and
 // wall clocks of the phone's zone with TZ and DAYLIGHT otherwise.
 //
@@ -33,10 +29,13 @@ namespace pc {
 std::string parserClassForMimeType(std::string_view mimeType);
 
 // Keeps each data class of the phone in `store` in its parser's format: the
-// parser the description names ("Parser", "ParserService"), else the one of
-// the data class's MIME type. A parser without a file form of its own (the
+// parser the description names ("Parser", or "ParserService" when the host
+// serves it), else the one of the data class's MIME type. A parser without a file form of its own (the
 // property-list parser) leaves the store's property list.
 void usePhoneParsers(PhoneStore& store, CFPhone* phone);
+// The same from a device description alone (the parsers set up without a
+// phone: the vCalendar one writes instants), for a store read outside a run.
+void usePhoneParsers(PhoneStore& store, const Dictionary& description, CFPhone* phone = nullptr);
 
 class VCardParser : public DeviceParser, public PhoneStoreFormat {
  public:
