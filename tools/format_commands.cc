@@ -28,6 +28,7 @@
 #include "host/DeviceFormatting.h"
 #include "host/PhoneStore.h"
 #include "host/ReferenceSync.h"
+#include "host/VFormatParsers.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
 #include "util/PHCMangling.h"
@@ -221,6 +222,7 @@ std::vector<RecordResult> formatAsSynced(const FormatOptions& options, const Loa
 
   std::map<std::string, std::vector<PhoneStoreRecord>> held;  // by input identifier
   PhoneStore store(phoneFolder);
+  usePhoneParsers(store, device.description);
   if (auto dataClasses = device.description.getDictionary(kSyncDataClassesKey)) {
     for (const Value& dataClass : dataClasses->keys()) {
       std::string error;

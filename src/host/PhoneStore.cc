@@ -79,6 +79,26 @@ std::string PhoneStore::pathForDataClass(const std::string& dataClass) const {
   return (std::filesystem::path(_directory) / (dataClass + "." + extension)).string();
 }
 
+namespace {
+
+// The key by which an inlined sub-record names its master ("contact",
+// "owner"), which the phone's formats leave out: it is the entry's own
+// identifier.
+const char* backRelationKey(const std::string& entity) {
+  return entity.rfind("Contacts.", 0) == 0 ? "contact" : "owner";
+}
+
+// Calls `operation` on every inlined sub-record of `fields`.
+template <class Operation>
+void forEachSubRecord(const Dictionary& fields, Operation operation) {
+  for (const auto& [key, value] : fields)
+    if (std::optional<Array> list = value.asArray())
+      for (const Value& item : *list)
+        if (std::optional<Dictionary> sub = item.asDictionary()) operation(*sub);
+}
+
+}  // namespace
+
 std::optional<PhoneStoreContents> PhoneStore::contentsOf(const std::string& dataClass, std::string_view bytes,
                                                          const std::string& path, std::string* error) const {
   const auto format = _formats.find(dataClass);
@@ -101,13 +121,27 @@ std::optional<PhoneStoreContents> PhoneStore::contentsOf(const std::string& data
     while (identifiers.count("new-" + std::to_string(next))) ++next;
     record.identifier = "new-" + std::to_string(next++);
   }
+  for (PhoneStoreRecord& record : read.records) {
+    const Array master{Value(record.identifier)};
+    forEachSubRecord(record.fields, [&](Dictionary sub) { sub.set(backRelationKey(record.entity), master); });
+  }
   return PhoneStoreContents{dataClass, std::move(read.records)};
 }
 
 std::optional<std::string> PhoneStore::bytesOf(const PhoneStoreContents& contents, std::string* error) const {
   const auto format = _formats.find(contents.dataClass);
   if (format == _formats.end()) return bytesForContents(contents, error);
-  return format->second->textForContents(contents);
+  PhoneStoreContents written{contents.dataClass, {}};
+  written.records.reserve(contents.records.size());
+  for (const PhoneStoreRecord& record : contents.records) {
+    written.records.push_back({record.identifier, record.entity, record.fields.deepCopy()});
+    const Value master(Array{Value(record.identifier)});
+    forEachSubRecord(written.records.back().fields, [&](Dictionary sub) {
+      if (const Value* owner = sub.find(backRelationKey(record.entity)); owner && *owner == master)
+        sub.remove(backRelationKey(record.entity));
+    });
+  }
+  return format->second->textForContents(written);
 }
 
 bool PhoneStore::hasDataClass(const std::string& dataClass) const {

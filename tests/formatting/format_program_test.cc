@@ -10,6 +10,8 @@
 
 #include "ExamplePhones.h"
 #include "host/PhoneStore.h"
+#include "host/VFormatParsers.h"
+#include "platform/PropertyList.h"
 #include "util/PHCMangling.h"
 #include "support/ProgramRun.h"
 
@@ -199,6 +201,11 @@ TEST_F(FormatProgramTest, DamagedRecordFilesNeverCrashTheProgram) {
 // format shows each record as sync writes it to the phone: every example
 // record on every example phone, the single events of an exploded event
 // included, with the same window.
+Dictionary readExampleDictionary(const std::string& path) {
+  const std::optional<Value> value = PropertyList::fromFile(path);
+  return value && value->isDictionary() ? value->dictionary() : Dictionary();
+}
+
 TEST_F(FormatProgramTest, FormatGivesThePhoneFormSyncWrites) {
   std::string records;
   for (const ExampleRecord& example : exampleRecords()) records += " " + example.path;
@@ -219,7 +226,9 @@ TEST_F(FormatProgramTest, FormatGivesThePhoneFormSyncWrites) {
     bool exploded = false;
     for (const char* dataClass : {"Contacts", "Calendars"}) {
       std::string error;
-      const std::optional<PhoneStoreContents> store = PhoneStore(folder + "/phone").read(dataClass, &error);
+      PhoneStore phoneStore(folder + "/phone");
+      usePhoneParsers(phoneStore, readExampleDictionary(phone.devicePath()));
+      const std::optional<PhoneStoreContents> store = phoneStore.read(dataClass, &error);
       ASSERT_TRUE(store) << error;
       for (const PhoneStoreRecord& record : store->records) {
         const std::string stem = record.identifier.substr(0, record.identifier.find_first_of("#/"));

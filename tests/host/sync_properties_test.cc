@@ -203,7 +203,9 @@ TEST_P(SyncPropertiesTest, PredictionEqualsRoundTripAndNothingIsSilentlyLost) {
 // rings as far before it as the engine's alarm rings before the event.
 TEST_P(SyncPropertiesTest, ExplodedEventsFallOnTheEnginesOccurrences) {
   const SyncReport report = sync();
-  const auto calendars = PhoneStore(run.phoneDirectory).read("Calendars");
+  PhoneStore store(run.phoneDirectory);
+  usePhoneParsers(store, run.deviceDescription);
+  const auto calendars = store.read("Calendars");
   Dictionary settings;
   settings.set(kAnchorDateKey, Value(*run.anchorDate));
   const CALDateRef from =

@@ -11,6 +11,7 @@
 #include "calcore/CALTimeRange.h"
 #include "engine/MemoryEngine.h"
 #include "host/PhoneStore.h"
+#include "host/VFormatParsers.h"
 #include "host/ReferenceSync.h"
 #include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
@@ -96,7 +97,9 @@ class SyncZonesTest : public ::testing::Test {
     return result.report;
   }
   std::vector<PhoneStoreRecord> stored(const std::string& dataClass) {
-    auto contents = PhoneStore(run.phoneDirectory).read(dataClass);
+    PhoneStore store(run.phoneDirectory);
+    usePhoneParsers(store, run.deviceDescription);
+    auto contents = store.read(dataClass);
     return contents ? contents->records : std::vector<PhoneStoreRecord>{};
   }
 
