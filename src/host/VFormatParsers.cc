@@ -13,22 +13,6 @@ namespace {
 
 constexpr const char* kIdentifierKey = "identifier";
 
-// The data-class entry of the phone's description that names `mimeType`.
-std::optional<Dictionary> dataClassInfo(CFPhone* phone, std::string_view mimeType) {
-  if (!phone) return std::nullopt;
-  std::optional<Dictionary> description = phone->phoneConduitDescriptionWithVersion(nullptr);
-  std::optional<Dictionary> classes = description ? description->getDictionary("SyncDataClasses") : std::nullopt;
-  if (!classes) return std::nullopt;
-  for (const auto& [name, value] : *classes) {
-    std::optional<Dictionary> info = value.asDictionary();
-    if (!info) continue;
-    if (info->getString("MimeType") == mimeType) return info;
-    if (mimeType == "text/x-vcalendar" && name.stringValue() == "Calendars") return info;
-    if (mimeType == "text/x-vcard" && name.stringValue() == "Contacts") return info;
-  }
-  return std::nullopt;
-}
-
 PhoneStoreContents contentsFromRecords(const Array& records, const std::string& dataClass) {
   PhoneStoreContents contents{dataClass, {}};
   for (const Value& value : records) {
@@ -85,17 +69,13 @@ VFormatReadResult VCardParser::contentsFromText(std::string_view text) const {
   return VCardCodec(_options).read(text);
 }
 
-void VCalendarParser::initWithPhone(CFPhone* phone, const std::optional<Dictionary>&) {
+void VCalendarParser::initWithPhone(CFPhone*, const std::optional<Dictionary>&) {
+  // Instants in UTC with their zones, whatever the phone: the transformer
+  // hands a phone without zones wall clocks read in a zone of its choosing
+  // (all-day and floating dates in GMT), which wall clocks of the phone's
+  // zone would move to another day. Files in the local form (TZ and
+  // DAYLIGHT) still read, as a phone sends them.
   _options = {};
-  const std::optional<Dictionary> info = dataClassInfo(phone, "text/x-vcalendar");
-  const bool keepsInstants = info && (info->get("supportsGMTDates").boolValue() ||
-                                      info->get("hasTimeZone").boolValue());
-  if (phone && info && !keepsInstants) {
-    // The zone the phone is set to: the host's (asking the phone would log
-    // that none was set, and adopt the same).
-    _options.localTimes = true;
-    _options.phoneZone = TimeZone::systemTimeZone();
-  }
 }
 
 Data VCalendarParser::dataFromRecords(const Array& records) {

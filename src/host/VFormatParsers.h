@@ -5,9 +5,9 @@
 // "text/x-vcalendar"). Each is also the file form of its data class in the
 // phone store ("Contacts.vcf", "Calendars.vcs"; PhoneStore.h).
 //
-// Set up from the phone they serve: the vCalendar parser writes instants in UTC for a phone
-// whose calendar data class says "supportsGMTDates" or "hasTimeZone", and
-// wall clocks of the phone's zone with TZ and DAYLIGHT otherwise.
+// The vCalendar parser writes instants in UTC with their zones (X-TZID) for
+// every phone, and reads the local form (wall clocks with TZ and DAYLIGHT)
+// as phones without zones send it.
 //
 // As DeviceParsers they take and give records that carry their entity
 // under "entityName" and the phone's identifier under "identifier".
