@@ -29,6 +29,7 @@
 #include "host/PhoneStore.h"
 #include "host/ReferenceSync.h"
 #include "host/VFormatParsers.h"
+#include "platform/TimeZone.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
 #include "util/PHCMangling.h"
@@ -200,7 +201,8 @@ std::vector<RecordResult> formatAsSynced(const FormatOptions& options, const Loa
   SyncRun run{device.description, device.entities, device.options, phoneFolder, std::nullopt, {}, {}, false};
   if (!options.anchorDate.empty()) {
     std::string problem;
-    run.anchorDate = CalendarDate::dateWithString(options.anchorDate, "%Y%m%d", nullptr, &problem);
+    run.anchorDate = CalendarDate::dateWithString(
+        options.anchorDate, "%Y%m%d", TimeZone::systemTimeZone(), &problem);
     if (!run.anchorDate || options.anchorDate.size() != 8)
       throw CommandLineError("--anchor-date: \"" + options.anchorDate + "\": not a day (20261122)");
   }

@@ -25,6 +25,7 @@
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
 #include "host/ReferenceSync.h"
+#include "platform/TimeZone.h"
 #include "platform/CalendarDate.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
@@ -145,7 +146,8 @@ void sync(const SyncOptions& options) {
                        "\" dictionary");
   if (!options.anchorDate.empty()) {
     std::string problem;
-    run.anchorDate = CalendarDate::dateWithString(options.anchorDate, "%Y%m%d", nullptr, &problem);
+    run.anchorDate = CalendarDate::dateWithString(
+        options.anchorDate, "%Y%m%d", TimeZone::systemTimeZone(), &problem);
     if (!run.anchorDate || options.anchorDate.size() != 8)
       throw CommandLineError("--anchor-date: \"" + options.anchorDate + "\": not a day (20261122)");
   }
