@@ -340,8 +340,12 @@ PhoneStoreRecord VCardCodec::readEntry(const ContentObject& card, VFormatReadRes
           sub.set("countryCode", *code);
       } else {
         std::string value = textOf(line);
-        if (kind->property == "TEL" && value.compare(0, 4, "tel:") == 0) value.erase(0, 4);
-        if (kind->property == "EMAIL" && value.compare(0, 7, "mailto:") == 0) value.erase(0, 7);
+        // A 4.0 number given as a URI ("VALUE=uri:tel:+1..."); a plain text
+        // that starts with the scheme is kept as it is.
+        const std::optional<std::string> valueKind = line.parameter("VALUE");
+        if (kind->property == "TEL" && valueKind && (*valueKind == "uri" || *valueKind == "URI") &&
+            value.compare(0, 4, "tel:") == 0)
+          value.erase(0, 4);
         if (kind->property == "URL") sub.set("value", URL(value));
         else sub.set("value", value);
       }
