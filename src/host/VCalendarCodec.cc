@@ -249,7 +249,8 @@ void EntryWriter::write(const PhoneStoreRecord& record) {
     if (alarms("AALARM", list, "sound")) _written.insert("audioAlarms");
   }
   if (const Value list = fields.get("exceptionDates"); list.isArray() && !list.array().empty()) {
-    // One line per zone, so that each instant can name its zone.
+    // A new line where the zone changes, so that each instant can name its
+    // zone and the dates keep their order.
     std::vector<std::pair<std::vector<ContentParameter>, std::vector<std::string>>> lines;
     bool complete = true;
     for (const Value& item : list.array()) {
@@ -259,12 +260,10 @@ void EntryWriter::write(const PhoneStoreRecord& record) {
         complete = false;
         continue;
       }
-      auto same = std::find_if(lines.begin(), lines.end(), [&](const auto& l) {
-        return l.first.size() == parameters.size() &&
-               (parameters.empty() || l.first[0].value == parameters[0].value);
-      });
-      if (same == lines.end()) lines.push_back({parameters, {day}});
-      else same->second.push_back(day);
+      const bool sameZone = !lines.empty() && lines.back().first.size() == parameters.size() &&
+                            (parameters.empty() || lines.back().first[0].value == parameters[0].value);
+      if (sameZone) lines.back().second.push_back(day);
+      else lines.push_back({parameters, {day}});
     }
     for (const auto& [parameters, days] : lines) _out.line("EXDATE", parameters, fmt::format("{}", fmt::join(days, ";")));
     if (complete) _written.insert("exceptionDates");
