@@ -139,8 +139,9 @@ TEST_F(SyncZonesTest, ExplodedOccurrencesFallOnTheirInstantsWithTheirOwnAlarms) 
 
 // The weekly Berlin event with two occurrences taken out (15 March 18:00 CET
 // and 5 April 18:00 CEST), on a phone that keeps date-only exception dates
-// and no zones: the dates come back as the occurrences they stand for, also
-// where the phone's zone changes daylight time on other dates than Berlin.
+// and no zones, and one occurrence moved: the dates come back as the
+// occurrences they stand for, also where the phone's zone changes daylight
+// time on other dates than Berlin, and the moved one's date is dropped.
 TEST_F(SyncZonesTest, ExceptionDatesComeBackAsTheirOccurrences) {
   use("flip-phone");
   run.keepRecords = true;
@@ -148,18 +149,32 @@ TEST_F(SyncZonesTest, ExceptionDatesComeBackAsTheirOccurrences) {
   const Array exceptions = array({date(2027, 3, 15, 18, 0, "Europe/Berlin"),
                                   date(2027, 4, 5, 18, 0, "Europe/Berlin")});
   event.set("exceptionDates", Value(exceptions));
+  // The 22 March occurrence moved to 20:00: the phone hides it from the rule
+  // with one more exception date, which must not come back.
+  event.set("detachedEvents",
+            Value(array({Value(dictionary({{"entityName", Value("Calendars.Event")},
+                                           {"summary", Value("Choir (moved)")},
+                                           {"originalDate", date(2027, 3, 22, 18, 0, "Europe/Berlin")},
+                                           {"startDate", date(2027, 3, 22, 20, 0, "Europe/Berlin")},
+                                           {"endDate", date(2027, 3, 22, 21, 0, "Europe/Berlin")}}))})));
   const SyncReport report = sync({{"choir", event}});
-  ASSERT_EQ(report.records.size(), 1u);
+  ASSERT_FALSE(report.records.empty());
   const SyncRecordReport& record = report.records[0];
+  ASSERT_EQ(record.identifier, "choir");
   if (record.outcome == SyncOutcome::exploded) {
     // Where Monday evening in Berlin is Tuesday on the phone, the rule goes
-    // as single events, without the two taken out.
-    EXPECT_EQ(record.events, 6u);
+    // as single events, without the two taken out and the moved one.
+    EXPECT_EQ(record.events, 5u);
     for (const PhoneStoreRecord& single : stored("Calendars"))
       for (const Value& exception : exceptions)
         EXPECT_NE(instant(single.fields.get("startDate")), instant(exception));
     return;
   }
+  // On the phone: the two taken out and the moved one.
+  const std::vector<PhoneStoreRecord> onPhone = stored("Calendars");
+  ASSERT_FALSE(onPhone.empty());
+  auto hidden = onPhone[0].fields.getArray("exceptionDates");
+  EXPECT_TRUE(hidden && hidden->count() == 3) << onPhone[0].fields.description();
   for (const SyncField& field : record.fields)
     EXPECT_EQ(field.field.find("exceptionDates"), std::string::npos) << field.field;
   ASSERT_TRUE(record.roundTrip);
