@@ -256,6 +256,43 @@ TEST_F(SyncZonesTest, SubRecordsAreMatchedByContentBeforeTheirFields) {
   }
 }
 
+// Only the summary is edited on the phone between two runs, of the weekly
+// event held with its rule and alarm, and of one single event of the
+// exploded form: the report names the summary and nothing else.
+TEST_F(SyncZonesTest, APhoneEditOfTheSummaryReportsOnlyTheSummary) {
+  // The photo phone as set up, then the full phone.
+  for (const char* phone : {"photo-phone", "full-phone"}) {
+    SCOPED_TRACE(phone);
+    if (phone != std::string("photo-phone")) use(phone);
+    sync({{"choir", weeklyBerlinEvent()}});
+    PhoneStore store(run.phoneDirectory);
+    auto contents = store.read("Calendars");
+    ASSERT_TRUE(contents && !contents->records.empty());
+    // The third single event when exploded: neither the first nor the last,
+    // and on the far side of no daylight-time change.
+    PhoneStoreRecord& edited = contents->records[std::min<std::size_t>(2, contents->records.size() - 1)];
+    edited.fields.set("summary", Value("Choir, room 4"));
+    ASSERT_EQ(store.write(*contents), PhoneStore::WriteResult::written);
+
+    const SyncReport report = sync({{"choir", weeklyBerlinEvent()}});
+    EXPECT_EQ(report.summary.changedOnPhone, 1u);
+    std::size_t changed = 0;
+    for (const SyncRecordReport& record : report.records) {
+      if (record.outcome != SyncOutcome::changedOnPhone) continue;
+      ++changed;
+      std::vector<std::string> fields;
+      // A single event's fields are named after it: "<occurrence>: summary".
+      for (const SyncField& field : record.fields)
+        fields.push_back(field.field.substr(field.field.find(": ") == std::string::npos
+                                                ? 0
+                                                : field.field.find(": ") + 2));
+      EXPECT_EQ(fields, std::vector<std::string>{"summary"}) << record.identifier;
+    }
+    EXPECT_EQ(changed, 1u);
+    std::filesystem::remove_all(run.phoneDirectory);
+  }
+}
+
 struct ListCase {
   const char* name;
   Array engine, phone;
