@@ -293,6 +293,110 @@ TEST_F(SyncZonesTest, APhoneEditOfTheSummaryReportsOnlyTheSummary) {
   }
 }
 
+// The description's alarm and recurrence entries, each with the record it
+// acts on, through a whole run on the full phone.
+struct DescriptionCase {
+  const char* name;
+  const char* flag;
+  bool value;
+  Dictionary record;
+  // Checks the phone's form of the record.
+  void (*check)(const Dictionary& onPhone);
+};
+
+Dictionary withRule(Dictionary event, std::initializer_list<std::pair<const char*, Value>> rule) {
+  Dictionary recurrence = dictionary(rule);
+  recurrence.set("entityName", Value("Calendars.Recurrence"));
+  recurrence.set("frequency", Value("weekly"));
+  recurrence.set("interval", Value(std::int64_t{1}));
+  event.set("recurrences", Value(array({Value(recurrence)})));
+  return event;
+}
+
+Dictionary firstRule(const Dictionary& onPhone) {
+  auto rules = onPhone.getArray("recurrences");
+  return rules && rules->count() == 1 ? rules->at(0).dictionary() : Dictionary();
+}
+
+bool hasAlarm(const Dictionary& onPhone) {
+  for (const char* key : {"displayAlarms", "audioAlarms"})
+    if (auto alarms = onPhone.getArray(key); alarms && !alarms->empty()) return true;
+  return false;
+}
+
+TEST_F(SyncZonesTest, DescriptionEntriesActOnTheWholeRun) {
+  Dictionary allDay = dailyAllDayEvent();
+  allDay.remove("recurrences");
+  allDay.set("displayAlarms", weeklyBerlinEvent().get("displayAlarms"));
+  const Dictionary task = dictionary({
+      {"entityName", Value("Calendars.Task")},
+      {"summary", Value("Tax return")},
+      {"dueDate", date(2027, 3, 10, 9, 0, "Europe/Berlin")},
+      {"displayAlarms", weeklyBerlinEvent().get("displayAlarms")},
+  });
+  const DescriptionCase cases[] = {
+      {"task alarm kept off", "doNotSyncAlarmForTask", true, task,
+       [](const Dictionary& p) { EXPECT_FALSE(hasAlarm(p)) << p.description(); }},
+      {"task alarm sent", "doNotSyncAlarmForTask", false, task,
+       [](const Dictionary& p) { EXPECT_TRUE(hasAlarm(p)) << p.description(); }},
+      {"all-day alarm kept off", "doNotSyncAlarmForADE", true, allDay,
+       [](const Dictionary& p) { EXPECT_FALSE(hasAlarm(p)) << p.description(); }},
+      {"all-day alarm sent", "doNotSyncAlarmForADE", false, allDay,
+       [](const Dictionary& p) { EXPECT_TRUE(hasAlarm(p)) << p.description(); }},
+      // Five Mondays from 1 March: the last on 29 March 18:00 CEST.
+      {"count to until date", "needsToFormatCountToUntilDate", true,
+       withRule(weeklyBerlinEvent(), {{"count", Value(std::int64_t{5})}}),
+       [](const Dictionary& p) {
+         const Dictionary rule = firstRule(p);
+         EXPECT_FALSE(rule.contains("count") && !rule.get("count").isNull()) << p.description();
+         const double until = instant(rule.get("until"));
+         EXPECT_GE(until, instant(date(2027, 3, 29, 18, 0, "Europe/Berlin"))) << p.description();
+         EXPECT_LT(until, instant(date(2027, 4, 5, 18, 0, "Europe/Berlin"))) << p.description();
+       }},
+      {"until on a Friday to the last Monday", "needsToFormatUntilDateToLastOccurrence", true,
+       withRule(weeklyBerlinEvent(), {{"until", date(2027, 4, 2, 23, 59, "Europe/Berlin")}}),
+       [](const Dictionary& p) {
+         const Value until = firstRule(p).get("until");
+         ASSERT_TRUE(until.isDate()) << p.description();
+         EXPECT_GE(instant(until), instant(date(2027, 3, 29, 18, 0, "Europe/Berlin")));
+         EXPECT_LT(instant(until), instant(date(2027, 3, 30, 0, 0, "Europe/Berlin")))
+             << until.description();
+       }},
+      // The rule's week days in the week's order (the phone keeps rules anyway).
+      {"week days sorted", "hasFullRecurrence", true,
+       withRule(weeklyBerlinEvent(),
+                {{"until", date(2027, 4, 19, 23, 59, "Europe/Berlin")},
+                 {"bydaydays", Value(array({Value("friday"), Value("monday")}))},
+                 {"bydayfreq", Value(array({Value(std::int64_t{0}), Value(std::int64_t{0})}))}}),
+       [](const Dictionary& p) {
+         EXPECT_EQ(firstRule(p).get("bydaydays"), Value(array({Value("monday"), Value("friday")})))
+             << p.description();
+       }},
+  };
+  for (const DescriptionCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::filesystem::remove_all(folder);
+    use("full-phone");
+    Dictionary calendars = run.deviceDescription.getDictionary("SyncDataClasses")
+                               ->getDictionary("Calendars")
+                               .value();
+    calendars.set(c.flag, Value(c.value));
+    run.keepRecords = true;
+    const SyncReport report = sync({{"record", c.record}});
+    ASSERT_EQ(report.records.size(), 1u);
+    EXPECT_NE(report.records[0].outcome, SyncOutcome::rejected) << report.records[0].reason;
+    const std::vector<PhoneStoreRecord> held = stored("Calendars");
+    ASSERT_EQ(held.size(), 1u);
+    c.check(held[0].fields);
+    // Where the alarm goes to the phone, the engine-side prediction keeps it
+    // (relative) too.
+    if (std::string(c.name).find("alarm sent") != std::string::npos) {
+      ASSERT_TRUE(report.records[0].prediction);
+      EXPECT_TRUE(hasAlarm(*report.records[0].prediction)) << report.records[0].prediction->description();
+    }
+  }
+}
+
 struct ListCase {
   const char* name;
   Array engine, phone;
