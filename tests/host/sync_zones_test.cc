@@ -83,6 +83,7 @@ class SyncZonesTest : public ::testing::Test {
     run.formatting.variables = readDictionary(kDevices + phone + ".variables.plist");
     const Dictionary clientValues = readDictionary(kDevices + phone + ".client.plist");
     if (!clientValues.empty()) {
+      std::filesystem::create_directories(folder);
       run.formatting.clientStorePath = folder + "/" + phone + ".client.plist";
       MemorySyncEngineClient client(run.formatting.clientIdentifier, "test", Array(),
                                     run.formatting.clientStorePath);
