@@ -545,6 +545,7 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
                             : std::to_string(i + 1));
         FormattingOutcome formatted = phone.phoneSide->formatRecord(event);
         if (!formatted.record) continue;
+        if (run.keepRecords) entry.singleEvents.push_back({occurrence, *formatted.record});
         const Dictionary engineEvent = i < predicted.count() ? predicted.at(i).dictionary() : event;
         // The prediction is needed only to judge a single event the phone
         // holds already.
