@@ -110,6 +110,19 @@ TEST_F(FormatProgramTest, FormatPrintsRecordsAndCountsRejectedOnes) {
   EXPECT_EQ(report.at("records").at(1).at("status"), "rejected");
   EXPECT_FALSE(report.at("records").at(1).at("reason").get<std::string>().empty());
 
+  // The html page holds both records, the rejection's reason, and the
+  // formatted record beside its input.
+  const std::string page = scratchFolder("html-report") + "/page.html";
+  const ProgramRun html = runForOutput(arguments + " --report html " + page);
+  EXPECT_EQ(html.status, 3);
+  const std::string text = fileText(page);
+  EXPECT_THAT(text, HasSubstr("<span class=\"identifier\">" + task + "</span>"));
+  EXPECT_THAT(text, HasSubstr("data-outcome=\"rejected\""));
+  EXPECT_THAT(text, HasSubstr("data-outcome=\"formatted\""));
+  EXPECT_THAT(text, HasSubstr(json.output.empty() ? "" : report.at("records").at(1).at("reason").get<std::string>()));
+  EXPECT_THAT(text, HasSubstr("<h3>Engine</h3><table>"));
+  EXPECT_THAT(text, HasSubstr("<h3>Phone</h3><table>"));
+
   // With an output folder, the formatted records are files named after their
   // inputs and nothing is printed.
   const std::string folder = scratchFolder("output-dir");
