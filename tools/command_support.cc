@@ -7,15 +7,43 @@
 #include "async/Log.h"
 #include "commands.h"
 #include "platform/PropertyList.h"
+#include "util/PHCMangling.h"
 
 namespace pc::tools {
 
 Dictionary readDictionary(const std::string& path) {
+  const Value contents = propertyListFile(path).orFail();
+  if (!contents.isDictionary()) throw CommandError(path + ": not a dictionary");
+  return contents.dictionary();
+}
+
+Result<Value> propertyListFile(const std::string& path) {
   PropertyListError error;
-  const std::optional<Value> contents = PropertyList::fromFile(path, &error);
-  if (!contents) throw CommandError(path + ": " + error.description());
-  if (!contents->isDictionary()) throw CommandError(path + ": not a dictionary");
-  return contents->dictionary();
+  std::optional<Value> contents = PropertyList::fromFile(path, &error);
+  if (!contents) return Failure{path, "", error.description()};
+  return std::move(*contents);
+}
+
+// The mangling helpers' error texts name the file and key path themselves.
+Result<Dictionary> recordFile(const std::string& path) {
+  std::string error;
+  std::optional<Dictionary> record = readRecordFile(path, &error);
+  if (!record) return Failure{"", "", error.empty() ? path + ": cannot be read" : error};
+  return std::move(*record);
+}
+
+Result<std::string> recordFileText(const Dictionary& record) {
+  std::string error;
+  std::optional<std::string> text = recordText(record, &error);
+  if (!text) return Failure{"", "", error};
+  return std::move(*text);
+}
+
+Result<CalendarDate> dateFromText(const std::string& text, const char* format) {
+  std::string error;
+  std::optional<CalendarDate> date = CalendarDate::dateWithString(text, format, nullptr, &error);
+  if (!date) return Failure{"", "", error.empty() ? "not a date" : error};
+  return std::move(*date);
 }
 
 std::string jsonDocument(const Json& document) {

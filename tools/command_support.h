@@ -9,13 +9,26 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "platform/CalendarDate.h"
 #include "platform/Value.h"
+#include "result.h"
 
 namespace pc::tools {
 
 // The dictionary in the property-list file `path`; a CommandError naming the
 // file when it cannot be read or holds something else.
 Dictionary readDictionary(const std::string& path);
+
+// The library's reads and writes the commands use, each answering a Result
+// whose failure names the file (and the place in it, where the library says).
+// The contents of a property-list file (XML).
+Result<Value> propertyListFile(const std::string& path);
+// The record of a record file (nice plist text), its tagged values rebuilt.
+Result<Dictionary> recordFile(const std::string& path);
+// A record as record-file text.
+Result<std::string> recordFileText(const Dictionary& record);
+// `text` read with a calendar format ("%Y%m%d") in the local zone.
+Result<CalendarDate> dateFromText(const std::string& text, const char* format);
 
 // JSON objects keep their keys in the order they were set, so reports read
 // in the order of their text form.

@@ -221,13 +221,11 @@ void format(FormatOptions options) {
   // stops the command before it prints.
   std::vector<std::pair<std::string, Dictionary>> inputs;
   for (const std::string& path : options.recordPaths) {
-    std::string error;
-    std::optional<Dictionary> record = readRecordFile(path, &error);
-    if (!record) throw CommandError(error);
-    if (!record->get(kEngineRecordEntityNameKey).asString())
+    Dictionary record = recordFile(path).orFail();
+    if (!record.get(kEngineRecordEntityNameKey).asString())
       throw CommandError(path + ": the record has no \"" + std::string(kEngineRecordEntityNameKey) +
                          "\" text");
-    inputs.emplace_back(path, std::move(*record));
+    inputs.emplace_back(path, std::move(record));
   }
   if (!options.outputFolder.empty() && !std::filesystem::is_directory(options.outputFolder))
     throw CommandError(options.outputFolder + ": not a folder");
@@ -272,10 +270,9 @@ void format(FormatOptions options) {
       ++rejected;
       continue;
     }
-    std::string error;
-    std::optional<std::string> text = recordText(withEntityName(*results[i].record, results[i].entity), &error);
-    if (!text) throw CommandError(results[i].path + ": the formatted record " + error);
-    texts[i] = std::move(*text);
+    Result<std::string> text = recordFileText(withEntityName(*results[i].record, results[i].entity));
+    if (!text) throw CommandError(results[i].path + ": the formatted record " + text.failure().message);
+    texts[i] = std::move(text).value();
   }
 
   if (!options.outputFolder.empty()) {

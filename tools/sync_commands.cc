@@ -174,9 +174,9 @@ void sync(SyncOptions options) {
     throw CommandError(options.entitiesPath + ": no \"" + std::string(kEngineClientEntitiesKey) +
                        "\" dictionary");
   if (!options.anchorDate.empty()) {
-    std::string problem;
-    run.anchorDate = CalendarDate::dateWithString(options.anchorDate, "%Y%m%d", nullptr, &problem);
-    if (!run.anchorDate || options.anchorDate.size() != 8)
+    Result<CalendarDate> anchor = dateFromText(options.anchorDate, "%Y%m%d");
+    if (anchor) run.anchorDate = std::move(anchor).value();
+    if (!anchor || options.anchorDate.size() != 8)
       throw CommandLineError("--anchor-date: \"" + options.anchorDate + "\": not a day (20261122)");
   }
   std::error_code code;
@@ -204,16 +204,14 @@ void sync(SyncOptions options) {
   std::vector<SyncInput> inputs;
   std::map<std::string, std::string> seen;
   for (const std::string& path : options.recordPaths) {
-    std::string error;
-    std::optional<Dictionary> record = readRecordFile(path, &error);
-    if (!record) throw CommandError(error);
-    if (!record->get(kEngineRecordEntityNameKey).asString())
+    Dictionary record = recordFile(path).orFail();
+    if (!record.get(kEngineRecordEntityNameKey).asString())
       throw CommandError(path + ": the record has no \"" + std::string(kEngineRecordEntityNameKey) +
                          "\" text");
     const std::string identifier = std::filesystem::path(path).stem().string();
     if (auto [it, added] = seen.emplace(identifier, path); !added)
       throw CommandError(path + ": names the same record as " + it->second);
-    inputs.push_back({identifier, std::move(*record)});
+    inputs.push_back({identifier, std::move(record)});
   }
 
   SyncResult result;
