@@ -6,7 +6,7 @@
 # usage: install_test.sh BUILD_DIR SOURCE_DIR
 set -u
 build=$1
-source=$2
+source=$(cd "$2" && pwd)
 prefix=$(mktemp -d)
 trap 'rm -rf "$prefix"' EXIT
 failures=0
