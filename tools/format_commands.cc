@@ -1,7 +1,8 @@
 // format: formats record files as one phone model will hold them, on the
-// phone side (the conduit built from a device description) or on the engine
+// phone side (what a synchronisation writes to the phone) or on the engine
 // side (the engine's record formatter rebuilt from the client the phone
-// archived itself in). Both must answer the same records.
+// archived itself in: its prediction of the record as given, before the
+// data-class helper's mangling and exploding, which only the phone side does).
 // check-device: builds every formatter of a device description and lists
 // every problem it finds, each with its key path.
 
@@ -13,6 +14,7 @@
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -24,8 +26,10 @@
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
 #include "host/DeviceFormatting.h"
+#include "host/PhoneStore.h"
 #include "host/ReferenceSync.h"
 #include "html_report.h"
+#include "platform/TimeZone.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
 #include "util/PHCMangling.h"
@@ -174,6 +178,7 @@ struct FormatOptions : DeviceOptions {
   std::vector<std::string> reportValues;
   bool engineSide = false;
   std::string outputFolder;
+  std::string anchorDate;
 };
 
 struct RecordResult {
@@ -181,7 +186,83 @@ struct RecordResult {
   std::string entity;
   std::optional<Dictionary> record;
   std::string rejection;
+  // Every record the phone holds for it, in the store's order: the record,
+  // its detached events held as records of their own, or the single events
+  // of a recurring event the phone cannot hold (`record` is the first).
+  std::vector<Dictionary> events;
+  bool exploded = false;
+  // The phone holds exactly one record for it, not a single event.
+  bool oneRecord = false;
 };
+
+// The phone side answers what a synchronisation writes to the phone: the
+// records go through the same run (assembled, mangled by their data class's
+// helper, exploded when the phone cannot hold their recurrence, formatted)
+// into a phone store of the scratch folder, and are read back from it.
+std::vector<RecordResult> formatAsSynced(const FormatOptions& options, const LoadedDevice& device,
+                                         const std::vector<std::pair<std::string, Dictionary>>& inputs,
+                                         const std::string& phoneFolder) {
+  SyncRun run{device.description, device.entities, device.options, phoneFolder, std::nullopt, {}, {}, false};
+  if (!options.anchorDate.empty()) {
+    std::string problem;
+    run.anchorDate = CalendarDate::dateWithString(
+        options.anchorDate, "%Y%m%d", TimeZone::systemTimeZone(), &problem);
+    if (!run.anchorDate || options.anchorDate.size() != 8)
+      throw CommandLineError("--anchor-date: \"" + options.anchorDate + "\": not a day (20261122)");
+  }
+  // Each record is named by its file's name, as sync names it (records refer
+  // to each other by name: a detached event to its main event); a name met
+  // again gets its position.
+  std::vector<SyncInput> records;
+  std::set<std::string> names;
+  for (std::size_t i = 0; i < inputs.size(); ++i) {
+    std::string identifier = std::filesystem::path(inputs[i].first).stem().string();
+    if (!names.insert(identifier).second) identifier += "-" + std::to_string(i + 1);
+    names.insert(identifier);
+    records.push_back({identifier, inputs[i].second});
+  }
+  const SyncResult synced = ReferenceSync::run(run, records);
+  if (!synced.error.empty())
+    throw CommandError(options.devicePath + ": " + whereInDescription(device, synced.error) + synced.error +
+                       " (phoneconduit check-device lists every problem)");
+
+  std::map<std::string, std::vector<PhoneStoreRecord>> held;  // by input identifier
+  PhoneStore store(phoneFolder);
+  if (auto dataClasses = device.description.getDictionary(kSyncDataClassesKey)) {
+    for (const Value& dataClass : dataClasses->keys()) {
+      std::string error;
+      std::optional<PhoneStoreContents> contents = store.read(dataClass.stringValue(), &error);
+      if (!contents) throw CommandError(error);
+      for (PhoneStoreRecord& record : contents->records)
+        // "<id>#<start>" single events, "<id>/<relation>/<n>" detached events.
+        held[record.identifier.substr(0, record.identifier.find_first_of("#/"))].push_back(
+            std::move(record));
+    }
+  }
+
+  std::vector<RecordResult> results;
+  for (std::size_t i = 0; i < inputs.size(); ++i) {
+    const std::string& identifier = records[i].identifier;
+    RecordResult result{inputs[i].first, inputs[i].second.getString(kEngineRecordEntityNameKey), std::nullopt,
+                        std::string(), {}, false};
+    for (const SyncRecordReport& entry : synced.report.records)
+      if (entry.identifier == identifier) {
+        result.exploded = entry.outcome == SyncOutcome::exploded;
+        if (entry.outcome == SyncOutcome::rejected) result.rejection = entry.reason;
+      }
+    for (const PhoneStoreRecord& record : held[identifier]) {
+      result.entity = record.entity;
+      result.events.push_back(record.fields);
+    }
+    result.oneRecord = held[identifier].size() == 1 &&
+                       held[identifier].front().identifier.find('#') == std::string::npos;
+    if (!result.events.empty()) result.record = result.events.front();
+    else if (result.rejection.empty() && !result.exploded)
+      result.rejection = "the phone holds nothing of this record";
+    results.push_back(std::move(result));
+  }
+  return results;
+}
 
 std::string outputName(const std::string& inputPath) {
   return std::filesystem::path(inputPath).filename().string();
@@ -238,7 +319,16 @@ void format(FormatOptions options) {
   const LoadedDevice device = loadDevice(options, storePath);
 
   std::vector<RecordResult> results;
-  {
+  if (!options.engineSide) {
+    if (scratch.path().empty()) throw CommandError("no folder for the phone store");
+    QuietDefaultLog quiet(options.log);
+    try {
+      results = formatAsSynced(options, device, inputs, scratch.path() + "/phone");
+    } catch (const Exception& e) {
+      throw CommandError(options.devicePath + ": " + whereInDescription(device, e.reason()) + e.reason() +
+                         " (phoneconduit check-device lists every problem)");
+    }
+  } else {
     QuietDefaultLog quiet(options.log);
     std::unique_ptr<DeviceFormatting> formatting;
     try {
@@ -256,34 +346,49 @@ void format(FormatOptions options) {
 
     for (const auto& [path, record] : inputs) {
       FormattingOutcome outcome = formatting->formatRecord(record);
-      results.push_back({path, record.getString(kEngineRecordEntityNameKey), std::move(outcome.record),
-                         std::move(outcome.rejection)});
+      RecordResult result{path, record.getString(kEngineRecordEntityNameKey), std::move(outcome.record),
+                          std::move(outcome.rejection), {}, false};
+      if (result.record) result.events.push_back(*result.record);
+      result.oneRecord = result.record.has_value();
+      results.push_back(std::move(result));
     }
   }
 
   // The texts are made before anything is printed, so that a record that
   // cannot be written stops the command with nothing on standard output.
-  std::vector<std::string> texts(results.size());
+  // An exploded event gives one text per single event the phone holds (none
+  // when no occurrence falls in the window); it is not a rejection.
+  std::vector<std::vector<std::string>> texts(results.size());
   int rejected = 0;
   for (std::size_t i = 0; i < results.size(); ++i) {
-    if (!results[i].record) {
+    if (!results[i].record && !results[i].exploded) {
       ++rejected;
       continue;
     }
-    Result<std::string> text = recordFileText(withEntityName(*results[i].record, results[i].entity));
-    if (!text) throw CommandError(results[i].path + ": the formatted record " + text.failure().message);
-    texts[i] = std::move(text).value();
+    for (const Dictionary& event : results[i].events) {
+      Result<std::string> text = recordFileText(withEntityName(event, results[i].entity));
+      if (!text) throw CommandError(results[i].path + ": the formatted record " + text.failure().message);
+      texts[i].push_back(std::move(text).value());
+    }
   }
 
+  // Files named after their inputs; when the phone holds other than one
+  // record for an input (an exploded event, detached events), each is
+  // "<name>-<n>.plist", counted from 1 in the store's order.
   if (!options.outputFolder.empty()) {
-    for (std::size_t i = 0; i < results.size(); ++i)
-      if (results[i].record)
-        writeText((std::filesystem::path(options.outputFolder) / outputName(results[i].path)).string(),
-                  texts[i]);
+    for (std::size_t i = 0; i < results.size(); ++i) {
+      const std::filesystem::path name = outputName(results[i].path);
+      for (std::size_t n = 0; n < texts[i].size(); ++n) {
+        const std::string file = results[i].oneRecord ? name.string()
+                                 : name.stem().string() + "-" + std::to_string(n + 1) +
+                                       name.extension().string();
+        writeText((std::filesystem::path(options.outputFolder) / file).string(), texts[i][n]);
+      }
+    }
   }
 
   for (const RecordResult& result : results)
-    if (!result.record)
+    if (!result.record && !result.exploded)
       std::cerr << "phoneconduit: " << result.path << ": rejected: "
                 << (result.rejection.empty() ? std::string("the phone cannot hold this record")
                                              : result.rejection)
@@ -302,9 +407,10 @@ void format(FormatOptions options) {
     for (const RecordResult& result : results) {
       Json entry{{"file", result.path},
                  {"entity", result.entity},
-                 {"status", result.record ? "formatted" : "rejected"}};
-      if (!result.record) entry["reason"] = result.rejection;
-      if (!options.outputFolder.empty() && result.record)
+                 {"status", result.exploded ? "exploded" : result.record ? "formatted" : "rejected"}};
+      if (result.exploded) entry["events"] = result.events.size();
+      if (!result.record && !result.exploded) entry["reason"] = result.rejection;
+      if (!options.outputFolder.empty() && result.oneRecord)
         entry["output"] = (std::filesystem::path(options.outputFolder) / outputName(result.path)).string();
       records.push_back(std::move(entry));
     }
@@ -316,7 +422,8 @@ void format(FormatOptions options) {
   } else if (options.outputFolder.empty()) {
     // One record file per formatted record, in the order given.
     std::string all;
-    for (const std::string& text : texts) all += text;
+    for (const std::vector<std::string>& record : texts)
+      for (const std::string& text : record) all += text;
     emit(all);
   }
   if (rejected) finish(kSomeRecordsRejected);
@@ -384,16 +491,21 @@ void addFormatCommands(CLI::App& app) {
   format->add_flag("--engine-side", formatOptions->engineSide,
                    "answer through the engine's record formatter rebuilt from the client store "
                    "instead of the phone conduit");
+  format->add_option("--anchor-date", formatOptions->anchorDate,
+                     "the day the window of exploded events is counted from (20261122), as "
+                     "sync takes it (default: the last Sunday)");
   format->add_option("--client-store", formatOptions->clientStorePath,
                      "keep the client store (where the phone archives itself) in this file");
   format->add_option("--output-dir", formatOptions->outputFolder,
                      "write each formatted record to this folder under its input file's name "
                      "instead of printing it");
   format->footer(
-      "Rejected records are named on standard error with the reason. Exit status: 0 all "
-      "formatted, 1 bad input, 3 some records rejected. --report html FILE also writes one "
-      "page to open in a browser: each record file beside the phone's form, the fields that "
-      "differ marked.\n\n"
+      "The phone side shows what sync writes to the phone: a recurring event the phone "
+      "cannot hold prints its single events within the window (see --anchor-date), and "
+      "detached events print as records of their own. Rejected records are named on "
+      "standard error with the reason. Exit status: 0 all formatted, 1 bad input, 3 some "
+      "records rejected. --report html FILE also writes one page to open in a browser: each "
+      "record file beside the phone's form, the fields that differ marked.\n\n"
       "Example:\n"
       "  phoneconduit format --device examples/devices/basic-phone.plist \\\n"
       "      --entities examples/devices/basic-phone.entities.plist \\\n"

@@ -22,10 +22,12 @@
 #include "command_support.h"
 #include "html_report.h"
 #include "commands.h"
+#include "store_sync.h"
 #include "conduit/CFPhone.h"
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
 #include "host/ReferenceSync.h"
+#include "platform/TimeZone.h"
 #include "platform/CalendarDate.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
@@ -71,6 +73,7 @@ struct SyncOptions {
   int version = 0;
   bool log = false;
   std::vector<std::string> report;
+  StoreSyncOptions store;
 };
 
 std::string fieldsText(const std::vector<SyncField>& fields) {
@@ -174,9 +177,10 @@ void sync(SyncOptions options) {
     throw CommandError(options.entitiesPath + ": no \"" + std::string(kEngineClientEntitiesKey) +
                        "\" dictionary");
   if (!options.anchorDate.empty()) {
-    Result<CalendarDate> anchor = dateFromText(options.anchorDate, "%Y%m%d");
-    if (anchor) run.anchorDate = std::move(anchor).value();
-    if (!anchor || options.anchorDate.size() != 8)
+    std::string problem;
+    run.anchorDate = CalendarDate::dateWithString(
+        options.anchorDate, "%Y%m%d", TimeZone::systemTimeZone(), &problem);
+    if (!run.anchorDate || options.anchorDate.size() != 8)
       throw CommandLineError("--anchor-date: \"" + options.anchorDate + "\": not a day (20261122)");
   }
   std::error_code code;
@@ -199,6 +203,19 @@ void sync(SyncOptions options) {
     if (!store.lastSaveSucceeded())
       throw CommandError(run.formatting.clientStorePath + ": cannot write the client store");
   }
+
+  if (!options.store.storePath.empty()) {
+    if (!options.recordPaths.empty())
+      throw CommandLineError("--store: the records are the store's; add record files with import");
+    StoreSyncOptions storeOptions = options.store;
+    storeOptions.log = options.log;
+    if (report.kind == "html") throw CommandLineError("--report html: not available with --store");
+    storeOptions.report = report.kind;
+    syncWithStore(run, storeOptions);
+    return;
+  }
+  if (options.recordPaths.empty())
+    throw CommandLineError("RECORDS: record files, or a store with --store, are required");
 
   // Every record is read before the phone is touched.
   std::vector<SyncInput> inputs;
@@ -253,6 +270,16 @@ void addSyncCommands(CLI::App& app) {
   command->add_option("RECORDS", options->recordPaths,
                       "record files (nice plist text); each file's name is its record's identifier")
       ->check(CLI::ExistingFile);
+  command->add_option("--store", options->store.storePath,
+                      "a store file (see import): a two-way sync of its records with the phone, "
+                      "from the state of the last sync")
+      ->check(CLI::ExistingFile);
+  command->add_option("--conflicts", options->store.conflicts,
+                      "with --store: which side a field changed on both sides follows, engine "
+                      "(default) or phone")
+      ->check(CLI::IsMember({"engine", "phone"}));
+  command->add_flag("--dry-run", options->store.dryRun,
+                    "with --store: report what a sync would do, and write nothing");
   command->add_option("--variables", options->variablesPath,
                       "values of the device's \"$name\" variables (a property-list dictionary)")
       ->check(CLI::ExistingFile);
@@ -284,7 +311,14 @@ void addSyncCommands(CLI::App& app) {
       "  phoneconduit sync --device examples/devices/flip-phone.plist \\\n"
       "      --entities examples/devices/flip-phone.entities.plist \\\n"
       "      --variables examples/devices/flip-phone.variables.plist \\\n"
-      "      --phone /tmp/flip --report html /tmp/flip.html examples/records/calendar/*.plist\n");
+      "      --phone /tmp/flip --report html /tmp/flip.html examples/records/calendar/*.plist\n\n"
+      "With --store, entries added, changed or deleted on the phone are carried into the store "
+      "(what the phone cannot hold stays), the store's changes reach the phone, and each is "
+      "reported: added on the phone, changed on the phone (carried into the engine), deleted on "
+      "the phone, deleted on the phone by the engine, conflict (field: engine value / phone "
+      "value). A sync happens whole or not at all.\n"
+      "  phoneconduit sync --store truth.db --device examples/devices/full-phone.plist \\\n"
+      "      --entities examples/devices/full-phone.entities.plist --phone /tmp/phone\n");
   command->callback([options] { tools::sync(*options); });
 }
 

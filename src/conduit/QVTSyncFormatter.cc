@@ -109,7 +109,9 @@ std::optional<Dictionary> QVTSyncFormatter::formattedRecordForRecord(
     QVT_LOG(kLogWarning, logDomain(), "no formatter!!");
     return std::nullopt;
   }
-  std::optional<Dictionary> answer = record.copy();
+  // A deep copy: formatting changes records and their lists in place, and
+  // the engine's record and its sub-records are not the formatter's to change.
+  std::optional<Dictionary> answer = record.deepCopy();
   try {
     answer = formatter->formatRecord(*answer);
   } catch (const Exception& exception) {

@@ -1,5 +1,7 @@
 #include "formatting/EntityFormatter.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 #include "async/Log.h"
@@ -47,6 +49,12 @@ constexpr StandardMethod kStandardMethods[] = {
     {kContactsEmailAddress, "standardFormatEMail:", "got email: {}"},
     {kContactsPhoneNumber, "standardFormatPhoneNumber:", "got phone number: {}"},
 };
+
+// The keys of an entity's first-format description that the entity
+// formatter reads.
+const std::string kDescriptionKeys[] = {"FormatterClass",   "TypeKey",          "FieldFormatting",
+                                        "MaxNumber",        "MaxNumberPerType", "RecordFormatting",
+                                        "PreFiltering",     "GlobalFormatting"};
 
 const StandardMethod* standardMethodFor(const std::string& entityName) {
   for (const StandardMethod& method : kStandardMethods)
@@ -168,6 +176,19 @@ std::string EntityFormatter::description() const {
 }
 
 void EntityFormatter::initWithPhone(CFPhone& phone, const std::string& entityName) {
+  // An entity's entry that is not a dictionary is no description at all.
+  std::int32_t version = 0;
+  if (auto device = phone.phoneConduitDescriptionWithVersion(&version)) {
+    for (const char* key : {kEntityFormattersKey, kFormattingKey}) {
+      auto entries = device->getDictionary(key);
+      const Value* entry = entries ? entries->find(entityName) : nullptr;
+      if (!entry || entry->isDictionary()) continue;
+      QVT_LOG(kLogInfo, logDomain(), "ignored: {} -> {}", entityName, *entry);
+      description_check::report(
+          fmt::format("the description of an entity must be a dictionary, not {}", *entry),
+          std::string(key) + "/" + entityName);
+    }
+  }
   initWithDescriptions(entityName, phone.formattingDescriptionForEntity(entityName),
                        phone.formattingDescriptionV2ForEntity(entityName),
                        phone.allKeysForEntity(entityName), phone.syncService(), phone.syncClient());
@@ -212,6 +233,18 @@ void EntityFormatter::initWithDescriptions(const std::string& entityName,
   formatter->initWithDictionary(description, entityName, service, client);
   _entityName = entityName;
   QVT_CHECK_NAMED(formatter, "_formatter");
+
+  // A misspelt key ("MaxNumbr") would otherwise leave its limit off silently.
+  const std::vector<std::string> classKeys = formatter->ownDescriptionKeys();
+  for (const auto& [key, value] : first) {
+    const std::string name = key.stringValue();
+    if (std::find(std::begin(kDescriptionKeys), std::end(kDescriptionKeys), name) !=
+            std::end(kDescriptionKeys) ||
+        std::find(classKeys.begin(), classKeys.end(), name) != classKeys.end())
+      continue;
+    QVT_LOG(kLogInfo, logDomain(), "ignored: {} -> {}", key, value);
+    check::report(fmt::format("unknown entity formatting key \"{}\" (ignored)", name), name);
+  }
 
   if (const Value* typeKey = first.find("TypeKey")) {
     if (typeKey->isString()) setTypeKey(typeKey->string());
@@ -534,17 +567,51 @@ std::optional<Dictionary> EntityFormatter::standardFormatOnRecord(const Dictiona
   return recordAnswer(standardFormatting->invokeWithValue(Value(record)));
 }
 
+std::string EntityFormatter::backRelationFrom(const Dictionary& masterRecord) const {
+  auto* assembler = dynamic_cast<GenericAssemblerDelegate*>(_helper.get());
+  const std::string masterEntity = masterRecord.getString(kEngineRecordEntityNameKey);
+  if (!assembler || masterEntity.empty() || !_entityName) return std::string();
+  return assembler->entityToBackRelationShipForMasterEntity(masterEntity).getString(*_entityName);
+}
+
+Dictionary EntityFormatter::ownerView(const Dictionary& masterRecord) {
+  // Without the lists of sub-records: an admitted sub-record that kept its
+  // owner would otherwise hold the list that holds it.
+  Dictionary owner;
+  for (const auto& [key, value] : masterRecord) {
+    if (auto list = value.asArray()) {
+      bool subRecords = false;
+      for (const Value& element : *list) subRecords = subRecords || element.isDictionary();
+      if (subRecords) continue;
+    }
+    owner.set(key, value.deepCopy());
+  }
+  return owner;
+}
+
 std::optional<Dictionary> EntityFormatter::canAppendAndFormatSubRecord(
     const Dictionary& subRecord, const Dictionary& masterRecord, Dictionary& typesInRecord,
     Value* effectiveType) {
-  std::optional<Dictionary> sub = subRecord;
+  // The filters and hooks work on a copy: the caller's sub-record is left alone.
+  Dictionary offered = subRecord.deepCopy();
+  const std::string back = backRelationFrom(masterRecord);
+  const Value* came = back.empty() ? nullptr : subRecord.find(back);
+  const Value cameWith = came ? came->copy() : Value();
+  if (!back.empty()) offered.set(back, Array{Value(ownerView(masterRecord))});
+  std::optional<Dictionary> sub = offered;
   if (preFiltering) {
     preFiltering->setArgument(Value(masterRecord), 0);
-    preFiltering->setArgument(Value(subRecord), 1);
+    preFiltering->setArgument(Value(offered), 1);
     sub = recordAnswer(preFiltering->invoke());
   }
   if (sub) sub = formatRecord(*sub);
   if (!sub) return std::nullopt;
+  // The owner view is not the phone's: a kept back relation is the one the
+  // sub-record came with, and no record refers to the record being built.
+  if (!back.empty() && sub->contains(back)) {
+    if (came) sub->set(back, cameWith);
+    else sub->remove(back);
+  }
 
   Value type;
   if (_typeKey) {

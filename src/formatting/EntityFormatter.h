@@ -126,7 +126,12 @@ class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDel
   // The formatted sub-record when one more of its type fits in the master
   // record, nullopt when it must be dropped. `typesInRecord` (type label ->
   // count) is the caller's, empty for each master record; `effectiveType`
-  // receives the sub-record's type label (null without one).
+  // receives the sub-record's type label (null without one). `masterRecord`
+  // is the record being built for the phone (its entity name and the
+  // sub-records admitted so far); while it is filtered and formatted the
+  // sub-record's back relation holds a copy of it without its sub-record
+  // lists, so that the hooks find the owner (an alarm's event, a rule's
+  // event). The answer keeps the back relation the sub-record came with.
   std::optional<Dictionary> canAppendAndFormatSubRecord(const Dictionary& subRecord,
                                                         const Dictionary& masterRecord,
                                                         Dictionary& typesInRecord,
@@ -152,6 +157,10 @@ class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDel
   void _setupWithFieldFormatter(const QVTSyncStringFieldFormatter& fieldFormatter);
   void setupPreFiltering(const Value& description);
   void reject(std::string reason);
+  // The relation by which a sub-record of this entity points to its master
+  // (the delegate's assembly rules); empty when there is none.
+  std::string backRelationFrom(const Dictionary& masterRecord) const;
+  static Dictionary ownerView(const Dictionary& masterRecord);
   static const std::string& logDomain();
 
   std::optional<std::string> _entityName;

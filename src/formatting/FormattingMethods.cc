@@ -283,15 +283,20 @@ Value FormattingMethods::onObject(const Value& object, const Value& subRecord,
 
 Value FormattingMethods::clearField(const Value&) { return Value(); }
 
-Value FormattingMethods::setFieldToValue(const Value&, const Value& constant) { return constant; }
+// A description's constant goes into a record as a copy of its own: a later
+// formatting step that changes the record in place must not change the
+// constant for the records formatted after it.
+Value FormattingMethods::setFieldToValue(const Value&, const Value& constant) {
+  return constant.deepCopy();
+}
 
 Value FormattingMethods::setIfNotSet(const Value& value, const Value& defaultVal) {
-  return value.isNull() ? defaultVal : value;
+  return value.isNull() ? defaultVal.deepCopy() : value;
 }
 
 Value FormattingMethods::setStringIfNotSet(const Value& value, const Value& defaultVal) {
-  if (value.isNull()) return defaultVal;
-  if (auto text = value.asString(); text && text->empty()) return defaultVal;
+  if (value.isNull()) return defaultVal.deepCopy();
+  if (auto text = value.asString(); text && text->empty()) return defaultVal.deepCopy();
   return value;
 }
 
@@ -629,8 +634,11 @@ Value FormattingMethods::formatContactNokiaSeries40(const Value& record, const V
   }
   for (std::size_t i = 0; i < kinds.size(); ++i) {
     if (shares[i] >= counts[i]) continue;
-    Array list = contact->get(kinds[i]).array();
+    // Cut a list of the contact's own: the one it holds may be shared with
+    // the engine's record.
+    Array list = contact->get(kinds[i]).array().copy();
     list.removeRange(shares[i], counts[i] - shares[i]);
+    contact->set(kinds[i], Value(list));
   }
   return record;
 }

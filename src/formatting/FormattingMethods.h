@@ -48,6 +48,9 @@ class FormattingMethods : public Object {
   // `description`: the entity's formatting description (may be absent);
   // `service`: the device's synchronisation service; `client`: the phone's
   // client, whose "CurrentTimeZone" is the phone's time zone.
+  // Keys of an entity's formatting description that this class reads besides
+  // the entity formatter's own; any other key is a mistake in the description.
+  virtual std::vector<std::string> ownDescriptionKeys() const { return {}; }
   virtual void initWithDictionary(const std::optional<Dictionary>& description,
                                   std::shared_ptr<DeviceSyncService> service,
                                   std::shared_ptr<SyncEngineClient> client);

@@ -26,6 +26,9 @@ class QVTMotorolaFormatter : public FormattingMethods {
  public:
   std::string className() const override { return "QVTMotorolaFormatter"; }
 
+  std::vector<std::string> ownDescriptionKeys() const override {
+    return {kOnlySupportASCIICharKey};
+  }
   using FormattingMethods::initWithDictionary;
   void initWithDictionary(const std::optional<Dictionary>& description,
                           std::shared_ptr<DeviceSyncService> service,

@@ -92,7 +92,8 @@ Value QVTSyncMapping::formatValue(const Value& value, bool* shouldReject) const 
   }
   const Value* ret = transportToSS.find(*t);
   QVT_CHECK(ret);
-  return ret ? *ret : Value();
+  // A copy: the mapping's values belong to the description.
+  return ret ? ret->deepCopy() : Value();
 }
 
 Value QVTSyncMapping::transportValueFromSSValue(const Value& value) const {
@@ -115,13 +116,13 @@ Value QVTSyncMapping::SSValueFomTransportValue(const Value& value) const {
   const std::string* text = value.asString();
   const Value key = (value.isNull() || (text && text->empty())) ? Value() : value;
   const Value* r = transportToSS.find(key);
-  Value answer = r ? *r : Value();
+  Value answer = r ? r->deepCopy() : Value();
   if (!r) {
     QVT_LOG(kLogWarning, mappingLogDomain(),
             "formatting description is incorrect.  Phone sends {}.  Will insert {} in the "
             "SyncEngine",
             key, _defaultValue);
-    answer = _defaultValue;
+    answer = _defaultValue.deepCopy();
   }
   if (answer.isNull()) {
     const std::string text =

@@ -1,5 +1,7 @@
 #include "formatting/QVTSyncStringFieldFormatter.h"
 
+#include <set>
+
 #include <fmt/format.h>
 
 #include "async/Log.h"
@@ -91,6 +93,18 @@ void QVTSyncStringFieldFormatter::initWithProperties(const Dictionary& propertie
   QVT_CHECK_NAMED(!fieldName.empty(), "_fieldName");
   _entityName = forEntity;
   _fieldName = fieldName;
+  // A misspelt key would otherwise leave its limit off without a word.
+  static const std::set<std::string> kKnownKeys = {
+      "defaultValWhenEmpty", "mappings",          "charsToStrip",         "charsToKeep",
+      "charsToReplaceByWSP", "charsToTrimWSP",    "maxLength",            "relationshipConstraint",
+      "relationshipSize",    "imageThresholdSize", "imageMaxWidth",        "imageMaxHeight"};
+  for (const auto& [key, value] : properties) {
+    const std::string name = key.stringValue();
+    if (kKnownKeys.count(name)) continue;
+    QVT_LOG(kLogInfo, fieldLogDomain(), "ignored: {} -> {}", key, value);
+    description_check::report(fmt::format("unknown field formatting key \"{}\" (ignored)", name),
+                              name);
+  }
   defaultVal = properties.get("defaultValWhenEmpty");
   owner = parent;
 
@@ -149,7 +163,7 @@ void QVTSyncStringFieldFormatter::initWithProperties(const Dictionary& propertie
   _thresold = intEntry(properties, "imageThresholdSize");
   _maxWidth = intEntry(properties, "imageMaxWidth");
   _maxHeight = intEntry(properties, "imageMaxHeight");
-  if (_thresold >= 1 && (_maxWidth == 0 || _maxHeight == 0)) {
+  if (_thresold >= 1 && (_maxWidth <= 0 || _maxHeight <= 0)) {
     description_check::step("imageThresholdSize", [] {
       // clang-format off
       logAndRaise("can't have a positive threshold and a non positive dimension.  Fix the client formatting description");
@@ -215,7 +229,7 @@ Value QVTSyncStringFieldFormatter::formatField(const Value& input, bool* rejectR
     }
   }
 
-  if (value.isNull()) value = defaultVal;
+  if (value.isNull()) value = defaultVal.deepCopy();
 
   if (mapping) {
     bool reject = false;

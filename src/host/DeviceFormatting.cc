@@ -107,11 +107,12 @@ struct DeviceFormatting::Impl {
     return answer;
   }
 
-  // The sub-records of one relationship that the phone keeps, formatted;
-  // identifiers are kept as they are.
-  Array admitSubRecords(const Array& elements, const Dictionary& master,
-                        const std::string& relation, const std::string& masterEntity) const {
-    Array kept;
+  // Appends to `master`'s list `relation` (already in it, shared) the
+  // sub-records of `elements` that the phone keeps, formatted; identifiers
+  // are kept as they are.
+  void admitSubRecords(const Array& elements, Dictionary& master, const std::string& relation,
+                       const std::string& masterEntity) const {
+    Array kept = master.get(relation).array();
     Dictionary typesInRecord;
     std::size_t admitted = 0;
     for (const Value& element : elements) {
@@ -142,7 +143,6 @@ struct DeviceFormatting::Impl {
         QVT_LOG(kLogError, deviceLogDomain(), "exception {}", exception.description());
       }
     }
-    return kept;
   }
 };
 
@@ -230,18 +230,27 @@ FormattingOutcome DeviceFormatting::formatRecord(const Dictionary& input) const 
   std::optional<Dictionary> master = _impl->formatMaster(record, *formatter, outcome.rejection);
   if (!master) return outcome;
 
+  // The record being built for the phone: the formatted master, named by its
+  // entity, whose lists hold only the sub-records admitted so far; the alarm
+  // filters and the sub-records' hooks read it.
+  const bool keepsEntityName = master->contains(kEngineRecordEntityNameKey);
+  master->set(kEngineRecordEntityNameKey, entity);
+  std::vector<std::pair<std::string, Array>> offered;
   for (const Value& relation : _impl->relationsOf(entity)) {
     const Value* value = master->find(relation);
     if (!value || value->isNull()) continue;
     if (auto elements = value->asArray()) {
-      master->set(relation, Value(_impl->admitSubRecords(*elements, *master, relation.stringValue(),
-                                                         entity)));
+      offered.emplace_back(relation.stringValue(), *elements);
+      master->set(relation, Value(Array()));
     } else {
       QVT_LOG(kLogWarning, deviceLogDomain(), "{} of {} is not a list: {}; dropped", relation,
               entity, *value);
       master->remove(relation);
     }
   }
+  for (const auto& [relation, elements] : offered)
+    _impl->admitSubRecords(elements, *master, relation, entity);
+  if (!keepsEntityName) master->remove(kEngineRecordEntityNameKey);
   try {
     formatter->formatAssembledRecord(*master);
   } catch (const Exception& exception) {

@@ -156,7 +156,6 @@ std::optional<Dictionary> RecordAssembler::assembledRecord(const std::string& id
     const Dictionary records = truth.recordsWithIdentifiers(order);
     const std::string subEntity = rules.relationToEntity.getString(relation);
     delegate.sortRelation(relation, order, records, subEntity);
-    const std::string back = rules.backRelations.getString(relation);
     Array inlined;
     for (const Value& subIdentifier : order) {
       auto sub = records.getDictionary(subIdentifier);
@@ -165,7 +164,8 @@ std::optional<Dictionary> RecordAssembler::assembledRecord(const std::string& id
                 identifier, subIdentifier);
         continue;
       }
-      if (!back.empty()) sub->remove(back);
+      // The back relation stays: the formatting hooks find the sub-record's
+      // owner through it (an alarm's event, a recurrence's event).
       inlined.add(Value(*sub));
     }
     assembled.set(relation, Value(inlined));

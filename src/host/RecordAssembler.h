@@ -82,7 +82,7 @@ class RecordAssembler {
   const AssemblyRules& rulesForMasterEntity(const std::string& masterEntity);
 
   // The master record `identifier` of the truth with its sub-records inlined
-  // (sorted by the delegate, without their back relation), its extra keys
+  // (sorted by the delegate, each keeping its back relation), its extra keys
   // carried as they are and its other relations left out; nullopt when the
   // truth has no such record. An identifier without a record is skipped.
   std::optional<Dictionary> assembledRecord(const std::string& identifier,

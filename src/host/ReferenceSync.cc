@@ -198,6 +198,43 @@ struct Outgoing {
   std::size_t report = 0;  // index of its master's report
 };
 
+// One occurrence of an exploded event as a single event: an alarm at an
+// absolute instant belongs to the first occurrence, so each occurrence gets
+// it moved by its distance from the first; alarms relative to the start
+// follow the occurrence by themselves.
+Dictionary singleEventOf(Dictionary occurrence, const Dictionary& master) {
+  const Value first = master.get(kCalendarsEventStartDate);
+  const Value start = occurrence.get(kCalendarsEventStartDate);
+  if (!first.isDate() || !start.isDate()) return occurrence;
+  const double shift =
+      start.date().timeIntervalSinceReferenceDate() - first.date().timeIntervalSinceReferenceDate();
+  if (shift == 0) return occurrence;
+  for (const auto& [key, value] : occurrence) {
+    auto alarms = value.asArray();
+    if (!alarms) continue;
+    for (std::size_t i = 0; i < alarms->count(); ++i) {
+      auto alarm = alarms->at(i).asDictionary();
+      if (!alarm) continue;
+      const Value trigger = alarm->get(kCalendarsDisplayAlarmTriggerdate);
+      if (trigger.isDate())
+        alarm->set(kCalendarsDisplayAlarmTriggerdate,
+                   Value(trigger.date().dateByAddingTimeInterval(shift)));
+    }
+  }
+  return occurrence;
+}
+
+// Points each sub-record held in `record` back to `identifier`.
+void pointSubRecordsTo(const Dictionary& record, const std::string& identifier) {
+  for (const auto& [key, value] : record) {
+    auto subRecords = value.asArray();
+    if (!subRecords) continue;
+    for (const Value& element : *subRecords)
+      if (auto sub = element.asDictionary(); sub && sub->contains(kCalendarsDisplayAlarmOwner))
+        sub->set(kCalendarsDisplayAlarmOwner, Value(Array{Value(identifier)}));
+  }
+}
+
 }  // namespace
 
 const char* syncOutcomeName(SyncOutcome outcome) {
@@ -216,6 +253,68 @@ namespace {
 bool sameIgnoringEntityNames(const Value& a, const Value& b);
 
 void collectDifferences(const Dictionary& a, const Dictionary& b, const std::string& prefix,
+                        std::vector<std::string>& fields);
+
+// The differences between two lists of sub-records. A phone may keep fewer
+// of them and in another order (one number per type, its own sort), so each
+// sub-record is first matched with its counterpart by content: an equal one,
+// then one of the same type and value, then one of the same value; those
+// left are paired in order, and their fields compared. A sub-record without
+// counterpart is named by its position ("phoneNumbers/3"); fields of a
+// matched one by the first list's position.
+void compareSubRecords(const Array& left, const Array& right, const std::string& where,
+                       std::vector<std::string>& fields) {
+  auto allRecords = [](const Array& list) {
+    return std::all_of(list.begin(), list.end(), [](const Value& v) { return v.isDictionary(); });
+  };
+  if (!allRecords(left) || !allRecords(right)) {
+    for (std::size_t i = 0; i < std::max(left.count(), right.count()); ++i) {
+      if (i >= left.count() || i >= right.count() ||
+          !sameIgnoringEntityNames(left.at(i), right.at(i)))
+        fields.push_back(where + std::to_string(i));
+    }
+    return;
+  }
+  constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+  std::vector<std::size_t> counterpart(left.count(), kNone);
+  std::vector<bool> taken(right.count(), false);
+  auto sameKey = [](const Dictionary& l, const Dictionary& r, const char* key) {
+    const Value* x = l.find(key);
+    const Value* y = r.find(key);
+    return x && y && *x == *y;
+  };
+  const std::function<bool(const Dictionary&, const Dictionary&)> passes[] = {
+      [](const Dictionary& l, const Dictionary& r) {
+        return sameIgnoringEntityNames(Value(l), Value(r));
+      },
+      [&](const Dictionary& l, const Dictionary& r) {
+        return sameKey(l, r, "type") && sameKey(l, r, "value");
+      },
+      [&](const Dictionary& l, const Dictionary& r) { return sameKey(l, r, "value"); },
+      [](const Dictionary&, const Dictionary&) { return true; },
+  };
+  for (const auto& matches : passes)
+    for (std::size_t i = 0; i < left.count(); ++i) {
+      if (counterpart[i] != kNone) continue;
+      const Dictionary l = left.at(i).dictionary();
+      for (std::size_t j = 0; j < right.count(); ++j)
+        if (!taken[j] && matches(l, right.at(j).dictionary())) {
+          counterpart[i] = j;
+          taken[j] = true;
+          break;
+        }
+    }
+  for (std::size_t i = 0; i < left.count(); ++i) {
+    const std::string path = where + std::to_string(i);
+    if (counterpart[i] == kNone) fields.push_back(path);
+    else collectDifferences(left.at(i).dictionary(), right.at(counterpart[i]).dictionary(),
+                            path + "/", fields);
+  }
+  for (std::size_t j = 0; j < right.count(); ++j)
+    if (!taken[j]) fields.push_back(where + std::to_string(j));
+}
+
+void collectDifferences(const Dictionary& a, const Dictionary& b, const std::string& prefix,
                         std::vector<std::string>& fields) {
   auto differ = [&](const std::string& key, const Value* x, const Value* y) {
     // An empty list holds as much as no list at all.
@@ -232,20 +331,7 @@ void collectDifferences(const Dictionary& a, const Dictionary& b, const std::str
       return;
     }
     if (sameIgnoringEntityNames(*x, *y)) return;
-    // Sub-records, element by element.
-    for (std::size_t i = 0; i < std::max(left->count(), right->count()); ++i) {
-      const std::string where = prefix + key + "/" + std::to_string(i);
-      if (i >= left->count() || i >= right->count()) {
-        fields.push_back(where);
-        continue;
-      }
-      auto l = left->at(i).asDictionary();
-      auto r = right->at(i).asDictionary();
-      if (l && r)
-        collectDifferences(*l, *r, where + "/", fields);
-      else if (!sameIgnoringEntityNames(left->at(i), right->at(i)))
-        fields.push_back(where);
-    }
+    compareSubRecords(*left, *right, prefix + key + "/", fields);
   };
   for (const auto& [key, value] : a) {
     const std::string name = key.stringValue();
@@ -512,18 +598,22 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
     }
 
     if (explode) {
-      Array events, predicted;
+      // The engine's event is exploded, not its mangled form: mangling puts
+      // the start on the phone's wall clock, the until date at 12:00 GMT and
+      // the alarms at absolute instants, all of which would move the
+      // occurrences the rule produces. Each occurrence is then mangled and
+      // formatted as a single event, so that it falls on its real instant
+      // with alarms relative to itself.
+      Array events;
       try {
         const CALDateRef start = CALDate::CALDateFromCalendarDate(windowStart, false);
         const CALDateRef end = CALDate::CALDateFromCalendarDate(windowEnd, false);
         const CALTimeRange window(start.get(), end.get());
-        auto exploder = CALEventExploder::CALEventExploderWithAssembledEvent(mangled);
-        auto engineExploder = CALEventExploder::CALEventExploderWithAssembledEvent(assembled);
-        if (!exploder || !engineExploder)
+        auto exploder = CALEventExploder::CALEventExploderWithAssembledEvent(assembled);
+        if (!exploder)
           raiseException(kInvalidArgumentException, "the event holds more than one recurrence");
-        events = exploder->eventsForDates(exploder->produceDatesForTimeRange(window, truth.get(), identifier));
-        predicted = engineExploder->eventsForDates(
-            engineExploder->produceDatesForTimeRange(window, truth.get(), identifier));
+        events = exploder->eventsForDates(
+            exploder->produceDatesForTimeRange(window, truth.get(), identifier));
       } catch (const Exception& exception) {
         entry.outcome = SyncOutcome::rejected;
         const std::string reason = exception.reason();
@@ -534,30 +624,47 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
       entry.outcome = SyncOutcome::exploded;
       std::vector<SyncField> changes;
       for (std::size_t i = 0; i < events.count(); ++i) {
-        const Dictionary event = events.at(i).dictionary();
+        const Dictionary engineEvent = singleEventOf(events.at(i).dictionary(), assembled);
         // Named by its start, so that the same single event keeps its name
         // when the window moves.
-        const Value start = event.get("startDate");
+        const Value start = engineEvent.get("startDate");
         const std::string occurrence =
             identifier + "#" +
             (start.isDate() ? start.date().dateWithTimeZone(TimeZone::gmt()).descriptionWithCalendarFormat(
                                   "%Y%m%dT%H%M%SZ")
                             : std::to_string(i + 1));
-        FormattingOutcome formatted = phone.phoneSide->formatRecord(event);
+        // The occurrence stands in the truth while it is formatted, and its
+        // sub-records point back to it: the formatting hooks reckon an
+        // alarm from its owner's start, which is this occurrence's.
+        pointSubRecordsTo(engineEvent, occurrence);
+        truth->addRecord(occurrence, engineEvent);
+        struct Leave {
+          MemoryTruthSnapshot& truth;
+          const std::string& identifier;
+          ~Leave() { truth.removeRecord(identifier); }
+        } leave{*truth, occurrence};
+        RecordHolder single(engineEvent, occurrence);
+        if (auto transformer = dynamic_cast<QVTSyncRecordTransformer*>(helper.get())) {
+          try {
+            transformer->mangleRecordBeforePushingToDevice(single);
+          } catch (const Exception& exception) {
+            QVT_LOG(kLogError, syncLogDomain(), "exception {}", exception.description());
+          }
+        }
+        FormattingOutcome formatted = phone.phoneSide->formatRecord(single.mutableDictionary());
         if (!formatted.record) continue;
         if (run.keepRecords) entry.singleEvents.push_back({occurrence, *formatted.record});
-        const Dictionary engineEvent = i < predicted.count() ? predicted.at(i).dictionary() : event;
         // The prediction is needed only to judge a single event the phone
         // holds already.
         std::optional<Dictionary> prediction;
         if (onPhone.count(occurrence))
           prediction = phone.engineSide->formatRecord(engineEvent).record;
-        if (changedOnPhone(occurrence, engineEvent, holder->properties(), prediction,
+        if (changedOnPhone(occurrence, engineEvent, single.properties(), prediction,
                            *formatted.record, changes, occurrence + ": "))
           outgoing[dataClass].push_back({*onPhone[occurrence], false, {}, std::nullopt, reportIndex});
         else
           outgoing[dataClass].push_back({{occurrence, entity, *formatted.record}, false,
-                                         holder->properties(), std::nullopt, reportIndex});
+                                         single.properties(), std::nullopt, reportIndex});
         sentIdentifiers.insert(occurrence);
         ++entry.events;
       }

@@ -490,13 +490,13 @@ void QVTSyncEventTransformer::unmangleRecordAfterReadingFromDevice(RecordHolder&
                                     : propertyZone;
   const TimeZonePtr phoneZone = phoneZoneOf(_calendarManager);
 
-  _unmangleRecurrenceBeforeTimeZoneUnMangling(holder);
+  _unmangleRecurrenceBeforeTimeZoneUnMangling(holder, eventZone);
   _unmangleTimeZone(holder, eventZone, phoneZone);
   _unmangleRecurrenceAfterTimeZoneUnMangling(holder, eventZone);
 
   const std::string entity = entityOf(holder.mutableDictionary());
   if (entity == kCalendarsEvent) {
-    _unmangleAllDay(holder);
+    _unmangleAllDay(holder, phoneZone);
   } else {
     if (entity != kCalendarsTask)
       QVT_LOG(kLogError, "QVT", "strange not event nor todo: {}", holder.mutableDictionary());
@@ -540,14 +540,20 @@ void QVTSyncEventTransformer::_unmangleTimeZone(RecordHolder& holder,
   if (eventTimeZone) convert(nullptr, eventTimeZone);
 }
 
-void QVTSyncEventTransformer::_unmangleAllDay(RecordHolder& holder) {
+void QVTSyncEventTransformer::_unmangleAllDay(RecordHolder& holder, const TimeZonePtr& phoneZone) {
   if (_hasAllDayEvents && _hasAllDayMultiDay) return;
   if (!_hasFakeAllDay || !holder.propertyForKey(kIsAllDayEventProperty).isNull()) return;
 
   Dictionary record = holder.mutableDictionary();
-  const std::optional<CalendarDate> start = dateEntry(record, kCalendarsEventStartDate);
-  const std::optional<CalendarDate> end = dateEntry(record, kCalendarsEventEndDate);
+  std::optional<CalendarDate> start = dateEntry(record, kCalendarsEventStartDate);
+  std::optional<CalendarDate> end = dateEntry(record, kCalendarsEventEndDate);
   if (!start || !end) QVT_LOG(kLogError, "QVT", "bad event");
+  // The phone wrote 00:00 and 23:59 on its own clock; the dates were re-zoned
+  // since, so they are read on the phone's clock again (same instants).
+  if (phoneZone) {
+    if (start) start = start->dateWithTimeZone(phoneZone);
+    if (end) end = end->dateWithTimeZone(phoneZone);
+  }
 
   const bool startsAtMidnight = start && start->hourOfDay() == 0 && start->minuteOfHour() == 0 &&
                                 start->secondOfMinute() == 0;

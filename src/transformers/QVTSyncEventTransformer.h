@@ -208,7 +208,7 @@ class QVTSyncEventTransformer : public QVTSyncDataClassHelper,
   void _mangleTimeZone(Dictionary& record, const TimeZonePtr& eventTimeZone);
   void _unmangleTimeZone(RecordHolder& holder, const TimeZonePtr& eventTimeZone,
                          const TimeZonePtr& phoneTimeZone);
-  void _unmangleAllDay(RecordHolder& holder);
+  void _unmangleAllDay(RecordHolder& holder, const TimeZonePtr& phoneZone);
   void _mangleCompletionDate(RecordHolder& holder);
   // Converts an all-day record to a timed one when the phone needs it;
   // answers whether it did.
@@ -217,7 +217,8 @@ class QVTSyncEventTransformer : public QVTSyncDataClassHelper,
   // Recurrences (QVTSyncEventTransformerRecurrence.cc).
   void _mangleRecurrenceBeforeTimeZoneMangling(RecordHolder& holder, bool convertAllDayToDateTime);
   void _mangleRecurrenceAfterTimeZoneMangling(RecordHolder& holder);
-  void _unmangleRecurrenceBeforeTimeZoneUnMangling(RecordHolder& holder);
+  void _unmangleRecurrenceBeforeTimeZoneUnMangling(RecordHolder& holder,
+                                                   const TimeZonePtr& eventTimeZone = nullptr);
   void _unmangleRecurrenceAfterTimeZoneUnMangling(RecordHolder& holder,
                                                   const TimeZonePtr& eventTimeZone);
   Array privateConvertArrayToTimedCalendarDate(const Array& dates);

@@ -46,12 +46,42 @@ CalendarDate middayGMTOfDay(const CalendarDate& date) {
   return allDayDateWithYear(date.yearOfCommonEra(), date.monthOfYear(), date.dayOfMonth());
 }
 
-// Moves the alarms of one relation in front of those of the other; the
-// first relation goes.
+// The entity of the alarms a relation holds (the same names for events and
+// tasks).
+const char* alarmEntityOf(const std::string& relation) {
+  return relation == kCalendarsEventDisplayAlarms ? kCalendarsDisplayAlarm : kCalendarsAudioAlarm;
+}
+
+// An alarm rebuilt with a new trigger: it keeps the original's other fields
+// (its owner, its text) and is named as an alarm of the relation holding it,
+// so that the formatting hooks find what it belongs to.
+Dictionary rebuiltAlarm(const Dictionary& original, const std::string& relation, const char* key,
+                        const Value& trigger) {
+  Dictionary alarm = original.copy();
+  alarm.remove(kCalendarsAudioAlarmTriggerdate);
+  alarm.remove(kCalendarsAudioAlarmTriggerduration);
+  alarm.set(key, trigger);
+  alarm.set(kEngineRecordEntityNameKey, Value(alarmEntityOf(relation)));
+  return alarm;
+}
+
+// Moves the alarms of one relation in front of those of the other, renamed as
+// the other's alarms; the first relation goes.
 void moveAlarms(Dictionary& record, const char* from, const char* to) {
   const std::optional<Array> moved = record.getArray(from);
   if (!moved) return;
-  Array alarms = moved->copy();
+  Array alarms;
+  for (const Value& value : *moved) {
+    auto alarm = value.asDictionary();
+    if (!alarm) {
+      alarms.add(value);
+      continue;
+    }
+    Dictionary renamed = alarm->copy();
+    if (renamed.contains(kEngineRecordEntityNameKey))
+      renamed.set(kEngineRecordEntityNameKey, Value(alarmEntityOf(to)));
+    alarms.add(Value(renamed));
+  }
   if (const std::optional<Array> there = record.getArray(to)) alarms.addAll(*there);
   record.remove(from);
   record.set(to, alarms);
@@ -90,7 +120,8 @@ void QVTSyncEventTransformer::_mangleAlarms(RecordHolder& holder) {
       if (reference) {
         holder.setBooleanProperty(false, "AlarmIsAbsolute");
         const CalendarDate trigger = reference->dateByAddingTimeInterval(duration->doubleValue());
-        record.set(relation, Array{Dictionary{{kCalendarsAudioAlarmTriggerdate, trigger}}});
+        record.set(relation, Array{rebuiltAlarm(*alarm, relation, kCalendarsAudioAlarmTriggerdate,
+                                                Value(trigger))});
       }
     } else {
       QVT_LOG(kLogError, logDomain(), "Strange alarm: {}\nRecord: {}", *alarm, record);
@@ -130,8 +161,8 @@ void QVTSyncEventTransformer::_unmangleAlarms(RecordHolder& holder, const TimeZo
           const double seconds =
               trigger->timeIntervalSinceReferenceDate() - reference->timeIntervalSinceReferenceDate();
           record.set(relation,
-                     Array{Dictionary{{kCalendarsAudioAlarmTriggerduration,
-                                       static_cast<std::int64_t>(std::trunc(seconds))}}});
+                     Array{rebuiltAlarm(*alarm, relation, kCalendarsAudioAlarmTriggerduration,
+                                        Value(static_cast<std::int64_t>(std::trunc(seconds))))});
         }
       } else {
         Dictionary rezoned = alarm->copy();

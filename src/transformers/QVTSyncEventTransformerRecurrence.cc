@@ -238,7 +238,8 @@ void QVTSyncEventTransformer::_mangleRecurrenceAfterTimeZoneMangling(RecordHolde
 
 // --- Unmangling -----------------------------------------------------------------------------
 
-void QVTSyncEventTransformer::_unmangleRecurrenceBeforeTimeZoneUnMangling(RecordHolder& holder) {
+void QVTSyncEventTransformer::_unmangleRecurrenceBeforeTimeZoneUnMangling(
+    RecordHolder& holder, const TimeZonePtr& eventTimeZone) {
   Dictionary record = holder.mutableDictionary();
   const std::optional<Array> exDates = record.getArray(kCalendarsEventExceptionDates);
   if (!exDates || exDates->empty()) return;
@@ -248,10 +249,28 @@ void QVTSyncEventTransformer::_unmangleRecurrenceBeforeTimeZoneUnMangling(Record
     QVT_LOG(kLogError, logDomain(), "exdate with not start date: {}", record);
     return;
   }
-  // The phone's date-only exception dates become the starts they stand for.
+  // The phone's date-only exception dates become the starts they stand for:
+  // the occurrence on that day of the phone's calendar, at the start's time
+  // in the event's own zone (where the rule repeats), which is not the
+  // start's time on the phone's clock when the two zones change daylight
+  // time on different dates.
+  const bool ownZone = eventTimeZone && !CalendarUtilities::isAllDayEvent(record) &&
+                       !eventTimeZone->isEqualToTimeZone(*start->timeZone());
+  const CalendarDate first = ownZone ? start->dateWithTimeZone(eventTimeZone) : *start;
+  auto occurrenceOn = [&](const CalendarDate& day) {
+    if (!ownZone) return dayAtTimeOf(day, *start);
+    for (int shift : {0, -1, 1}) {
+      const CalendarDate there = dayAtTimeOf(day, first).dateByAddingYears(0, 0, shift, 0, 0, 0);
+      const CalendarDate onPhone = there.dateWithTimeZone(start->timeZone());
+      if (onPhone.yearOfCommonEra() == day.yearOfCommonEra() &&
+          onPhone.monthOfYear() == day.monthOfYear() && onPhone.dayOfMonth() == day.dayOfMonth())
+        return onPhone;
+    }
+    return dayAtTimeOf(day, *start);
+  };
   Array starts;
   for (const Value& value : *exDates) {
-    if (const CalendarDate* date = value.asDate()) starts.add(dayAtTimeOf(*date, *start));
+    if (const CalendarDate* date = value.asDate()) starts.add(occurrenceOn(*date));
     else starts.add(value);  // dropped, logged, by the normalisation
   }
   record.set(kCalendarsEventExceptionDates, normalizedExDates(starts));
@@ -278,6 +297,32 @@ void QVTSyncEventTransformer::_unmangleRecurrenceAfterTimeZoneUnMangling(
       rule.set(kCalendarsRecurrenceUntil, final);
       record.set(kCalendarsEventRecurrences, Array{rule});
     }
+  }
+
+  // An all-day event's until date names a day, which the phone wrote on its
+  // own clock: it is anchored at 12:00 GMT of that day again, where no zone
+  // moves it to another day.
+  if (CalendarUtilities::isAllDayEvent(record)) {
+    Array anchored;
+    bool changed = false;
+    for (const Value& value : *recurrences) {
+      const std::optional<Dictionary> rule = value.asDictionary();
+      const std::optional<CalendarDate> until =
+          rule ? dateForKey(*rule, kCalendarsRecurrenceUntil) : std::nullopt;
+      const std::optional<CalendarDate> midday =
+          until ? std::optional<CalendarDate>(allDayDateWithYear(
+                      until->yearOfCommonEra(), until->monthOfYear(), until->dayOfMonth()))
+                : std::nullopt;
+      if (!midday || *midday == *until) {
+        anchored.add(value);
+        continue;
+      }
+      Dictionary copy = rule->copy();
+      copy.set(kCalendarsRecurrenceUntil, *midday);
+      anchored.add(Value(copy));
+      changed = true;
+    }
+    if (changed) record.set(kCalendarsEventRecurrences, anchored);
   }
 
   QVT_LOG(kLogInfo, logDomain(), "there is a tracker, find the detached dates");

@@ -93,10 +93,16 @@ TEST(RecordAssemblerTest, AssemblyFollowsTheDelegate) {
   const std::optional<Dictionary> assembled = assembler.assembledRecord("e1", truth);
   ASSERT_TRUE(assembled);
   EXPECT_EQ(delegate.sorted, 2);
-  // Sub-records inlined in the delegate's order, without their back relation.
-  EXPECT_EQ(assembled->get("displayAlarms"), Value(Array{alarm(-60), alarm(-600)}));
+  // Sub-records inlined in the delegate's order, each keeping its back
+  // relation: the formatting hooks find their owner through it.
+  auto owned = [](Dictionary sub) {
+    sub.set("owner", Value(Array{"e1"}));
+    return sub;
+  };
+  EXPECT_EQ(assembled->get("displayAlarms"), Value(Array{owned(alarm(-60)), owned(alarm(-600))}));
   EXPECT_EQ(assembled->get("recurrences"),
-            Value(Array{Dictionary{{"entityName", "Calendars.Recurrence"}, {"frequency", "weekly"}}}));
+            Value(Array{owned(Dictionary{{"entityName", "Calendars.Recurrence"},
+                                         {"frequency", "weekly"}})}));
   // Extra keys travel as they are; relations the delegate does not name stay out.
   EXPECT_EQ(assembled->get("calendar"), Value(Array{"calendar-1"}));
   EXPECT_FALSE(assembled->contains("mailAlarms"));
@@ -124,6 +130,9 @@ TEST(RecordAssemblerTest, SchemaAnswersWithoutADelegate) {
   assembler.addToTruth(original, "e1", truth);
   Dictionary expected = original.deepCopy();
   expected.set("detachedEvents", Value(Array{"e1/detachedEvents/0"}));
+  for (const char* relation : {"recurrences", "displayAlarms", "mailAlarms"})
+    for (const Value& sub : expected.getArray(relation).value_or(Array()))
+      sub.asDictionary()->set("owner", Value(Array{"e1"}));
   EXPECT_EQ(assembler.assembledRecord("e1", truth), expected);
 }
 
@@ -138,7 +147,8 @@ TEST(RecordAssemblerTest, BadRelationsAreSkippedNotFatal) {
   const auto assembled = assembler.assembledRecord("c1", truth);
   ASSERT_TRUE(assembled);
   EXPECT_EQ(assembled->get("phoneNumbers"),
-            Value(Array{Dictionary{{"entityName", "Contacts.PhoneNumber"}, {"value", "1"}}}));
+            Value(Array{Dictionary{{"entityName", "Contacts.PhoneNumber"}, {"value", "1"},
+                                   {"contact", Array{"c1"}}}}));
   EXPECT_FALSE(assembled->contains("emailAddresses"));
 
   // A record nested into itself stops at a fixed depth instead of looping.

@@ -591,8 +591,8 @@ TEST(EventTransformerRoundTrip, FloatingEvents) {
 
 // All-day events: kept as they are on the full phone; on the one-day phone
 // a one-day event stays all-day, and a longer one, across the spring change,
-// goes as a timed event from midnight to 23:59 and comes back as those same
-// instants.
+// goes as a timed event from midnight to 23:59 on the phone's clock and is
+// recognised as the all-day event again when it comes back.
 TEST(EventTransformerRoundTrip, AllDayEvents) {
   for (const char* phoneZone : {"America/New_York", "America/Sao_Paulo"}) {
     SCOPED_TRACE(phoneZone);
@@ -614,8 +614,76 @@ TEST(EventTransformerRoundTrip, AllDayEvents) {
     const CalendarDate sentEnd = trip.formatted.get(kCalendarsEventEndDate).date();
     EXPECT_EQ(sentStart, at(phoneZone, 2024, 3, 9));
     EXPECT_EQ(sentEnd, at(phoneZone, 2024, 3, 11, 23, 59));
-    EXPECT_EQ(trip.back.get(kCalendarsEventStartDate), Value(sentStart));
-    EXPECT_EQ(trip.back.get(kCalendarsEventEndDate), Value(sentEnd));
+    EXPECT_TRUE(trip.back.getBool(kCalendarsEventAllDay));
+    EXPECT_EQ(trip.back.get(kCalendarsEventStartDate), Value(CalendarExtension::allDayDateWithYear(2024, 3, 9)));
+    EXPECT_EQ(trip.back.get(kCalendarsEventEndDate), Value(CalendarExtension::allDayDateWithYear(2024, 3, 12)));
+  }
+}
+
+}  // namespace
+}  // namespace pc
+
+namespace pc {
+namespace {
+
+// A phone that writes all-day events from 00:00 to 23:59 on its own clock:
+// what it holds is recognised as all-day again whatever its zone, also
+// across a daylight-time change (27 to 29 March 2027 in Berlin).
+TEST(EventTransformerMangling, FakeAllDayIsRecognisedOnThePhonesClock) {
+  const Dictionary properties{{"hasFakeAllDay", true}, {"hasAllDayEvents", false},
+                              {"supportsTZ", false}};
+  for (const char* phoneZone :
+       {"Europe/Berlin", "America/New_York", "Asia/Kolkata", "Pacific/Auckland", "GMT"}) {
+    SCOPED_TRACE(phoneZone);
+    Host host(properties, phoneZone);
+    // The phone's entry as the store gives it, on the phone's clock; the
+    // holder remembers the all-day event went out in GMT.
+    const Dictionary onPhone =
+        event(at(phoneZone, 2027, 3, 27), at(phoneZone, 2027, 3, 29, 23, 59));
+    RecordHolder back(onPhone, "ade-1");
+    back.setProperty(QVTTimeZoneProperty::valueWithTimeZone(zone("GMT")), "sTimeZone");
+    host.transformer->unmangleRecordAfterReadingFromDevice(back);
+    const Dictionary record = back.mutableDictionary();
+    EXPECT_TRUE(record.getBool(kCalendarsEventAllDay)) << onPhone.description() << record.description();
+    EXPECT_EQ(record.get(kCalendarsEventStartDate), Value(CalendarExtension::allDayDateWithYear(2027, 3, 27)));
+    EXPECT_EQ(record.get(kCalendarsEventEndDate), Value(CalendarExtension::allDayDateWithYear(2027, 3, 30)));
+  }
+}
+
+}  // namespace
+}  // namespace pc
+
+namespace pc {
+namespace {
+
+// Date-only exception dates of a Berlin weekly event read back on a phone
+// without zones: each stands for the occurrence on its day, also where the
+// phone's zone changes daylight time on other dates than Berlin (15 March is
+// after New York's change and before Berlin's).
+TEST(EventTransformerRoundTrip, ExceptionDatesComeBackAsTheirOccurrences) {
+  const Dictionary properties{{"supportsTZ", false}, {"hasFullRecurrence", true},
+                              {"exDatesAreDateOnly", true}};
+  for (const char* phoneZone :
+       {"Europe/Berlin", "America/New_York", "Asia/Kolkata", "Pacific/Auckland"}) {
+    SCOPED_TRACE(phoneZone);
+    Host host(properties, phoneZone);
+    Dictionary record = event(at("Europe/Berlin", 2027, 3, 1, 18), at("Europe/Berlin", 2027, 3, 1, 19));
+    record.set(kCalendarsEventRecurrences,
+               Array{Dictionary{{kEngineRecordEntityNameKey, kCalendarsRecurrence},
+                                {kCalendarsRecurrenceFrequency, "weekly"},
+                                {kCalendarsRecurrenceUntil, at("Europe/Berlin", 2027, 4, 19, 23, 59)}}});
+    const Array exceptions{at("Europe/Berlin", 2027, 3, 15, 18), at("Europe/Berlin", 2027, 4, 5, 18)};
+    record.set(kCalendarsEventExceptionDates, exceptions);
+    RecordHolder holder(record, "weekly-1");
+    host.transformer->mangleRecordBeforePushingToDevice(holder);
+    holder.setMutableDictionary(holder.mutableDictionary().deepCopy());
+    host.transformer->unmangleRecordAfterReadingFromDevice(holder);
+    const auto back = holder.mutableDictionary().getArray(kCalendarsEventExceptionDates);
+    ASSERT_TRUE(back && back->count() == 2) << holder.mutableDictionary().description();
+    for (std::size_t i = 0; i < 2; ++i)
+      EXPECT_EQ(back->at(i).date().timeIntervalSinceReferenceDate(),
+                exceptions.at(i).date().timeIntervalSinceReferenceDate())
+          << back->at(i).description();
   }
 }
 
