@@ -63,7 +63,7 @@ void addReportOption(CLI::App* command, std::vector<std::string>& values) {
 }
 
 ReportChoice reportChoice(const std::vector<std::string>& values, std::vector<std::string>& positionals,
-                          const std::string& positionalName) {
+                          const std::string& positionalName, bool positionalsRequired) {
   ReportChoice choice;
   if (!values.empty()) choice.kind = values.front();
   if (choice.kind == "html") {
@@ -78,7 +78,8 @@ ReportChoice reportChoice(const std::vector<std::string>& values, std::vector<st
   } else {
     throw CommandLineError("--report: \"" + choice.kind + "\" is not a report (text, json or html FILE)");
   }
-  if (positionals.empty()) throw CommandLineError(positionalName + " is required");
+  if (positionalsRequired && positionals.empty())
+    throw CommandLineError(positionalName + " is required");
   return choice;
 }
 

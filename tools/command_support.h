@@ -56,10 +56,10 @@ struct ReportChoice {
 void addReportOption(CLI::App* command, std::vector<std::string>& values);
 // The choice the values make; a CommandLineError for an unknown kind or an
 // html report without its file. `positionals` gets back what the option took
-// that was not its own; it must not be empty afterwards (`positionalName`
-// names it in the error).
+// that was not its own; unless `positionalsRequired` is false it must not be
+// empty afterwards (`positionalName` names it in the error).
 ReportChoice reportChoice(const std::vector<std::string>& values, std::vector<std::string>& positionals,
-                          const std::string& positionalName);
+                          const std::string& positionalName, bool positionalsRequired = true);
 
 // While it lives, the default error log on standard error is silenced: the
 // command reports what went wrong itself, once, with the file and key path.

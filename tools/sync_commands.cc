@@ -165,7 +165,8 @@ void writeFile(const std::string& path, const std::string& text) {
 }
 
 void sync(SyncOptions options) {
-  const ReportChoice report = reportChoice(options.report, options.recordPaths, "RECORDS");
+  const ReportChoice report = reportChoice(options.report, options.recordPaths, "RECORDS",
+                                           /*positionalsRequired=*/options.store.storePath.empty());
   SyncRun run;
   run.keepRecords = report.kind == "html";
   run.deviceDescription = readDictionary(options.devicePath);
