@@ -39,7 +39,7 @@ std::string_view textOf(const std::uint8_t* data, std::size_t size) {
 [[noreturn]] void finding(const std::string& what) { throw FuzzFinding(what); }
 
 // NaN equals nothing, itself included, so a value holding one cannot be
-// compared with its reading back.
+// compared with ==.
 bool holdsNaN(const Value& value) {
   if (value.isReal()) return std::isnan(value.doubleValue());
   if (const auto array = value.asArray()) {
@@ -50,6 +50,55 @@ bool holdsNaN(const Value& value) {
       if (holdsNaN(element)) return true;
   }
   return false;
+}
+
+// Whether a value read back is the one written, kind by kind: the same kind
+// (an integer 1 is not the real 1.0), reals to the bit (NaN included),
+// dates to the instant and the zone, data and texts byte for byte,
+// containers element by element in order.
+bool sameValue(const Value& a, const Value& b) {
+  if (a.kind() != b.kind()) return false;
+  switch (a.kind()) {
+    case ValueKind::Real: {
+      const double x = a.doubleValue(), y = b.doubleValue();
+      return (std::isnan(x) && std::isnan(y)) || (x == y && std::signbit(x) == std::signbit(y));
+    }
+    case ValueKind::Date:
+      return a.date() == b.date() && a.date().timeZone()->name() == b.date().timeZone()->name();
+    case ValueKind::Array:
+    case ValueKind::Set: {
+      const std::vector<Value> x = a.isArray() ? a.array().values() : a.set().allObjects().values();
+      const std::vector<Value> y = b.isArray() ? b.array().values() : b.set().allObjects().values();
+      if (x.size() != y.size()) return false;
+      for (std::size_t i = 0; i < x.size(); ++i)
+        if (!sameValue(x[i], y[i])) return false;
+      return true;
+    }
+    case ValueKind::Dictionary: {
+      const Dictionary x = a.dictionary(), y = b.dictionary();
+      if (x.count() != y.count()) return false;
+      auto other = y.begin();
+      for (const auto& [key, value] : x) {
+        if (!sameValue(key, other->first) || !sameValue(value, other->second)) return false;
+        ++other;
+      }
+      return true;
+    }
+    default:
+      return a == b;
+  }
+}
+
+// Writes what was read and reads it back: the writer must take everything
+// the reader gave, and give it back unchanged.
+template <class Write, class Read>
+void checkWriteThenRead(const Value& read, Write write, Read readBack) {
+  std::string error;
+  const std::optional<std::string> written = write(read, error);
+  if (!written) finding("what was read cannot be written: " + error);
+  const std::optional<Value> reread = readBack(*written, error);
+  if (!reread) finding("what was written does not read back: " + error + "\n" + *written);
+  if (!sameValue(*reread, read)) finding("what was written reads back different:\n" + *written);
 }
 
 std::string examplesFolder() { return std::string(PC_SOURCE_DIR) + "/examples/devices/"; }
@@ -184,12 +233,24 @@ void silenceLogs() {
 void fuzzXMLPropertyList(const std::uint8_t* data, std::size_t size) {
   PropertyListError error;
   const std::optional<Value> value = PropertyList::fromXML(textOf(data, size), &error);
-  if (!value) return;
-  const std::optional<std::string> written = PropertyList::toXML(*value, &error);
-  if (!written) return;
-  const std::optional<Value> reread = PropertyList::fromXML(*written, &error);
-  if (!reread) finding("what was written does not read back: " + error.description() + "\n" + *written);
-  if (!holdsNaN(*value) && !(*reread == *value)) finding("what was written reads back different:\n" + *written);
+  if (!value) {
+    if (error.message.empty()) finding("a property list that does not read must say why");
+    return;
+  }
+  checkWriteThenRead(
+      *value,
+      [](const Value& v, std::string& problem) {
+        PropertyListError e;
+        auto text = PropertyList::toXML(v, &e);
+        problem = e.description();
+        return text;
+      },
+      [](const std::string& text, std::string& problem) {
+        PropertyListError e;
+        auto back = PropertyList::fromXML(text, &e);
+        problem = e.description();
+        return back;
+      });
 }
 
 void fuzzNicePList(const std::uint8_t* data, std::size_t size) {
@@ -199,11 +260,14 @@ void fuzzNicePList(const std::uint8_t* data, std::size_t size) {
   std::string error;
   const std::optional<Dictionary> record = recordFromText(textOf(data, size), &error);
   if (!record) return;
-  const std::optional<std::string> written = recordText(*record, &error);
-  if (!written) return;
-  const std::optional<Dictionary> reread = recordFromText(*written, &error);
-  if (!reread) finding("what was written does not read back: " + error + "\n" + *written);
-  if (!holdsNaN(Value(*record)) && !(*reread == *record)) finding("what was written reads back different:\n" + *written);
+  checkWriteThenRead(
+      Value(*record),
+      [](const Value& v, std::string& problem) { return recordText(v.dictionary(), &problem); },
+      [](const std::string& text, std::string& problem) -> std::optional<Value> {
+        auto back = recordFromText(text, &problem);
+        if (!back) return std::nullopt;
+        return Value(*back);
+      });
 }
 
 void fuzzDeviceDescription(const std::uint8_t* data, std::size_t size) {
@@ -316,12 +380,20 @@ void fuzzPhoneStore(const std::uint8_t* data, std::size_t size) {
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
   std::string error;
   if (const auto contents = PhoneStore::contentsFromBytes(bytes, "fuzz.plist", &error)) {
-    if (const auto written = PhoneStore::bytesForContents(*contents)) {
-      const auto again = PhoneStore::contentsFromBytes(*written, "fuzz.plist", &error);
-      if (!again || again->records.size() != contents->records.size()) std::abort();
-    }
+    // A store the sync can read, it can write and read back to the same records.
+    const auto asValue = [](const PhoneStoreContents& c) {
+      Array records;
+      for (const PhoneStoreRecord& r : c.records) records.add(Array{r.identifier, r.entity, r.fields});
+      return Value(Array{c.dataClass, records});
+    };
+    const auto written = PhoneStore::bytesForContents(*contents, &error);
+    if (!written) finding("a store that was read cannot be written: " + error);
+    const auto again = PhoneStore::contentsFromBytes(*written, "fuzz.plist", &error);
+    if (!again) finding("a store that was written does not read back: " + error + "\n" + *written);
+    if (!sameValue(asValue(*again), asValue(*contents)))
+      finding("a store that was written reads back different:\n" + *written);
   } else if (error.empty()) {
-    std::abort();  // a store that cannot be read must say why
+    finding("a store that cannot be read must say why");
   }
 
   PropertyListParser parser;

@@ -51,5 +51,7 @@ void addFormatCommands(CLI::App& app);
 void addHexdumpCommands(CLI::App& app);
 // sync.
 void addSyncCommands(CLI::App& app);
+// import, export.
+void addStoreCommands(CLI::App& app);
 
 }  // namespace pc::tools

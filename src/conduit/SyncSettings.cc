@@ -107,9 +107,10 @@ Value qvt_valueForKey(Dictionary& settings, const std::string& key, const Value&
 
 CalendarDate qvt_anchorDate(Dictionary& settings) {
   const Value stored = settings.get(kAnchorDateKey);
-  if (const CalendarDate* anchor = stored.asDate()) {
-    QVT_LOG(kLogInfo, settingsLogDomain(), "anchor date is {}", *anchor);
-    return *anchor;
+  if (const CalendarDate* storedAnchor = stored.asDate()) {
+    const CalendarDate anchor = storedAnchor->dateWithTimeZone(TimeZone::systemTimeZone());
+    QVT_LOG(kLogInfo, settingsLogDomain(), "anchor date is {}", anchor);
+    return anchor;
   }
   QVT_LOG(kLogError, settingsLogDomain(), "anchor date not defined yet");
   return QVTSyncServiceExtension::qvt_currentAnchorDate();

@@ -33,6 +33,10 @@ int qvt_intForKey(Dictionary& settings, const std::string& key, int defaultVal);
 Value qvt_valueForKey(Dictionary& settings, const std::string& key, const Value& defaultVal);
 
 // "AnchorDate", or the current anchor date (not stored) when there is none.
+// The anchor is a local midnight and the windows move from it by local
+// months and weeks, so a stored anchor is answered in the system zone,
+// whatever zone the store read it back in (a property list reads dates in
+// GMT): every run computes the same window as the first.
 CalendarDate qvt_anchorDate(Dictionary& settings);
 // The oldest events sent: the anchor date moved back by the past window.
 CalendarDate qvt_leftExpansionWindow(Dictionary& settings);

@@ -1,16 +1,9 @@
 #include "host/PhoneStore.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "engine/SchemaNames.h"
+#include "platform/FileIO.h"
 #include "util/PHCMangling.h"
 
 namespace pc {
@@ -24,38 +17,6 @@ constexpr const char* kFieldsKey = "fields";
 
 void setError(std::string* error, std::string text) {
   if (error) *error = std::move(text);
-}
-
-std::string systemError(const std::string& path, const char* what) {
-  return path + ": " + what + ": " + std::strerror(errno);
-}
-
-// Writes all of `bytes` to `fd`, at most `limit` of them when one is given;
-// false when it stops short.
-bool writeAll(int fd, std::string_view bytes, std::optional<std::size_t> limit) {
-  std::size_t wanted = limit ? std::min(*limit, bytes.size()) : bytes.size();
-  std::size_t done = 0;
-  while (done < wanted) {
-    const ssize_t n = ::write(fd, bytes.data() + done, wanted - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  return done == bytes.size();
-}
-
-// The whole of a file, read into one string of its size (a store holds
-// tens of megabytes); nullopt when reading fails.
-std::optional<std::string> readAll(std::ifstream& in, const std::string& path) {
-  std::string text;
-  std::error_code code;
-  const std::uintmax_t size = std::filesystem::file_size(path, code);
-  if (!code) text.reserve(static_cast<std::size_t>(size));
-  text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  if (in.bad()) return std::nullopt;
-  return text;
 }
 
 }  // namespace
@@ -125,17 +86,11 @@ std::optional<PhoneStoreContents> PhoneStore::read(const std::string& dataClass,
                                                    std::string* error) const {
   const std::string path = pathForDataClass(dataClass);
   std::error_code code;
-  if (!std::filesystem::exists(path, code)) return PhoneStoreContents{dataClass, {}};
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    setError(error, systemError(path, "cannot read the phone store"));
-    return std::nullopt;
-  }
-  std::optional<std::string> text = readAll(in, path);
-  if (!text) {
-    setError(error, path + ": cannot read the phone store");
-    return std::nullopt;
-  }
+  const auto status = std::filesystem::symlink_status(path, code);
+  if (status.type() == std::filesystem::file_type::not_found)
+    return PhoneStoreContents{dataClass, {}};
+  std::optional<std::string> text = readWholeFile(path, error);
+  if (!text) return std::nullopt;
   std::optional<PhoneStoreContents> contents = contentsFromBytes(*text, path, error);
   if (contents && contents->dataClass != dataClass) {
     setError(error, path + ": " + kDataClassKey + ": holds \"" + contents->dataClass +
@@ -152,46 +107,18 @@ PhoneStore::WriteResult PhoneStore::write(const PhoneStoreContents& contents, st
     if (error) *error = path + ": " + *error;
     return WriteResult::failed;
   }
-  {
-    std::ifstream in(path, std::ios::binary);
-    if (in) {
-      std::optional<std::string> old = readAll(in, path);
-      if (old && *old == *bytes) return WriteResult::unchanged;
-    }
-  }
+  if (std::optional<std::string> old = readWholeFile(path); old && *old == *bytes)
+    return WriteResult::unchanged;
   std::error_code code;
   std::filesystem::create_directories(_directory, code);
   if (code) {
     setError(error, _directory + ": cannot create the phone store: " + code.message());
     return WriteResult::failed;
   }
-  std::string temporary = path + ".XXXXXX";
-  const int fd = ::mkstemp(temporary.data());
-  if (fd < 0) {
-    setError(error, systemError(path, "cannot write the phone store"));
-    return WriteResult::failed;
-  }
-  if (!writeAll(fd, *bytes, _interruptAfter)) {
-    // Left as a crash would leave it: the temporary file stays, the store
-    // file is the old one.
-    ::close(fd);
-    setError(error, path + ": the write was interrupted; the old file is kept");
-    return WriteResult::failed;
-  }
-  bool ok = ::fchmod(fd, 0644) == 0 && ::fsync(fd) == 0;
-  ok = (::close(fd) == 0) && ok;
-  ok = ok && ::rename(temporary.c_str(), path.c_str()) == 0;
-  if (!ok) {
-    setError(error, systemError(path, "cannot write the phone store"));
-    ::unlink(temporary.c_str());
-    return WriteResult::failed;
-  }
-  // The rename itself reaches the disk with the folder.
-  if (const int dir = ::open(_directory.c_str(), O_RDONLY | O_DIRECTORY); dir >= 0) {
-    ::fsync(dir);
-    ::close(dir);
-  }
-  return WriteResult::written;
+  AtomicWriteOptions options;
+  options.interruptAfter = _interruptAfter;
+  return writeFileAtomically(path, *bytes, error, options) ? WriteResult::written
+                                                         : WriteResult::failed;
 }
 
 }  // namespace pc

@@ -10,8 +10,10 @@
 //
 // Writes are atomic: the text goes to a temporary file in the same folder,
 // is flushed to the disk and renamed over the old file, so a write that is
-// interrupted leaves the old file whole. A file that does not read gives an
-// error that names it; nothing else is touched.
+// interrupted leaves the old file whole and no temporary file. A rewritten
+// file keeps its permission bits; a new one follows the umask. A file that
+// does not read gives an error that names it and says why; nothing else is
+// touched. (platform/FileIO does the file work, for every store.)
 //
 //   PhoneStore store("phone");
 //   std::string error;
@@ -69,7 +71,7 @@ class PhoneStore {
   WriteResult write(const PhoneStoreContents& contents, std::string* error = nullptr);
 
   // Makes the next writes stop after `bytes` bytes of the temporary file, as
-  // a crash or a full disk would, and fail; nullopt writes normally again.
+  // a full disk would, and fail; nullopt writes normally again.
   void interruptWritesAfter(std::optional<std::size_t> bytes) { _interruptAfter = bytes; }
 
  private:

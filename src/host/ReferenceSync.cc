@@ -662,6 +662,7 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
         }
         FormattingOutcome formatted = phone.phoneSide->formatRecord(single.mutableDictionary());
         if (!formatted.record) continue;
+        if (run.keepRecords) entry.singleEvents.push_back({occurrence, *formatted.record});
         // The prediction is needed only to judge a single event the phone
         // holds already.
         std::optional<Dictionary> prediction;

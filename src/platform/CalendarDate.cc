@@ -18,7 +18,7 @@ constexpr int64_t kMillisPerDay = kSecondsPerDay * 1000;
 constexpr int64_t kReferenceDateDays = 11323;
 // Instants are read within about 300,000 years of the reference date, which
 // keeps every field within an int.
-constexpr double kFarSeconds = 1e13;
+constexpr double kFarSeconds = CalendarDate::kSupportedSeconds;
 
 constexpr std::array<std::string_view, 7> kDayNames{"Sunday",   "Monday", "Tuesday", "Wednesday",
                                                     "Thursday", "Friday", "Saturday"};

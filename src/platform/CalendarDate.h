@@ -41,6 +41,15 @@ class CalendarDate {
   static std::optional<CalendarDate> dateWithString(std::string_view text, std::string_view format,
                                                     TimeZonePtr zone = nullptr, std::string* error = nullptr);
 
+  // Instants whose fields the calendar reads: within about 300,000 years
+  // of the reference date. Readers of stored dates refuse any other, so that
+  // what is written is the date that was read.
+  static constexpr double kSupportedSeconds = 1e13;
+  bool isWithinSupportedRange() const {
+    return _instant.secondsSinceReferenceDate >= -kSupportedSeconds &&
+           _instant.secondsSinceReferenceDate <= kSupportedSeconds;
+  }
+
   Date date() const { return _instant; }
   double timeIntervalSinceReferenceDate() const { return _instant.secondsSinceReferenceDate; }
   double timeIntervalSince1970() const { return _instant.timeIntervalSince1970(); }

@@ -1,9 +1,9 @@
 #include "platform/PropertyList.h"
 
-#include <fcntl.h>
+#include "platform/FileIO.h"
+#include "platform/Strings.h"
+
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -13,6 +13,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <pugixml.hpp>
+#include <unicode/ucnv.h>
+#include <limits>
+#include <memory>
 #include <vector>
 
 namespace pc {
@@ -24,8 +27,7 @@ std::string PropertyListError::description() const {
 
 namespace {
 
-// Deeper input is refused rather than read recursively into a stack overflow.
-constexpr int kMaxDepth = 512;
+constexpr int kMaxDepth = PropertyList::kMaxDepth;
 
 constexpr char kHeader[] =
     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
@@ -118,7 +120,9 @@ bool expect(std::string_view text, std::size_t& pos, char c) {
 
 // "2006-03-15T09:00:00Z", optionally with fractional seconds
 // ("...T09:00:00.250Z") and a year of more than four digits or a minus sign.
-std::optional<CalendarDate> parseISODate(std::string_view text) {
+// A date outside the calendar's years sets `outOfRange` and answers nullopt.
+std::optional<CalendarDate> parseISODate(std::string_view text, bool& outOfRange) {
+  outOfRange = false;
   std::size_t pos = 0;
   const bool negative = expect(text, pos, '-');
   std::size_t yearDigits = 0;
@@ -134,13 +138,22 @@ std::optional<CalendarDate> parseISODate(std::string_view text) {
         (minute = readDigits(text, pos, 2)) && expect(text, pos, ':') &&
         (second = readDigits(text, pos, 2))))
     return std::nullopt;
-  double fraction = 0;
+  // Fractions are kept to the millisecond, as the writer writes them.
+  int milliseconds = 0;
   if (expect(text, pos, '.')) {
-    double scale = 0.1;
     const std::size_t start = pos;
-    for (; pos < text.size() && text[pos] >= '0' && text[pos] <= '9'; ++pos, scale /= 10)
-      fraction += (text[pos] - '0') * scale;
+    int scale = 100;
+    bool roundUp = false;
+    for (; pos < text.size() && text[pos] >= '0' && text[pos] <= '9'; ++pos) {
+      if (scale > 0) {
+        milliseconds += (text[pos] - '0') * scale;
+      } else if (pos == start + 3) {
+        roundUp = text[pos] >= '5';
+      }
+      scale /= 10;
+    }
     if (pos == start) return std::nullopt;
+    milliseconds += roundUp ? 1 : 0;
   }
   if (!expect(text, pos, 'Z') || pos != text.size()) return std::nullopt;
   if (*month < 1 || *month > 12 || *day < 1 || *day > 31 || *hour > 23 || *minute > 59 ||
@@ -149,18 +162,128 @@ std::optional<CalendarDate> parseISODate(std::string_view text) {
 
   const int y = negative ? -*year : *year;
   CalendarDate date = CalendarDate::dateWithYear(y, *month, *day, *hour, *minute, *second);
+  if (!date.isWithinSupportedRange()) {
+    outOfRange = true;
+    return std::nullopt;
+  }
   // dateWithYear carries out-of-range days (February 30 becomes March 2): refuse those.
   if (date.monthOfYear() != *month || date.dayOfMonth() != *day) return std::nullopt;
-  if (fraction > 0) date = date.dateByAddingTimeInterval(fraction);
+  if (milliseconds > 0) date = date.dateByAddingTimeInterval(milliseconds / 1000.0);
   return date;
 }
 
+// The date in GMT to the millisecond; the fraction only when there is one.
 std::string formatISODate(const CalendarDate& value) {
-  const CalendarDate date = value.dateWithTimeZone(TimeZone::gmt());
+  const double seconds = value.timeIntervalSinceReferenceDate();
+  const auto millis = static_cast<std::int64_t>(std::llround(seconds * 1000.0));
+  const std::int64_t fraction = ((millis % 1000) + 1000) % 1000;
+  const CalendarDate date(Date{static_cast<double>(millis - fraction) / 1000.0}, TimeZone::gmt());
   const int year = date.yearOfCommonEra();
-  return fmt::format("{}{:04d}-{:02d}-{:02d}T{:02d}:{:02d}:{:02d}Z", year < 0 ? "-" : "",
-                     std::abs(year), date.monthOfYear(), date.dayOfMonth(), date.hourOfDay(),
-                     date.minuteOfHour(), date.secondOfMinute());
+  std::string text =
+      fmt::format("{}{:04d}-{:02d}-{:02d}T{:02d}:{:02d}:{:02d}", year < 0 ? "-" : "",
+                  std::abs(year), date.monthOfYear(), date.dayOfMonth(), date.hourOfDay(),
+                  date.minuteOfHour(), date.secondOfMinute());
+  if (fraction != 0) {
+    std::string digits = fmt::format("{:03d}", fraction);
+    while (digits.back() == '0') digits.pop_back();
+    text += "." + digits;
+  }
+  return text + "Z";
+}
+
+constexpr char kOutsideCalendar[] = "outside the years the calendar supports";
+
+// Characters XML 1.0 can hold, raw or as a reference.
+bool isXMLCharacter(std::int32_t c) {
+  return c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF) ||
+         (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
+}
+
+// What keeps `text` out of a property list, or "" when nothing does.
+std::string unwritableCharacter(std::string_view text) {
+  for (std::size_t position = 0; position < text.size();) {
+    const std::size_t at = position;
+    const std::int32_t c = nextCodePoint(text, position);
+    if (c < 0)
+      return fmt::format("byte 0x{:02X} at byte {} is not UTF-8",
+                         static_cast<unsigned char>(text[at]), at);
+    if (!isXMLCharacter(c)) return fmt::format("character U+{:04X} at byte {}", c, at);
+  }
+  return {};
+}
+
+// The text as UTF-8, converted from the encoding its byte-order mark or its
+// XML declaration gives (UTF-8 when neither does). nullopt with `problem`
+// for an unknown encoding or bytes that are not in it.
+std::optional<std::string> asUTF8(std::string_view bytes, std::string& problem) {
+  const auto starts = [&](std::string_view prefix) { return bytes.substr(0, prefix.size()) == prefix; };
+  std::string encoding;
+  std::size_t skip = 0;
+  if (starts("\xEF\xBB\xBF")) {
+    skip = 3;
+    encoding = "UTF-8";
+  } else if (starts("\xFE\xFF")) {
+    skip = 2;
+    encoding = "UTF-16BE";
+  } else if (starts("\xFF\xFE")) {
+    skip = 2;
+    encoding = "UTF-16LE";
+  } else if (starts(std::string_view("\0<", 2))) {
+    encoding = "UTF-16BE";
+  } else if (starts(std::string_view("<\0", 2))) {
+    encoding = "UTF-16LE";
+  } else if (starts("<?xml")) {
+    // encoding="name" or encoding='name' inside the declaration.
+    const std::string_view declaration = bytes.substr(0, bytes.find("?>"));
+    const std::size_t key = declaration.find("encoding");
+    if (key != std::string_view::npos) {
+      std::size_t at = declaration.find_first_of("\"'", key);
+      const std::size_t end =
+          at == std::string_view::npos ? at : declaration.find(declaration[at], at + 1);
+      if (end != std::string_view::npos) encoding = std::string(declaration.substr(at + 1, end - at - 1));
+    }
+  }
+  std::string lower = encoding;
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+  bytes.remove_prefix(skip);
+  if (lower.empty() || lower == "utf-8" || lower == "utf8" || lower == "us-ascii" || lower == "ascii")
+    return std::string(bytes);
+  if ((lower == "utf-16" || lower == "utf16") && skip == 0) {
+    problem = fmt::format("declares {} but holds one-byte characters", encoding);
+    return std::nullopt;
+  }
+  if (bytes.size() > static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max() / 4)) {
+    problem = "too large to convert from " + encoding;
+    return std::nullopt;
+  }
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<UConverter, void (*)(UConverter*)> from(ucnv_open(encoding.c_str(), &status), ucnv_close);
+  if (U_FAILURE(status) || status == U_AMBIGUOUS_ALIAS_WARNING) {
+    if (U_FAILURE(status)) {
+      problem = fmt::format("unknown encoding \"{}\"", encoding);
+      return std::nullopt;
+    }
+    status = U_ZERO_ERROR;
+  }
+  // Bytes that are not in the encoding are an error, not a replacement character.
+  ucnv_setToUCallBack(from.get(), UCNV_TO_U_CALLBACK_STOP, nullptr, nullptr, nullptr, &status);
+  std::unique_ptr<UConverter, void (*)(UConverter*)> to(ucnv_open("UTF-8", &status), ucnv_close);
+  if (U_FAILURE(status)) {
+    problem = fmt::format("cannot convert from \"{}\"", encoding);
+    return std::nullopt;
+  }
+  std::string out(bytes.size() * 3 + 16, '\0');
+  char* target = out.data();
+  const char* source = bytes.data();
+  ucnv_convertEx(to.get(), from.get(), &target, out.data() + out.size(), &source,
+                 bytes.data() + bytes.size(), nullptr, nullptr, nullptr, nullptr, true, true,
+                 &status);
+  if (U_FAILURE(status)) {
+    problem = fmt::format("byte {} is not {} text", source - bytes.data() + skip, encoding);
+    return std::nullopt;
+  }
+  out.resize(static_cast<std::size_t>(target - out.data()));
+  return out;
 }
 
 std::string formatReal(double value) {
@@ -180,6 +303,13 @@ class Reader {
   Reader(std::string_view xml, PropertyListError* error) : _xml(xml), _error(error) {}
 
   std::optional<Value> read() {
+    std::string problem;
+    std::optional<std::string> converted = asUTF8(_xml, problem);
+    if (!converted) return fail(-1, problem);
+    _converted = std::move(*converted);
+    _xml = _converted;
+    if (!checkCharacters()) return std::nullopt;
+
     pugi::xml_document document;
     const pugi::xml_parse_result result = document.load_buffer(
         _xml.data(), _xml.size(), pugi::parse_default | pugi::parse_ws_pcdata_single,
@@ -219,9 +349,15 @@ class Reader {
     if (name == "integer") return readInteger(node, *text);
     if (name == "real") return readReal(node, *text);
     if (name == "date") {
-      if (auto date = parseISODate(trimmed(*text))) return Value(std::move(*date));
-      return fail(node, fmt::format("<date> holds \"{}\", not a date like 2006-03-15T09:00:00Z",
-                                    trimmed(*text)));
+      bool outOfRange = false;
+      auto date = parseISODate(trimmed(*text), outOfRange);
+      if (!date && !outOfRange)
+        return fail(node, fmt::format("<date> holds \"{}\", not a date like 2006-03-15T09:00:00Z",
+                                      trimmed(*text)));
+      if (outOfRange || !date->isWithinSupportedRange())
+        return fail(node, fmt::format("<date> holds \"{}\", {} (at {})", trimmed(*text),
+                                      kOutsideCalendar, pathText()));
+      return Value(std::move(*date));
     }
     if (name == "data") {
       if (auto bytes = base64Decode(*text)) return Value(Data(std::move(*bytes)));
@@ -244,7 +380,10 @@ class Reader {
       }
       if (std::string_view(child.name()) == "key") break;  // the pending key has no value
       auto keyText = textOf(key);
-      auto value = keyText ? readValue(child, depth + 1) : std::nullopt;
+      if (!keyText) return std::nullopt;
+      _path.push_back(*keyText);
+      auto value = readValue(child, depth + 1);
+      _path.pop_back();
       if (!value) return std::nullopt;
       dictionary.set(Value(std::move(*keyText)), std::move(*value));
       key = {};
@@ -258,7 +397,9 @@ class Reader {
     for (pugi::xml_node child : node.children()) {
       if (!checkNotText(child, node)) return std::nullopt;
       if (child.type() != pugi::node_element) continue;
+      _path.push_back(std::to_string(array.count()));
       auto value = readValue(child, depth + 1);
+      _path.pop_back();
       if (!value) return std::nullopt;
       array.add(std::move(*value));
     }
@@ -308,6 +449,50 @@ class Reader {
     return false;
   }
 
+  // XML 1.0 holds no NUL, no other control character but tab, line feed and
+  // carriage return, no lone surrogate: neither raw nor as a character
+  // reference ("&#0;" would otherwise cut a text short), and only UTF-8.
+  bool checkCharacters() {
+    for (std::size_t position = 0; position < _xml.size();) {
+      const std::size_t at = position;
+      const std::int32_t c = nextCodePoint(_xml, position);
+      if (c < 0) {
+        fail(static_cast<std::ptrdiff_t>(at),
+             fmt::format("byte 0x{:02X} is not UTF-8 (declare the file's encoding)",
+                         static_cast<unsigned char>(_xml[at])));
+        return false;
+      }
+      if (!isXMLCharacter(c)) {
+        fail(static_cast<std::ptrdiff_t>(at),
+             fmt::format("character U+{:04X} cannot be in a property list", c));
+        return false;
+      }
+      if (c == '&' && position < _xml.size() && _xml[position] == '#') {
+        const bool hex = position + 1 < _xml.size() && _xml[position + 1] == 'x';
+        const std::size_t digits = position + (hex ? 2 : 1);
+        const std::size_t end = _xml.find(';', digits);
+        std::uint32_t code = 0;
+        const auto [last, ec] =
+            std::from_chars(_xml.data() + digits, _xml.data() + std::min(end, _xml.size()), code, hex ? 16 : 10);
+        if (end != std::string_view::npos && ec == std::errc() && last == _xml.data() + end &&
+            !isXMLCharacter(static_cast<std::int32_t>(std::min<std::uint32_t>(code, 0x7FFFFFFF)))) {
+          fail(static_cast<std::ptrdiff_t>(at),
+               fmt::format("{} is not a character a property list can hold",
+                           _xml.substr(at, end + 1 - at)));
+          return false;
+        }
+      }
+    }
+    return true;
+  }
+
+  std::string pathText() const {
+    if (_path.empty()) return "the top level";
+    std::string text = "\"" + _path.front();
+    for (std::size_t i = 1; i < _path.size(); ++i) text += "/" + _path[i];
+    return text + "\"";
+  }
+
   std::nullopt_t fail(pugi::xml_node node, std::string message) {
     // An element's offset is that of its name; point at the '<' before it.
     std::ptrdiff_t offset = node.offset_debug();
@@ -331,7 +516,9 @@ class Reader {
   }
 
   std::string_view _xml;
+  std::string _converted;  // the text as UTF-8, which _xml views
   PropertyListError* _error;
+  std::vector<std::string> _path;  // keys and indexes down to the value being read
 };
 
 class Writer {
@@ -347,6 +534,7 @@ class Writer {
 
  private:
   bool writeValue(const Value& value, int depth) {
+    if (depth > kMaxDepth) return fail(fmt::format("values nested more than {} deep", kMaxDepth));
     switch (value.kind()) {
       case ValueKind::Boolean:
         line(depth, value.boolValue() ? "<true/>" : "<false/>");
@@ -358,9 +546,12 @@ class Writer {
         line(depth, fmt::format("<real>{}</real>", formatReal(value.doubleValue())));
         return true;
       case ValueKind::String:
+        if (!writable(value.string())) return false;
         line(depth, fmt::format("<string>{}</string>", escaped(value.string())));
         return true;
       case ValueKind::Date:
+        if (!value.date().isWithinSupportedRange())
+          return fail(fmt::format("a date {}", kOutsideCalendar));
         line(depth, fmt::format("<date>{}</date>", formatISODate(value.date())));
         return true;
       case ValueKind::Data:
@@ -411,6 +602,7 @@ class Writer {
         return fail(
             fmt::format("a property list cannot hold a dictionary key of kind {}", key.kindName()));
       _path.push_back(key.string());
+      if (!writable(key.string())) return false;
       line(depth + 1, fmt::format("<key>{}</key>", escaped(key.string())));
       if (!writeValue(element, depth + 1)) return false;
       _path.pop_back();
@@ -438,6 +630,13 @@ class Writer {
       if (ancestor.isIdenticalTo(container)) return fail("a container holds itself");
     _ancestors.push_back(container);
     return true;
+  }
+
+  // Text with a character XML cannot hold would not read back: refused.
+  bool writable(std::string_view text) {
+    const std::string problem = unwritableCharacter(text);
+    if (problem.empty()) return true;
+    return fail(fmt::format("a property list cannot hold the text's {}", problem));
   }
 
   void line(int depth, std::string_view text) {
@@ -500,21 +699,13 @@ std::optional<Value> PropertyList::fromXML(std::string_view xml, PropertyListErr
 }
 
 std::optional<Value> PropertyList::fromFile(const std::string& path, PropertyListError* error) {
-  std::string contents;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  bool ok = fd >= 0;
-  for (char buffer[65536]; ok;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      ok = n == 0;
-      break;
-    }
-    contents.append(buffer, static_cast<std::size_t>(n));
+  std::string problem;
+  const std::optional<std::string> contents = readWholeFile(path, &problem);
+  if (!contents) {
+    setError(error, std::move(problem));
+    return std::nullopt;
   }
-  if (!ok) setError(error, fmt::format("cannot read {}: {}", path, std::strerror(errno)));
-  if (fd >= 0) ::close(fd);
-  return ok ? fromXML(contents, error) : std::nullopt;
+  return fromXML(*contents, error);
 }
 
 std::optional<std::string> PropertyList::toXML(const Value& value, PropertyListError* error) {
@@ -525,32 +716,10 @@ bool PropertyList::writeToFile(const Value& value, const std::string& path,
                                PropertyListError* error) {
   const auto xml = toXML(value, error);
   if (!xml) return false;
-
-  std::string temporary = path + ".XXXXXX";
-  const int fd = ::mkstemp(temporary.data());
-  if (fd < 0) {
-    setError(error, fmt::format("cannot write {}: {}", path, std::strerror(errno)));
-    return false;
-  }
-  // Keep the mode of the file being replaced; a new file gets rw-r--r--.
-  struct stat existing {};
-  ::fchmod(fd, ::stat(path.c_str(), &existing) == 0 ? existing.st_mode & 07777 : 0644);
-
-  bool ok = true;
-  for (std::size_t written = 0; ok && written < xml->size();) {
-    const ssize_t n = ::write(fd, xml->data() + written, xml->size() - written);
-    if (n < 0 && errno == EINTR) continue;
-    ok = n > 0;
-    if (ok) written += static_cast<std::size_t>(n);
-  }
-  ok = ok && ::fsync(fd) == 0;
-  ok = (::close(fd) == 0) && ok;
-  ok = ok && ::rename(temporary.c_str(), path.c_str()) == 0;
-  if (!ok) {
-    setError(error, fmt::format("cannot write {}: {}", path, std::strerror(errno)));
-    ::unlink(temporary.c_str());
-  }
-  return ok;
+  std::string problem;
+  if (writeFileAtomically(path, *xml, &problem)) return true;
+  setError(error, std::move(problem));
+  return false;
 }
 
 }  // namespace pc

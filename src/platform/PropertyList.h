@@ -22,6 +22,11 @@ struct PropertyListError {
 
 class PropertyList {
  public:
+  // The deepest nesting read or written (the top value is at depth 0).
+  // Deeper input is refused rather than read into a stack overflow, and the
+  // writer refuses what the reader would, so that whatever one writes reads.
+  static constexpr int kMaxDepth = 512;
+
   // nullopt on failure, with `error` (optional) saying what and where.
   static std::optional<Value> fromXML(std::string_view xml, PropertyListError* error = nullptr);
   static std::optional<Value> fromFile(const std::string& path, PropertyListError* error = nullptr);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <limits>
 
 namespace pc {
 
@@ -21,14 +22,25 @@ bool Thread::isMainThread() { return gettid() == getpid(); }
 // ---------------------------------------------------------------------------
 // Timers.
 
+namespace {
+// What a repeating timer with no positive interval repeats at.
+constexpr RunLoopTimer::Clock::duration kMinimumTimerInterval = std::chrono::microseconds(100);
+}  // namespace
+
 RunLoopTimer::RunLoopTimer(Clock::time_point fireDate, Clock::duration interval,
                            std::function<void(RunLoopTimer&)> callback)
-    : _fireDate(fireDate), _interval(interval), _callback(std::move(callback)) {}
+    : _fireDate(fireDate),
+      // A repeating timer needs a positive interval: a negative one would never
+      // move its fire date forward.
+      _interval(interval < Clock::duration::zero() ? kMinimumTimerInterval : interval),
+      _callback(std::move(callback)) {}
 
 std::shared_ptr<RunLoopTimer> RunLoopTimer::timerWithInterval(
     Clock::duration interval, bool repeats, std::function<void(RunLoopTimer&)> callback) {
-  return std::make_shared<RunLoopTimer>(Clock::now() + interval,
-                                        repeats ? interval : Clock::duration::zero(),
+  const Clock::duration wait = std::max(interval, Clock::duration::zero());
+  Clock::duration repeat = Clock::duration::zero();
+  if (repeats) repeat = interval > Clock::duration::zero() ? interval : kMinimumTimerInterval;
+  return std::make_shared<RunLoopTimer>(Clock::now() + wait, repeat,
                                         std::move(callback));
 }
 
@@ -71,7 +83,7 @@ bool RunLoop::appliesTo(const std::string& queuedMode, const std::string& runMod
 void RunLoop::perform(std::function<void()> call, const std::string& mode, const void* owner) {
   {
     std::lock_guard guard(_lock);
-    _calls.push_back(Call{std::move(call), mode, owner});
+    _calls.push_back(Call{std::move(call), mode, owner, _nextSequence++});
   }
   _wake.notify_all();
 }
@@ -106,8 +118,10 @@ std::string RunLoop::currentMode() const {
   return _runningModes.empty() ? std::string() : _runningModes.back();
 }
 
-bool RunLoop::takeCall(const std::string& mode, std::function<void()>& call) {
+bool RunLoop::takeCall(const std::string& mode, std::uint64_t sequence,
+                       std::function<void()>& call) {
   for (auto it = _calls.begin(); it != _calls.end(); ++it) {
+    if (it->sequence >= sequence) break;  // queued in order
     if (!appliesTo(it->mode, mode)) continue;
     call = std::move(it->call);
     _calls.erase(it);
@@ -147,6 +161,8 @@ RunLoopResult RunLoop::runInMode(const std::string& mode, double seconds,
 
   std::unique_lock guard(_lock);
   _runningModes.push_back(mode);
+  // Once the time is up, only calls queued before now still run.
+  const std::uint64_t queuedAtStart = _nextSequence;
   // Leaves the run with the lock held, also when a call throws.
   struct Leave {
     RunLoop& loop;
@@ -168,7 +184,12 @@ RunLoopResult RunLoop::runInMode(const std::string& mode, double seconds,
       std::function<void()> call;
       Clock::time_point nextFire;
       std::shared_ptr<RunLoopTimer> timer;
-      if (!takeCall(mode, call)) timer = takeDueTimer(mode, Clock::now(), nextFire);
+      const bool timeIsUp = Clock::now() >= deadline;
+      const std::uint64_t callsBefore =
+          timeIsUp ? queuedAtStart : std::numeric_limits<std::uint64_t>::max();
+      // Likewise only the timers due when the run began: each fires at most once more.
+      if (!takeCall(mode, callsBefore, call))
+        timer = takeDueTimer(mode, timeIsUp ? start : Clock::now(), nextFire);
       if (call || timer) {
         guard.unlock();
         if (call) {
@@ -183,8 +204,11 @@ RunLoopResult RunLoop::runInMode(const std::string& mode, double seconds,
             } else {
               // Skips missed intervals rather than firing them all at once.
               const auto now = Clock::now();
-              do timer->_fireDate += timer->_interval;
-              while (timer->_fireDate <= now);
+              const auto interval = timer->_interval;
+              if (timer->_fireDate <= now)
+                timer->_fireDate += ((now - timer->_fireDate) / interval + 1) * interval;
+              else
+                timer->_fireDate += interval;
             }
             callback = timer->_callback;
           }
@@ -197,8 +221,7 @@ RunLoopResult RunLoop::runInMode(const std::string& mode, double seconds,
         }
         continue;
       }
-      const auto now = Clock::now();
-      if (now >= deadline) break;
+      if (timeIsUp) break;
       _wake.wait_until(guard, std::min(deadline, nextFire));
     }
   }

@@ -64,7 +64,7 @@ class RunLoopTimer {
   friend class RunLoop;
   mutable std::mutex _lock;
   Clock::time_point _fireDate;
-  Clock::duration _interval;  // zero: fires once
+  Clock::duration _interval;  // zero: fires once; never negative
   std::function<void(RunLoopTimer&)> _callback;
   bool _valid = true;
 };
@@ -94,7 +94,9 @@ class RunLoop : public std::enable_shared_from_this<RunLoop> {
 
   // Runs in `mode` until `seconds` have passed, stop() is called, or (when
   // asked) one call or timer has been handled. Only on the loop's thread.
-  // Zero seconds handles what is due now and returns.
+  // Zero seconds handles what is due now and returns. Once the time is up,
+  // only the calls queued before the run began are still handled: a call
+  // that queues another, or a timer that is always due, cannot keep it going.
   RunLoopResult runInMode(const std::string& mode, double seconds,
                           bool returnAfterSourceHandled = false);
   // Makes the innermost current run return; when none runs, the next run
@@ -116,6 +118,7 @@ class RunLoop : public std::enable_shared_from_this<RunLoop> {
     std::function<void()> call;
     std::string mode;
     const void* owner;
+    std::uint64_t sequence;  // order of queueing, for the end of a run
   };
   struct TimerEntry {
     std::shared_ptr<RunLoopTimer> timer;
@@ -123,8 +126,9 @@ class RunLoop : public std::enable_shared_from_this<RunLoop> {
   };
 
   bool appliesTo(const std::string& queuedMode, const std::string& runMode) const;
-  // Takes the first call queued for `mode`; false when there is none. Lock held.
-  bool takeCall(const std::string& mode, std::function<void()>& call);
+  // Takes the first call queued for `mode` before `sequence`; false when
+  // there is none. Lock held.
+  bool takeCall(const std::string& mode, std::uint64_t sequence, std::function<void()>& call);
   // The first due timer for `mode`, and the earliest fire date of the others.
   std::shared_ptr<RunLoopTimer> takeDueTimer(const std::string& mode, Clock::time_point now,
                                              Clock::time_point& nextFire);
@@ -137,6 +141,7 @@ class RunLoop : public std::enable_shared_from_this<RunLoop> {
   std::vector<TimerEntry> _timers;
   std::vector<std::string> _runningModes;  // one per nested run
   bool _stopRequested = false;
+  std::uint64_t _nextSequence = 0;
 };
 
 // Performs calls on one run loop (in the common modes), from any thread, and

@@ -7,15 +7,38 @@
 #include <unicode/ustring.h>
 #include <unicode/utf16.h>
 
+#include <fmt/format.h>
+
+#include <limits>
+
+#include "platform/Exception.h"
+
 namespace pc {
 
 namespace {
 
-icu::UnicodeString unicode(std::string_view utf8) {
-  // fromUTF8 reads every ill-formed sequence as U+FFFD.
-  return icu::UnicodeString::fromUTF8(
-      icu::StringPiece(utf8.data(), static_cast<int32_t>(utf8.size())));
+// ICU counts in 32-bit signed integers: longer text is refused here, at the
+// boundary, rather than measured wrong.
+void checkICUSize(std::size_t size, const char* what) {
+  if (size > static_cast<std::size_t>(std::numeric_limits<int32_t>::max()))
+    raiseException(kInvalidArgumentException,
+                   fmt::format("{} of {} bytes or units is longer than the {} this operation takes",
+                               what, size, std::numeric_limits<int32_t>::max()));
 }
+
+icu::UnicodeString unicode(std::string_view utf8) {
+  checkICUSize(utf8.size(), "a text");
+  // fromUTF8 reads every ill-formed sequence as U+FFFD.
+  icu::UnicodeString converted = icu::UnicodeString::fromUTF8(
+      icu::StringPiece(utf8.data(), static_cast<int32_t>(utf8.size())));
+  // Up to 2 GiB of UTF-8 can need more UTF-16 units than ICU can count.
+  if (converted.isBogus())
+    raiseException(kInvalidArgumentException,
+                   fmt::format("a text of {} bytes is too long to convert", utf8.size()));
+  return converted;
+}
+
+constexpr char kReplacementCharacter[] = "\xEF\xBF\xBD";
 
 std::string utf8(const icu::UnicodeString& text) {
   std::string out;
@@ -39,8 +62,13 @@ int32_t clampedIndex(std::size_t index, const icu::UnicodeString& text) {
 
 }  // namespace
 
+// Counted here rather than by ICU, in 64 bits, so that texts of any size
+// measure right; ill-formed sequences count as the U+FFFD they read as.
 std::size_t utf16Length(std::string_view text) {
-  return static_cast<std::size_t>(unicode(text).length());
+  std::size_t units = 0;
+  for (std::size_t position = 0; position < text.size();)
+    units += nextCodePoint(text, position) >= 0x10000 ? 2 : 1;
+  return units;
 }
 
 std::u16string toUTF16(std::string_view text) {
@@ -49,21 +77,80 @@ std::u16string toUTF16(std::string_view text) {
 }
 
 std::string fromUTF16(std::u16string_view text) {
+  checkICUSize(text.size(), "a UTF-16 text");
   // toUTF8String writes U+FFFD for unpaired surrogates.
   return utf8(icu::UnicodeString(false, text.data(), static_cast<int32_t>(text.size())));
 }
 
-bool isValidUTF8(std::string_view text) {
-  UErrorCode status = U_ZERO_ERROR;
-  int32_t length = 0;
-  // Preflighting (no destination) reports an ill-formed sequence as U_INVALID_CHAR_FOUND.
-  u_strFromUTF8(nullptr, 0, &length, text.data(), static_cast<int32_t>(text.size()), &status);
-  return status != U_INVALID_CHAR_FOUND;
+std::int32_t nextCodePoint(std::string_view text, std::size_t& position) {
+  const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+  const unsigned char lead = byte(position);
+  if (lead < 0x80) {
+    ++position;
+    return lead;
+  }
+  // The length of the sequence and the range its second byte must be in:
+  // those ranges leave out overlong forms, surrogates and code points
+  // beyond U+10FFFF.
+  std::size_t length = 0;
+  unsigned char low = 0x80, high = 0xBF;
+  std::int32_t code = 0;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2, code = lead & 0x1F;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3, code = lead & 0x0F;
+    if (lead == 0xE0) low = 0xA0;
+    if (lead == 0xED) high = 0x9F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4, code = lead & 0x07;
+    if (lead == 0xF0) low = 0x90;
+    if (lead == 0xF4) high = 0x8F;
+  } else {
+    ++position;
+    return -1;
+  }
+  // An ill-formed sequence is its longest start that could begin a
+  // well-formed one (what ICU replaces by one U+FFFD), or its lead byte alone.
+  for (std::size_t i = 1; i < length; ++i) {
+    const bool fits = position + i < text.size() && byte(position + i) >= (i == 1 ? low : 0x80) &&
+                      byte(position + i) <= (i == 1 ? high : 0xBF);
+    if (!fits) {
+      position += i;
+      return -1;
+    }
+    code = (code << 6) | (byte(position + i) & 0x3F);
+  }
+  position += length;
+  return code;
 }
 
+bool isValidUTF8(std::string_view text) {
+  for (std::size_t position = 0; position < text.size();)
+    if (nextCodePoint(text, position) < 0) return false;
+  return true;
+}
+
+// Cut here, in 64 bits, like utf16Length; a pair that would be split is left out.
 std::string utf16Prefix(std::string_view text, std::size_t units) {
-  const icu::UnicodeString converted = unicode(text);
-  return utf8(converted.tempSubString(0, pairSafe(converted, clampedIndex(units, converted), -1)));
+  std::string prefix;
+  std::size_t taken = 0, position = 0, validFrom = 0;
+  while (position < text.size()) {
+    const std::size_t at = position;
+    const std::int32_t c = nextCodePoint(text, position);
+    const std::size_t width = c >= 0x10000 ? 2 : 1;
+    if (taken + width > units) {
+      position = at;
+      break;
+    }
+    taken += width;
+    if (c < 0) {
+      prefix.append(text.substr(validFrom, at - validFrom));
+      prefix += kReplacementCharacter;
+      validFrom = position;
+    }
+  }
+  prefix.append(text.substr(validFrom, position - validFrom));
+  return prefix;
 }
 
 std::string utf16Substring(std::string_view text, std::size_t location, std::size_t length) {

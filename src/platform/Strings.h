@@ -4,6 +4,7 @@
 // are sets of code points (ICU UnicodeSet underneath).
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -16,6 +17,10 @@ std::size_t utf16Length(std::string_view utf8);
 std::u16string toUTF16(std::string_view utf8);
 std::string fromUTF16(std::u16string_view utf16);
 bool isValidUTF8(std::string_view text);
+// The code point of the UTF-8 sequence at `position`, which moves past it;
+// -1 for an ill-formed sequence (overlong, a surrogate, beyond U+10FFFF,
+// cut short), past which `position` moves by one byte. Sizes are 64-bit.
+std::int32_t nextCodePoint(std::string_view text, std::size_t& position);
 
 // The first `units` UTF-16 units of `text` (all of it when shorter). When the
 // cut would fall inside a surrogate pair, the pair is left out.

@@ -115,7 +115,13 @@ std::optional<double> leadingDouble(std::string_view s) {
   double d = 0;
   auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), d);
   if (ec == std::errc::result_out_of_range) {
-    return negative ? -std::numeric_limits<double>::infinity() : std::numeric_limits<double>::infinity();
+    // Too small a magnitude (a negative exponent) is zero, too large infinity.
+    const std::string_view number(s.data(), static_cast<std::size_t>(end - s.data()));
+    const std::size_t exponent = number.find_first_of("eE");
+    const bool underflow = exponent != std::string_view::npos && exponent + 1 < number.size() &&
+                           number[exponent + 1] == '-';
+    const double magnitude = underflow ? 0.0 : std::numeric_limits<double>::infinity();
+    return negative ? -magnitude : magnitude;
   }
   if (ec != std::errc() || end == s.data()) return std::nullopt;
   return negative ? -d : d;
@@ -133,6 +139,11 @@ bool boolFromString(std::string_view s) {
   for (const char* word : {"YES", "Y", "TRUE", "T"}) {
     if (equalsIgnoringCase(t, word)) return true;
   }
+  // Only a number written with digits counts: "nan" and "inf" are words, not numbers.
+  std::string_view digits = t;
+  if (!digits.empty() && (digits[0] == '+' || digits[0] == '-')) digits.remove_prefix(1);
+  if (!digits.empty() && digits[0] == '.') digits.remove_prefix(1);
+  if (digits.empty() || digits[0] < '0' || digits[0] > '9') return false;
   const auto d = leadingDouble(t);
   return d && *d != 0;
 }
@@ -501,7 +512,30 @@ std::size_t Value::hash() const {
 
 std::string Value::description() const { return descriptionWithIndent(0); }
 
+namespace {
+
+// The containers being described on this thread, outermost first: one that
+// holds itself prints a mark where it recurs instead of recursing for ever.
+thread_local std::vector<const void*> describing;
+
+}  // namespace
+
 std::string Value::descriptionWithIndent(int level) const {
+  const void* identity = nullptr;
+  if (const auto* rep = std::get_if<std::shared_ptr<detail::ArrayRep>>(&_v)) identity = rep->get();
+  if (const auto* rep = std::get_if<std::shared_ptr<detail::DictionaryRep>>(&_v)) identity = rep->get();
+  if (const auto* rep = std::get_if<std::shared_ptr<detail::SetRep>>(&_v)) identity = rep->get();
+  if (identity) {
+    if (std::find(describing.begin(), describing.end(), identity) != describing.end())
+      return "<the container itself>";
+    describing.push_back(identity);
+  }
+  struct Leave {
+    const void* identity;
+    ~Leave() {
+      if (identity) describing.pop_back();
+    }
+  } leave{identity};
   switch (kind()) {
     case ValueKind::Null: return "<null>";
     case ValueKind::Boolean: return std::get<bool>(_v) ? "1" : "0";

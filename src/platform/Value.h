@@ -314,6 +314,8 @@ class Dictionary {
   Dictionary copy() const;
   Dictionary deepCopy() const;
   bool isIdenticalTo(const Dictionary& other) const { return _rep == other._rep; }
+  // False only for a handle that was moved from: it has no entries to walk.
+  bool hasStorage() const { return _rep != nullptr; }
   // Same keys with equal values, whatever the order.
   bool operator==(const Dictionary& other) const;
   std::string description() const { return Value(*this).description(); }

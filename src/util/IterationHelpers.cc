@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "async/Log.h"
+
 namespace pc {
 
 namespace IterationHelpers {
@@ -20,14 +22,34 @@ Array qvt_mapWithSelector(const Array& array, const std::function<Value(const Va
   return result;
 }
 
+namespace {
+
+// The callbacks may change the array they walk: each gets its own copy of the
+// element (a reference into the array would dangle once the array grows), and
+// the walk covers the elements there at the start that are still there.
+template <class Call>
+bool walkWhile(const Array& array, bool whileResult, Call call) {
+  const std::size_t end = array.count();
+  for (std::size_t i = 0; i < std::min(end, array.count()); ++i) {
+    const Value element = array[i];
+    if (call(element, i) != whileResult) return !whileResult;
+  }
+  return whileResult;
+}
+
+}  // namespace
+
 void qvt_iter(const Array& array, ArrayIterFunction function, void* context) {
-  for (std::size_t i = 0; i < array.count(); ++i) function(array[i], i, context);
+  walkWhile(array, true, [&](const Value& element, std::size_t i) {
+    function(element, i, context);
+    return true;
+  });
 }
 
 bool qvt_iterWhileTrue(const Array& array, ArrayTestFunction function, void* context) {
-  for (std::size_t i = 0; i < array.count(); ++i)
-    if (!function(array[i], i, context)) return false;
-  return true;
+  return walkWhile(array, true, [&](const Value& element, std::size_t i) {
+    return function(element, i, context);
+  });
 }
 
 bool conjunction(const Array& array, ArrayTestFunction function, void* context) {
@@ -35,15 +57,20 @@ bool conjunction(const Array& array, ArrayTestFunction function, void* context) 
 }
 
 bool disjunction(const Array& array, ArrayTestFunction function, void* context) {
-  for (std::size_t i = 0; i < array.count(); ++i)
-    if (function(array[i], i, context)) return true;
-  return false;
+  return walkWhile(array, false, [&](const Value& element, std::size_t i) {
+    return function(element, i, context);
+  });
 }
 
 bool unqueueWhileTrue(Array& array, ArrayUnqueueFunction function, void* context) {
   std::size_t start = array.count();
   bool result = true;
-  while (start > 0 && (result = function(array[start - 1], context))) --start;
+  while (start > 0 && start <= array.count()) {
+    const Value element = array[start - 1];  // the callback may change the array
+    if (!(result = function(element, context))) break;
+    --start;
+  }
+  start = std::min(start, array.count());
   array.removeRange(start, array.count() - start);
   return result;
 }
@@ -66,6 +93,9 @@ Set choose(const Set& set, SetTestFunction function, void* context) {
 }
 
 void qvt_iter(const Dictionary& dictionary, DictionaryIterFunction function, void* context) {
+  // A handle without storage (moved from) has no keys to enumerate.
+  if (!detail::checkCondition(dictionary.hasStorage(), "setEnum", __PRETTY_FUNCTION__, __LINE__))
+    return;
   for (const Value& key : dictionary.keys()) function(key, dictionary.get(key), context);
 }
 

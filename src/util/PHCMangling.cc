@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "async/Log.h"
+#include "platform/FileIO.h"
 #include "platform/PropertyList.h"
 #include "platform/Registry.h"
 
@@ -106,13 +107,17 @@ class Decoder {
  public:
   explicit Decoder(std::vector<std::string>* problems) : _problems(problems) {}
 
-  Value decode(const Value& value, const std::string& path) {
+  Value decode(const Value& value, const std::string& path, int depth = 0) {
     if (auto dictionary = value.asDictionary()) {
       if (const Value* type = dictionary->find(kGRNTypeKey)) return decodeTagged(value, *type, path);
-      for (auto& [key, element] : *dictionary) element = decode(element, childPath(path, key));
+      for (auto& [key, element] : *dictionary) element = decode(element, childPath(path, key), depth + 1);
     } else if (auto array = value.asArray()) {
       for (std::size_t i = 0; i < array->count(); ++i)
-        (*array)[i] = decode((*array)[i], childPath(path, Value(i)));
+        (*array)[i] = decode((*array)[i], childPath(path, Value(i)), depth + 1);
+    } else if ((value.isDate() || value.isURL()) && depth >= PropertyList::kMaxDepth) {
+      // Written back, a plain date or address becomes a tagged dictionary
+      // whose text lies one level deeper, which no reader would take back.
+      report(fmt::format("values nested more than {} deep", PropertyList::kMaxDepth), path);
     }
     return value;
   }
@@ -127,12 +132,16 @@ class Decoder {
       problem = fmt::format("{} is not a type name: {}", kGRNTypeKey, type);
     }
     if (!rebuilt.isNull()) return rebuilt;
+    report(problem, path);
+    return tagged;
+  }
+
+  void report(const std::string& problem, const std::string& path) {
     if (_problems) {
       _problems->push_back(path.empty() ? problem : fmt::format("{}: {}", path, problem));
     } else {
       QVT_LOG(kLogError, QVTLOG, "{}", problem);
     }
-    return tagged;
   }
 
   static std::string childPath(const std::string& path, const Value& key) {
@@ -142,13 +151,10 @@ class Decoder {
   std::vector<std::string>* _problems;
 };
 
-std::optional<std::string> niceText(const Value& value, PropertyListError* error) {
-  const Value mangled = _phc_deepMapWithSelector(
-      value, [](const Value& leaf, void*) { return _phc_manglePlistForEncoding(leaf); }, nullptr);
-  return PropertyList::toXML(mangled, error);
-}
 
 }  // namespace
+
+std::optional<std::string> niceText(const Value& value, PropertyListError* error);
 
 std::optional<std::string> phc_nicePList(const Value& value) {
   PropertyListError error;
@@ -164,9 +170,10 @@ std::optional<Dictionary> phc_dictionaryFromNiceString(std::string_view text) {
     QVT_LOG(kLogError, QVTLOG, "cannot parse data: {}", error.description());
     return std::nullopt;
   }
-  std::optional<Dictionary> dictionary = _phc_manglePlistForDecoding(*plist).asDictionary();
+  const Value decoded = _phc_manglePlistForDecoding(*plist);
+  std::optional<Dictionary> dictionary = decoded.asDictionary();
   if (!dictionary)
-    QVT_LOG(kLogError, QVTLOG, "cannot parse data: a {} is not a dictionary", plist->kindName());
+    QVT_LOG(kLogError, QVTLOG, "cannot parse data: a {} is not a dictionary", decoded.kindName());
   return dictionary;
 }
 
@@ -202,6 +209,10 @@ std::optional<CalendarDate> phc_dateFromNiceText(std::string_view text, std::str
   // Without an offset the zone decides the instant.
   const std::string_view format = words.size() == 3 ? kNicePListDateFormatWithoutOffset : kNicePListDateFormat;
   std::optional<CalendarDate> date = CalendarDate::dateWithString(text, format, nullptr, &problem);
+  if (date && !date->isWithinSupportedRange()) {
+    problem = "outside the years the calendar supports";
+    return std::nullopt;
+  }
   if (!date || words.size() == 3) return date;
 
   // With one, the instant is the reading of the wall clock that has that
@@ -230,24 +241,109 @@ Value _phc_unmangleWithDictionary(const std::string& typeName, const Dictionary&
   return rebuilt;
 }
 
-Value _phc_deepMapWithSelector(const Value& value, LeafOperation operation, void* context) {
-  if (const auto dictionary = value.asDictionary()) {
-    Dictionary mapped;
-    for (const auto& [key, element] : *dictionary)
-      mapped.set(key, _phc_deepMapWithSelector(element, operation, context));
+namespace {
+
+// The deep map, refusing a container that holds itself (it has no finite
+// rebuild) and nesting deeper than a property list can hold, rather than
+// recursing until the stack runs out. `problem` says which, with the key path.
+class DeepMapper {
+ public:
+  DeepMapper(LeafOperation operation, void* context) : _operation(operation), _context(context) {}
+
+  // Refuses dates the calendar cannot read fields of (their text would name
+  // another date).
+  void refuseDatesOutsideTheCalendar() { _checkDates = true; }
+
+  std::optional<Value> map(const Value& value) {
+    if (_checkDates && value.isDate() && !value.date().isWithinSupportedRange())
+      return fail("a date outside the years the calendar supports");
+    if (!value.isCollection()) return _operation(value, _context);
+    if (_ancestors.size() >= static_cast<std::size_t>(PropertyList::kMaxDepth) + 1)
+      return fail(fmt::format("values nested more than {} deep", PropertyList::kMaxDepth));
+    for (const Value& ancestor : _ancestors)
+      if (ancestor.isIdenticalTo(value)) return fail("a container holds itself");
+    _ancestors.push_back(value);
+    std::optional<Value> mapped = mapContainer(value);
+    _ancestors.pop_back();
     return mapped;
   }
-  if (const auto array = value.asArray()) {
+
+  const std::string& problem() const { return _problem; }
+
+ private:
+  std::optional<Value> mapContainer(const Value& value) {
+    if (const auto dictionary = value.asDictionary()) {
+      Dictionary mapped;
+      for (const auto& [key, element] : *dictionary) {
+        std::optional<Value> leaf = child(element, key);
+        if (!leaf) return std::nullopt;
+        mapped.set(key, std::move(*leaf));
+      }
+      return mapped;
+    }
+    const bool isArray = value.isArray();
+    const std::vector<Value> elements = isArray ? value.array().values() : value.set().allObjects().values();
     Array mapped;
-    for (const Value& element : *array) mapped.add(_phc_deepMapWithSelector(element, operation, context));
+    for (std::size_t i = 0; i < elements.size(); ++i) {
+      std::optional<Value> leaf = child(elements[i], Value(i));
+      if (!leaf) return std::nullopt;
+      mapped.add(std::move(*leaf));
+    }
+    if (isArray) return mapped;
+    Set set;
+    for (const Value& element : mapped) set.add(element);
+    return set;
+  }
+
+  std::optional<Value> child(const Value& element, const Value& key) {
+    std::optional<Value> mapped = map(element);
+    if (!mapped) _path.insert(_path.begin(), key.stringValue());
     return mapped;
   }
-  if (const auto set = value.asSet()) {
-    Set mapped;
-    for (const Value& element : *set) mapped.add(_phc_deepMapWithSelector(element, operation, context));
-    return mapped;
+
+  std::nullopt_t fail(std::string problem) {
+    _problem = std::move(problem);
+    return std::nullopt;
   }
-  return operation(value, context);
+
+  LeafOperation _operation;
+  void* _context;
+  std::vector<Value> _ancestors;
+  std::vector<std::string> _path;  // filled from the failing leaf upwards
+  std::string _problem;
+  bool _checkDates = false;
+
+ public:
+  std::string where() const {
+    if (_path.empty()) return "the top level";
+    std::string text = "\"" + _path.front();
+    for (std::size_t i = 1; i < _path.size(); ++i) text += "/" + _path[i];
+    return text + "\"";
+  }
+};
+
+}  // namespace
+
+Value _phc_deepMapWithSelector(const Value& value, LeafOperation operation, void* context) {
+  DeepMapper mapper(operation, context);
+  std::optional<Value> mapped = mapper.map(value);
+  if (!mapped) {
+    QVT_LOG(kLogError, QVTLOG, "cannot map ({} at {})", mapper.problem(), mapper.where());
+    return {};
+  }
+  return std::move(*mapped);
+}
+
+// The nice plist text: tagged values in place, then the property-list writer.
+std::optional<std::string> niceText(const Value& value, PropertyListError* error) {
+  DeepMapper mapper([](const Value& leaf, void*) { return _phc_manglePlistForEncoding(leaf); }, nullptr);
+  mapper.refuseDatesOutsideTheCalendar();
+  std::optional<Value> mangled = mapper.map(value);
+  if (!mangled) {
+    if (error) *error = PropertyListError{fmt::format("{} (at {})", mapper.problem(), mapper.where())};
+    return std::nullopt;
+  }
+  return PropertyList::toXML(*mangled, error);
 }
 
 }  // namespace PHCMangling
@@ -274,8 +370,10 @@ std::optional<Dictionary> recordFromPlist(const Value& plist, std::string* error
 }  // namespace
 
 std::optional<Dictionary> readRecordFile(const std::string& path, std::string* error) {
+  const std::optional<std::string> bytes = readWholeFile(path, error);  // its error names the file
+  if (!bytes) return std::nullopt;
   PropertyListError plistError;
-  const std::optional<Value> plist = PropertyList::fromFile(path, &plistError);
+  const std::optional<Value> plist = PropertyList::fromXML(*bytes, &plistError);
   if (!plist) {
     setError(error, fmt::format("{}: {}", path, plistError.description()));
     return std::nullopt;
@@ -297,7 +395,7 @@ std::optional<Dictionary> recordFromText(std::string_view text, std::string* err
 
 std::optional<std::string> recordText(const Dictionary& record, std::string* error) {
   PropertyListError plistError;
-  std::optional<std::string> text = PHCMangling::niceText(record, &plistError);
+  std::optional<std::string> text = PHCMangling::niceText(Value(record), &plistError);
   if (!text) setError(error, plistError.description());
   return text;
 }

@@ -15,6 +15,7 @@
 #include <uuid/uuid.h>
 
 #include "async/Log.h"
+#include "platform/Strings.h"
 
 namespace pc {
 
@@ -175,8 +176,9 @@ std::optional<std::string> qvt_stringFromUCS2HexaString(std::string_view hexa) {
 }
 
 std::string stringWithLossyASCIIConversion(std::string_view text) {
-  icu::UnicodeString unicode = icu::UnicodeString::fromUTF8(
-      icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+  // toUTF16 refuses, with a clear error, text longer than ICU can count.
+  const std::u16string units = toUTF16(text);
+  icu::UnicodeString unicode(false, units.data(), static_cast<int32_t>(units.size()));
   if (icu::Transliterator* transliterator = asciiTransliterator())
     transliterator->transliterate(unicode);
   std::string latin;
@@ -426,6 +428,9 @@ int caseInsensitiveDiacriticalCompare(std::string_view text,
   if (!other) return 0;
   const icu::Collator* collator = diacriticalCollator();
   if (!collator) return -1;
+  // Beyond what ICU can count the collation cannot be made: it fails as any other would.
+  constexpr auto kLongest = static_cast<std::size_t>(std::numeric_limits<int32_t>::max());
+  if (text.size() > kLongest || other->size() > kLongest) return -1;
   UErrorCode status = U_ZERO_ERROR;
   const UCollationResult order = collator->compareUTF8(
       icu::StringPiece(text.data(), static_cast<int32_t>(text.size())),

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 #include <memory>
 #include <utility>
 
@@ -124,6 +125,8 @@ std::optional<std::string> decodeString(std::string_view bytes, StringEncoding e
   if (encoding == StringEncoding::GSM0338) return decodeGSM(bytes);
   ConverterPtr converter = strictConverter(encoding);
   if (!converter) return std::nullopt;
+  // Beyond what ICU can count: no conversion, as for bytes not in the encoding.
+  if (bytes.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max() / 2)) return std::nullopt;
   UErrorCode status = U_ZERO_ERROR;
   const int32_t length = ucnv_toUChars(converter.get(), nullptr, 0, bytes.data(),
                                        static_cast<int32_t>(bytes.size()), &status);

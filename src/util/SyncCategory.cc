@@ -182,6 +182,22 @@ bool isEqualToDictionary(const Dictionary& dictionary, const Dictionary& other,
   return true;
 }
 
+Dictionary phc_map(const Dictionary& dictionary, DictionaryMapFunction function, void* context) {
+  Dictionary mapped;
+  for (const auto& [key, value] : dictionary) {
+    Value result = function(key, value, context);
+    if (!result.isNull()) mapped.set(key, std::move(result));
+  }
+  return mapped;
+}
+
+Value refreshForKey(Dictionary& dictionary, const Value& key) {
+  Value* entry = dictionary.find(key);
+  if (!entry) return {};
+  if (entry->isCollection()) *entry = entry->deepCopy();
+  return *entry;
+}
+
 }  // namespace SyncCategory
 
 }  // namespace pc

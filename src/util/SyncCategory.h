@@ -66,6 +66,16 @@ Dictionary phc_slice(const Dictionary& dictionary, const Value& keys);
 Dictionary phc_complementSlice(const Dictionary& dictionary, const Value& keys);
 // The entries whose key `map` knows, under their new key; others are dropped.
 Dictionary phc_remapKeys(const Dictionary& dictionary, const Dictionary& map);
+// A new dictionary with the same keys, each holding function(key, value,
+// context); an entry whose result is null is left out.
+using DictionaryMapFunction = Value (*)(const Value& key, const Value& value, void* context);
+Dictionary phc_map(const Dictionary& dictionary, DictionaryMapFunction function,
+                   void* context = nullptr);
+// Gives the entry under `key` a container of its own: a dictionary, array
+// or set stored there, perhaps shared with other records, is replaced by a
+// deep copy that can be changed without touching them. Answers the entry
+// (null when absent); other kinds are left as they are.
+Value refreshForKey(Dictionary& dictionary, const Value& key);
 // True when, for every key, both values are absent or both present and equal.
 bool isEqualToDictionary(const Dictionary& dictionary, const Dictionary& other,
                          const Value& keys);

@@ -2,10 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <optional>
+#include <string>
+#include <utility>
+
 #include "conduit/SyncClientState.h"
 #include "conduit_test_support.h"
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
+#include "platform/PropertyList.h"
 
 namespace pc {
 namespace {
@@ -17,6 +23,28 @@ CalendarDate gmtDate(int year, int month, int day, int hour = 0) {
   return CalendarDate::dateWithYear(year, month, day, hour, 0, 0, TimeZone::gmt());
 }
 
+// Sets the system zone while it lives (the anchor's arithmetic is local).
+class SystemZone {
+ public:
+  explicit SystemZone(const char* name) {
+    if (const char* tz = std::getenv("TZ")) _saved = tz;
+    ::setenv("TZ", name, 1);
+    TimeZone::resetSystemTimeZone();
+  }
+  ~SystemZone() {
+    if (_saved)
+      ::setenv("TZ", _saved->c_str(), 1);
+    else
+      ::unsetenv("TZ");
+    TimeZone::resetSystemTimeZone();
+  }
+  SystemZone(const SystemZone&) = delete;
+  SystemZone& operator=(const SystemZone&) = delete;
+
+ private:
+  std::optional<std::string> _saved;
+};
+
 // Settings with an anchor date of Sunday 2026-03-01 00:00 GMT.
 Dictionary settingsWithAnchor() {
   return Dictionary{{kAnchorDateKey, gmtDate(2026, 3, 1)}};
@@ -24,6 +52,7 @@ Dictionary settingsWithAnchor() {
 
 // Anchor 2026-03-01; the future side always has one more week.
 TEST(ExpansionWindowTest, PastAndFutureLimitsOfEachCode) {
+  const SystemZone gmt("GMT");
   const std::tuple<std::optional<int>, CalendarDate, CalendarDate> cases[] = {
       {std::nullopt, gmtDate(2026, 3, 1), gmtDate(2026, 5, 3)},  // the window is off
       {0, gmtDate(2026, 3, 1), gmtDate(2026, 3, 15)},
@@ -79,6 +108,39 @@ TEST(AnchorDateTest, MostRecentSundayAtMidnight) {
   EXPECT_FALSE(settings.contains(kAnchorDateKey));
   EXPECT_TRUE(log.contains("anchor date not defined yet"));
   EXPECT_EQ(SyncSettings::qvt_anchorDate(settings = settingsWithAnchor()), gmtDate(2026, 3, 1));
+}
+
+// The anchor goes to the settings store and comes back in GMT (a property
+// list keeps no zone): the window computed from it must be the first run's,
+// in every zone, also across daylight-saving changes inside the window.
+TEST(AnchorDateTest, WindowIsTheSameAfterTheAnchorWasStoredAndReadBack) {
+  for (const char* zone : {"Europe/Berlin", "America/New_York", "Asia/Kolkata", "Pacific/Auckland",
+                           "America/Sao_Paulo", "GMT"}) {
+    const SystemZone system(zone);
+    for (const auto& [month, day] : {std::pair{3, 4}, std::pair{10, 1}}) {
+      const CalendarDate today =
+          CalendarDate::dateWithYear(2026, month, day, 12, 0, 0, TimeZone::systemTimeZone());
+      Dictionary first{{kAnchorDateKey, QVTSyncServiceExtension::qvt_anchorDateForDate(today)}};
+      for (const char* key : {kDontSyncEventsPriorToDateIsEnabledKey, kDontSyncEventsAfterDateIsEnabledKey})
+        SyncSettings::qvt_setBool(first, true, key);
+      SyncSettings::qvt_setInt(first, 600, kDontSyncEventsPriorToDateValueKey);
+      SyncSettings::qvt_setInt(first, 200, kDontSyncEventsAfterDateValueKey);
+
+      const std::optional<Value> stored = PropertyList::fromXML(*PropertyList::toXML(first));
+      ASSERT_TRUE(stored);
+      Dictionary later = stored->dictionary();
+      ASSERT_EQ(later.get(kAnchorDateKey).date().timeZone()->name(), TimeZone::gmt()->name());
+
+      const std::string where = std::string(zone) + " " + std::to_string(month);
+      EXPECT_EQ(SyncSettings::qvt_leftExpansionWindow(later), SyncSettings::qvt_leftExpansionWindow(first))
+          << where;
+      EXPECT_EQ(SyncSettings::qvt_rightExpansionWindow(later), SyncSettings::qvt_rightExpansionWindow(first))
+          << where;
+      // Both ends are local midnights.
+      EXPECT_EQ(SyncSettings::qvt_leftExpansionWindow(later).hourOfDay(), 0) << where;
+      EXPECT_EQ(SyncSettings::qvt_rightExpansionWindow(later).hourOfDay(), 0) << where;
+    }
+  }
 }
 
 TEST(SyncSettingsTest, ReadsStoreTheirDefaults) {

@@ -4,6 +4,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+
+#include <sys/stat.h>
 
 #include "platform/TimeZone.h"
 
@@ -75,8 +78,37 @@ TEST_F(PhoneStoreTest, InterruptedWriteLeavesTheOldFileWhole) {
     EXPECT_EQ(store.read("Contacts")->records[0].fields.getString("firstName"), "Ann");
   }
   store.interruptWritesAfter(std::nullopt);
+  // Each failure said why and took its temporary file away.
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 1);
   EXPECT_EQ(store.write(contacts("Bob")), PhoneStore::WriteResult::written);
   EXPECT_EQ(store.read("Contacts")->records[0].fields.getString("firstName"), "Bob");
+}
+
+TEST_F(PhoneStoreTest, ContactDataStaysPrivateUnderAStrictUmaskAndAUsersChmod) {
+  PhoneStore store(folder);
+  const std::string path = store.pathForDataClass("Contacts");
+  const auto mode = [&] { return std::filesystem::status(path).permissions(); };
+  using std::filesystem::perms;
+  const mode_t saved = ::umask(077);
+  const auto written = store.write(contacts("Ann"));
+  ::umask(saved);
+  ASSERT_EQ(written, PhoneStore::WriteResult::written);
+  EXPECT_EQ(mode(), perms::owner_read | perms::owner_write);
+
+  std::filesystem::permissions(path, perms::owner_read | perms::owner_write | perms::group_read);
+  ASSERT_EQ(store.write(contacts("Bob")), PhoneStore::WriteResult::written);
+  EXPECT_EQ(mode(), perms::owner_read | perms::owner_write | perms::group_read);
+}
+
+TEST_F(PhoneStoreTest, AStoreFileThatIsAFolderIsAnErrorNamingItAndTheReason) {
+  PhoneStore store(folder);
+  const std::string path = store.pathForDataClass("Contacts");
+  std::filesystem::create_directories(path);
+  std::string error;
+  EXPECT_FALSE(store.read("Contacts", &error));
+  EXPECT_EQ(error, path + ": cannot read: Is a directory");
+  EXPECT_EQ(store.write(contacts("Ann"), &error), PhoneStore::WriteResult::failed);
+  EXPECT_EQ(error, path + ": cannot write: Is a directory");
 }
 
 TEST_F(PhoneStoreTest, CorruptOrTruncatedFilesGiveAnErrorNamingTheFile) {

@@ -118,7 +118,7 @@ class SyncPropertiesTest : public ::testing::TestWithParam<ExamplePhone> {
       for (const auto& [key, value] : clientValues) client.setObject(value, key.stringValue());
     }
     run.phoneDirectory = folder + "/phone";
-    run.anchorDate = CalendarDate::dateWithYear(2026, 11, 1, 0, 0, 0);
+    run.anchorDate = CalendarDate::dateWithYear(2026, 11, 1, 0, 0, 0, TimeZone::systemTimeZone());
     run.keepRecords = true;
     records = exampleRecords();
   }
@@ -390,7 +390,7 @@ TEST(SyncWindowTest, ExplodedEventsFollowTheWindow) {
 
   std::vector<std::size_t> events;
   for (int month : {11, 12}) {
-    run.anchorDate = CalendarDate::dateWithYear(2026, month, 1, 0, 0, 0);
+    run.anchorDate = CalendarDate::dateWithYear(2026, month, 1, 0, 0, 0, TimeZone::systemTimeZone());
     const SyncResult result = ReferenceSync::run(run, records);
     ASSERT_EQ(result.error, "");
     ASSERT_EQ(result.report.records.size(), 1u);

@@ -73,7 +73,7 @@ class SyncZonesTest : public ::testing::Test {
                                ->getDictionary("Calendars")
                                .value();
     calendars.set("alarmTypeIsDisplay", Value(true));
-    run.anchorDate = CalendarDate::dateWithYear(2027, 3, 1, 0, 0, 0);
+    run.anchorDate = CalendarDate::dateWithYear(2027, 3, 1, 0, 0, 0, TimeZone::systemTimeZone());
   }
   void TearDown() override { std::filesystem::remove_all(folder); }
 

@@ -130,6 +130,114 @@ INSTANTIATE_TEST_SUITE_P(
         BadInput{"<plist><array><string>é</string><é/></array></plist>", 1, 33,
                  "unknown element <é>"}));
 
+// A date the reader takes is written back as that date, fractions to the
+// millisecond on both sides; dates the calendar cannot read fields of are
+// refused by the reader and the writer, with the key path.
+TEST(PropertyList, DatesSurviveAWriteAndARead) {
+  for (const char* text : {"2020-01-01T00:00:00.5Z", "2020-01-01T00:00:00.25Z", "1601-06-30T23:59:59.999Z",
+                           "-4712-01-01T12:00:00Z", "2020-01-01T00:00:00Z"}) {
+    const Value read = parse(plist(std::string("<date>") + text + "</date>"));
+    const auto written = PropertyList::toXML(read);
+    ASSERT_TRUE(written);
+    EXPECT_NE(written->find(std::string("<date>") + text + "</date>"), std::string::npos) << *written;
+    EXPECT_EQ(parse(*written), read) << text;
+  }
+  // Beyond the millisecond, the nearest one.
+  EXPECT_EQ(parse(plist("<date>2020-01-01T00:00:00.0004Z</date>")),
+            parse(plist("<date>2020-01-01T00:00:00Z</date>")));
+  EXPECT_EQ(parse(plist("<date>2020-01-01T00:00:00.1235Z</date>")),
+            parse(plist("<date>2020-01-01T00:00:00.124Z</date>")));
+
+  for (const char* text : {"318889-01-01T00:00:00Z", "-318889-01-01T00:00:00Z"}) {
+    PropertyListError error;
+    EXPECT_FALSE(PropertyList::fromXML(
+        plist(std::string("<dict><key>events</key><array><date>") + text + "</date></array></dict>"), &error));
+    EXPECT_NE(error.message.find("outside the years the calendar supports (at \"events/0\")"),
+              std::string::npos)
+        << error.description();
+  }
+  PropertyListError error;
+  EXPECT_FALSE(PropertyList::toXML(Dictionary{{"due", CalendarDate(Date{1.3e13})}}, &error));
+  EXPECT_EQ(error.message, "a date outside the years the calendar supports (at \"due\")");
+}
+
+// What XML 1.0 cannot hold is refused by the writer with the key path and by
+// the reader with the place, never read back cut short.
+TEST(PropertyList, CharactersXMLCannotHoldAreRefusedNotTruncated) {
+  const struct {
+    Value value;
+    const char* message;
+  } unwritable[] = {
+      {Dictionary{{"notes", std::string("A\0BC", 4)}}, "character U+0000 at byte 1 (at \"notes\")"},
+      {Dictionary{{"n", Array{"ok", "bell\a"}}}, "character U+0007 at byte 4 (at \"n/1\")"},
+      {Dictionary{{std::string("k\x1b"), 1}}, "character U+001B at byte 1 (at \"k\x1b\")"},
+      {Dictionary{{"bytes", "a\xff"}}, "byte 0xFF at byte 1 is not UTF-8 (at \"bytes\")"},
+      {Dictionary{{"half", "\xed\xa0\x80"}}, "byte 0xED at byte 0 is not UTF-8"},
+      {Dictionary{{"nonchar", "\xef\xbf\xbf"}}, "character U+FFFF"},
+  };
+  for (const auto& c : unwritable) {
+    PropertyListError error;
+    EXPECT_FALSE(PropertyList::toXML(c.value, &error)) << c.message;
+    EXPECT_NE(error.message.find(c.message), std::string::npos) << error.message;
+  }
+  // Tab, line feed and carriage return are characters XML holds.
+  const Value fine = Dictionary{{"t", "a\tb\nc\rd"}};
+  EXPECT_EQ(parse(*PropertyList::toXML(fine)), fine);
+
+  const struct {
+    std::string xml;
+    const char* message;
+  } unreadable[] = {
+      {plist("<string>a&#0;b</string>"), "&#0; is not a character"},
+      {plist("<string>a&#x0;b</string>"), "&#x0; is not a character"},
+      {plist("<string>&#xD800;</string>"), "&#xD800; is not a character"},
+      {plist("<string>&#1114112;</string>"), "&#1114112; is not a character"},
+      {plist(std::string("<string>a\x01") + "b</string>"), "character U+0001 cannot be"},
+      {plist(std::string("<string>a\0b</string>", 20)), "character U+0000 cannot be"},
+      {plist("<string>\xed\xa0\x80</string>"), "byte 0xED is not UTF-8"},
+  };
+  for (const auto& c : unreadable) {
+    PropertyListError error;
+    EXPECT_FALSE(PropertyList::fromXML(c.xml, &error)) << c.message;
+    EXPECT_NE(error.message.find(c.message), std::string::npos) << error.description();
+    EXPECT_EQ(error.line, 3) << error.description();
+  }
+  EXPECT_EQ(parse(plist("<string>&#9;&#x1F600;</string>")), Value("\t\xF0\x9F\x98\x80"));
+}
+
+TEST(PropertyList, HonoursTheDeclaredEncoding) {
+  const std::string body = "<plist version=\"1.0\"><string>Lef\xE8vre</string></plist>";
+  EXPECT_EQ(parse("<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?>" + body), Value("Lefèvre"));
+  EXPECT_EQ(parse("<?xml version='1.0' encoding='windows-1252'?>" + body), Value("Lefèvre"));
+
+  const auto utf16 = [](std::string_view ascii, bool bigEndian, bool mark) {
+    std::string out = mark ? (bigEndian ? "\xFE\xFF" : "\xFF\xFE") : "";
+    for (char c : ascii) out += bigEndian ? std::string{'\0', c} : std::string{c, '\0'};
+    return out;
+  };
+  const std::string xml =
+      "<?xml version=\"1.0\" encoding=\"UTF-16\"?>\n<plist version=\"1.0\"><string>Ann</string></plist>";
+  for (const bool bigEndian : {true, false})
+    for (const bool mark : {true, false}) EXPECT_EQ(parse(utf16(xml, bigEndian, mark)), Value("Ann"));
+
+  const struct {
+    std::string xml;
+    const char* message;
+  } refused[] = {
+      {"<?xml version=\"1.0\" encoding=\"x-no-such\"?>" + body, "unknown encoding \"x-no-such\""},
+      {"<?xml version=\"1.0\" encoding=\"UTF-8\"?>" + body, "byte 0xE8 is not UTF-8"},
+      {body, "byte 0xE8 is not UTF-8"},
+      {"<?xml version=\"1.0\" encoding=\"UTF-16\"?>" + body, "declares UTF-16"},
+      {"<?xml version=\"1.0\" encoding=\"Shift_JIS\"?><plist><string>\x81</string></plist>",
+       "is not Shift_JIS text"},
+  };
+  for (const auto& c : refused) {
+    PropertyListError error;
+    EXPECT_FALSE(PropertyList::fromXML(c.xml, &error)) << c.message;
+    EXPECT_NE(error.description().find(c.message), std::string::npos) << error.description();
+  }
+}
+
 TEST(PropertyList, RefusesDeepNestingWithoutOverflowingTheStack) {
   std::string xml = "<plist>";
   for (int i = 0; i < 100000; ++i) xml += "<array>";

@@ -1,5 +1,6 @@
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -132,6 +133,46 @@ TEST(RunLoop, TimersRepeatUntilInvalidated) {
   EXPECT_EQ(loop->runInMode("Elsewhere", 60, true), RunLoopResult::HandledSource);
   EXPECT_EQ(once, 1);
   EXPECT_FALSE(single->isValid());
+}
+
+// Sources that are always ready must not keep a run past its time. Each
+// source stops the loop after many turns, so that a run which ignores its
+// deadline ends as Stopped instead of hanging the suite.
+TEST(RunLoop, DeadlineHoldsWhileSourcesAreAlwaysReady) {
+  auto loop = RunLoop::currentRunLoop();
+
+  int turns = 0;
+  std::function<void()> again = [&] {
+    if (++turns == 1000) return loop->stop();
+    loop->perform(again, "Busy");
+  };
+  loop->perform(again, "Busy");
+  loop->perform([&] { turns += 100; }, "Busy");  // queued before the run: still handled
+  EXPECT_EQ(loop->runInMode("Busy", 0), RunLoopResult::TimedOut);
+  EXPECT_EQ(turns, 101);
+  loop->cancel(nullptr);  // the call queued by the last turn
+
+  int fired = 0;
+  auto slow = RunLoopTimer::timerWithInterval(1ms, true, [&](RunLoopTimer&) {
+    std::this_thread::sleep_for(3ms);
+    if (++fired == 1000) loop->stop();
+  });
+  loop->addTimer(slow, "Slow");
+  EXPECT_EQ(loop->runInMode("Slow", 0.02), RunLoopResult::TimedOut);
+  EXPECT_LT(fired, 1000);
+  slow->invalidate();
+
+  // A negative repeating interval repeats at a small positive one.
+  int negative = 0;
+  auto backwards = RunLoopTimer::timerWithInterval(-5ms, true, [&](RunLoopTimer&) {
+    if (++negative == 1000000) loop->stop();
+  });
+  loop->addTimer(backwards, "Backwards");
+  EXPECT_EQ(loop->runInMode("Backwards", 0.02), RunLoopResult::TimedOut);
+  EXPECT_GT(negative, 0);
+  EXPECT_LT(negative, 1000000);
+  EXPECT_TRUE(backwards->isValid());
+  backwards->invalidate();
 }
 
 TEST(ConditionLock, WaitsForItsConditionOrItsDeadline) {

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
+#include "platform/Exception.h"
+
 namespace pc {
 namespace {
 
@@ -51,6 +55,42 @@ TEST(Strings, CutsNeverSplitASurrogatePair) {
   EXPECT_EQ(utf16Find(text, "😀"), 1u);
   EXPECT_EQ(utf16Find(text, "😀", 2), 4u);
   EXPECT_EQ(utf16Find(text, "", 0), std::nullopt);
+}
+
+// Lengths and cuts are counted without ICU, in 64 bits; on ill-formed UTF-8
+// they must agree with what the ICU-based conversions read (one U+FFFD per
+// longest ill-formed start).
+TEST(Strings, CountsIllFormedTextAsTheConversionsReadIt) {
+  const std::string texts[] = {
+      "\xff",          "a\x80z",           "\xe2\x82",        "\xe2\x82z",     "\xed\xa0\x80",
+      "\xf0\x9f\x98",  "\xf0\x9f\x98\x80", "\xc0\xaf",        "\xf4\x90\x80\x80", "\xe0\x80\x80",
+      "é\xf0\x9f",     "x\xf5y",           "\xf0\x90\x80\x80\xf0"};
+  for (const std::string& text : texts) {
+    const std::u16string units = toUTF16(text);
+    EXPECT_EQ(utf16Length(text), units.size()) << ::testing::PrintToString(text);
+    for (std::size_t cut = 0; cut <= units.size() + 1; ++cut) {
+      std::size_t end = std::min(cut, units.size());
+      if (end > 0 && end < units.size() && (units[end - 1] & 0xFC00) == 0xD800) --end;
+      EXPECT_EQ(utf16Prefix(text, cut), fromUTF16(units.substr(0, end)))
+          << ::testing::PrintToString(text) << " cut " << cut;
+    }
+    EXPECT_EQ(isValidUTF8(text), fromUTF16(units) == text) << ::testing::PrintToString(text);
+  }
+}
+
+// Text beyond what ICU can count is refused with a clear error at the
+// boundary (the view is never read: the size alone is refused).
+TEST(Strings, RefusesTextICUCannotCount) {
+  const char small[] = "abc";
+  const std::string_view huge(small, std::size_t(1) << 31);
+  try {
+    (void)utf16Substring(huge, 0, 10);
+    ADD_FAILURE() << "not refused";
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.name(), kInvalidArgumentException);
+    EXPECT_NE(e.reason().find("2147483648 bytes"), std::string::npos) << e.reason();
+  }
+  EXPECT_THROW((void)uppercaseString(huge), Exception);
 }
 
 TEST(Strings, MapsCaseWithoutLocaleRules) {

@@ -34,7 +34,19 @@ INSTANTIATE_TEST_SUITE_P(
                       Coercion{"-3.5e1", -3, -35, true}, Coercion{"abc", 0, 0, false},
                       Coercion{"Y", 0, 0, true}, Coercion{"NO", 0, 0, false},
                       Coercion{" 99999999999999999999", std::numeric_limits<std::int64_t>::max(),
-                               1e20, true}));
+                               1e20, true},
+                      // Underflow is zero, overflow infinity; words are not numbers.
+                      Coercion{"1e-400", 1, 0, false}, Coercion{"-1e-400", -1, 0, false},
+                      Coercion{"1e400", 1, std::numeric_limits<double>::infinity(), true},
+                      Coercion{"inf", 0, std::numeric_limits<double>::infinity(), false},
+                      Coercion{"-Infinity", 0, -std::numeric_limits<double>::infinity(), false},
+                      Coercion{" .5", 0, 0.5, true}));
+
+TEST(Value, NotANumberIsNotTrue) {
+  EXPECT_FALSE(Value("nan").boolValue());
+  EXPECT_FALSE(Value("-NaN").boolValue());
+  EXPECT_TRUE(std::isnan(Value("nan").doubleValue()));
+}
 
 TEST(Value, OtherKindsAreRefusedAsNumbersWithAClearError) {
   for (const Value& v : {Value(Array{1}), Value(Dictionary{}), Value(Data::fromString("x")),

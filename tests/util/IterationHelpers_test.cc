@@ -2,12 +2,18 @@
 
 #include <vector>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "support/LogCapture.h"
 
 namespace pc {
 namespace {
 
 using namespace IterationHelpers;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using test::LogCapture;
 
 Array numbers(int count) {
   Array array;
@@ -68,6 +74,51 @@ TEST(DictionaryIteration, FindAndUnqueue) {
 }
 
 class BatchedIterators : public ::testing::TestWithParam<int> {};
+
+// Callbacks may change what they walk: each sees its own copy of the element
+// (the array's storage moves when it grows), and the walk covers the
+// elements there at the start.
+TEST(ArrayIteration, CallbacksMayGrowOrShrinkTheArray) {
+  Array array{"a", "b", "c"};
+  struct Walk {
+    Array array;
+    std::vector<std::string> seen;
+  } walk{array, {}};
+  qvt_iter(array, [](const Value& element, std::size_t, void* context) {
+    auto& w = *static_cast<Walk*>(context);
+    for (int i = 0; i < 100; ++i) w.array.add(i);  // moves the storage under `element`
+    w.seen.push_back(element.string());
+  }, &walk);
+  EXPECT_EQ(walk.seen, (std::vector<std::string>{"a", "b", "c"}));
+
+  array = Array{"a", "b", "c"};
+  walk = Walk{array, {}};
+  EXPECT_TRUE(qvt_iterWhileTrue(array, [](const Value& element, std::size_t, void* context) {
+    auto& w = *static_cast<Walk*>(context);
+    w.array.removeLast();
+    w.seen.push_back(element.string());
+    return true;
+  }, &walk));
+  EXPECT_EQ(walk.seen, (std::vector<std::string>{"a", "b"}));
+
+  array = Array{1, 2, 3, 4};
+  EXPECT_TRUE(unqueueWhileTrue(array, [](const Value& element, void* context) {
+    static_cast<Array*>(context)->removeAll();
+    return element.intValue() > 0;
+  }, &array));
+  EXPECT_TRUE(array.empty());
+}
+
+TEST(DictionaryIteration, AHandleWithoutStorageReportsSetEnum) {
+  Dictionary moved{{"a", 1}};
+  const Dictionary taken = std::move(moved);
+  LogCapture log;
+  int calls = 0;
+  qvt_iter(moved, [](const Value&, const Value&, void* c) { ++*static_cast<int*>(c); }, &calls);
+  EXPECT_EQ(calls, 0);
+  EXPECT_THAT(log.messages(), ElementsAre(HasSubstr("\"setEnum\"")));
+  EXPECT_EQ(taken.count(), 1u);
+}
 
 TEST_P(BatchedIterators, ArrayReadsEverythingInBatchesOf20) {
   const int count = GetParam();

@@ -7,6 +7,7 @@
 
 #include "support/LogCapture.h"
 #include "platform/Exception.h"
+#include "platform/PropertyList.h"
 #include "platform/Registry.h"
 
 namespace pc {
@@ -209,6 +210,103 @@ TEST(NicePList, WhatCannotBeEncodedOrReadIsRefused) {
   std::string error;
   EXPECT_FALSE(readRecordFile(path, &error));
   EXPECT_THAT(error, HasSubstr(path));
+}
+
+// A container that holds itself has no text form: it is refused with the
+// key path where it recurs, and neither the mapping nor the log recurses.
+TEST(NicePList, AContainerHoldingItselfCannotBeEncoded) {
+  Dictionary record{{"name", "Ann"}};
+  Array list{1};
+  list.add(record);
+  record.set("list", list);
+  Set set{2};
+  Dictionary inSet{{"set", Value(set)}};
+
+  LogCapture log;
+  EXPECT_FALSE(PHCMangling::phc_nicePList(record));
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_THAT(log.lines()[0].message,
+              HasSubstr("cannot encode (a container holds itself (at \"list/1\"))\n"));
+  EXPECT_THAT(log.lines()[0].message, HasSubstr("<the container itself>"));
+
+  std::string error;
+  EXPECT_FALSE(recordText(record, &error));
+  EXPECT_EQ(error, "a container holds itself (at \"list/1\")");
+  EXPECT_TRUE(PHCMangling::_phc_deepMapWithSelector(record, [](const Value& v, void*) { return v; },
+                                                    nullptr)
+                  .isNull());
+  record.remove("list");  // breaks the cycle so the test frees it
+}
+
+// The reader and the writer agree on depth: what one reads, the other writes
+// so that it reads again, and what would not read again is refused on both
+// sides with the key path.
+TEST(NicePList, ReaderAndWriterAgreeOnDepth) {
+  const auto nested = [](int arrays, const std::string& leaf) {
+    std::string xml = "<plist version=\"1.0\"><dict><key>k</key>";
+    for (int i = 0; i < arrays; ++i) xml += "<array>";
+    xml += leaf;
+    for (int i = 0; i < arrays; ++i) xml += "</array>";
+    return xml + "</dict></plist>";
+  };
+  const std::string date = "<date>2020-01-01T00:00:00Z</date>";
+  const int deepest = PropertyList::kMaxDepth;  // the dictionary is at depth 0
+  struct Case {
+    int arrays;
+    std::string leaf;
+    bool reads;
+  };
+  const Case cases[] = {
+      {deepest - 1, "<string>x</string>", true},  // the leaf at the deepest level
+      {deepest, "<string>x</string>", false},
+      {deepest - 2, date, true},  // written back as a tagged dictionary one level deeper
+      {deepest - 1, date, false},
+  };
+  for (const Case& c : cases) {
+    std::string error;
+    const std::optional<Dictionary> record = recordFromText(nested(c.arrays, c.leaf), &error);
+    ASSERT_EQ(record.has_value(), c.reads) << c.arrays << c.leaf << error;
+    if (!record) {
+      EXPECT_THAT(error, HasSubstr("nested more than 512 deep")) << error;
+      continue;
+    }
+    const std::optional<std::string> text = recordText(*record, &error);
+    ASSERT_TRUE(text) << error;
+    const std::optional<Dictionary> again = recordFromText(*text, &error);
+    ASSERT_TRUE(again) << error;
+    EXPECT_EQ(*again, *record);
+  }
+
+  // Built in memory, too deep a value is refused by the writer with its path.
+  Value deep = "x";
+  for (int i = 0; i <= deepest; ++i) deep = Array{deep};
+  std::string error;
+  EXPECT_FALSE(recordText(Dictionary{{"k", deep}}, &error));
+  EXPECT_THAT(error, HasSubstr("values nested more than 512 deep (at \"k/0/0/"));
+}
+
+// A tagged date the calendar cannot read fields of is refused on reading
+// (with the key path) and on writing, so no other date is written in its place.
+TEST(NicePList, DatesOutsideTheCalendarAreRefusedBothWays) {
+  std::string error;
+  EXPECT_FALSE(recordFromText(
+      "<plist version=\"1.0\"><dict><key>due</key><dict><key>date</key>"
+      "<string>01/01/400000 00:00:00 UTC +0000</string><key>_GRNType</key><string>CalendarDate</string>"
+      "</dict></dict></plist>",
+      &error));
+  EXPECT_THAT(error, HasSubstr("due: "));
+  EXPECT_THAT(error, HasSubstr("outside the years the calendar supports"));
+
+  EXPECT_FALSE(recordText(Dictionary{{"due", CalendarDate(Date{-2e13})}}, &error));
+  EXPECT_EQ(error, "a date outside the years the calendar supports (at \"due\")");
+}
+
+TEST(NicePList, ATaggedValueAtTheTopIsNamedByItsKind) {
+  LogCapture log;
+  EXPECT_FALSE(PHCMangling::phc_dictionaryFromNiceString(
+      "<plist version=\"1.0\"><dict><key>date</key><string>01/02/2020 10:00:00 UTC</string>"
+      "<key>_GRNType</key><string>CalendarDate</string></dict></plist>"));
+  EXPECT_THAT(log.messages(), ElementsAre("cannot parse data: a date is not a dictionary"));
 }
 
 }  // namespace

@@ -131,5 +131,29 @@ TEST(Dictionaries, EqualityOnSomeKeysAndDuplicates) {
   EXPECT_EQ(array, (Array{3, "a", 1}));
 }
 
+TEST(DictionaryHelpers, MapKeepsKeysAndDropsNullResults) {
+  const Dictionary prices{{"a", 1}, {"b", 2}, {"c", 3}};
+  int factor = 10;
+  const Dictionary mapped = phc_map(prices, [](const Value&, const Value& value, void* context) {
+    return value.intValue() == 2 ? Value() : Value(value.intValue() * *static_cast<int*>(context));
+  }, &factor);
+  EXPECT_EQ(mapped, (Dictionary{{"a", 10}, {"c", 30}}));
+  EXPECT_EQ(prices.count(), 3u);
+}
+
+TEST(DictionaryHelpers, RefreshGivesAnEntryContainersOfItsOwn) {
+  const Array shared{Dictionary{{"value", "+1 555"}}};
+  Dictionary first{{"phones", shared}, {"name", "Ann"}};
+  const Dictionary second{{"phones", shared}};
+
+  const Value refreshed = refreshForKey(first, "phones");
+  refreshed.array()[0].dictionary().set("value", "+1 999");
+  EXPECT_EQ(first.get("phones").array()[0].dictionary().getString("value"), "+1 999");
+  EXPECT_EQ(second.get("phones").array()[0].dictionary().getString("value"), "+1 555");
+  EXPECT_EQ(refreshForKey(first, "name"), Value("Ann"));
+  EXPECT_TRUE(refreshForKey(first, "missing").isNull());
+  EXPECT_FALSE(first.contains("missing"));
+}
+
 }  // namespace
 }  // namespace pc
