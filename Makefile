@@ -9,11 +9,14 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS       ?= $(shell nproc 2>/dev/null || echo 2)
 CTEST_ARGS ?= --output-on-failure
 PROGRAM     = $(BUILD)/tools/phoneconduit
+# Where `make install` puts the program, its catalogues and manual page;
+# DESTDIR stages an install for packaging.
+PREFIX     ?= /usr/local
 
 # The build tool make runs below needs no "Entering directory" lines.
 MAKEFLAGS  += --no-print-directory
 
-.PHONY: all deps configure build test demo bench test-sanitize test-tsan clean fuzz fuzz-short fuzz-build
+.PHONY: all deps configure build install test demo bench test-sanitize test-tsan clean fuzz fuzz-short fuzz-build
 
 all: build
 
@@ -25,6 +28,9 @@ configure: deps
 
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
+
+install: build
+	@cmake --install $(BUILD) --prefix $(PREFIX)
 
 test: build
 	@ctest --test-dir $(BUILD) -j $(JOBS) $(CTEST_ARGS)

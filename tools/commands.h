@@ -53,5 +53,7 @@ void addHexdumpCommands(CLI::App& app);
 void addSyncCommands(CLI::App& app);
 // read-phone.
 void addReadPhoneCommands(CLI::App& app);
+// import, export.
+void addStoreCommands(CLI::App& app);
 
 }  // namespace pc::tools

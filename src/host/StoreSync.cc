@@ -1,0 +1,608 @@
+#include "host/StoreSync.h"
+
+#include <stdlib.h>
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include <fmt/format.h>
+
+#include "engine/SchemaNames.h"
+#include "host/PhoneStore.h"
+#include "platform/Exception.h"
+#include "platform/TimeZone.h"
+
+namespace pc {
+
+namespace fs = std::filesystem;
+
+const char* storeSyncOutcomeName(StoreSyncOutcome outcome) {
+  switch (outcome) {
+    case StoreSyncOutcome::sent: return "sent";
+    case StoreSyncOutcome::reduced: return "reduced";
+    case StoreSyncOutcome::exploded: return "exploded";
+    case StoreSyncOutcome::rejected: return "rejected";
+    case StoreSyncOutcome::addedOnPhone: return "addedOnPhone";
+    case StoreSyncOutcome::changedOnPhone: return "changedOnPhone";
+    case StoreSyncOutcome::keptOnPhone: return "keptOnPhone";
+    case StoreSyncOutcome::deletedOnPhone: return "deletedOnPhone";
+    case StoreSyncOutcome::deletedByEngine: return "deletedByEngine";
+    case StoreSyncOutcome::conflict: return "conflict";
+  }
+  return "sent";
+}
+
+namespace {
+
+constexpr const char* kSettingsFileName = "SyncSettings.plist";
+
+std::string fileText(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// A temporary folder, removed with everything in it when it goes.
+class TemporaryFolder {
+ public:
+  TemporaryFolder() {
+    std::string pattern = (fs::temp_directory_path() / "phoneconduit-sync-XXXXXX").string();
+    if (mkdtemp(pattern.data())) _path = pattern;
+  }
+  ~TemporaryFolder() {
+    std::error_code code;
+    if (!_path.empty()) fs::remove_all(_path, code);
+  }
+  TemporaryFolder(const TemporaryFolder&) = delete;
+  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+  const fs::path& path() const { return _path; }
+
+ private:
+  fs::path _path;
+};
+
+// What the phone is to hold after this run, as the one-way sync formats the
+// engine's records: the entries of each data class, in order, and the
+// report of each record.
+struct Formatted {
+  std::map<std::string, std::vector<PhoneStoreRecord>> entries;  // data class -> entries
+  SyncReport report;
+  std::string settingsText;  // the sync settings the run left
+};
+
+bool formatAll(const StoreSyncRun& run, const SqliteEngine& store,
+               const std::vector<std::string>& dataClasses, Formatted& out, std::string& error) {
+  TemporaryFolder folder;
+  if (folder.path().empty()) {
+    error = "cannot make a temporary folder";
+    return false;
+  }
+  // The window the phone's folder keeps is the one used.
+  const fs::path settings = fs::path(run.phone.phoneDirectory) / kSettingsFileName;
+  std::error_code code;
+  if (fs::exists(settings, code)) fs::copy_file(settings, folder.path() / kSettingsFileName, code);
+
+  std::vector<SyncInput> inputs;
+  for (const std::string& dataClass : dataClasses)
+    for (const Value& identifier : store.recordIdentifiersForDataClassName(dataClass))
+      if (auto record = store.recordWithIdentifier(identifier.string()))
+        inputs.push_back({identifier.string(), std::move(*record)});
+
+  SyncRun formatting = run.phone;
+  formatting.phoneDirectory = folder.path().string();
+  formatting.stageDone = nullptr;
+  formatting.keepRecords = false;
+  SyncResult result = ReferenceSync::run(formatting, inputs);
+  if (!result.error.empty()) {
+    error = result.error;
+    return false;
+  }
+  PhoneStore formatted(folder.path().string());
+  for (const std::string& dataClass : dataClasses) {
+    std::optional<PhoneStoreContents> contents = formatted.read(dataClass, &error);
+    if (!contents) return false;
+    out.entries[dataClass] = std::move(contents->records);
+  }
+  out.report = std::move(result.report);
+  out.settingsText = fileText(folder.path() / kSettingsFileName);
+  return true;
+}
+
+// The keys (top level) in which two forms of an entry differ.
+std::vector<std::string> changedKeys(const Dictionary& before, const Dictionary& after) {
+  std::vector<std::string> keys;
+  for (const std::string& field : ReferenceSync::differingFields(before, after)) {
+    const std::string key = field.substr(0, field.find('/'));
+    if (std::find(keys.begin(), keys.end(), key) == keys.end()) keys.push_back(key);
+  }
+  return keys;
+}
+
+bool sameValue(const Value* a, const Value* b) {
+  if (!a || a->isNull()) return !b || b->isNull();
+  return b && *a == *b;
+}
+
+std::string shownValue(const Value* value) {
+  if (!value || value->isNull()) return "(none)";
+  if (value->isString()) return value->string();
+  std::string text = value->description();
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  return text;
+}
+
+// The engine's value after the phone changed a field from `base` (what the
+// phone last held) to `phone`, keeping what the phone could not hold.
+Value mergedValue(const Value* engine, const Value* phone, const Value* base) {
+  if (!phone || phone->isNull()) return Value();
+  if (!engine || engine->isNull()) return phone->deepCopy();
+  // A truncated form of the engine's text: the phone cut it, nobody changed it.
+  if (engine->isString() && phone->isString() && !phone->string().empty() &&
+      engine->string().size() > phone->string().size() &&
+      engine->string().compare(0, phone->string().size(), phone->string()) == 0)
+    return *engine;
+  auto engineList = engine->asArray();
+  auto phoneList = phone->asArray();
+  if (engineList && phoneList) {
+    // Sub-records: each one the phone holds keeps the fields only the engine
+    // has; those beyond what the phone held stay after them.
+    const std::size_t held = base && base->isArray() ? base->array().count() : phoneList->count();
+    Array merged;
+    for (std::size_t i = 0; i < phoneList->count(); ++i) {
+      auto phoneElement = phoneList->at(i).asDictionary();
+      auto engineElement = i < engineList->count() ? engineList->at(i).asDictionary() : std::nullopt;
+      if (!phoneElement || !engineElement) {
+        merged.add(phoneList->at(i).deepCopy());
+        continue;
+      }
+      Dictionary element = engineElement->deepCopy();
+      std::optional<Dictionary> baseElement;
+      if (base && base->isArray() && i < base->array().count())
+        baseElement = base->array().at(i).asDictionary();
+      if (baseElement)
+        for (const auto& [key, value] : *baseElement)
+          if (!phoneElement->contains(key)) element.remove(key);
+      for (const auto& [key, value] : *phoneElement) {
+        const Value* engineValue = engineElement->find(key);
+        const Value* baseValue = baseElement ? baseElement->find(key) : nullptr;
+        if (baseElement && sameValue(baseValue, &value)) continue;
+        element.set(key, mergedValue(engineValue, &value, baseValue));
+      }
+      merged.add(element);
+    }
+    for (std::size_t i = held; i < engineList->count(); ++i) merged.add(engineList->at(i).deepCopy());
+    return merged;
+  }
+  return phone->deepCopy();
+}
+
+std::string digits(const std::string& text) {
+  std::string out;
+  for (char c : text)
+    if (std::isdigit(static_cast<unsigned char>(c))) out += c;
+  return out;
+}
+
+// What pairs a phone entry with an engine record on a first sync: names and
+// numbers for contacts, summary and start for events and tasks.
+std::string contentKey(const std::string& entity, const Dictionary& fields) {
+  std::string key = entity;
+  if (entity == kContactsContact) {
+    for (const char* name : {"firstName", "lastName", "companyName"})
+      key += "\x1f" + fields.getString(name);
+    std::vector<std::string> numbers;
+    if (auto list = fields.getArray(kContactsContactPhoneNumbers))
+      for (const Value& number : *list)
+        if (auto entry = number.asDictionary()) numbers.push_back(digits(entry->getString("value")));
+    std::sort(numbers.begin(), numbers.end());
+    for (const std::string& number : numbers) key += "\x1e" + number;
+    return key;
+  }
+  key += "\x1f" + fields.getString("summary");
+  const Value start = fields.get(kCalendarsEventStartDate);
+  if (start.isDate())
+    key += "\x1f" + start.date().dateWithTimeZone(TimeZone::gmt()).descriptionWithCalendarFormat(
+                        "%Y%m%dT%H%M%S");
+  return key;
+}
+
+// The engine record behind a phone entry's identifier: the record itself, or
+// for a single event of an exploded event ("id#start") or a detached event
+// ("id/detachedEvents/0"), its master.
+std::string masterOf(const std::string& phoneIdentifier, const std::set<std::string>& records) {
+  if (records.count(phoneIdentifier)) return phoneIdentifier;
+  for (char separator : {'#', '/'}) {
+    const std::size_t at = phoneIdentifier.find(separator);
+    if (at != std::string::npos && records.count(phoneIdentifier.substr(0, at)))
+      return phoneIdentifier.substr(0, at);
+  }
+  return std::string();
+}
+
+}  // namespace
+
+StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
+  StoreSyncResult result;
+  auto step = [&run](std::string_view name) {
+    if (run.beforeStep) run.beforeStep(name);
+  };
+  const std::string& client = run.clientIdentifier;
+
+  // --- Read everything first -------------------------------------------------------------
+  if (std::string problem = store.check(); !problem.empty()) {
+    result.error = problem;
+    return result;
+  }
+  auto schema = SyncEngineManager::sharedManager();
+  std::vector<std::string> dataClasses;
+  if (auto entities = run.phone.entitiesDescription.getDictionary(kEngineClientEntitiesKey))
+    for (const auto& [entity, keys] : *entities)
+      if (auto dataClass = schema->dataClassNameForEntityName(entity.stringValue()))
+        if (std::find(dataClasses.begin(), dataClasses.end(), *dataClass) == dataClasses.end())
+          dataClasses.push_back(*dataClass);
+
+  PhoneStore phone(run.phone.phoneDirectory);
+  std::map<std::string, PhoneStoreContents> onPhone;
+  for (const std::string& dataClass : dataClasses) {
+    std::optional<PhoneStoreContents> contents = phone.read(dataClass, &result.error);
+    if (!contents) return result;
+    onPhone[dataClass] = std::move(*contents);
+  }
+
+  try {
+    SqliteEngine::Transaction transaction(store);
+    const std::int64_t counterBefore = store.changeCounter();
+
+    std::map<std::string, SyncedEntry> state;  // phone identifier -> entry
+    std::set<std::string> classesWithState;
+    for (SyncedEntry& entry : store.syncedEntries(client)) {
+      if (auto dataClass = schema->dataClassNameForEntityName(entry.entityName))
+        classesWithState.insert(*dataClass);
+      std::string id = entry.phoneIdentifier;
+      state.emplace(std::move(id), std::move(entry));
+    }
+    std::set<std::string> records;
+    for (const std::string& dataClass : dataClasses)
+      for (const Value& identifier : store.recordIdentifiersForDataClassName(dataClass))
+        records.insert(identifier.string());
+
+    // Phone identifier -> engine identifier of the master entries; a phone
+    // entry paired by content keeps the phone's identifier.
+    std::map<std::string, std::string> engineIdOf;
+    std::map<std::string, std::string> phoneIdOf;  // engine -> phone
+    std::map<std::string, Dictionary> baseOf;      // phone id -> last phone form, paired entries
+    for (const auto& [phoneId, entry] : state)
+      if (entry.phoneIdentifier == entry.engineIdentifier ||
+          masterOf(phoneId, {entry.engineIdentifier}).empty()) {
+        engineIdOf[phoneId] = entry.engineIdentifier;
+        phoneIdOf[entry.engineIdentifier] = phoneId;
+      }
+
+    // First sync of a data class with entries on the phone: pair them with
+    // engine records by content.
+    bool needsPairing = false;
+    for (const std::string& dataClass : dataClasses)
+      if (!classesWithState.count(dataClass) && !onPhone[dataClass].records.empty())
+        needsPairing = true;
+    if (needsPairing) {
+      Formatted before;
+      if (!formatAll(run, store, dataClasses, before, result.error)) return result;
+      for (const std::string& dataClass : dataClasses) {
+        if (classesWithState.count(dataClass)) continue;
+        std::multimap<std::string, const PhoneStoreRecord*> byContent;
+        std::map<std::string, const PhoneStoreRecord*> byId;
+        for (const PhoneStoreRecord& entry : before.entries[dataClass]) {
+          if (masterOf(entry.identifier, records) != entry.identifier) continue;
+          byContent.emplace(contentKey(entry.entity, entry.fields), &entry);
+          byId[entry.identifier] = &entry;
+        }
+        std::set<std::string> taken;
+        for (const PhoneStoreRecord& entry : onPhone[dataClass].records) {
+          const PhoneStoreRecord* match = nullptr;
+          if (auto it = byId.find(entry.identifier); it != byId.end()) match = it->second;
+          if (!match) {
+            auto [from, to] = byContent.equal_range(contentKey(entry.entity, entry.fields));
+            for (auto it = from; it != to && !match; ++it)
+              if (!taken.count(it->second->identifier)) match = it->second;
+          }
+          if (!match || taken.count(match->identifier)) continue;
+          taken.insert(match->identifier);
+          engineIdOf[entry.identifier] = match->identifier;
+          phoneIdOf[match->identifier] = entry.identifier;
+          baseOf[entry.identifier] = match->fields;
+        }
+      }
+    }
+
+    // --- The phone's changes, into the engine --------------------------------------------
+    std::set<std::string> keptOnPhone;     // phone ids whose phone version stays
+    std::set<std::string> deletedOnPhone;  // engine ids
+    std::set<std::string> touchedByPhone;  // engine ids the phone's changes reached
+    auto report = [&result](StoreSyncRecord record) { result.records.push_back(std::move(record)); };
+    step("engine");
+    for (const std::string& dataClass : dataClasses) {
+      std::set<std::string> present;
+      for (const PhoneStoreRecord& entry : onPhone[dataClass].records) {
+        present.insert(entry.identifier);
+        auto known = state.find(entry.identifier);
+        auto mapped = engineIdOf.find(entry.identifier);
+        const bool isMaster = mapped != engineIdOf.end();
+        if (!isMaster) {
+          if (known != state.end() || !masterOf(entry.identifier, records).empty()) {
+            // A single event of an exploded event or a detached event: its
+            // changes stay on the phone.
+            if (known != state.end() && !ReferenceSync::differingFields(known->second.phoneForm,
+                                                                        entry.fields).empty()) {
+              keptOnPhone.insert(entry.identifier);
+              report({entry.identifier, entry.entity, StoreSyncOutcome::keptOnPhone, {}, {}, 0,
+                      "a single event of a recurring event"});
+            }
+            continue;
+          }
+          // Added on the phone: a new engine record under the phone's name
+          // when that is free.
+          std::string identifier = entry.identifier;
+          for (int n = 2; records.count(identifier) || store.recordWithIdentifier(identifier); ++n)
+            identifier = fmt::format("{}-{}", entry.identifier, n);
+          Dictionary record = entry.fields.deepCopy();
+          record.set(kEngineRecordEntityNameKey, entry.entity);
+          store.addRecord(identifier, record);
+          records.insert(identifier);
+          engineIdOf[entry.identifier] = identifier;
+          phoneIdOf[identifier] = entry.identifier;
+          touchedByPhone.insert(identifier);
+          report({identifier, entry.entity, StoreSyncOutcome::addedOnPhone, {}, {}, 0, {}});
+          continue;
+        }
+        const std::string& engineId = mapped->second;
+        const Dictionary& base =
+            known != state.end() ? known->second.phoneForm : baseOf[entry.identifier];
+        const std::vector<std::string> keys = changedKeys(base, entry.fields);
+        if (keys.empty()) continue;
+        std::optional<Dictionary> current = store.recordWithIdentifier(engineId);
+        const Dictionary engineBase =
+            known != state.end() ? known->second.engineForm : current.value_or(Dictionary());
+        StoreSyncRecord changed{engineId, entry.entity, StoreSyncOutcome::changedOnPhone, {}, {}, 0, {}};
+        if (!current) {
+          // Deleted on the engine, changed on the phone.
+          if (run.conflicts == ConflictPolicy::engine) {
+            changed.outcome = StoreSyncOutcome::conflict;
+            changed.conflicts.push_back({"(record)", "(deleted)", "changed"});
+            report(std::move(changed));
+            continue;
+          }
+          current = engineBase.deepCopy();
+        }
+        Dictionary merged = current->deepCopy();
+        for (const std::string& key : keys) {
+          const Value* phoneValue = entry.fields.find(key);
+          const Value* engineValue = current->find(key);
+          const bool engineChanged = !sameValue(engineBase.find(key), engineValue);
+          Value value = mergedValue(engineValue, phoneValue, base.find(key));
+          if (engineChanged && !sameValue(&value, engineValue)) {
+            changed.conflicts.push_back({key, shownValue(engineValue), shownValue(phoneValue)});
+            if (run.conflicts == ConflictPolicy::engine) continue;
+          }
+          changed.fields.push_back({key, std::string()});
+          if (value.isNull()) merged.remove(key);
+          else merged.set(key, value);
+        }
+        if (!changed.conflicts.empty()) changed.outcome = StoreSyncOutcome::conflict;
+        if (Value(merged) != Value(*current)) {
+          store.addRecord(engineId, merged);
+          records.insert(engineId);
+          touchedByPhone.insert(engineId);
+        }
+        report(std::move(changed));
+      }
+      // Deleted on the phone.
+      for (const auto& [phoneId, entry] : state) {
+        if (present.count(phoneId) || !engineIdOf.count(phoneId)) continue;
+        if (schema->dataClassNameForEntityName(entry.entityName) != dataClass) continue;
+        std::optional<Dictionary> current = store.recordWithIdentifier(entry.engineIdentifier);
+        if (!current) continue;  // gone on both sides
+        if (Value(*current) != Value(entry.engineForm) && run.conflicts == ConflictPolicy::engine) {
+          // Changed on the engine since: the engine's record goes back.
+          StoreSyncRecord conflict{entry.engineIdentifier, entry.entityName,
+                                   StoreSyncOutcome::conflict, {}, {}, 0, {}};
+          conflict.conflicts.push_back({"(record)", "changed", "(deleted)"});
+          report(std::move(conflict));
+          phoneIdOf.erase(entry.engineIdentifier);
+          continue;
+        }
+        store.removeRecord(entry.engineIdentifier);
+        records.erase(entry.engineIdentifier);
+        deletedOnPhone.insert(entry.engineIdentifier);
+        report({entry.engineIdentifier, entry.entityName, StoreSyncOutcome::deletedOnPhone, {}, {}, 0, {}});
+      }
+    }
+
+    // --- The engine's records, out to the phone -------------------------------------------
+    Formatted after;
+    if (!formatAll(run, store, dataClasses, after, result.error)) return result;
+
+    std::map<std::string, const SyncRecordReport*> formattedReport;
+    for (const SyncRecordReport& entry : after.report.records)
+      formattedReport[entry.identifier] = &entry;
+
+    std::vector<std::pair<std::string, PhoneStoreContents>> newContents;
+    std::vector<SyncedEntry> newState;
+    std::set<std::string> sentEngineIds;  // engine records whose phone form changed
+    for (const std::string& dataClass : dataClasses) {
+      std::map<std::string, const PhoneStoreRecord*> wanted;  // phone id -> entry
+      std::vector<std::string> wantedOrder;
+      for (const PhoneStoreRecord& entry : after.entries[dataClass]) {
+        const std::string master = masterOf(entry.identifier, records);
+        std::string phoneId = entry.identifier;
+        if (master == entry.identifier)
+          if (auto it = phoneIdOf.find(master); it != phoneIdOf.end()) phoneId = it->second;
+        wanted[phoneId] = &entry;
+        wantedOrder.push_back(phoneId);
+      }
+      PhoneStoreContents contents{dataClass, {}};
+      std::set<std::string> placed;
+      auto place = [&](const std::string& phoneId, const PhoneStoreRecord& entry,
+                       const Dictionary& phoneForm) {
+        PhoneStoreRecord record{phoneId, entry.entity, phoneForm};
+        contents.records.push_back(std::move(record));
+        placed.insert(phoneId);
+        const std::string master = masterOf(entry.identifier, records);
+        if (!master.empty())
+          newState.push_back({master, phoneId, entry.entity,
+                              store.recordWithIdentifier(master).value_or(Dictionary()),
+                              entry.fields});
+      };
+      for (const PhoneStoreRecord& held : onPhone[dataClass].records) {
+        auto it = wanted.find(held.identifier);
+        if (it != wanted.end()) {
+          if (keptOnPhone.count(held.identifier)) {
+            contents.records.push_back(held);
+            placed.insert(held.identifier);
+            const std::string master = masterOf(it->second->identifier, records);
+            newState.push_back({master, held.identifier, held.entity,
+                                store.recordWithIdentifier(master).value_or(Dictionary()),
+                                it->second->fields});
+            continue;
+          }
+          if (Value(it->second->fields) != Value(held.fields))
+            sentEngineIds.insert(masterOf(it->second->identifier, records));
+          place(held.identifier, *it->second, it->second->fields);
+          continue;
+        }
+        auto known = state.find(held.identifier);
+        if (known != state.end()) {
+          // Sent by an earlier run and no longer wanted: its engine record
+          // is gone, or it left the window.
+          if (engineIdOf.count(held.identifier) &&
+              !deletedOnPhone.count(known->second.engineIdentifier))
+            report({known->second.engineIdentifier, held.entity, StoreSyncOutcome::deletedByEngine,
+                    {}, {}, 0, {}});
+          continue;
+        }
+        // Unknown to the engine and not carried into it: it stays.
+        contents.records.push_back(held);
+        placed.insert(held.identifier);
+      }
+      for (const std::string& phoneId : wantedOrder) {
+        if (placed.count(phoneId)) continue;
+        sentEngineIds.insert(masterOf(wanted[phoneId]->identifier, records));
+        place(phoneId, *wanted[phoneId], wanted[phoneId]->fields);
+      }
+      newContents.emplace_back(dataClass, std::move(contents));
+    }
+
+    // What each engine record sent this run became on the phone.
+    for (const SyncRecordReport& entry : after.report.records) {
+      const std::string master = masterOf(entry.identifier, records);
+      const bool rejected = entry.outcome == SyncOutcome::rejected;
+      if (!rejected && (!sentEngineIds.count(master.empty() ? entry.identifier : master) ||
+                        touchedByPhone.count(entry.identifier)))
+        continue;
+      StoreSyncRecord record{entry.identifier, entry.entity, StoreSyncOutcome::sent, entry.fields, {},
+                             entry.events, entry.reason};
+      switch (entry.outcome) {
+        case SyncOutcome::sent: record.outcome = StoreSyncOutcome::sent; break;
+        case SyncOutcome::reduced: record.outcome = StoreSyncOutcome::reduced; break;
+        case SyncOutcome::exploded: record.outcome = StoreSyncOutcome::exploded; break;
+        case SyncOutcome::rejected: record.outcome = StoreSyncOutcome::rejected; break;
+        case SyncOutcome::changedOnPhone: record.outcome = StoreSyncOutcome::keptOnPhone; break;
+      }
+      report(std::move(record));
+    }
+
+    {
+      std::set<std::string> named;
+      for (const StoreSyncRecord& record : result.records) named.insert(record.identifier);
+      for (const std::string& identifier : records)
+        if (!named.count(identifier)) ++result.summary.unchanged;
+    }
+
+    // --- The state, the phone, then the commit ----------------------------------------------
+    step("state");
+    bool stateChanged = false;
+    {
+      std::map<std::string, const SyncedEntry*> fresh;
+      for (const SyncedEntry& entry : newState) fresh[entry.phoneIdentifier] = &entry;
+      for (const auto& [phoneId, entry] : state)
+        if (!fresh.count(phoneId)) {
+          store.removeSyncedEntry(client, phoneId);
+          stateChanged = true;
+        }
+      for (const SyncedEntry& entry : newState) {
+        auto old = state.find(entry.phoneIdentifier);
+        if (old != state.end() && old->second == entry) continue;
+        store.setSyncedEntry(client, entry);
+        stateChanged = true;
+      }
+    }
+    if (stateChanged || store.changeCounter() != counterBefore)
+      for (const std::string& dataClass : dataClasses)
+        store.setAnchor(client, dataClass, Dictionary{{"change", store.changeCounter()}});
+    result.storeChanged = stateChanged || store.changeCounter() != counterBefore;
+
+    if (!run.dryRun) {
+      step("phone");
+      for (const auto& [dataClass, contents] : newContents) {
+        if (contents.records.empty() && !phone.hasDataClass(dataClass)) continue;
+        std::string error;
+        switch (phone.write(contents, &error)) {
+          case PhoneStore::WriteResult::written:
+            result.filesWritten.push_back(phone.pathForDataClass(dataClass));
+            break;
+          case PhoneStore::WriteResult::unchanged: break;
+          case PhoneStore::WriteResult::failed: raiseException(kSqliteStoreException, error);
+        }
+      }
+      const fs::path settings = fs::path(run.phone.phoneDirectory) / kSettingsFileName;
+      if (!after.settingsText.empty() && fileText(settings) != after.settingsText) {
+        const std::string temporary = settings.string() + ".part";
+        {
+          std::ofstream out(temporary, std::ios::binary);
+          out << after.settingsText;
+          if (!out.flush()) raiseException(kSqliteStoreException, temporary + ": cannot write");
+        }
+        std::error_code code;
+        fs::rename(temporary, settings, code);
+        if (code) raiseException(kSqliteStoreException, settings.string() + ": " + code.message());
+        result.filesWritten.push_back(settings.string());
+      }
+      step("commit");
+      transaction.commit();
+    }
+  } catch (const Exception& exception) {
+    result.error = exception.reason();
+    result.records.clear();
+    result.filesWritten.clear();
+    return result;
+  } catch (const std::exception& exception) {
+    result.error = exception.what();
+    result.records.clear();
+    result.filesWritten.clear();
+    return result;
+  }
+
+  StoreSyncSummary& s = result.summary;
+  for (const StoreSyncRecord& record : result.records) {
+    switch (record.outcome) {
+      case StoreSyncOutcome::sent: ++s.sent; break;
+      case StoreSyncOutcome::reduced: ++s.reduced; break;
+      case StoreSyncOutcome::exploded: ++s.exploded; break;
+      case StoreSyncOutcome::rejected: ++s.rejected; break;
+      case StoreSyncOutcome::addedOnPhone: ++s.addedOnPhone; break;
+      case StoreSyncOutcome::changedOnPhone: ++s.changedOnPhone; break;
+      case StoreSyncOutcome::keptOnPhone: ++s.keptOnPhone; break;
+      case StoreSyncOutcome::deletedOnPhone: ++s.deletedOnPhone; break;
+      case StoreSyncOutcome::deletedByEngine: ++s.deletedByEngine; break;
+      case StoreSyncOutcome::conflict: ++s.conflicts; break;
+    }
+  }
+  return result;
+}
+
+}  // namespace pc

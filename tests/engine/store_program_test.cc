@@ -1,0 +1,123 @@
+// phoneconduit import and export: a round trip through a store file, and
+// input that stops a command before it writes anything.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+#include "engine/SqliteEngine.h"
+#include "support/ProgramRun.h"
+#include "util/PHCMangling.h"
+
+namespace pc {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ProgramRun;
+using testing::examplePath;
+using testing::runProgram;
+
+class StoreProgramTest : public testing::ProgramTest {
+ protected:
+  void SetUp() override {
+    ProgramTest::SetUp();
+    folder = fs::path(::testing::TempDir()) /
+             ("store-program-" + std::to_string(::getpid()) + "-" +
+              ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    store = (folder / "truth.db").string();
+  }
+  void TearDown() override {
+    fs::remove_all(folder);
+    ProgramTest::TearDown();
+  }
+  std::size_t storedCount() const {
+    auto engine = SqliteEngine::engineWithPath(store, nullptr, false);
+    return engine ? engine->count() : 0;
+  }
+
+  fs::path folder;
+  std::string store;
+  const std::string alice = examplePath("records/contacts/01-latin-alicemartin.plist");
+  const std::string event = examplePath("records/calendar/event-02.plist");
+};
+
+TEST_F(StoreProgramTest, ExportedRecordFilesImportBackUnchanged) {
+  const ProgramRun imported = runProgram("import --store " + store + " " + alice + " " + event);
+  ASSERT_EQ(imported.status, 0) << imported.output;
+  EXPECT_NE(imported.standardOutput.find("2 added, 0 replaced, 0 unchanged"), std::string::npos)
+      << imported.standardOutput;
+
+  const fs::path out = folder / "out";
+  const ProgramRun exported = runProgram("export --store " + store + " --output " + out.string());
+  ASSERT_EQ(exported.status, 0) << exported.output;
+  ASSERT_TRUE(fs::exists(out / "01-latin-alicemartin.plist"));
+  EXPECT_EQ(Value(*readRecordFile((out / "01-latin-alicemartin.plist").string())),
+            Value(*readRecordFile(alice)));
+
+  const ProgramRun again = runProgram("import --store " + store + " --report json " +
+                                      (out / "01-latin-alicemartin.plist").string() + " " +
+                                      (out / "event-02.plist").string());
+  ASSERT_EQ(again.status, 0) << again.output;
+  EXPECT_NE(again.standardOutput.find("\"summary\": {\"added\": 0, \"replaced\": 0, \"unchanged\": 2}"),
+            std::string::npos)
+      << again.standardOutput;
+
+  const ProgramRun json =
+      runProgram("export --store " + store + " --format json --entity Contacts.Contact");
+  ASSERT_EQ(json.status, 0) << json.output;
+  EXPECT_EQ(json.standardOutput.rfind("[\n  {\"identifier\": \"01-latin-alicemartin\"", 0), 0u)
+      << json.standardOutput.substr(0, 200);
+  EXPECT_NE(json.standardOutput.find("\"birthday\": \"1940-01-01T12:00:00+0000\""), std::string::npos);
+  EXPECT_EQ(json.standardOutput.find("event-02"), std::string::npos);
+}
+
+TEST_F(StoreProgramTest, BadInputStopsTheCommandBeforeTheStoreIsWritten) {
+  ASSERT_EQ(runProgram("import --store " + store + " " + event).status, 0);
+  const std::string broken =
+      testing::temporaryFile("broken.plist", "<plist><dict><key>x</key></plist>");
+  const std::string unknown = testing::temporaryFile(
+      "unknown.plist", "<plist><dict><key>entityName</key><string>Contacts.Nothing</string></dict></plist>");
+  const std::string noEntity =
+      testing::temporaryFile("noentity.plist", "<plist><dict><key>a</key><string>b</string></dict></plist>");
+  const std::string notStore = testing::temporaryFile("notstore.db", "BEGIN:VCARD\n");
+  const struct {
+    std::string arguments;
+    std::string mention;
+  } cases[] = {
+      {"import --store " + store + " " + alice + " " + broken, broken + ": line 1"},
+      {"import --store " + store + " " + alice + " " + unknown, "\"Contacts.Nothing\" is not an entity"},
+      {"import --store " + store + " " + alice + " " + noEntity, noEntity + ": entityName"},
+      {"import --store " + store + " " + alice + " " + alice, "names the same record"},
+      {"import --store " + notStore + " " + alice, notStore + ": not a store"},
+      {"export --store " + notStore, notStore + ": not a store"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.arguments);
+    const ProgramRun run = runProgram(c.arguments);
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.standardOutput, "");
+    EXPECT_EQ(run.standardError.rfind("phoneconduit: ", 0), 0u) << run.standardError;
+    EXPECT_NE(run.standardError.find(c.mention), std::string::npos) << run.standardError;
+    EXPECT_EQ(std::count(run.standardError.begin(), run.standardError.end(), '\n'), 1);
+  }
+  EXPECT_EQ(storedCount(), 1u);
+  EXPECT_EQ(testing::fileText(notStore), "BEGIN:VCARD\n");
+}
+
+TEST_F(StoreProgramTest, HelpShowsAnExample) {
+  for (const char* command : {"import", "export"}) {
+    const ProgramRun run = runProgram(std::string(command) + " --help");
+    EXPECT_EQ(run.status, 0);
+    EXPECT_NE(run.standardOutput.find(std::string("phoneconduit ") + command + " --store"),
+              std::string::npos)
+        << run.standardOutput;
+  }
+  EXPECT_EQ(runProgram("import " + alice).status, 2);
+}
+
+}  // namespace
+}  // namespace pc

@@ -1,0 +1,143 @@
+// phoneconduit sync --store: the report of a phone edit carried into the
+// store, a second run that writes nothing, bad input, and a process killed
+// half-way whose next run catches up.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+
+#include <stdlib.h>
+
+#include "engine/SqliteEngine.h"
+#include "host/PhoneStore.h"
+#include "support/ProgramRun.h"
+
+namespace pc {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ProgramRun;
+using testing::examplePath;
+using testing::runProgram;
+
+class StoreSyncProgramTest : public testing::ProgramTest {
+ protected:
+  void SetUp() override {
+    ProgramTest::SetUp();
+    folder = fs::path(::testing::TempDir()) /
+             ("store-sync-program-" + std::to_string(::getpid()) + "-" +
+              ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    store = (folder / "truth.db").string();
+    phone = (folder / "phone").string();
+    const ProgramRun imported =
+        runProgram("import --store " + store + " " +
+                   examplePath("records/contacts/01-latin-alicemartin.plist") + " " +
+                   examplePath("records/contacts/02-latin-brunolefvre.plist") + " " +
+                   examplePath("records/calendar/event-02.plist"));
+    ASSERT_EQ(imported.status, 0) << imported.output;
+  }
+  void TearDown() override {
+    fs::remove_all(folder);
+    ProgramTest::TearDown();
+  }
+  std::string sync(const std::string& extra = "") const {
+    return "sync --store " + store + " --device " + examplePath("devices/full-phone.plist") +
+           " --entities " + examplePath("devices/full-phone.entities.plist") + " --variables " +
+           examplePath("devices/full-phone.variables.plist") + " --phone " + phone +
+           " --anchor-date 20261101" + extra;
+  }
+  void editOnPhone(const std::string& identifier, const std::string& key, const std::string& value) {
+    PhoneStore contents(phone);
+    auto contacts = contents.read("Contacts");
+    ASSERT_TRUE(contacts);
+    for (PhoneStoreRecord& entry : contacts->records)
+      if (entry.identifier == identifier) entry.fields.set(key, value);
+    ASSERT_NE(contents.write(*contacts), PhoneStore::WriteResult::failed);
+  }
+
+  fs::path folder;
+  std::string store;
+  std::string phone;
+};
+
+TEST_F(StoreSyncProgramTest, PhoneEditIsCarriedIntoTheStoreAndReported) {
+  const ProgramRun first = runProgram(sync());
+  ASSERT_EQ(first.status, 0) << first.output;
+  EXPECT_NE(first.standardOutput.find("01-latin-alicemartin: sent as is"), std::string::npos)
+      << first.standardOutput;
+
+  editOnPhone("01-latin-alicemartin", "firstName", "Alicia");
+  const ProgramRun carried = runProgram(sync(" --report json"));
+  ASSERT_EQ(carried.status, 0) << carried.output;
+  EXPECT_NE(carried.standardOutput.find("\"identifier\": \"01-latin-alicemartin\", \"entity\": "
+                                        "\"Contacts.Contact\", \"outcome\": \"changedOnPhone\", "
+                                        "\"fields\": [{\"field\": \"firstName\"}]"),
+            std::string::npos)
+      << carried.standardOutput;
+  const ProgramRun exported = runProgram("export --store " + store + " --format json");
+  EXPECT_NE(exported.standardOutput.find("\"firstName\": \"Alicia\""), std::string::npos);
+  // A field the phone does not hold is still there.
+  EXPECT_NE(exported.standardOutput.find("\"department\": \"R&D\""), std::string::npos);
+
+  const ProgramRun quiet = runProgram(sync());
+  ASSERT_EQ(quiet.status, 0) << quiet.output;
+  EXPECT_NE(quiet.standardOutput.find("; 0 files written"), std::string::npos) << quiet.standardOutput;
+
+  editOnPhone("01-latin-alicemartin", "firstName", "Ally");
+  const ProgramRun dry = runProgram(sync(" --dry-run"));
+  EXPECT_NE(dry.standardOutput.find("changed on the phone (carried into the engine): firstName"),
+            std::string::npos)
+      << dry.standardOutput;
+  EXPECT_NE(dry.standardOutput.find("dry run"), std::string::npos);
+  EXPECT_EQ(runProgram("export --store " + store + " --format json").standardOutput.find("\"Ally\""),
+            std::string::npos);
+}
+
+TEST_F(StoreSyncProgramTest, BadInputIsNamedAndNothingIsWritten) {
+  ASSERT_EQ(runProgram(sync()).status, 0);
+  const std::string contacts = (fs::path(phone) / "Contacts.plist").string();
+  const std::string before = testing::fileText(contacts);
+  std::ofstream(fs::path(phone) / "Calendars.plist") << "<plist><dict>";
+  const ProgramRun broken = runProgram(sync());
+  EXPECT_EQ(broken.status, 1);
+  EXPECT_EQ(broken.standardOutput, "");
+  EXPECT_NE(broken.standardError.find("Calendars.plist"), std::string::npos) << broken.standardError;
+  EXPECT_EQ(testing::fileText(contacts), before);
+
+  std::ofstream(store, std::ios::trunc) << "not a store";
+  const ProgramRun corrupt = runProgram(sync());
+  EXPECT_EQ(corrupt.status, 1);
+  EXPECT_NE(corrupt.standardError.find(store + ": not a store"), std::string::npos)
+      << corrupt.standardError;
+  EXPECT_EQ(runProgram(sync(" " + examplePath("records/calendar/event-02.plist"))).status, 2);
+}
+
+// The process is killed after the phone's files are written and before the
+// store's transaction commits; the next run ends with the same store and
+// phone as an uninterrupted run, with nothing duplicated.
+TEST_F(StoreSyncProgramTest, KilledRunIsCaughtUpByTheNextOne) {
+  ASSERT_EQ(runProgram(sync()).status, 0);
+  editOnPhone("02-latin-brunolefvre", "lastName", "Killed-run");
+  for (const char* step : {"phone", "commit"}) {
+    ::setenv("PHONECONDUIT_STOP_AT", step, 1);
+    const ProgramRun killed = runProgram(sync());
+    ::unsetenv("PHONECONDUIT_STOP_AT");
+    EXPECT_EQ(killed.status, 137) << killed.output;
+    EXPECT_EQ(killed.standardOutput, "");
+  }
+  const ProgramRun next = runProgram(sync());
+  ASSERT_EQ(next.status, 0) << next.output;
+  auto engine = SqliteEngine::engineWithPath(store, nullptr, false);
+  ASSERT_TRUE(engine);
+  EXPECT_EQ(engine->count(), 3u);
+  EXPECT_EQ(engine->recordWithIdentifier("02-latin-brunolefvre")->getString("lastName"), "Killed-run");
+  EXPECT_EQ(PhoneStore(phone).read("Contacts")->records.size(), 2u);
+  EXPECT_NE(runProgram(sync()).standardOutput.find("; 0 files written"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace pc

@@ -1,0 +1,453 @@
+// The two-way sync of a store with a phone folder, on every example phone
+// with every example record: a second sync writes nothing; a phone edit
+// reaches the engine and leaves every other field as it was; an engine edit
+// reaches the phone; deletions on either side; conflicts; a first sync with
+// a phone that holds entries duplicates nothing; a run stopped at any step
+// leaves the store as it was and the next run ends where an uninterrupted
+// one would; random edits on both sides lose nothing.
+
+#include "host/StoreSync.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "engine/MemoryEngine.h"
+#include "engine/SchemaNames.h"
+#include "host/PhoneStore.h"
+#include "platform/Exception.h"
+#include "platform/PropertyList.h"
+#include "util/PHCMangling.h"
+
+namespace pc {
+namespace {
+
+namespace fs = std::filesystem;
+const std::string kExamples = std::string(PC_SOURCE_DIR) + "/examples/";
+
+Dictionary readDictionary(const std::string& path) {
+  std::optional<Value> contents = PropertyList::fromFile(path);
+  return contents && contents->isDictionary() ? contents->dictionary() : Dictionary();
+}
+
+std::vector<fs::path> exampleRecordPaths() {
+  std::vector<fs::path> paths;
+  for (const char* folder : {"records/contacts", "records/calendar"})
+    for (const auto& entry : fs::directory_iterator(kExamples + folder)) paths.push_back(entry.path());
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
+// A phone folder and a store, with the example records imported.
+class StoreSyncFixture {
+ public:
+  StoreSyncFixture(const std::string& phoneName, const std::string& tag) {
+    folder = fs::path(::testing::TempDir()) /
+             ("store-sync-" + std::to_string(::getpid()) + "-" + phoneName + "-" + tag);
+    fs::remove_all(folder);
+    fs::create_directories(folder / "phone");
+    const std::string devices = kExamples + "devices/";
+    SyncRun& phone = run.phone;
+    phone.deviceDescription = readDictionary(devices + phoneName + ".plist");
+    phone.entitiesDescription = readDictionary(devices + phoneName + ".entities.plist");
+    phone.formatting.variables = readDictionary(devices + phoneName + ".variables.plist");
+    const Dictionary clientValues = readDictionary(devices + phoneName + ".client.plist");
+    if (!clientValues.empty()) {
+      phone.formatting.clientStorePath = (folder / "client.plist").string();
+      MemorySyncEngineClient client(phone.formatting.clientIdentifier, "test", Array(),
+                                    phone.formatting.clientStorePath);
+      for (const auto& [key, value] : clientValues) client.setObject(value, key.stringValue());
+    }
+    phone.phoneDirectory = (folder / "phone").string();
+    phone.anchorDate = CalendarDate::dateWithYear(2026, 11, 1, 0, 0, 0);
+    run.clientIdentifier = "phone";
+    store = openStore("store.db");
+  }
+  ~StoreSyncFixture() { fs::remove_all(folder); }
+
+  std::shared_ptr<SqliteEngine> openStore(const std::string& name) {
+    std::string error;
+    auto engine = SqliteEngine::engineWithPath((folder / name).string(), &error);
+    EXPECT_TRUE(engine) << error;
+    return engine;
+  }
+  void importRecords(SqliteEngine& into, const std::vector<fs::path>& paths) {
+    for (const fs::path& path : paths) into.addRecord(path.stem().string(), *readRecordFile(path.string()));
+  }
+  StoreSyncResult sync(SqliteEngine* on = nullptr) {
+    StoreSyncResult result = StoreSync::run(on ? *on : *store, run);
+    EXPECT_EQ(result.error, "");
+    return result;
+  }
+  PhoneStoreContents phoneContents(const std::string& dataClass) const {
+    std::string error;
+    auto contents = PhoneStore(run.phone.phoneDirectory).read(dataClass, &error);
+    EXPECT_TRUE(contents) << error;
+    return contents.value_or(PhoneStoreContents{dataClass, {}});
+  }
+  void writePhone(const PhoneStoreContents& contents) {
+    std::string error;
+    EXPECT_NE(PhoneStore(run.phone.phoneDirectory).write(contents, &error),
+              PhoneStore::WriteResult::failed)
+        << error;
+  }
+  // The first entry of the data class the phone holds as a whole record
+  // (not a single event of an exploded one) with a text `field`.
+  PhoneStoreRecord* masterEntryWith(PhoneStoreContents& contents, const std::string& field) {
+    for (PhoneStoreRecord& entry : contents.records)
+      if (store->recordWithIdentifier(entry.identifier) && entry.fields.get(field).isString())
+        return &entry;
+    return nullptr;
+  }
+
+  fs::path folder;
+  StoreSyncRun run;
+  std::shared_ptr<SqliteEngine> store;
+};
+
+const std::vector<std::string> kPhones{"basic-phone",     "flip-phone",  "organiser-phone",
+                                       "photo-phone",     "full-phone",  "contacts-calendar-phone-v2"};
+
+class StoreSyncPhoneTest : public ::testing::TestWithParam<std::string> {};
+
+// The example phones' entities files are named after the phone, except for
+// the two versions of one description.
+std::unique_ptr<StoreSyncFixture> fixtureFor(const std::string& phone, const std::string& tag) {
+  auto fixture = std::make_unique<StoreSyncFixture>(phone, tag);
+  if (fixture->run.phone.entitiesDescription.empty()) {
+    const std::string devices = kExamples + "devices/";
+    fixture->run.phone.entitiesDescription = readDictionary(devices + "contacts-calendar-phone.entities.plist");
+  }
+  fixture->importRecords(*fixture->store, exampleRecordPaths());
+  return fixture;
+}
+
+TEST_P(StoreSyncPhoneTest, SecondSyncWritesNothingAndEditsTravelBothWays) {
+  auto f = fixtureFor(GetParam(), "edits");
+  const StoreSyncResult first = f->sync();
+  ASSERT_FALSE(first.filesWritten.empty());
+  const StoreSyncResult second = f->sync();
+  EXPECT_TRUE(second.filesWritten.empty());
+  EXPECT_FALSE(second.storeChanged);
+  for (const StoreSyncRecord& record : second.records)
+    EXPECT_EQ(record.outcome, StoreSyncOutcome::rejected) << record.identifier;
+
+  // A phone edit reaches the engine; every other field stays as it was,
+  // those the phone cannot hold included.
+  PhoneStoreContents contacts = f->phoneContents(kContacts);
+  PhoneStoreRecord* entry = f->masterEntryWith(contacts, "lastName");
+  ASSERT_TRUE(entry);
+  const std::string edited = entry->identifier;
+  const Dictionary before = *f->store->recordWithIdentifier(edited);
+  entry->fields.set("lastName", "Edited-on-phone");
+  f->writePhone(contacts);
+  const StoreSyncResult carried = f->sync();
+  ASSERT_EQ(carried.summary.changedOnPhone, 1u);
+  Dictionary after = *f->store->recordWithIdentifier(edited);
+  EXPECT_EQ(after.getString("lastName"), "Edited-on-phone");
+  after.set("lastName", before.get("lastName"));
+  EXPECT_EQ(Value(after), Value(before)) << ReferenceSync::differingFields(before, after).size();
+  EXPECT_TRUE(f->sync().filesWritten.empty());
+
+  // An engine edit reaches the phone, and then nothing more happens.
+  Dictionary engineSide = *f->store->recordWithIdentifier(edited);
+  engineSide.set("lastName", "Edited-on-engine");
+  f->store->addRecord(edited, engineSide);
+  const StoreSyncResult sent = f->sync();
+  EXPECT_EQ(sent.filesWritten.size(), 1u);
+  bool found = false;
+  for (const PhoneStoreRecord& held : f->phoneContents(kContacts).records)
+    if (held.identifier == edited) {
+      found = true;
+      EXPECT_EQ(held.fields.getString("lastName"), "Edited-on-engine");
+    }
+  EXPECT_TRUE(found);
+  const StoreSyncResult quiet = f->sync();
+  EXPECT_TRUE(quiet.filesWritten.empty());
+  EXPECT_FALSE(quiet.storeChanged);
+}
+
+TEST_P(StoreSyncPhoneTest, SlowSyncOfAPhoneHoldingWhatAFirstSyncWroteDuplicatesNothing) {
+  auto f = fixtureFor(GetParam(), "slow");
+  f->sync();
+  std::size_t phoneEntries = 0;
+  for (const char* dataClass : {kContacts, kCalendars})
+    phoneEntries += f->phoneContents(dataClass).records.size();
+
+  auto fresh = f->openStore("fresh.db");
+  f->importRecords(*fresh, exampleRecordPaths());
+  const StoreSyncResult slow = f->sync(fresh.get());
+  EXPECT_EQ(slow.summary.addedOnPhone, 0u);
+  EXPECT_EQ(fresh->count(), f->store->count());
+  std::size_t after = 0;
+  for (const char* dataClass : {kContacts, kCalendars})
+    after += f->phoneContents(dataClass).records.size();
+  EXPECT_EQ(after, phoneEntries);
+  EXPECT_TRUE(f->sync(fresh.get()).filesWritten.empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(ExamplePhones, StoreSyncPhoneTest, ::testing::ValuesIn(kPhones),
+                         [](const auto& info) {
+                           std::string name = info.param;
+                           std::replace(name.begin(), name.end(), '-', '_');
+                           return name;
+                         });
+
+// --- on one phone: deletions, conflicts, first sync, interruptions ---------------------
+
+class StoreSyncTest : public ::testing::Test {
+ protected:
+  std::unique_ptr<StoreSyncFixture> make(const std::string& tag) {
+    auto f = std::make_unique<StoreSyncFixture>("full-phone", tag);
+    f->importRecords(*f->store, contacts);
+    return f;
+  }
+  static Dictionary fieldsOf(const PhoneStoreContents& contents, const std::string& identifier) {
+    for (const PhoneStoreRecord& entry : contents.records)
+      if (entry.identifier == identifier) return entry.fields;
+    return Dictionary();
+  }
+  std::vector<fs::path> contacts = [] {
+    std::vector<fs::path> paths;
+    for (const fs::path& path : exampleRecordPaths())
+      if (path.parent_path().filename() == "contacts" && paths.size() < 12) paths.push_back(path);
+    return paths;
+  }();
+};
+
+TEST_F(StoreSyncTest, DeletionsOnEitherSideReachTheOther) {
+  auto f = make("deletions");
+  f->sync();
+  PhoneStoreContents phone = f->phoneContents(kContacts);
+  const std::string deletedOnPhone = phone.records.at(0).identifier;
+  const std::string deletedOnEngine = phone.records.at(1).identifier;
+  phone.records.erase(phone.records.begin());
+  f->writePhone(phone);
+  f->store->removeRecord(deletedOnEngine);
+
+  const StoreSyncResult result = f->sync();
+  EXPECT_EQ(result.summary.deletedOnPhone, 1u);
+  EXPECT_EQ(result.summary.deletedByEngine, 1u);
+  EXPECT_FALSE(f->store->recordWithIdentifier(deletedOnPhone));
+  EXPECT_EQ(f->phoneContents(kContacts).records.size(), contacts.size() - 2);
+  EXPECT_TRUE(f->sync().filesWritten.empty());
+}
+
+TEST_F(StoreSyncTest, ConflictsFollowThePolicyAndDifferentFieldsAreBothKept) {
+  for (ConflictPolicy policy : {ConflictPolicy::engine, ConflictPolicy::phone}) {
+    auto f = make(policy == ConflictPolicy::engine ? "conflict-engine" : "conflict-phone");
+    f->run.conflicts = policy;
+    f->sync();
+    PhoneStoreContents phone = f->phoneContents(kContacts);
+    PhoneStoreRecord& entry = phone.records.at(0);
+    const std::string id = entry.identifier;
+    entry.fields.set("firstName", "PhoneFirst");
+    entry.fields.set("lastName", "PhoneLast");
+    f->writePhone(phone);
+    Dictionary record = *f->store->recordWithIdentifier(id);
+    record.set("firstName", "EngineFirst");
+    record.set("jobTitle", "EngineJob");
+    f->store->addRecord(id, record);
+
+    const StoreSyncResult result = f->sync();
+    ASSERT_EQ(result.summary.conflicts, 1u);
+    const StoreSyncRecord* conflict = nullptr;
+    for (const StoreSyncRecord& r : result.records)
+      if (r.outcome == StoreSyncOutcome::conflict) conflict = &r;
+    ASSERT_TRUE(conflict);
+    ASSERT_EQ(conflict->conflicts.size(), 1u);
+    EXPECT_EQ(conflict->conflicts[0].field, "firstName");
+    EXPECT_EQ(conflict->conflicts[0].engineValue, "EngineFirst");
+    EXPECT_EQ(conflict->conflicts[0].phoneValue, "PhoneFirst");
+
+    const Dictionary merged = *f->store->recordWithIdentifier(id);
+    EXPECT_EQ(merged.getString("firstName"),
+              policy == ConflictPolicy::engine ? "EngineFirst" : "PhoneFirst");
+    EXPECT_EQ(merged.getString("lastName"), "PhoneLast");
+    EXPECT_EQ(merged.getString("jobTitle"), "EngineJob");
+    EXPECT_EQ(fieldsOf(f->phoneContents(kContacts), id).getString("firstName"),
+              merged.getString("firstName"));
+    EXPECT_TRUE(f->sync().filesWritten.empty());
+  }
+}
+
+TEST_F(StoreSyncTest, FirstSyncPairsPhoneEntriesByContent) {
+  auto f = make("pairing");
+  f->sync();
+  // The phone names its entries its own way; a fresh store holds the same
+  // records plus one the phone lacks.
+  PhoneStoreContents phone = f->phoneContents(kContacts);
+  for (std::size_t i = 0; i < phone.records.size(); ++i)
+    phone.records[i].identifier = "phone-" + std::to_string(i);
+  f->writePhone(phone);
+  auto fresh = f->openStore("fresh.db");
+  f->importRecords(*fresh, contacts);
+  fresh->addRecord("only-engine", Dictionary{{kEngineRecordEntityNameKey, kContactsContact},
+                                             {"firstName", "Only"},
+                                             {"lastName", "Engine"}});
+  const StoreSyncResult result = f->sync(fresh.get());
+  EXPECT_EQ(result.summary.addedOnPhone, 0u);
+  EXPECT_EQ(fresh->count(), contacts.size() + 1);
+  const PhoneStoreContents after = f->phoneContents(kContacts);
+  EXPECT_EQ(after.records.size(), contacts.size() + 1);
+  EXPECT_EQ(after.records.front().identifier, "phone-0");
+  EXPECT_TRUE(f->sync(fresh.get()).filesWritten.empty());
+}
+
+TEST_F(StoreSyncTest, UnreadablePhoneFileStopsTheRunBeforeAnythingIsWritten) {
+  auto f = make("corrupt");
+  f->sync();
+  const std::int64_t counter = f->store->changeCounter();
+  std::ofstream(fs::path(f->run.phone.phoneDirectory) / "Contacts.plist") << "<plist><dict>";
+  const StoreSyncResult result = StoreSync::run(*f->store, f->run);
+  EXPECT_NE(result.error.find("Contacts.plist"), std::string::npos) << result.error;
+  EXPECT_EQ(f->store->changeCounter(), counter);
+}
+
+// Both sides changed, then a run stopped at each step: the store is as it
+// was, and the next run ends as an uninterrupted one.
+TEST_F(StoreSyncTest, RunStoppedAtAnyStepLeavesTheStoreAndTheNextRunCatchesUp) {
+  auto change = [](StoreSyncFixture& f) {
+    PhoneStoreContents phone = f.phoneContents(kContacts);
+    phone.records.at(0).fields.set("lastName", "FromPhone");
+    phone.records.erase(phone.records.begin() + 1);
+    phone.records.push_back({"phone-added", kContactsContact,
+                             Dictionary{{"firstName", "Added"}, {"lastName", "OnPhone"}}});
+    f.writePhone(phone);
+    Dictionary record = *f.store->recordWithIdentifier(phone.records.at(2).identifier);
+    record.set("jobTitle", "FromEngine");
+    f.store->addRecord(phone.records.at(2).identifier, record);
+  };
+  auto snapshot = [](StoreSyncFixture& f) {
+    std::string text;
+    for (const Value& id : f.store->recordIdentifiers())
+      text += id.string() + *recordText(*f.store->recordWithIdentifier(id.string()));
+    for (const char* dataClass : {kContacts})
+      for (const PhoneStoreRecord& entry : f.phoneContents(dataClass).records)
+        text += entry.identifier + *recordText(entry.fields);
+    return text;
+  };
+
+  auto reference = make("reference");
+  reference->sync();
+  change(*reference);
+  reference->sync();
+  const std::string expected = snapshot(*reference);
+
+  for (const char* stop : {"engine", "state", "phone", "commit"}) {
+    SCOPED_TRACE(stop);
+    auto f = make(std::string("stop-") + stop);
+    f->sync();
+    change(*f);
+    const std::int64_t counter = f->store->changeCounter();
+    const std::size_t entries = f->store->syncedEntries("phone").size();
+    f->run.beforeStep = [stop](std::string_view step) {
+      if (step == stop) raiseException("test", std::string("stopped at ") + stop);
+    };
+    EXPECT_NE(StoreSync::run(*f->store, f->run).error, "");
+    EXPECT_EQ(f->store->changeCounter(), counter);
+    EXPECT_EQ(f->store->syncedEntries("phone").size(), entries);
+    f->run.beforeStep = nullptr;
+    EXPECT_EQ(f->sync().error, "");
+    EXPECT_EQ(snapshot(*f), expected);
+    EXPECT_TRUE(f->sync().filesWritten.empty());
+  }
+}
+
+TEST_F(StoreSyncTest, DryRunReportsAndWritesNothing) {
+  auto f = make("dry");
+  f->run.dryRun = true;
+  const StoreSyncResult result = f->sync();
+  EXPECT_GT(result.summary.sent + result.summary.reduced, 0u);
+  EXPECT_TRUE(result.filesWritten.empty());
+  EXPECT_FALSE(fs::exists(fs::path(f->run.phone.phoneDirectory) / "Contacts.plist"));
+  EXPECT_TRUE(f->store->syncedEntries("phone").empty());
+}
+
+// Random edits, additions and deletions on both sides with syncs between:
+// after each sync both sides hold the same names and no change is lost.
+TEST_F(StoreSyncTest, RandomEditsOnBothSidesAreNeverLost) {
+  auto f = make("random");
+  f->sync();
+  std::mt19937 random(20261124);
+  std::map<std::string, std::pair<std::string, std::string>> expected;  // id -> first, last
+  for (const Value& id : f->store->recordIdentifiers()) {
+    const Dictionary record = *f->store->recordWithIdentifier(id.string());
+    expected[id.string()] = {record.getString("firstName"), record.getString("lastName")};
+  }
+  int serial = 0;
+  for (int round = 0; round < 6; ++round) {
+    SCOPED_TRACE(round);
+    PhoneStoreContents phone = f->phoneContents(kContacts);
+    std::set<std::string> touched;
+    auto pick = [&](std::vector<PhoneStoreRecord>& list) -> PhoneStoreRecord* {
+      for (int attempt = 0; attempt < 20 && !list.empty(); ++attempt) {
+        PhoneStoreRecord& entry = list[random() % list.size()];
+        if (touched.insert(entry.identifier).second) return &entry;
+      }
+      return nullptr;
+    };
+    for (int op = 0; op < 4; ++op) {
+      const std::string name = "N" + std::to_string(++serial);
+      switch (random() % 6) {
+        case 0:  // phone edit
+          if (PhoneStoreRecord* entry = pick(phone.records)) {
+            entry->fields.set("firstName", name);
+            expected[entry->identifier].first = name;
+          }
+          break;
+        case 1:  // engine edit
+          if (PhoneStoreRecord* entry = pick(phone.records)) {
+            Dictionary record = *f->store->recordWithIdentifier(entry->identifier);
+            record.set("lastName", name);
+            f->store->addRecord(entry->identifier, record);
+            expected[entry->identifier].second = name;
+          }
+          break;
+        case 2:  // phone deletion
+          if (PhoneStoreRecord* entry = pick(phone.records)) {
+            expected.erase(entry->identifier);
+            const std::string id = entry->identifier;
+            std::erase_if(phone.records, [&](const PhoneStoreRecord& r) { return r.identifier == id; });
+          }
+          break;
+        case 3:  // engine deletion
+          if (PhoneStoreRecord* entry = pick(phone.records)) {
+            expected.erase(entry->identifier);
+            f->store->removeRecord(entry->identifier);
+          }
+          break;
+        case 4:  // phone addition
+          phone.records.push_back({"p-" + name, kContactsContact,
+                                   Dictionary{{"firstName", name}, {"lastName", "Phone"}}});
+          touched.insert("p-" + name);
+          expected["p-" + name] = {name, "Phone"};
+          break;
+        case 5:  // engine addition
+          f->store->addRecord("e-" + name, Dictionary{{kEngineRecordEntityNameKey, kContactsContact},
+                                                     {"firstName", name},
+                                                     {"lastName", "Engine"}});
+          expected["e-" + name] = {name, "Engine"};
+          break;
+      }
+    }
+    f->writePhone(phone);
+    f->sync();
+
+    std::map<std::string, std::pair<std::string, std::string>> engine, held;
+    for (const Value& id : f->store->recordIdentifiers()) {
+      const Dictionary record = *f->store->recordWithIdentifier(id.string());
+      engine[id.string()] = {record.getString("firstName"), record.getString("lastName")};
+    }
+    for (const PhoneStoreRecord& entry : f->phoneContents(kContacts).records)
+      held[entry.identifier] = {entry.fields.getString("firstName"), entry.fields.getString("lastName")};
+    EXPECT_EQ(engine, expected);
+    EXPECT_EQ(held, expected);
+    EXPECT_TRUE(f->sync().filesWritten.empty());
+  }
+}
+
+}  // namespace
+}  // namespace pc
