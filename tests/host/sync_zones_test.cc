@@ -270,6 +270,7 @@ TEST_F(SyncZonesTest, APhoneEditOfTheSummaryReportsOnlyTheSummary) {
     if (phone != std::string("photo-phone")) use(phone);
     sync({{"choir", weeklyBerlinEvent()}});
     PhoneStore store(run.phoneDirectory);
+    usePhoneParsers(store, run.deviceDescription);
     auto contents = store.read("Calendars");
     ASSERT_TRUE(contents && !contents->records.empty());
     // The third single event when exploded: neither the first nor the last,
