@@ -22,6 +22,8 @@
 #include "explode.h"
 #include "host/DeviceFormatting.h"
 #include "host/PhoneStore.h"
+#include "host/VCalendarCodec.h"
+#include "host/VCardCodec.h"
 #include "host/ReferenceHost.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
@@ -404,12 +406,47 @@ void fuzzPhoneStore(const std::uint8_t* data, std::size_t size) {
     if (const auto record = element.asDictionary()) (void)recordText(*record);
 }
 
+namespace {
+
+// What a reader makes of a file must write, and read back as the same
+// entries; writing those again gives the same text.
+template <class Codec>
+void checkReadsBack(const Codec& codec, const std::uint8_t* data, std::size_t size) {
+  const VFormatReadResult first = codec.read(textOf(data, size));
+  for (const PhoneStoreRecord& record : first.records)
+    if (holdsNaN(Value(record.fields))) return;
+  const std::string written = codec.write(first.records);
+  const VFormatReadResult second = codec.read(written);
+  if (second.records.size() != first.records.size())
+    finding("the entries written do not read back: " + written);
+  for (std::size_t i = 0; i < first.records.size(); ++i) {
+    const PhoneStoreRecord& a = first.records[i];
+    const PhoneStoreRecord& b = second.records[i];
+    if (a.identifier != b.identifier || a.entity != b.entity || !(a.fields == b.fields))
+      finding("entry " + std::to_string(i) + " reads back as\n" + b.fields.description() + "\nnot\n" +
+              a.fields.description() + "\nfrom\n" + written);
+  }
+  if (!second.problems.empty())
+    finding("what was written has a problem on line " + std::to_string(second.problems[0].line) + ": " +
+            second.problems[0].message + "\n" + written);
+  if (codec.write(second.records) != written) finding("a second write differs:\n" + written);
+}
+
+}  // namespace
+
+void fuzzVCard(const std::uint8_t* data, std::size_t size) { checkReadsBack(VCardCodec(), data, size); }
+
+void fuzzVCalendar(const std::uint8_t* data, std::size_t size) {
+  checkReadsBack(VCalendarCodec(), data, size);
+}
+
 const std::vector<NamedFuzzEntry>& fuzzEntries() {
   static const std::vector<NamedFuzzEntry> entries{
       {"xml_plist", fuzzXMLPropertyList},   {"nice_plist", fuzzNicePList},
       {"device", fuzzDeviceDescription},    {"format", fuzzFormatRecord},
       {"explode", fuzzExplodeRecurrence},   {"phone_store", fuzzPhoneStore},
-      {"exploder", fuzzExplodeUnchecked},
+      {"exploder", fuzzExplodeUnchecked},   {"vcard", fuzzVCard},
+      {"vcalendar", fuzzVCalendar},
   };
   return entries;
 }

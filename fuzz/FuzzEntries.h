@@ -47,6 +47,12 @@ void fuzzExplodeUnchecked(const std::uint8_t* data, std::size_t size);
 // host's parser reads it, each record written as a record file.
 void fuzzPhoneStore(const std::uint8_t* data, std::size_t size);
 
+// A phone's contacts file (vCard) and calendar file (vCalendar): read; what
+// reads must write, read back as the same entries without a problem, and
+// write again as the same text.
+void fuzzVCard(const std::uint8_t* data, std::size_t size);
+void fuzzVCalendar(const std::uint8_t* data, std::size_t size);
+
 struct NamedFuzzEntry {
   // The target's name: fuzz_<name> and tests/fuzz_regressions/<name>/.
   const char* name;

@@ -1,43 +1,86 @@
 #include "command_support.h"
 
-#include <cstdio>
+#include <filesystem>
 #include <optional>
 
 #include "async/AYLogger.h"
 #include "async/Log.h"
 #include "commands.h"
 #include "platform/PropertyList.h"
+#include "util/PHCMangling.h"
 
 namespace pc::tools {
 
 Dictionary readDictionary(const std::string& path) {
+  const Value contents = propertyListFile(path).orFail();
+  if (!contents.isDictionary()) throw CommandError(path + ": not a dictionary");
+  return contents.dictionary();
+}
+
+Result<Value> propertyListFile(const std::string& path) {
   PropertyListError error;
-  const std::optional<Value> contents = PropertyList::fromFile(path, &error);
-  if (!contents) throw CommandError(path + ": " + error.description());
-  if (!contents->isDictionary()) throw CommandError(path + ": not a dictionary");
-  return contents->dictionary();
+  std::optional<Value> contents = PropertyList::fromFile(path, &error);
+  if (!contents) return Failure{path, "", error.description()};
+  return std::move(*contents);
+}
+
+// The mangling helpers' error texts name the file and key path themselves.
+Result<Dictionary> recordFile(const std::string& path) {
+  std::string error;
+  std::optional<Dictionary> record = readRecordFile(path, &error);
+  if (!record) return Failure{"", "", error.empty() ? path + ": cannot be read" : error};
+  return std::move(*record);
+}
+
+Result<std::string> recordFileText(const Dictionary& record) {
+  std::string error;
+  std::optional<std::string> text = recordText(record, &error);
+  if (!text) return Failure{"", "", error};
+  return std::move(*text);
+}
+
+Result<CalendarDate> dateFromText(const std::string& text, const char* format) {
+  std::string error;
+  std::optional<CalendarDate> date = CalendarDate::dateWithString(text, format, nullptr, &error);
+  if (!date) return Failure{"", "", error.empty() ? "not a date" : error};
+  return std::move(*date);
+}
+
+std::string jsonDocument(const Json& document) {
+  return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 std::string jsonString(const std::string& text) {
-  std::string out = "\"";
-  for (const unsigned char c : text) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-          out += escaped;
-        } else {
-          out += static_cast<char>(c);
-        }
+  return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void addReportOption(CLI::App* command, std::vector<std::string>& values) {
+  command->add_option("--report", values,
+                      "text (default), json for scripts, or html FILE: a page to open in a browser")
+      ->expected(1, 2)
+      ->allow_extra_args(false)
+      ->type_name("KIND [FILE]");
+}
+
+ReportChoice reportChoice(const std::vector<std::string>& values, std::vector<std::string>& positionals,
+                          const std::string& positionalName, bool positionalsRequired) {
+  ReportChoice choice;
+  if (!values.empty()) choice.kind = values.front();
+  if (choice.kind == "html") {
+    if (values.size() < 2) throw CommandLineError("--report html: the page's FILE is missing");
+    choice.htmlPath = values[1];
+  } else if (choice.kind == "text" || choice.kind == "json") {
+    if (values.size() == 2) {
+      if (!std::filesystem::is_regular_file(values[1]))
+        throw CommandLineError(positionalName + ": File does not exist: " + values[1]);
+      positionals.insert(positionals.begin(), values[1]);
     }
+  } else {
+    throw CommandLineError("--report: \"" + choice.kind + "\" is not a report (text, json or html FILE)");
   }
-  return out + "\"";
+  if (positionalsRequired && positionals.empty())
+    throw CommandLineError(positionalName + " is required");
+  return choice;
 }
 
 QuietDefaultLog::QuietDefaultLog(bool keep) : _active(!keep) {

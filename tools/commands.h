@@ -51,6 +51,8 @@ void addFormatCommands(CLI::App& app);
 void addHexdumpCommands(CLI::App& app);
 // sync.
 void addSyncCommands(CLI::App& app);
+// read-phone.
+void addReadPhoneCommands(CLI::App& app);
 // import, export.
 void addStoreCommands(CLI::App& app);
 

@@ -28,6 +28,8 @@
 #include "host/DeviceFormatting.h"
 #include "host/PhoneStore.h"
 #include "host/ReferenceSync.h"
+#include "host/VFormatParsers.h"
+#include "html_report.h"
 #include "platform/TimeZone.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
@@ -100,7 +102,9 @@ struct LoadedDevice {
   DeviceFormattingOptions options;
 };
 
-void addDeviceOptions(CLI::App* command, const std::shared_ptr<DeviceOptions>& options) {
+// `textOrJson`: the command offers --report text or json (format adds its
+// own --report, which offers html too).
+void addDeviceOptions(CLI::App* command, const std::shared_ptr<DeviceOptions>& options, bool textOrJson) {
   command->add_option("--device", options->devicePath, "device description (XML property list)")
       ->required()
       ->check(CLI::ExistingFile);
@@ -119,8 +123,9 @@ void addDeviceOptions(CLI::App* command, const std::shared_ptr<DeviceOptions>& o
   command->add_option("--format-version", options->version,
                       "format version of the description (default: 2 when it has \"Formatting\", "
                       "else 1)");
-  command->add_option("--report", options->report, "text (default) or json, for scripts")
-      ->check(CLI::IsMember({"text", "json"}));
+  if (textOrJson)
+    command->add_option("--report", options->report, "text (default) or json, for scripts")
+        ->check(CLI::IsMember({"text", "json"}));
   command->add_flag("--log", options->log,
                     "keep the conduit's own error log on standard error while formatting");
 }
@@ -171,6 +176,7 @@ std::string whereInDescription(const LoadedDevice& device, const std::string& me
 
 struct FormatOptions : DeviceOptions {
   std::vector<std::string> recordPaths;
+  std::vector<std::string> reportValues;
   bool engineSide = false;
   std::string outputFolder;
   std::string anchorDate;
@@ -223,6 +229,7 @@ std::vector<RecordResult> formatAsSynced(const FormatOptions& options, const Loa
 
   std::map<std::string, std::vector<PhoneStoreRecord>> held;  // by input identifier
   PhoneStore store(phoneFolder);
+  usePhoneParsers(store, device.description);
   if (auto dataClasses = device.description.getDictionary(kSyncDataClassesKey)) {
     for (const Value& dataClass : dataClasses->keys()) {
       std::string error;
@@ -272,18 +279,36 @@ void writeText(const std::string& path, const std::string& text) {
   if (std::fclose(file) != 0) throw CommandError(path + ": cannot write the formatted record");
 }
 
-void format(const FormatOptions& options) {
+// The page of --report html: each record file beside the record the phone
+// holds, with the fields that differ.
+HtmlPage htmlPage(const std::vector<std::pair<std::string, Dictionary>>& inputs,
+                  const std::vector<RecordResult>& results, const FormatOptions& options) {
+  HtmlPage page{options.engineSide ? "Format report (engine side)" : "Format report",
+                std::filesystem::path(options.devicePath).stem().string(), reportTimeNow(), {}};
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    const RecordResult& result = results[i];
+    HtmlRecord entry{result.path, result.entity, result.record ? "formatted" : "rejected", result.rejection, {},
+                     inputs[i].second, result.record, {}};
+    if (result.record)
+      for (const std::string& field : ReferenceSync::differingFields(inputs[i].second, *result.record))
+        entry.fields.emplace_back(field, std::string());
+    page.records.push_back(std::move(entry));
+  }
+  return page;
+}
+
+void format(FormatOptions options) {
+  const ReportChoice report = reportChoice(options.reportValues, options.recordPaths, "RECORDS");
+  options.report = report.kind;
   // Every record is read before anything is formatted, so that a bad file
   // stops the command before it prints.
   std::vector<std::pair<std::string, Dictionary>> inputs;
   for (const std::string& path : options.recordPaths) {
-    std::string error;
-    std::optional<Dictionary> record = readRecordFile(path, &error);
-    if (!record) throw CommandError(error);
-    if (!record->get(kEngineRecordEntityNameKey).asString())
+    Dictionary record = recordFile(path).orFail();
+    if (!record.get(kEngineRecordEntityNameKey).asString())
       throw CommandError(path + ": the record has no \"" + std::string(kEngineRecordEntityNameKey) +
                          "\" text");
-    inputs.emplace_back(path, std::move(*record));
+    inputs.emplace_back(path, std::move(record));
   }
   if (!options.outputFolder.empty() && !std::filesystem::is_directory(options.outputFolder))
     throw CommandError(options.outputFolder + ": not a folder");
@@ -343,10 +368,9 @@ void format(const FormatOptions& options) {
       continue;
     }
     for (const Dictionary& event : results[i].events) {
-      std::string error;
-      std::optional<std::string> text = recordText(withEntityName(event, results[i].entity), &error);
-      if (!text) throw CommandError(results[i].path + ": the formatted record " + error);
-      texts[i].push_back(std::move(*text));
+      Result<std::string> text = recordFileText(withEntityName(event, results[i].entity));
+      if (!text) throw CommandError(results[i].path + ": the formatted record " + text.failure().message);
+      texts[i].push_back(std::move(text).value());
     }
   }
 
@@ -372,25 +396,31 @@ void format(const FormatOptions& options) {
                                              : result.rejection)
                 << "\n";
 
+  if (report.kind == "html") {
+    const std::string page = htmlReport(htmlPage(inputs, results, options));
+    std::FILE* file = std::fopen(report.htmlPath.c_str(), "wb");
+    bool written = file && std::fwrite(page.data(), 1, page.size(), file) == page.size();
+    if (file && std::fclose(file) != 0) written = false;
+    if (!written) throw CommandError(report.htmlPath + ": cannot write the report");
+  }
+
   if (options.report == "json") {
-    std::ostringstream out;
-    out << "{\"device\": " << jsonString(options.devicePath) << ", \"side\": \""
-        << (options.engineSide ? "engine" : "phone") << "\", \"formatted\": "
-        << results.size() - rejected << ", \"rejected\": " << rejected << ", \"records\": [";
-    for (std::size_t i = 0; i < results.size(); ++i) {
-      const RecordResult& result = results[i];
-      out << (i ? ", " : "") << "{\"file\": " << jsonString(result.path)
-          << ", \"entity\": " << jsonString(result.entity) << ", \"status\": \""
-          << (result.exploded ? "exploded" : result.record ? "formatted" : "rejected") << "\"";
-      if (result.exploded) out << ", \"events\": " << result.events.size();
-      if (!result.record && !result.exploded) out << ", \"reason\": " << jsonString(result.rejection);
+    Json records = Json::array();
+    for (const RecordResult& result : results) {
+      Json entry{{"file", result.path},
+                 {"entity", result.entity},
+                 {"status", result.exploded ? "exploded" : result.record ? "formatted" : "rejected"}};
+      if (result.exploded) entry["events"] = result.events.size();
+      if (!result.record && !result.exploded) entry["reason"] = result.rejection;
       if (!options.outputFolder.empty() && result.oneRecord)
-        out << ", \"output\": "
-            << jsonString((std::filesystem::path(options.outputFolder) / outputName(result.path)).string());
-      out << "}";
+        entry["output"] = (std::filesystem::path(options.outputFolder) / outputName(result.path)).string();
+      records.push_back(std::move(entry));
     }
-    out << "]}\n";
-    emit(out.str());
+    emit(jsonDocument(Json{{"device", options.devicePath},
+                           {"side", options.engineSide ? "engine" : "phone"},
+                           {"formatted", results.size() - rejected},
+                           {"rejected", rejected},
+                           {"records", std::move(records)}}));
   } else if (options.outputFolder.empty()) {
     // One record file per formatted record, in the order given.
     std::string all;
@@ -426,17 +456,15 @@ void checkDevice(const DeviceOptions& options) {
   }
 
   if (options.report == "json") {
-    std::ostringstream out;
-    out << "{\"device\": " << jsonString(options.devicePath)
-        << ", \"usable\": " << (problems.empty() ? "true" : "false") << ", \"problems\": [";
-    for (std::size_t i = 0; i < problems.size(); ++i)
-      out << (i ? ", " : "") << "{\"keyPath\": " << jsonString(problems[i].keyPath)
-          << ", \"message\": " << jsonString(problems[i].message) << "}";
-    out << "], \"entities\": [";
-    for (std::size_t i = 0; i < entities.count(); ++i)
-      out << (i ? ", " : "") << jsonString(entities.at(i).stringValue());
-    out << "]}\n";
-    emit(out.str());
+    Json problemList = Json::array();
+    for (const DescriptionProblem& problem : problems)
+      problemList.push_back({{"keyPath", problem.keyPath}, {"message", problem.message}});
+    Json entityNames = Json::array();
+    for (const Value& entity : entities) entityNames.push_back(entity.stringValue());
+    emit(jsonDocument(Json{{"device", options.devicePath},
+                           {"usable", problems.empty()},
+                           {"problems", std::move(problemList)},
+                           {"entities", std::move(entityNames)}}));
     if (!problems.empty()) finish(kUnusableDescription);
     return;
   }
@@ -458,9 +486,9 @@ void addFormatCommands(CLI::App& app) {
   auto formatOptions = std::make_shared<FormatOptions>();
   CLI::App* format = app.add_subcommand(
       "format", "Format record files as a phone model will hold them and print the results");
-  addDeviceOptions(format, std::shared_ptr<DeviceOptions>(formatOptions, formatOptions.get()));
+  addDeviceOptions(format, std::shared_ptr<DeviceOptions>(formatOptions, formatOptions.get()), false);
+  addReportOption(format, formatOptions->reportValues);
   format->add_option("RECORDS", formatOptions->recordPaths, "record files (nice plist text)")
-      ->required()
       ->check(CLI::ExistingFile);
   format->add_flag("--engine-side", formatOptions->engineSide,
                    "answer through the engine's record formatter rebuilt from the client store "
@@ -478,17 +506,21 @@ void addFormatCommands(CLI::App& app) {
       "cannot hold prints its single events within the window (see --anchor-date), and "
       "detached events print as records of their own. Rejected records are named on "
       "standard error with the reason. Exit status: 0 all formatted, 1 bad input, 3 some "
-      "records rejected.\n\n"
+      "records rejected. --report html FILE also writes one page to open in a browser: each "
+      "record file beside the phone's form, the fields that differ marked.\n\n"
       "Example:\n"
       "  phoneconduit format --device examples/devices/basic-phone.plist \\\n"
       "      --entities examples/devices/basic-phone.entities.plist \\\n"
-      "      examples/records/contacts/01-latin-alicemartin.plist\n");
+      "      examples/records/contacts/01-latin-alicemartin.plist\n"
+      "  phoneconduit format --device examples/devices/basic-phone.plist \\\n"
+      "      --entities examples/devices/basic-phone.entities.plist \\\n"
+      "      --report html /tmp/basic.html examples/records/contacts/*.plist\n");
   format->callback([formatOptions] { tools::format(*formatOptions); });
 
   auto checkOptions = std::make_shared<DeviceOptions>();
   CLI::App* check = app.add_subcommand(
       "check-device", "Build every formatter of a device description and list every problem found");
-  addDeviceOptions(check, checkOptions);
+  addDeviceOptions(check, checkOptions, true);
   check->footer(
       "Each problem is printed on standard error with its key path in the description. Exit "
       "status: 0 usable, 1 unusable or bad input.\n\n"

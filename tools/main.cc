@@ -18,6 +18,7 @@ int main(int argc, char** argv) {
   pc::tools::addFormatCommands(app);
   pc::tools::addHexdumpCommands(app);
   pc::tools::addSyncCommands(app);
+  pc::tools::addReadPhoneCommands(app);
   pc::tools::addStoreCommands(app);
 
   // Errors always reach standard error; the user's preferences may ask for more.

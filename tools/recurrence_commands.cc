@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include "calcore/CALEventExploder.h"
+#include "command_support.h"
 #include "commands.h"
 #include "engine/SchemaNames.h"
 #include "explode.h"
@@ -100,10 +101,7 @@ RecurringEvent readRecurringEvent(const Field& record) {
 }
 
 std::string textOfRecord(const Dictionary& record) {
-  std::string error;
-  std::optional<std::string> text = recordText(record, &error);
-  if (!text) throw CommandError(error);
-  return std::move(*text);
+  return recordFileText(record).orFail();
 }
 
 void printRecord(const Dictionary& record) { std::cout << textOfRecord(record); }

@@ -20,6 +20,7 @@
 
 #include "async/AYLogger.h"
 #include "command_support.h"
+#include "html_report.h"
 #include "commands.h"
 #include "store_sync.h"
 #include "conduit/CFPhone.h"
@@ -71,7 +72,7 @@ struct SyncOptions {
   std::vector<std::string> recordPaths;
   int version = 0;
   bool log = false;
-  std::string report = "text";
+  std::vector<std::string> report;
   StoreSyncOptions store;
 };
 
@@ -108,36 +109,66 @@ std::string textReport(const SyncReport& report) {
   return out.str();
 }
 
-std::string jsonReport(const SyncReport& report) {
-  std::ostringstream out;
+Json jsonReport(const SyncReport& report) {
   const SyncSummary& s = report.summary;
-  out << "{\"summary\": {\"sent\": " << s.sent << ", \"reduced\": " << s.reduced
-      << ", \"exploded\": " << s.exploded << ", \"rejected\": " << s.rejected
-      << ", \"changedOnPhone\": " << s.changedOnPhone << "}, \"records\": [";
-  for (std::size_t i = 0; i < report.records.size(); ++i) {
-    const SyncRecordReport& record = report.records[i];
-    out << (i ? ", " : "") << "{\"identifier\": " << jsonString(record.identifier)
-        << ", \"entity\": " << jsonString(record.entity) << ", \"outcome\": \""
-        << syncOutcomeName(record.outcome) << "\", \"fields\": [";
-    for (std::size_t f = 0; f < record.fields.size(); ++f) {
-      out << (f ? ", " : "") << "{\"field\": " << jsonString(record.fields[f].field);
-      if (!record.fields[f].limit.empty()) out << ", \"limit\": " << jsonString(record.fields[f].limit);
-      out << "}";
+  Json records = Json::array();
+  for (const SyncRecordReport& record : report.records) {
+    Json fields = Json::array();
+    for (const SyncField& field : record.fields) {
+      Json entry{{"field", field.field}};
+      if (!field.limit.empty()) entry["limit"] = field.limit;
+      fields.push_back(std::move(entry));
     }
-    out << "]";
-    if (record.outcome == SyncOutcome::exploded) out << ", \"events\": " << record.events;
-    if (record.outcome == SyncOutcome::rejected) out << ", \"reason\": " << jsonString(record.reason);
-    out << "}";
+    Json entry{{"identifier", record.identifier},
+               {"entity", record.entity},
+               {"outcome", syncOutcomeName(record.outcome)},
+               {"fields", std::move(fields)}};
+    if (record.outcome == SyncOutcome::exploded) entry["events"] = record.events;
+    if (record.outcome == SyncOutcome::rejected) entry["reason"] = record.reason;
+    records.push_back(std::move(entry));
   }
-  out << "], \"written\": [";
-  for (std::size_t i = 0; i < report.filesWritten.size(); ++i)
-    out << (i ? ", " : "") << jsonString(report.filesWritten[i]);
-  out << "]}\n";
-  return out.str();
+  return Json{{"summary",
+               {{"sent", s.sent},
+                {"reduced", s.reduced},
+                {"exploded", s.exploded},
+                {"rejected", s.rejected},
+                {"changedOnPhone", s.changedOnPhone}}},
+              {"records", std::move(records)},
+              {"written", report.filesWritten}};
 }
 
-void sync(const SyncOptions& options) {
+// The page of --report html: each record with its engine form (the
+// assembled record) beside its phone form (as it came back from the phone,
+// else as the engine predicts it).
+HtmlPage htmlPage(const SyncReport& report, const std::string& devicePath) {
+  HtmlPage page{"Sync report", std::filesystem::path(devicePath).stem().string(), reportTimeNow(), {}};
+  for (const SyncRecordReport& record : report.records) {
+    HtmlRecord entry{record.identifier, record.entity, syncOutcomeName(record.outcome), {}, {}, record.assembled,
+                     record.roundTrip ? record.roundTrip : record.prediction, {}};
+    if (record.outcome == SyncOutcome::rejected) entry.detail = record.reason;
+    if (record.outcome == SyncOutcome::exploded)
+      entry.detail = "exploded into " + std::to_string(record.events) + " events";
+    for (const SyncField& field : record.fields) entry.fields.emplace_back(field.field, field.limit);
+    for (const SyncInput& single : record.singleEvents)
+      entry.children.push_back({single.identifier, record.entity, "single event", {}, {}, std::nullopt,
+                                single.record, {}});
+    page.records.push_back(std::move(entry));
+  }
+  return page;
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  bool written = file && std::fwrite(text.data(), 1, text.size(), file) == text.size();
+  if (file && std::fclose(file) != 0) written = false;
+  if (!written) throw CommandError(path + ": cannot write the report");
+}
+
+void sync(SyncOptions options) {
+  const ReportChoice report = reportChoice(options.report, options.recordPaths, "RECORDS",
+                                           /*positionalsRequired=*/options.store.storePath.empty());
   SyncRun run;
+  run.keepRecords = report.kind == "html";
   run.deviceDescription = readDictionary(options.devicePath);
   run.entitiesDescription = readDictionary(options.entitiesPath);
   if (!run.deviceDescription.getDictionary(kSyncDataClassesKey))
@@ -179,7 +210,8 @@ void sync(const SyncOptions& options) {
       throw CommandLineError("--store: the records are the store's; add record files with import");
     StoreSyncOptions storeOptions = options.store;
     storeOptions.log = options.log;
-    storeOptions.report = options.report;
+    if (report.kind == "html") throw CommandLineError("--report html: not available with --store");
+    storeOptions.report = report.kind;
     syncWithStore(run, storeOptions);
     return;
   }
@@ -190,16 +222,14 @@ void sync(const SyncOptions& options) {
   std::vector<SyncInput> inputs;
   std::map<std::string, std::string> seen;
   for (const std::string& path : options.recordPaths) {
-    std::string error;
-    std::optional<Dictionary> record = readRecordFile(path, &error);
-    if (!record) throw CommandError(error);
-    if (!record->get(kEngineRecordEntityNameKey).asString())
+    Dictionary record = recordFile(path).orFail();
+    if (!record.get(kEngineRecordEntityNameKey).asString())
       throw CommandError(path + ": the record has no \"" + std::string(kEngineRecordEntityNameKey) +
                          "\" text");
     const std::string identifier = std::filesystem::path(path).stem().string();
     if (auto [it, added] = seen.emplace(identifier, path); !added)
       throw CommandError(path + ": names the same record as " + it->second);
-    inputs.push_back({identifier, std::move(*record)});
+    inputs.push_back({identifier, std::move(record)});
   }
 
   SyncResult result;
@@ -214,7 +244,8 @@ void sync(const SyncOptions& options) {
   for (const SyncRecordReport& record : result.report.records)
     if (record.outcome == SyncOutcome::rejected)
       std::cerr << "phoneconduit: " << record.identifier << ": rejected: " << record.reason << "\n";
-  std::cout << (options.report == "json" ? jsonReport(result.report) : textReport(result.report))
+  if (report.kind == "html") writeFile(report.htmlPath, htmlReport(htmlPage(result.report, options.devicePath)));
+  std::cout << (report.kind == "json" ? jsonDocument(jsonReport(result.report)) : textReport(result.report))
             << std::flush;
   if (result.report.summary.rejected) throw CommandStatus(kSomeRecordsRejected);
 }
@@ -270,20 +301,25 @@ void addSyncCommands(CLI::App& app) {
   command->add_option("--format-version", options->version,
                       "format version of the description (default: 2 when it has \"Formatting\", "
                       "else 1)");
-  command->add_option("--report", options->report, "text (default) or json, for scripts")
-      ->check(CLI::IsMember({"text", "json"}));
+  addReportOption(command, options->report);
   command->add_flag("--log", options->log, "keep the conduit's own error log on standard error");
   command->footer(
       "Each record is reported as sent as is, reduced (each field, with the part of the "
       "description that removed it), exploded into N events, rejected (why), or changed on the "
       "phone (the phone's version is kept), then a summary line. A second run with nothing "
       "changed rewrites nothing. Exit status: 0 success, 1 bad input (a corrupt store file is "
-      "named), 2 bad command line, 3 some records rejected.\n\n"
+      "named), 2 bad command line, 3 some records rejected. With --report html FILE the same "
+      "report is also written as one page to open in a browser: each record's engine and phone "
+      "forms side by side, a filter by outcome and a search box.\n\n"
       "Example:\n"
       "  phoneconduit sync --device examples/devices/full-phone.plist \\\n"
       "      --entities examples/devices/full-phone.entities.plist \\\n"
       "      --variables examples/devices/full-phone.variables.plist \\\n"
-      "      --phone /tmp/phone examples/records/contacts/*.plist\n\n"
+      "      --phone /tmp/phone examples/records/contacts/*.plist\n"
+      "  phoneconduit sync --device examples/devices/flip-phone.plist \\\n"
+      "      --entities examples/devices/flip-phone.entities.plist \\\n"
+      "      --variables examples/devices/flip-phone.variables.plist \\\n"
+      "      --phone /tmp/flip --report html /tmp/flip.html examples/records/calendar/*.plist\n\n"
       "With --store, entries added, changed or deleted on the phone are carried into the store "
       "(what the phone cannot hold stays), the store's changes reach the phone, and each is "
       "reported: added on the phone, changed on the phone (carried into the engine), deleted on "

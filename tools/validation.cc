@@ -9,6 +9,7 @@
 #include "calcore/CALDateTime.h"
 #include "calcore/CALFloatingDateTime.h"
 #include "calcore/calcdate.h"
+#include "command_support.h"
 #include "commands.h"
 #include "platform/PropertyList.h"
 #include "util/PHCMangling.h"
@@ -123,17 +124,11 @@ CalendarDate Field::date() const {
 }
 
 Field readRecordInput(const std::string& path) {
-  std::string error;
-  std::optional<Dictionary> record = readRecordFile(path, &error);
-  if (!record) throw CommandError(error);
-  return Field(path, *record);
+  return Field(path, recordFile(path).orFail());
 }
 
 Field readPropertyListInput(const std::string& path) {
-  PropertyListError error;
-  const std::optional<Value> contents = PropertyList::fromFile(path, &error);
-  if (!contents) throw CommandError(fmt::format("{}: {}", path, error.description()));
-  Field field(path, *contents);
+  Field field(path, propertyListFile(path).orFail());
   field.dictionary();
   return field;
 }
@@ -159,10 +154,9 @@ CALDateRef dateOption(const std::string& text, std::string_view option) {
                        : shape == "99999999T999999+9999"        ? kCALDateIsoZonedFormat
                                                                 : nullptr;
   if (!format) return fail("not a date (20060315, 20060315T101500 or 20060315T101500+0100)");
-  std::string error;
-  const std::optional<CalendarDate> parsed = CalendarDate::dateWithString(text, format, nullptr, &error);
-  if (!parsed) return fail(fmt::format("not a date: {}", error));
-  if (const std::string problem = unsupportedYear(*parsed); !problem.empty()) return fail(problem);
+  const Result<CalendarDate> parsed = dateFromText(text, format);
+  if (!parsed) return fail(fmt::format("not a date: {}", parsed.failure().message));
+  if (const std::string problem = unsupportedYear(parsed.value()); !problem.empty()) return fail(problem);
   if (format == kCALDateIsoDateFormat) return CALDate::dateWithString<CALDateOnly>(text, format);
   if (format == kCALDateIsoFloatingFormat) return CALDate::dateWithString<CALFloatingDateTime>(text, format);
   return CALDate::dateWithString<CALDateTime>(text, format);

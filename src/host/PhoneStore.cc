@@ -1,8 +1,11 @@
 #include "host/PhoneStore.h"
 
 #include <filesystem>
+#include <set>
 
+#include "async/Log.h"
 #include "engine/SchemaNames.h"
+#include "host/PhoneStoreFormat.h"
 #include "platform/FileIO.h"
 #include "util/PHCMangling.h"
 
@@ -15,14 +18,91 @@ constexpr const char* kRecordsKey = "Records";
 constexpr const char* kIdentifierKey = "identifier";
 constexpr const char* kFieldsKey = "fields";
 
+const std::string& storeLogDomain() {
+  static const std::string domain = ".sync.PhoneStore";
+  return domain;
+}
+
 void setError(std::string* error, std::string text) {
   if (error) *error = std::move(text);
 }
 
 }  // namespace
 
+void PhoneStore::setFormat(const std::string& dataClass, std::shared_ptr<const PhoneStoreFormat> format) {
+  if (format) _formats[dataClass] = std::move(format);
+  else _formats.erase(dataClass);
+}
+
 std::string PhoneStore::pathForDataClass(const std::string& dataClass) const {
-  return (std::filesystem::path(_directory) / (dataClass + ".plist")).string();
+  const auto format = _formats.find(dataClass);
+  const std::string extension = format == _formats.end() ? "plist" : format->second->fileExtension();
+  return (std::filesystem::path(_directory) / (dataClass + "." + extension)).string();
+}
+
+namespace {
+
+// The key by which an inlined sub-record names its master ("contact",
+// "owner"), which the phone's formats leave out: it is the entry's own
+// identifier.
+const char* backRelationKey(const std::string& entity) {
+  return entity.rfind("Contacts.", 0) == 0 ? "contact" : "owner";
+}
+
+// Calls `operation` on every inlined sub-record of `fields`.
+template <class Operation>
+void forEachSubRecord(const Dictionary& fields, Operation operation) {
+  for (const auto& [key, value] : fields)
+    if (std::optional<Array> list = value.asArray())
+      for (const Value& item : *list)
+        if (std::optional<Dictionary> sub = item.asDictionary()) operation(*sub);
+}
+
+}  // namespace
+
+std::optional<PhoneStoreContents> PhoneStore::contentsOf(const std::string& dataClass, std::string_view bytes,
+                                                         const std::string& path, std::string* error) const {
+  const auto format = _formats.find(dataClass);
+  if (format == _formats.end()) return contentsFromBytes(bytes, path, error);
+  VFormatReadResult read = format->second->contentsFromText(bytes);
+  // A file cut short, or of which nothing reads, is not the phone's: the
+  // run stops rather than take its entries for deleted.
+  if ((read.cutShort || read.records.empty()) && !read.problems.empty()) {
+    const ContentProblem& first = read.cutShort ? read.problems.back() : read.problems.front();
+    setError(error, path + ": line " + std::to_string(first.line) + ": " + first.message);
+    return std::nullopt;
+  }
+  for (const ContentProblem& problem : read.problems)
+    QVT_LOG(kLogWarning, storeLogDomain(), "{}:{}: {}", path, problem.line, problem.message);
+  std::set<std::string> identifiers;
+  for (const PhoneStoreRecord& record : read.records) identifiers.insert(record.identifier);
+  std::size_t next = 1;
+  for (PhoneStoreRecord& record : read.records) {
+    if (!record.identifier.empty()) continue;
+    while (identifiers.count("new-" + std::to_string(next))) ++next;
+    record.identifier = "new-" + std::to_string(next++);
+  }
+  for (PhoneStoreRecord& record : read.records) {
+    const Array master{Value(record.identifier)};
+    forEachSubRecord(record.fields, [&](Dictionary sub) { sub.set(backRelationKey(record.entity), master); });
+  }
+  return PhoneStoreContents{dataClass, std::move(read.records)};
+}
+
+std::optional<std::string> PhoneStore::bytesOf(const PhoneStoreContents& contents, std::string* error) const {
+  const auto format = _formats.find(contents.dataClass);
+  if (format == _formats.end()) return bytesForContents(contents, error);
+  PhoneStoreContents written{contents.dataClass, {}};
+  written.records.reserve(contents.records.size());
+  for (const PhoneStoreRecord& record : contents.records) {
+    written.records.push_back({record.identifier, record.entity, record.fields.deepCopy()});
+    const Value master(Array{Value(record.identifier)});
+    forEachSubRecord(written.records.back().fields, [&](Dictionary sub) {
+      if (const Value* owner = sub.find(backRelationKey(record.entity)); owner && *owner == master)
+        sub.remove(backRelationKey(record.entity));
+    });
+  }
+  return format->second->textForContents(written);
 }
 
 bool PhoneStore::hasDataClass(const std::string& dataClass) const {
@@ -91,7 +171,7 @@ std::optional<PhoneStoreContents> PhoneStore::read(const std::string& dataClass,
     return PhoneStoreContents{dataClass, {}};
   std::optional<std::string> text = readWholeFile(path, error);
   if (!text) return std::nullopt;
-  std::optional<PhoneStoreContents> contents = contentsFromBytes(*text, path, error);
+  std::optional<PhoneStoreContents> contents = contentsOf(dataClass, *text, path, error);
   if (contents && contents->dataClass != dataClass) {
     setError(error, path + ": " + kDataClassKey + ": holds \"" + contents->dataClass +
                         "\", not \"" + dataClass + "\"");
@@ -102,7 +182,7 @@ std::optional<PhoneStoreContents> PhoneStore::read(const std::string& dataClass,
 
 PhoneStore::WriteResult PhoneStore::write(const PhoneStoreContents& contents, std::string* error) {
   const std::string path = pathForDataClass(contents.dataClass);
-  std::optional<std::string> bytes = bytesForContents(contents, error);
+  std::optional<std::string> bytes = bytesOf(contents, error);
   if (!bytes) {
     if (error) *error = path + ": " + *error;
     return WriteResult::failed;

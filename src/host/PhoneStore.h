@@ -21,6 +21,8 @@
 //   store.write(*contents, &error);
 
 #include <cstddef>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -29,6 +31,8 @@
 #include "platform/Value.h"
 
 namespace pc {
+
+class PhoneStoreFormat;
 
 struct PhoneStoreRecord {
   std::string identifier;
@@ -48,6 +52,11 @@ class PhoneStore {
   explicit PhoneStore(std::string directory) : _directory(std::move(directory)) {}
 
   const std::string& directory() const { return _directory; }
+  // Keeps the data class in `format` (its parser's: "<data class>.vcf" of
+  // vCards...) rather than in the store's property list. Lines the format
+  // skips when reading are logged with the file and line; an entry without
+  // an identifier (added on the phone by hand) is given "new-<n>".
+  void setFormat(const std::string& dataClass, std::shared_ptr<const PhoneStoreFormat> format);
   std::string pathForDataClass(const std::string& dataClass) const;
   bool hasDataClass(const std::string& dataClass) const;
 
@@ -75,7 +84,12 @@ class PhoneStore {
   void interruptWritesAfter(std::optional<std::size_t> bytes) { _interruptAfter = bytes; }
 
  private:
+  std::optional<PhoneStoreContents> contentsOf(const std::string& dataClass, std::string_view bytes,
+                                               const std::string& path, std::string* error) const;
+  std::optional<std::string> bytesOf(const PhoneStoreContents& contents, std::string* error) const;
+
   std::string _directory;
+  std::map<std::string, std::shared_ptr<const PhoneStoreFormat>> _formats;
   std::optional<std::size_t> _interruptAfter;
 };
 

@@ -19,10 +19,12 @@
 #include "formatting/EntityFormatter.h"
 #include "platform/HostInterfaces.h"
 #include "host/PhoneStore.h"
+#include "host/VFormatParsers.h"
 #include "host/ReferenceHost.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
+#include "transformers/CalendarUtilities.h"
 
 namespace pc {
 
@@ -497,6 +499,7 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
   const CalendarDate windowEnd = SyncSettings::qvt_rightExpansionWindow(settings.values);
 
   PhoneStore store(run.phoneDirectory);
+  usePhoneParsers(store, phone.phoneSide->phone());
   std::vector<std::string> dataClasses;  // in the order records first name them
   std::map<std::string, PhoneStoreContents> previous;
   auto noteDataClass = [&](const std::string& dataClass) -> bool {
@@ -546,8 +549,16 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
     if (differingFields(found->second->fields, phoneRecord).empty()) return false;
     RecordHolder holder(engineRecord, phoneIdentifier);
     for (const auto& [key, value] : holderProperties) holder.setProperty(value, key.stringValue());
-    const Dictionary phoneForm =
+    Dictionary phoneForm =
         unmangled(found->second->fields.deepCopy(), found->second->entity, holder);
+    // A phone of instants answers a timed event in its own zone, where the
+    // start may fall on another day and the rule names that day: it is
+    // compared in the event's zone, as the prediction was formatted.
+    const Value engineStart = engineRecord.get(kCalendarsEventStartDate);
+    if (found->second->entity == kCalendarsEvent && engineStart.isDate() &&
+        !CalendarUtilities::isAllDayEvent(phoneForm))
+      CalendarUtilities::convertDatesInTimeZone(phoneForm, nullptr, engineStart.date().timeZone(),
+                                                false, false, false);
     std::vector<std::string> fields =
         changedFields(prediction ? *prediction : Dictionary(), phoneForm, engineRecord);
     if (fields.empty()) fields = differingFields(phoneRecord, found->second->fields);
@@ -653,6 +664,7 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
         }
         FormattingOutcome formatted = phone.phoneSide->formatRecord(single.mutableDictionary());
         if (!formatted.record) continue;
+        if (run.keepRecords) entry.singleEvents.push_back({occurrence, *formatted.record});
         // The prediction is needed only to judge a single event the phone
         // holds already.
         std::optional<Dictionary> prediction;

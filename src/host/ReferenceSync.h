@@ -93,6 +93,9 @@ struct SyncRecordReport {
   std::optional<Dictionary> prediction;
   std::optional<Dictionary> roundTrip;
   std::optional<SplitRecord> engineRecords;
+  // An exploded event's single events as the phone gets them (identifier
+  // and formatted record), when the caller keeps the records.
+  std::vector<SyncInput> singleEvents;
 };
 
 struct SyncSummary {

@@ -15,6 +15,7 @@
 #include "engine/SchemaNames.h"
 #include "host/PhoneStore.h"
 #include "conduit/SyncSettings.h"
+#include "host/VFormatParsers.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
@@ -118,6 +119,7 @@ bool formatAll(const StoreSyncRun& run, const SqliteEngine& store,
     return false;
   }
   PhoneStore formatted(folder.path().string());
+  usePhoneParsers(formatted, formatting.deviceDescription);
   for (const std::string& dataClass : dataClasses) {
     std::optional<PhoneStoreContents> contents = formatted.read(dataClass, &error);
     if (!contents) return false;
@@ -321,6 +323,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
           dataClasses.push_back(*dataClass);
 
   PhoneStore phone(run.phone.phoneDirectory);
+  usePhoneParsers(phone, run.phone.deviceDescription);
   std::map<std::string, PhoneStoreContents> onPhone;
   for (const std::string& dataClass : dataClasses) {
     std::optional<PhoneStoreContents> contents = phone.read(dataClass, &result.error);

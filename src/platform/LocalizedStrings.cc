@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
@@ -138,6 +139,13 @@ std::vector<std::string> localizedStringDirectories() {
   std::vector<std::string> directories;
   const std::string chosen = environment("PHONECONDUIT_LOCALEDIR");
   if (!chosen.empty()) directories.push_back(chosen);
+#ifdef PC_RELATIVE_LOCALE_DIR
+  // Beside the installed program (<prefix>/bin/../share/locale), so that an
+  // install moved to another prefix, or staged under DESTDIR, finds its own.
+  std::error_code error;
+  const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+  if (!error) directories.push_back((program.parent_path() / PC_RELATIVE_LOCALE_DIR).string());
+#endif
 #ifdef PC_BUILD_LOCALE_DIR
   directories.push_back(PC_BUILD_LOCALE_DIR);
 #endif

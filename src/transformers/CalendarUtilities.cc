@@ -409,8 +409,11 @@ void normalizeRecurrenceWithStartDate(Dictionary& recurrence,
 void qvt_normalizeAssembledEvent(Dictionary& event) {
   auto recurrences = event.getArray(kCalendarsEventRecurrences);
   if (!recurrences) return;
+  // Named rather than a temporary: GCC 12 at -O2 with ThreadSanitizer takes
+  // the destruction of a temporary empty optional for a use of its string.
+  static const std::optional<std::string> noWeekStartDay;
   normalizeRecurrencesWithStartDate(*recurrences, dateForKey(event, kCalendarsEventStartDate),
-                                    std::nullopt, event.getBool(kCalendarsEventAllDay), false);
+                                    noWeekStartDay, event.getBool(kCalendarsEventAllDay), false);
 }
 
 // --- Arrays ---

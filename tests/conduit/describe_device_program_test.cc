@@ -81,7 +81,7 @@ INSTANTIATE_TEST_SUITE_P(
                 "SyncDataClasses/Contacts/DataClassManager: 3 is not a class name or a dictionary with a \"Name\""},
         BadFile{"UnknownMimeType", false, "v2", "<string>text/x-vcard</string>", "<string>text/plain</string>",
                 "SyncDataClasses/Contacts/MimeType: \"text/plain\" is not one of text/x-vcard or text/x-vcalendar"},
-        BadFile{"UnknownParser", false, "v2", "<string>PropertyListParser</string>", "<string>NoParser</string>",
+        BadFile{"UnknownParser", false, "v2", "<string>VCardParser</string>", "<string>NoParser</string>",
                 "SyncDataClasses/Contacts/Parser: no parser class is named \"NoParser\""},
         BadFile{"NoDataClasses", false, "v1", "<key>SyncDataClasses</key>", "<key>DataClasses</key>",
                 "SyncDataClasses: missing: expected a dictionary of the data classes the phone syncs"}),

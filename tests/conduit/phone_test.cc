@@ -157,7 +157,7 @@ TEST_F(HostedPhoneTest, HelpersAreNewEachTimeExceptTheCanonicalOnes) {
   auto v2Helper = std::dynamic_pointer_cast<QVTSyncContactTransformer>(
       makePhone(exampleV2(), 2)->dataClassHelperForDataClassName(kContacts));
   ASSERT_TRUE(v2Helper);
-  EXPECT_TRUE(log.contains("ignored: Parser -> PropertyListParser"));
+  EXPECT_TRUE(log.contains("ignored: Parser -> VCardParser"));
 }
 
 TEST_F(HostedPhoneTest, HelperFailuresAnswerNothing) {

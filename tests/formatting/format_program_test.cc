@@ -8,8 +8,12 @@
 #include <map>
 #include <random>
 
+#include <nlohmann/json.hpp>
+
 #include "ExamplePhones.h"
 #include "host/PhoneStore.h"
+#include "host/VFormatParsers.h"
+#include "platform/PropertyList.h"
 #include "util/PHCMangling.h"
 #include "support/ProgramRun.h"
 
@@ -105,8 +109,24 @@ TEST_F(FormatProgramTest, FormatPrintsRecordsAndCountsRejectedOnes) {
 
   const ProgramRun json = runForOutput(arguments + " --report json");
   EXPECT_EQ(json.status, 3);
-  EXPECT_THAT(json.output, HasSubstr("\"formatted\": 1, \"rejected\": 1"));
-  EXPECT_THAT(json.output, HasSubstr("\"status\": \"rejected\", \"reason\": \""));
+  const nlohmann::json report = nlohmann::json::parse(json.output);
+  EXPECT_EQ(report.at("formatted"), 1);
+  EXPECT_EQ(report.at("rejected"), 1);
+  EXPECT_EQ(report.at("records").at(1).at("status"), "rejected");
+  EXPECT_FALSE(report.at("records").at(1).at("reason").get<std::string>().empty());
+
+  // The html page holds both records, the rejection's reason, and the
+  // formatted record beside its input.
+  const std::string page = scratchFolder("html-report") + "/page.html";
+  const ProgramRun html = runForOutput(arguments + " --report html " + page);
+  EXPECT_EQ(html.status, 3);
+  const std::string text = fileText(page);
+  EXPECT_THAT(text, HasSubstr("<span class=\"identifier\">" + task + "</span>"));
+  EXPECT_THAT(text, HasSubstr("data-outcome=\"rejected\""));
+  EXPECT_THAT(text, HasSubstr("data-outcome=\"formatted\""));
+  EXPECT_THAT(text, HasSubstr(json.output.empty() ? "" : report.at("records").at(1).at("reason").get<std::string>()));
+  EXPECT_THAT(text, HasSubstr("<h3>Engine</h3><table>"));
+  EXPECT_THAT(text, HasSubstr("<h3>Phone</h3><table>"));
 
   // With an output folder, the formatted records are files named after their
   // inputs and nothing is printed.
@@ -118,6 +138,39 @@ TEST_F(FormatProgramTest, FormatPrintsRecordsAndCountsRejectedOnes) {
   ASSERT_TRUE(written) << error;
   EXPECT_EQ(written->getString("entityName"), "Calendars.Event");
   EXPECT_FALSE(std::filesystem::exists(folder + "/task-01.plist"));
+}
+
+// Texts in a JSON report are data from files: control characters, quotes and
+// backslashes are escaped, and bytes that are not UTF-8 become U+FFFD, so the
+// report always parses (nlohmann's parser refuses invalid UTF-8). The engine
+// side formats in memory: the phone side would write such names into the
+// phone's store, which refuses control characters.
+TEST_F(FormatProgramTest, JsonReportsEscapeControlCharactersAndInvalidUtf8) {
+  const ExamplePhone basic{"basic-phone", {}, {}, {}};
+  const std::string folder = scratchFolder("json-escaping");
+  struct Case {
+    std::string name;      // file name without ".plist"
+    std::string reported;  // as the report's "file" ends
+  };
+  const std::vector<Case> cases = {
+      {"tab\tand\x01" "bell\x07", "tab\tand\x01" "bell\x07"},
+      {"quote\"back\\slash", "quote\"back\\slash"},
+      {"latin1-\xe9t\xe9", "latin1-\uFFFDt\uFFFD"},
+      {"cut-\xc3", "cut-\uFFFD"},
+      {"greek-\u03b1\u03b2", "greek-\u03b1\u03b2"},
+  };
+  const std::string contactText = fileText(contact("01-latin-alicemartin.plist"));
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.reported);
+    const std::string path = writeFile(folder, c.name + ".plist", contactText);
+    const ProgramRun run = runForOutput("format --engine-side --report json " + basic.programArguments() + " '" + path + "'");
+    ASSERT_EQ(run.status, 0) << run.output;
+    nlohmann::json report;
+    ASSERT_NO_THROW(report = nlohmann::json::parse(run.output)) << run.output;
+    const std::string file = report.at("records").at(0).at("file");
+    EXPECT_EQ(file.substr(file.rfind('/') + 1), c.reported + ".plist");
+    for (const char raw : run.output) EXPECT_FALSE(static_cast<unsigned char>(raw) < 0x20 && raw != '\n');
+  }
 }
 
 // "$name" variables come from the connected device; the engine side, which
@@ -199,6 +252,11 @@ TEST_F(FormatProgramTest, DamagedRecordFilesNeverCrashTheProgram) {
 // format shows each record as sync writes it to the phone: every example
 // record on every example phone, the single events of an exploded event
 // included, with the same window.
+Dictionary readExampleDictionary(const std::string& path) {
+  const std::optional<Value> value = PropertyList::fromFile(path);
+  return value && value->isDictionary() ? value->dictionary() : Dictionary();
+}
+
 TEST_F(FormatProgramTest, FormatGivesThePhoneFormSyncWrites) {
   std::string records;
   for (const ExampleRecord& example : exampleRecords()) records += " " + example.path;
@@ -219,7 +277,9 @@ TEST_F(FormatProgramTest, FormatGivesThePhoneFormSyncWrites) {
     bool exploded = false;
     for (const char* dataClass : {"Contacts", "Calendars"}) {
       std::string error;
-      const std::optional<PhoneStoreContents> store = PhoneStore(folder + "/phone").read(dataClass, &error);
+      PhoneStore phoneStore(folder + "/phone");
+      usePhoneParsers(phoneStore, readExampleDictionary(phone.devicePath()));
+      const std::optional<PhoneStoreContents> store = phoneStore.read(dataClass, &error);
       ASSERT_TRUE(store) << error;
       for (const PhoneStoreRecord& record : store->records) {
         const std::string stem = record.identifier.substr(0, record.identifier.find_first_of("#/"));

@@ -12,6 +12,8 @@
 
 #include "engine/SqliteEngine.h"
 #include "host/PhoneStore.h"
+#include "host/VFormatParsers.h"
+#include "platform/PropertyList.h"
 #include "support/ProgramRun.h"
 
 namespace pc {
@@ -50,8 +52,14 @@ class StoreSyncProgramTest : public testing::ProgramTest {
            examplePath("devices/full-phone.variables.plist") + " --phone " + phone +
            " --anchor-date 20261101" + extra;
   }
+  // The phone's store as the full phone keeps it (vCards, vCalendars).
+  PhoneStore phoneStore() const {
+    PhoneStore store(phone);
+    usePhoneParsers(store, PropertyList::fromFile(examplePath("devices/full-phone.plist"))->dictionary());
+    return store;
+  }
   void editOnPhone(const std::string& identifier, const std::string& key, const std::string& value) {
-    PhoneStore contents(phone);
+    PhoneStore contents = phoneStore();
     auto contacts = contents.read("Contacts");
     ASSERT_TRUE(contacts);
     for (PhoneStoreRecord& entry : contacts->records)
@@ -99,13 +107,13 @@ TEST_F(StoreSyncProgramTest, PhoneEditIsCarriedIntoTheStoreAndReported) {
 
 TEST_F(StoreSyncProgramTest, BadInputIsNamedAndNothingIsWritten) {
   ASSERT_EQ(runProgram(sync()).status, 0);
-  const std::string contacts = (fs::path(phone) / "Contacts.plist").string();
+  const std::string contacts = (fs::path(phone) / "Contacts.vcf").string();
   const std::string before = testing::fileText(contacts);
-  std::ofstream(fs::path(phone) / "Calendars.plist") << "<plist><dict>";
+  std::ofstream(fs::path(phone) / "Calendars.vcs") << "BEGIN:VCALENDAR\r\nBEGIN:VEVENT\r\nSUMMARY:cut\r\n";
   const ProgramRun broken = runProgram(sync());
   EXPECT_EQ(broken.status, 1);
   EXPECT_EQ(broken.standardOutput, "");
-  EXPECT_NE(broken.standardError.find("Calendars.plist"), std::string::npos) << broken.standardError;
+  EXPECT_NE(broken.standardError.find("Calendars.vcs"), std::string::npos) << broken.standardError;
   EXPECT_EQ(testing::fileText(contacts), before);
 
   std::ofstream(store, std::ios::trunc) << "not a store";
@@ -119,7 +127,7 @@ TEST_F(StoreSyncProgramTest, BadInputIsNamedAndNothingIsWritten) {
 // --first-sync chooses what a first sync does with entries the phone holds
 // already; a mode it does not know is a bad command line.
 TEST_F(StoreSyncProgramTest, FirstSyncModeIsChosenOnTheCommandLine) {
-  PhoneStore contents(phone);
+  PhoneStore contents = phoneStore();
   PhoneStoreContents own{"Contacts", {{"phone-own", "Contacts.Contact",
                                        Dictionary{{"firstName", "Phone"}, {"lastName", "Only"}}}}};
   ASSERT_NE(contents.write(own), PhoneStore::WriteResult::failed);
@@ -158,7 +166,7 @@ TEST_F(StoreSyncProgramTest, KilledRunIsCaughtUpByTheNextOne) {
   ASSERT_TRUE(engine);
   EXPECT_EQ(engine->count(), 3u);
   EXPECT_EQ(engine->recordWithIdentifier("02-latin-brunolefvre")->getString("lastName"), "Killed-run");
-  EXPECT_EQ(PhoneStore(phone).read("Contacts")->records.size(), 2u);
+  EXPECT_EQ(phoneStore().read("Contacts")->records.size(), 2u);
   EXPECT_NE(runProgram(sync()).standardOutput.find("; 0 files written"), std::string::npos);
 }
 

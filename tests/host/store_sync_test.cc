@@ -17,6 +17,7 @@
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
 #include "host/PhoneStore.h"
+#include "host/VFormatParsers.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
@@ -84,13 +85,17 @@ class StoreSyncFixture {
   }
   PhoneStoreContents phoneContents(const std::string& dataClass) const {
     std::string error;
-    auto contents = PhoneStore(run.phone.phoneDirectory).read(dataClass, &error);
+    PhoneStore store(run.phone.phoneDirectory);
+    usePhoneParsers(store, run.phone.deviceDescription);
+    auto contents = store.read(dataClass, &error);
     EXPECT_TRUE(contents) << error;
     return contents.value_or(PhoneStoreContents{dataClass, {}});
   }
   void writePhone(const PhoneStoreContents& contents) {
     std::string error;
-    EXPECT_NE(PhoneStore(run.phone.phoneDirectory).write(contents, &error),
+    PhoneStore store(run.phone.phoneDirectory);
+    usePhoneParsers(store, run.phone.deviceDescription);
+    EXPECT_NE(store.write(contents, &error),
               PhoneStore::WriteResult::failed)
         << error;
   }
@@ -390,9 +395,9 @@ TEST_F(StoreSyncTest, UnreadablePhoneFileStopsTheRunBeforeAnythingIsWritten) {
   auto f = make("corrupt");
   f->sync();
   const std::int64_t counter = f->store->changeCounter();
-  std::ofstream(fs::path(f->run.phone.phoneDirectory) / "Contacts.plist") << "<plist><dict>";
+  std::ofstream(fs::path(f->run.phone.phoneDirectory) / "Contacts.vcf") << "BEGIN:VCARD\r\nN:Cut;Short\r\n";
   const StoreSyncResult result = StoreSync::run(*f->store, f->run);
-  EXPECT_NE(result.error.find("Contacts.plist"), std::string::npos) << result.error;
+  EXPECT_NE(result.error.find("Contacts.vcf"), std::string::npos) << result.error;
   EXPECT_EQ(f->store->changeCounter(), counter);
 }
 
@@ -452,7 +457,7 @@ TEST_F(StoreSyncTest, DryRunReportsAndWritesNothing) {
   const StoreSyncResult result = f->sync();
   EXPECT_GT(result.summary.sent + result.summary.reduced, 0u);
   EXPECT_TRUE(result.filesWritten.empty());
-  EXPECT_FALSE(fs::exists(fs::path(f->run.phone.phoneDirectory) / "Contacts.plist"));
+  EXPECT_FALSE(fs::exists(fs::path(f->run.phone.phoneDirectory) / "Contacts.vcf"));
   EXPECT_TRUE(f->store->syncedEntries("phone").empty());
 }
 

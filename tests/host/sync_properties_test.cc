@@ -19,6 +19,7 @@
 #include "host/DeviceFormatting.h"
 #include "host/PhoneStore.h"
 #include "host/ReferenceSync.h"
+#include "host/VFormatParsers.h"
 #include "platform/PropertyList.h"
 #include "util/PHCMangling.h"
 
@@ -202,7 +203,9 @@ TEST_P(SyncPropertiesTest, PredictionEqualsRoundTripAndNothingIsSilentlyLost) {
 // rings as far before it as the engine's alarm rings before the event.
 TEST_P(SyncPropertiesTest, ExplodedEventsFallOnTheEnginesOccurrences) {
   const SyncReport report = sync();
-  const auto calendars = PhoneStore(run.phoneDirectory).read("Calendars");
+  PhoneStore store(run.phoneDirectory);
+  usePhoneParsers(store, run.deviceDescription);
+  const auto calendars = store.read("Calendars");
   Dictionary settings;
   settings.set(kAnchorDateKey, Value(*run.anchorDate));
   const CALDateRef from =
@@ -311,6 +314,7 @@ TEST_P(SyncPropertiesTest, FormattingIsIdempotentAndASecondRunChangesNothing) {
 TEST_P(SyncPropertiesTest, AChangeOnThePhoneIsToldFromALoss) {
   sync();
   PhoneStore store(run.phoneDirectory);
+  usePhoneParsers(store, run.deviceDescription);
   auto contacts = store.read("Contacts");
   ASSERT_TRUE(contacts);
   ASSERT_FALSE(contacts->records.empty());
@@ -343,6 +347,7 @@ TEST_P(SyncPropertiesTest, AChangeOnThePhoneIsToldFromALoss) {
 TEST_P(SyncPropertiesTest, ACorruptStoreFileStopsTheRunNamingIt) {
   sync();
   PhoneStore store(run.phoneDirectory);
+  usePhoneParsers(store, run.deviceDescription);
   const std::string calendars = store.pathForDataClass("Calendars");
   const std::string contacts = store.pathForDataClass("Contacts");
   std::string text;
@@ -396,7 +401,9 @@ TEST(SyncWindowTest, ExplodedEventsFollowTheWindow) {
     ASSERT_EQ(result.report.records.size(), 1u);
     EXPECT_EQ(result.report.records[0].outcome, SyncOutcome::exploded);
     events.push_back(result.report.records[0].events);
-    const auto stored = PhoneStore(run.phoneDirectory).read("Calendars");
+    PhoneStore store(run.phoneDirectory);
+    usePhoneParsers(store, run.deviceDescription);
+    const auto stored = store.read("Calendars");
     ASSERT_TRUE(stored);
     EXPECT_EQ(stored->records.size(), events.back());
   }

@@ -11,6 +11,7 @@
 #include "calcore/CALTimeRange.h"
 #include "engine/MemoryEngine.h"
 #include "host/PhoneStore.h"
+#include "host/VFormatParsers.h"
 #include "host/ReferenceSync.h"
 #include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
@@ -83,6 +84,7 @@ class SyncZonesTest : public ::testing::Test {
     run.formatting.variables = readDictionary(kDevices + phone + ".variables.plist");
     const Dictionary clientValues = readDictionary(kDevices + phone + ".client.plist");
     if (!clientValues.empty()) {
+      std::filesystem::create_directories(folder);
       run.formatting.clientStorePath = folder + "/" + phone + ".client.plist";
       MemorySyncEngineClient client(run.formatting.clientIdentifier, "test", Array(),
                                     run.formatting.clientStorePath);
@@ -96,7 +98,9 @@ class SyncZonesTest : public ::testing::Test {
     return result.report;
   }
   std::vector<PhoneStoreRecord> stored(const std::string& dataClass) {
-    auto contents = PhoneStore(run.phoneDirectory).read(dataClass);
+    PhoneStore store(run.phoneDirectory);
+    usePhoneParsers(store, run.deviceDescription);
+    auto contents = store.read(dataClass);
     return contents ? contents->records : std::vector<PhoneStoreRecord>{};
   }
 
@@ -139,8 +143,9 @@ TEST_F(SyncZonesTest, ExplodedOccurrencesFallOnTheirInstantsWithTheirOwnAlarms) 
 
 // The weekly Berlin event with two occurrences taken out (15 March 18:00 CET
 // and 5 April 18:00 CEST), on a phone that keeps date-only exception dates
-// and no zones: the dates come back as the occurrences they stand for, also
-// where the phone's zone changes daylight time on other dates than Berlin.
+// and no zones, and one occurrence moved: the dates come back as the
+// occurrences they stand for, also where the phone's zone changes daylight
+// time on other dates than Berlin, and the moved one's date is dropped.
 TEST_F(SyncZonesTest, ExceptionDatesComeBackAsTheirOccurrences) {
   use("flip-phone");
   run.keepRecords = true;
@@ -148,18 +153,32 @@ TEST_F(SyncZonesTest, ExceptionDatesComeBackAsTheirOccurrences) {
   const Array exceptions = array({date(2027, 3, 15, 18, 0, "Europe/Berlin"),
                                   date(2027, 4, 5, 18, 0, "Europe/Berlin")});
   event.set("exceptionDates", Value(exceptions));
+  // The 22 March occurrence moved to 20:00: the phone hides it from the rule
+  // with one more exception date, which must not come back.
+  event.set("detachedEvents",
+            Value(array({Value(dictionary({{"entityName", Value("Calendars.Event")},
+                                           {"summary", Value("Choir (moved)")},
+                                           {"originalDate", date(2027, 3, 22, 18, 0, "Europe/Berlin")},
+                                           {"startDate", date(2027, 3, 22, 20, 0, "Europe/Berlin")},
+                                           {"endDate", date(2027, 3, 22, 21, 0, "Europe/Berlin")}}))})));
   const SyncReport report = sync({{"choir", event}});
-  ASSERT_EQ(report.records.size(), 1u);
+  ASSERT_FALSE(report.records.empty());
   const SyncRecordReport& record = report.records[0];
+  ASSERT_EQ(record.identifier, "choir");
   if (record.outcome == SyncOutcome::exploded) {
     // Where Monday evening in Berlin is Tuesday on the phone, the rule goes
-    // as single events, without the two taken out.
-    EXPECT_EQ(record.events, 6u);
+    // as single events, without the two taken out and the moved one.
+    EXPECT_EQ(record.events, 5u);
     for (const PhoneStoreRecord& single : stored("Calendars"))
       for (const Value& exception : exceptions)
         EXPECT_NE(instant(single.fields.get("startDate")), instant(exception));
     return;
   }
+  // On the phone: the two taken out and the moved one.
+  const std::vector<PhoneStoreRecord> onPhone = stored("Calendars");
+  ASSERT_FALSE(onPhone.empty());
+  auto hidden = onPhone[0].fields.getArray("exceptionDates");
+  EXPECT_TRUE(hidden && hidden->count() == 3) << onPhone[0].fields.description();
   for (const SyncField& field : record.fields)
     EXPECT_EQ(field.field.find("exceptionDates"), std::string::npos) << field.field;
   ASSERT_TRUE(record.roundTrip);
@@ -238,6 +257,148 @@ TEST_F(SyncZonesTest, SubRecordsAreMatchedByContentBeforeTheirFields) {
   for (std::size_t i = 0; i < record.fields.size(); ++i) {
     EXPECT_EQ(record.fields[i].field, "phoneNumbers/" + std::to_string(i + 1));
     EXPECT_NE(record.fields[i].limit.find("perSubType"), std::string::npos) << record.fields[i].limit;
+  }
+}
+
+// Only the summary is edited on the phone between two runs, of the weekly
+// event held with its rule and alarm, and of one single event of the
+// exploded form: the report names the summary and nothing else.
+TEST_F(SyncZonesTest, APhoneEditOfTheSummaryReportsOnlyTheSummary) {
+  // The photo phone as set up, then the full phone.
+  for (const char* phone : {"photo-phone", "full-phone"}) {
+    SCOPED_TRACE(phone);
+    if (phone != std::string("photo-phone")) use(phone);
+    sync({{"choir", weeklyBerlinEvent()}});
+    PhoneStore store(run.phoneDirectory);
+    usePhoneParsers(store, run.deviceDescription);
+    auto contents = store.read("Calendars");
+    ASSERT_TRUE(contents && !contents->records.empty());
+    // The third single event when exploded: neither the first nor the last,
+    // and on the far side of no daylight-time change.
+    PhoneStoreRecord& edited = contents->records[std::min<std::size_t>(2, contents->records.size() - 1)];
+    edited.fields.set("summary", Value("Choir, room 4"));
+    ASSERT_EQ(store.write(*contents), PhoneStore::WriteResult::written);
+
+    const SyncReport report = sync({{"choir", weeklyBerlinEvent()}});
+    EXPECT_EQ(report.summary.changedOnPhone, 1u);
+    std::size_t changed = 0;
+    for (const SyncRecordReport& record : report.records) {
+      if (record.outcome != SyncOutcome::changedOnPhone) continue;
+      ++changed;
+      std::vector<std::string> fields;
+      // A single event's fields are named after it: "<occurrence>: summary".
+      for (const SyncField& field : record.fields)
+        fields.push_back(field.field.substr(field.field.find(": ") == std::string::npos
+                                                ? 0
+                                                : field.field.find(": ") + 2));
+      EXPECT_EQ(fields, std::vector<std::string>{"summary"}) << record.identifier;
+    }
+    EXPECT_EQ(changed, 1u);
+    std::filesystem::remove_all(run.phoneDirectory);
+  }
+}
+
+// The description's alarm and recurrence entries, each with the record it
+// acts on, through a whole run on the full phone.
+struct DescriptionCase {
+  const char* name;
+  const char* flag;
+  bool value;
+  Dictionary record;
+  // Checks the phone's form of the record.
+  void (*check)(const Dictionary& onPhone);
+};
+
+Dictionary withRule(Dictionary event, std::initializer_list<std::pair<const char*, Value>> rule) {
+  Dictionary recurrence = dictionary(rule);
+  recurrence.set("entityName", Value("Calendars.Recurrence"));
+  recurrence.set("frequency", Value("weekly"));
+  recurrence.set("interval", Value(std::int64_t{1}));
+  event.set("recurrences", Value(array({Value(recurrence)})));
+  return event;
+}
+
+Dictionary firstRule(const Dictionary& onPhone) {
+  auto rules = onPhone.getArray("recurrences");
+  return rules && rules->count() == 1 ? rules->at(0).dictionary() : Dictionary();
+}
+
+bool hasAlarm(const Dictionary& onPhone) {
+  for (const char* key : {"displayAlarms", "audioAlarms"})
+    if (auto alarms = onPhone.getArray(key); alarms && !alarms->empty()) return true;
+  return false;
+}
+
+TEST_F(SyncZonesTest, DescriptionEntriesActOnTheWholeRun) {
+  Dictionary allDay = dailyAllDayEvent();
+  allDay.remove("recurrences");
+  allDay.set("displayAlarms", weeklyBerlinEvent().get("displayAlarms"));
+  const Dictionary task = dictionary({
+      {"entityName", Value("Calendars.Task")},
+      {"summary", Value("Tax return")},
+      {"dueDate", date(2027, 3, 10, 9, 0, "Europe/Berlin")},
+      {"displayAlarms", weeklyBerlinEvent().get("displayAlarms")},
+  });
+  const DescriptionCase cases[] = {
+      {"task alarm kept off", "doNotSyncAlarmForTask", true, task,
+       [](const Dictionary& p) { EXPECT_FALSE(hasAlarm(p)) << p.description(); }},
+      {"task alarm sent", "doNotSyncAlarmForTask", false, task,
+       [](const Dictionary& p) { EXPECT_TRUE(hasAlarm(p)) << p.description(); }},
+      {"all-day alarm kept off", "doNotSyncAlarmForADE", true, allDay,
+       [](const Dictionary& p) { EXPECT_FALSE(hasAlarm(p)) << p.description(); }},
+      {"all-day alarm sent", "doNotSyncAlarmForADE", false, allDay,
+       [](const Dictionary& p) { EXPECT_TRUE(hasAlarm(p)) << p.description(); }},
+      // Five Mondays from 1 March: the last on 29 March 18:00 CEST.
+      {"count to until date", "needsToFormatCountToUntilDate", true,
+       withRule(weeklyBerlinEvent(), {{"count", Value(std::int64_t{5})}}),
+       [](const Dictionary& p) {
+         const Dictionary rule = firstRule(p);
+         EXPECT_FALSE(rule.contains("count") && !rule.get("count").isNull()) << p.description();
+         const double until = instant(rule.get("until"));
+         EXPECT_GE(until, instant(date(2027, 3, 29, 18, 0, "Europe/Berlin"))) << p.description();
+         EXPECT_LT(until, instant(date(2027, 4, 5, 18, 0, "Europe/Berlin"))) << p.description();
+       }},
+      {"until on a Friday to the last Monday", "needsToFormatUntilDateToLastOccurrence", true,
+       withRule(weeklyBerlinEvent(), {{"until", date(2027, 4, 2, 23, 59, "Europe/Berlin")}}),
+       [](const Dictionary& p) {
+         const Value until = firstRule(p).get("until");
+         ASSERT_TRUE(until.isDate()) << p.description();
+         EXPECT_GE(instant(until), instant(date(2027, 3, 29, 18, 0, "Europe/Berlin")));
+         EXPECT_LT(instant(until), instant(date(2027, 3, 30, 0, 0, "Europe/Berlin")))
+             << until.description();
+       }},
+      // The rule's week days in the week's order (the phone keeps rules anyway).
+      {"week days sorted", "hasFullRecurrence", true,
+       withRule(weeklyBerlinEvent(),
+                {{"until", date(2027, 4, 19, 23, 59, "Europe/Berlin")},
+                 {"bydaydays", Value(array({Value("friday"), Value("monday")}))},
+                 {"bydayfreq", Value(array({Value(std::int64_t{0}), Value(std::int64_t{0})}))}}),
+       [](const Dictionary& p) {
+         EXPECT_EQ(firstRule(p).get("bydaydays"), Value(array({Value("monday"), Value("friday")})))
+             << p.description();
+       }},
+  };
+  for (const DescriptionCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::filesystem::remove_all(folder);
+    use("full-phone");
+    Dictionary calendars = run.deviceDescription.getDictionary("SyncDataClasses")
+                               ->getDictionary("Calendars")
+                               .value();
+    calendars.set(c.flag, Value(c.value));
+    run.keepRecords = true;
+    const SyncReport report = sync({{"record", c.record}});
+    ASSERT_EQ(report.records.size(), 1u);
+    EXPECT_NE(report.records[0].outcome, SyncOutcome::rejected) << report.records[0].reason;
+    const std::vector<PhoneStoreRecord> held = stored("Calendars");
+    ASSERT_EQ(held.size(), 1u);
+    c.check(held[0].fields);
+    // Where the alarm goes to the phone, the engine-side prediction keeps it
+    // (relative) too.
+    if (std::string(c.name).find("alarm sent") != std::string::npos) {
+      ASSERT_TRUE(report.records[0].prediction);
+      EXPECT_TRUE(hasAlarm(*report.records[0].prediction)) << report.records[0].prediction->description();
+    }
   }
 }
 

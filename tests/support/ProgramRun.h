@@ -28,10 +28,10 @@ inline std::string fileText(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// `arguments` are read by the shell.
-inline ProgramRun runProgram(const std::string& arguments) {
+// Runs a shell command line, capturing its outputs.
+inline ProgramRun runShell(const std::string& commandLine) {
   const std::string errors = ::testing::TempDir() + "phoneconduit-stderr-" + std::to_string(getpid());
-  const std::string command = std::string(PC_PROGRAM) + " " + arguments + " 2>" + errors;
+  const std::string command = "{ " + commandLine + "; } 2>" + errors;
   ProgramRun run{-1, {}, {}, {}};
   FILE* pipe = popen(command.c_str(), "r");
   if (!pipe) return run;
@@ -43,6 +43,11 @@ inline ProgramRun runProgram(const std::string& arguments) {
   std::remove(errors.c_str());
   run.output = run.standardOutput + run.standardError;
   return run;
+}
+
+// `arguments` are read by the shell.
+inline ProgramRun runProgram(const std::string& arguments) {
+  return runShell(std::string(PC_PROGRAM) + " " + arguments);
 }
 
 // A path under examples/.

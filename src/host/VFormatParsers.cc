@@ -1,0 +1,127 @@
+#include "host/VFormatParsers.h"
+
+#include "conduit/CFPhone.h"
+#include "engine/SchemaNames.h"
+#include "platform/Registry.h"
+
+namespace pc {
+
+PC_REGISTER_CLASS(VCardParser, "");
+PC_REGISTER_CLASS(VCalendarParser, "");
+
+namespace {
+
+constexpr const char* kIdentifierKey = "identifier";
+
+PhoneStoreContents contentsFromRecords(const Array& records, const std::string& dataClass) {
+  PhoneStoreContents contents{dataClass, {}};
+  for (const Value& value : records) {
+    std::optional<Dictionary> record = value.asDictionary();
+    if (!record) continue;
+    Dictionary fields = record->copy();
+    const std::string identifier = fields.getString(kIdentifierKey);
+    const std::string entity = fields.getString(kEngineRecordEntityNameKey);
+    fields.remove(kIdentifierKey);
+    fields.remove(kEngineRecordEntityNameKey);
+    contents.records.push_back({identifier, entity, fields});
+  }
+  return contents;
+}
+
+Array recordsFromResult(const VFormatReadResult& result) {
+  Array records;
+  for (const PhoneStoreRecord& entry : result.records) {
+    Dictionary record = entry.fields.copy();
+    record.set(kEngineRecordEntityNameKey, entry.entity);
+    if (!entry.identifier.empty()) record.set(kIdentifierKey, entry.identifier);
+    records.add(record);
+  }
+  return records;
+}
+
+}  // namespace
+
+std::string parserClassForMimeType(std::string_view mimeType) {
+  if (mimeType == "text/x-vcard") return "VCardParser";
+  if (mimeType == "text/x-vcalendar") return "VCalendarParser";
+  return std::string();
+}
+
+void VCardParser::initWithPhone(CFPhone*, const std::optional<Dictionary>&) {
+  // The records the phone holds carry the engine's type names (the value
+  // mappings apply on the way back), which the codec writes and reads itself.
+  _options = {};
+}
+
+Data VCardParser::dataFromRecords(const Array& records) {
+  return Data::fromString(textForContents(contentsFromRecords(records, "Contacts")));
+}
+
+std::optional<Array> VCardParser::recordsFromData(const Data& data) {
+  return recordsFromResult(contentsFromText(data.asString()));
+}
+
+std::string VCardParser::textForContents(const PhoneStoreContents& contents) const {
+  return VCardCodec(_options).write(contents.records);
+}
+
+VFormatReadResult VCardParser::contentsFromText(std::string_view text) const {
+  return VCardCodec(_options).read(text);
+}
+
+void VCalendarParser::initWithPhone(CFPhone*, const std::optional<Dictionary>&) {
+  // Instants in UTC with their zones, whatever the phone: the transformer
+  // hands a phone without zones wall clocks read in a zone of its choosing
+  // (all-day and floating dates in GMT), which wall clocks of the phone's
+  // zone would move to another day. Files in the local form (TZ and
+  // DAYLIGHT) still read, as a phone sends them.
+  _options = {};
+}
+
+Data VCalendarParser::dataFromRecords(const Array& records) {
+  return Data::fromString(textForContents(contentsFromRecords(records, "Calendars")));
+}
+
+std::optional<Array> VCalendarParser::recordsFromData(const Data& data) {
+  return recordsFromResult(contentsFromText(data.asString()));
+}
+
+std::string VCalendarParser::textForContents(const PhoneStoreContents& contents) const {
+  return VCalendarCodec(_options).write(contents.records);
+}
+
+VFormatReadResult VCalendarParser::contentsFromText(std::string_view text) const {
+  return VCalendarCodec(_options).read(text);
+}
+
+void usePhoneParsers(PhoneStore& store, CFPhone* phone) {
+  if (!phone) return;
+  if (std::optional<Dictionary> description = phone->phoneConduitDescriptionWithVersion(nullptr))
+    usePhoneParsers(store, *description, phone);
+}
+
+void usePhoneParsers(PhoneStore& store, const Dictionary& description, CFPhone* phone) {
+  std::optional<Dictionary> classes = description.getDictionary("SyncDataClasses");
+  if (!classes) return;
+  for (const auto& [name, value] : *classes) {
+    const std::optional<Dictionary> info = value.asDictionary();
+    if (!name.isString() || !info) continue;
+    DeviceParserPtr parser;
+    if (phone && (info->contains("Parser") || info->contains("ParserService"))) {
+      parser = phone->parserForDeviceDataClass(name.string());
+    } else if (const Value named = info->get("Parser"); named.isString()) {
+      if ((parser = ClassRegistry::createAs<DeviceParser>(named.string()))) parser->initWithPhone(nullptr, std::nullopt);
+    }
+    if (!parser) {
+      // No parser named, or a service the host does not serve: the MIME type's.
+      std::string mimeType = info->getString("MimeType");
+      if (mimeType.empty() && name.string() == "Contacts") mimeType = "text/x-vcard";
+      if (mimeType.empty() && name.string() == "Calendars") mimeType = "text/x-vcalendar";
+      if (std::string className = parserClassForMimeType(mimeType); !className.empty())
+        if ((parser = ClassRegistry::createAs<DeviceParser>(className))) parser->initWithPhone(phone, std::nullopt);
+    }
+    store.setFormat(name.string(), std::dynamic_pointer_cast<const PhoneStoreFormat>(parser));
+  }
+}
+
+}  // namespace pc

@@ -1,0 +1,112 @@
+// The phone store in the phone's formats: which parser keeps a data class,
+// entries added by hand, and files that are not the phone's.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "host/PhoneStore.h"
+#include "host/VFormatParsers.h"
+#include "platform/Registry.h"
+#include "support/LogCapture.h"
+
+namespace pc {
+namespace {
+
+class VFormatStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    folder = ::testing::TempDir() + "vformat-store-" + std::to_string(::getpid()) + "-" +
+             ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder);
+    usePhoneParsers(store, description());
+  }
+  void TearDown() override { std::filesystem::remove_all(folder); }
+
+  // Contacts by MIME type, calendars by the parser named.
+  static Dictionary description() {
+    return Dictionary{{"SyncDataClasses",
+                       Dictionary{{"Contacts", Dictionary{{"MimeType", "text/x-vcard"}}},
+                                  {"Calendars", Dictionary{{"MimeType", "text/x-vcalendar"}, {"Parser", "VCalendarParser"}}},
+                                  {"Notes", Dictionary{{"MimeType", "text/plain"}}}}}};
+  }
+  void put(const std::string& name, const std::string& text) const {
+    std::ofstream(folder + "/" + name, std::ios::binary) << text;
+  }
+
+  std::string folder;
+  PhoneStore store{""};
+};
+
+TEST_F(VFormatStoreTest, EachDataClassIsKeptInItsParsersFormat) {
+  store = PhoneStore(folder);
+  usePhoneParsers(store, description());
+  EXPECT_EQ(std::filesystem::path(store.pathForDataClass("Contacts")).filename(), "Contacts.vcf");
+  EXPECT_EQ(std::filesystem::path(store.pathForDataClass("Calendars")).filename(), "Calendars.vcs");
+  EXPECT_EQ(std::filesystem::path(store.pathForDataClass("Notes")).filename(), "Notes.plist");
+
+  const PhoneStoreContents contacts{"Contacts", {{"c1", "Contacts.Contact", Dictionary{{"firstName", "Zoë"}}}}};
+  ASSERT_EQ(store.write(contacts), PhoneStore::WriteResult::written);
+  EXPECT_EQ(store.write(contacts), PhoneStore::WriteResult::unchanged);
+  const std::optional<PhoneStoreContents> back = store.read("Contacts");
+  ASSERT_TRUE(back);
+  ASSERT_EQ(back->records.size(), 1u);
+  EXPECT_EQ(back->records[0].identifier, "c1");
+  EXPECT_EQ(back->records[0].fields, contacts.records[0].fields);
+}
+
+TEST_F(VFormatStoreTest, EntriesAddedByHandGetIdentifiersAndBadLinesAreLogged) {
+  store = PhoneStore(folder);
+  usePhoneParsers(store, description());
+  test::LogCapture log;
+  put("Contacts.vcf",
+      "BEGIN:VCARD\r\nVERSION:2.1\r\nX-IRMC-LUID:new-1\r\nN:One;\r\nEND:VCARD\r\n"
+      "BEGIN:VCARD\r\nVERSION:2.1\r\nN:Two;\r\nbroken\r\nEND:VCARD\r\n"
+      "BEGIN:VCARD\r\nVERSION:2.1\r\nN:Three;\r\nEND:VCARD\r\n");
+  const std::optional<PhoneStoreContents> contents = store.read("Contacts");
+  ASSERT_TRUE(contents);
+  ASSERT_EQ(contents->records.size(), 3u);
+  EXPECT_EQ(contents->records[0].identifier, "new-1");
+  EXPECT_EQ(contents->records[1].identifier, "new-2");
+  EXPECT_EQ(contents->records[2].identifier, "new-3");
+  EXPECT_TRUE(log.contains(store.pathForDataClass("Contacts") + ":9: no colon after the property name"));
+}
+
+TEST_F(VFormatStoreTest, AFileCutShortOrNotThePhonesStopsTheReadNamingIt) {
+  store = PhoneStore(folder);
+  usePhoneParsers(store, description());
+  for (const std::string& text : {std::string("BEGIN:VCALENDAR\r\nVERSION:1.0\r\nBEGIN:VEVENT\r\nSUMMARY:a\r\n"),
+                                  std::string("<?xml version=\"1.0\"?>\n<plist><dict/></plist>\n")}) {
+    put("Calendars.vcs", text);
+    std::string error;
+    EXPECT_FALSE(store.read("Calendars", &error)) << text;
+    EXPECT_EQ(error.rfind(store.pathForDataClass("Calendars") + ": line ", 0), 0u) << error;
+  }
+  // An empty file is a phone that holds nothing.
+  put("Calendars.vcs", "");
+  const std::optional<PhoneStoreContents> empty = store.read("Calendars");
+  ASSERT_TRUE(empty);
+  EXPECT_TRUE(empty->records.empty());
+}
+
+TEST(VFormatParserTest, AsDeviceParsersTheyCarryIdentifierAndEntity) {
+  auto parser = ClassRegistry::createAs<DeviceParser>("VCalendarParser");
+  ASSERT_TRUE(parser);
+  parser->initWithPhone(nullptr, std::nullopt);
+  const Array records{Dictionary{{"entityName", "Calendars.Task"}, {"identifier", "t1"}, {"summary", "Buy milk"}},
+                      Dictionary{{"entityName", "Calendars.Event"}, {"summary", "No identifier"}}};
+  const std::optional<Array> back = parser->recordsFromData(parser->dataFromRecords(records));
+  ASSERT_TRUE(back);
+  ASSERT_EQ(back->count(), 2u);
+  EXPECT_EQ((*back)[0], records[0]);
+  // An event always says whether it is all-day.
+  EXPECT_EQ((*back)[1].dictionary().getString("summary"), "No identifier");
+  EXPECT_FALSE((*back)[1].dictionary().contains("identifier"));
+  EXPECT_EQ(parserClassForMimeType("text/x-vcard"), "VCardParser");
+  EXPECT_EQ(parserClassForMimeType("text/plain"), "");
+}
+
+}  // namespace
+}  // namespace pc
