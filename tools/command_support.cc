@@ -50,10 +50,6 @@ std::string jsonDocument(const Json& document) {
   return document.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-std::string jsonString(const std::string& text) {
-  return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
 void addReportOption(CLI::App* command, std::vector<std::string>& values) {
   command->add_option("--report", values,
                       "text (default), json for scripts, or html FILE: a page to open in a browser")

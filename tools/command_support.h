@@ -39,9 +39,6 @@ using Json = nlohmann::ordered_json;
 // texts come from files and may hold anything); ends with a newline.
 std::string jsonDocument(const Json& document);
 
-// Text as a JSON string literal, by the same rules.
-std::string jsonString(const std::string& text);
-
 // The report a command prints: "text" (the default), "json", or "html" with
 // the file the page goes to.
 struct ReportChoice {

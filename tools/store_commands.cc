@@ -10,11 +10,8 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
-
-#include <fmt/format.h>
 
 #include "command_support.h"
 #include "commands.h"
@@ -100,13 +97,12 @@ void import(const ImportOptions& options) {
   }
 
   if (options.report == "json") {
-    std::cout << "{\"store\": " << jsonString(options.storePath) << ", \"summary\": {\"added\": "
-              << added << ", \"replaced\": " << replaced << ", \"unchanged\": " << unchanged
-              << "}, \"records\": [";
-    for (std::size_t i = 0; i < outcomes.size(); ++i)
-      std::cout << (i ? ", " : "") << "{\"identifier\": " << jsonString(outcomes[i].first)
-                << ", \"outcome\": \"" << outcomes[i].second << "\"}";
-    std::cout << "]}\n";
+    Json list = Json::array();
+    for (const auto& [identifier, outcome] : outcomes)
+      list.push_back(Json{{"identifier", identifier}, {"outcome", outcome}});
+    std::cout << jsonDocument(Json{{"store", options.storePath},
+                                   {"summary", {{"added", added}, {"replaced", replaced}, {"unchanged", unchanged}}},
+                                   {"records", std::move(list)}});
   } else {
     for (const auto& [identifier, outcome] : outcomes) std::cout << identifier << ": " << outcome << "\n";
     std::cout << added << " added, " << replaced << " replaced, " << unchanged << " unchanged; "
@@ -132,58 +128,34 @@ std::string base64(const std::vector<std::uint8_t>& bytes) {
 }
 
 // A record value as JSON: dates as ISO 8601 text in their own zone, data as
-// base64 text, addresses as their text.
-void writeJson(std::ostream& out, const Value& value, int indent) {
-  const std::string pad(static_cast<std::size_t>(indent) * 2, ' ');
+// base64 text, addresses as their text; numbers that are not finite as null.
+Json jsonValue(const Value& value) {
   switch (value.kind()) {
-    case ValueKind::Null: out << "null"; break;
-    case ValueKind::Boolean: out << (value.boolValue() ? "true" : "false"); break;
-    case ValueKind::Integer: out << value.integerValue(); break;
+    case ValueKind::Null: return nullptr;
+    case ValueKind::Boolean: return value.boolValue();
+    case ValueKind::Integer: return value.integerValue();
     case ValueKind::Real: {
       const double number = value.doubleValue();
-      if (std::isfinite(number)) out << fmt::format("{}", number);
-      else out << "null";
-      break;
+      if (std::isfinite(number)) return number;
+      return nullptr;
     }
-    case ValueKind::String: out << jsonString(value.string()); break;
-    case ValueKind::Data: out << jsonString(base64(value.data().bytes())); break;
-    case ValueKind::URL: out << jsonString(value.url().absoluteString()); break;
-    case ValueKind::Date:
-      out << jsonString(value.date().descriptionWithCalendarFormat("%Y-%m-%dT%H:%M:%S%z"));
-      break;
+    case ValueKind::String: return value.string();
+    case ValueKind::Data: return base64(value.data().bytes());
+    case ValueKind::URL: return value.url().absoluteString();
+    case ValueKind::Date: return value.date().descriptionWithCalendarFormat("%Y-%m-%dT%H:%M:%S%z");
     case ValueKind::Array:
     case ValueKind::Set: {
-      const Array elements = value.isSet() ? value.set().allObjects() : value.array();
-      if (elements.empty()) {
-        out << "[]";
-        break;
-      }
-      out << "[\n";
-      for (std::size_t i = 0; i < elements.count(); ++i) {
-        out << pad << "  ";
-        writeJson(out, elements.at(i), indent + 1);
-        out << (i + 1 < elements.count() ? ",\n" : "\n");
-      }
-      out << pad << "]";
-      break;
+      Json list = Json::array();
+      for (const Value& element : value.isSet() ? value.set().allObjects() : value.array())
+        list.push_back(jsonValue(element));
+      return list;
     }
     case ValueKind::Dictionary: {
-      const Dictionary entries = value.dictionary();
-      if (entries.empty()) {
-        out << "{}";
-        break;
-      }
-      out << "{\n";
-      std::size_t i = 0;
-      for (const auto& [key, element] : entries) {
-        out << pad << "  " << jsonString(key.stringValue()) << ": ";
-        writeJson(out, element, indent + 1);
-        out << (++i < entries.count() ? ",\n" : "\n");
-      }
-      out << pad << "}";
-      break;
+      Json object = Json::object();
+      for (const auto& [key, element] : value.dictionary()) object[key.stringValue()] = jsonValue(element);
+      return object;
     }
-    default: out << jsonString(value.description()); break;
+    default: return value.description();
   }
 }
 
@@ -207,16 +179,10 @@ void exportRecords(const ExportOptions& options) {
 
   if (options.outputDirectory.empty()) {
     if (options.format == "json") {
-      std::ostringstream out;
-      out << "[";
-      for (std::size_t i = 0; i < records.size(); ++i) {
-        out << (i ? ",\n  " : "\n  ") << "{\"identifier\": " << jsonString(records[i].first)
-            << ", \"record\": ";
-        writeJson(out, records[i].second, 1);
-        out << "}";
-      }
-      out << (records.empty() ? "]\n" : "\n]\n");
-      std::cout << out.str();
+      Json list = Json::array();
+      for (const auto& [identifier, record] : records)
+        list.push_back(Json{{"identifier", identifier}, {"record", jsonValue(record)}});
+      std::cout << jsonDocument(list);
     } else {
       Dictionary all;
       for (const auto& [identifier, record] : records) all.set(identifier, record);
@@ -234,9 +200,7 @@ void exportRecords(const ExportOptions& options) {
   for (const auto& [identifier, record] : records) {
     std::string text;
     if (options.format == "json") {
-      std::ostringstream out;
-      writeJson(out, record, 0);
-      text = out.str() + "\n";
+      text = jsonDocument(jsonValue(record));
     } else {
       std::string error;
       std::optional<std::string> plist = recordText(record, &error);

@@ -71,44 +71,46 @@ std::string textReport(const StoreSyncResult& result, bool dryRun) {
   return out.str();
 }
 
-std::string jsonReport(const StoreSyncResult& result, bool dryRun) {
-  std::ostringstream out;
+Json jsonReport(const StoreSyncResult& result, bool dryRun) {
   const StoreSyncSummary& s = result.summary;
-  out << "{\"summary\": {\"sent\": " << s.sent << ", \"reduced\": " << s.reduced
-      << ", \"exploded\": " << s.exploded << ", \"rejected\": " << s.rejected
-      << ", \"addedOnPhone\": " << s.addedOnPhone << ", \"changedOnPhone\": " << s.changedOnPhone
-      << ", \"keptOnPhone\": " << s.keptOnPhone << ", \"deletedOnPhone\": " << s.deletedOnPhone
-      << ", \"deletedByEngine\": " << s.deletedByEngine << ", \"conflicts\": " << s.conflicts
-      << ", \"unchanged\": " << s.unchanged << "}, \"dryRun\": " << (dryRun ? "true" : "false")
-      << ", \"records\": [";
-  for (std::size_t i = 0; i < result.records.size(); ++i) {
-    const StoreSyncRecord& record = result.records[i];
-    out << (i ? ", " : "") << "{\"identifier\": " << jsonString(record.identifier)
-        << ", \"entity\": " << jsonString(record.entity) << ", \"outcome\": \""
-        << storeSyncOutcomeName(record.outcome) << "\", \"fields\": [";
-    for (std::size_t f = 0; f < record.fields.size(); ++f) {
-      out << (f ? ", " : "") << "{\"field\": " << jsonString(record.fields[f].field);
-      if (!record.fields[f].limit.empty()) out << ", \"limit\": " << jsonString(record.fields[f].limit);
-      out << "}";
+  Json records = Json::array();
+  for (const StoreSyncRecord& record : result.records) {
+    Json fields = Json::array();
+    for (const SyncField& field : record.fields) {
+      Json entry{{"field", field.field}};
+      if (!field.limit.empty()) entry["limit"] = field.limit;
+      fields.push_back(std::move(entry));
     }
-    out << "]";
+    Json entry{{"identifier", record.identifier},
+               {"entity", record.entity},
+               {"outcome", storeSyncOutcomeName(record.outcome)},
+               {"fields", std::move(fields)}};
     if (!record.conflicts.empty()) {
-      out << ", \"conflicts\": [";
-      for (std::size_t c = 0; c < record.conflicts.size(); ++c)
-        out << (c ? ", " : "") << "{\"field\": " << jsonString(record.conflicts[c].field)
-            << ", \"engine\": " << jsonString(record.conflicts[c].engineValue)
-            << ", \"phone\": " << jsonString(record.conflicts[c].phoneValue) << "}";
-      out << "]";
+      Json conflicts = Json::array();
+      for (const SyncConflict& conflict : record.conflicts)
+        conflicts.push_back(
+            Json{{"field", conflict.field}, {"engine", conflict.engineValue}, {"phone", conflict.phoneValue}});
+      entry["conflicts"] = std::move(conflicts);
     }
-    if (record.outcome == StoreSyncOutcome::exploded) out << ", \"events\": " << record.events;
-    if (!record.reason.empty()) out << ", \"reason\": " << jsonString(record.reason);
-    out << "}";
+    if (record.outcome == StoreSyncOutcome::exploded) entry["events"] = record.events;
+    if (!record.reason.empty()) entry["reason"] = record.reason;
+    records.push_back(std::move(entry));
   }
-  out << "], \"written\": [";
-  for (std::size_t i = 0; i < result.filesWritten.size(); ++i)
-    out << (i ? ", " : "") << jsonString(result.filesWritten[i]);
-  out << "]}\n";
-  return out.str();
+  return Json{{"summary",
+               {{"sent", s.sent},
+                {"reduced", s.reduced},
+                {"exploded", s.exploded},
+                {"rejected", s.rejected},
+                {"addedOnPhone", s.addedOnPhone},
+                {"changedOnPhone", s.changedOnPhone},
+                {"keptOnPhone", s.keptOnPhone},
+                {"deletedOnPhone", s.deletedOnPhone},
+                {"deletedByEngine", s.deletedByEngine},
+                {"conflicts", s.conflicts},
+                {"unchanged", s.unchanged}}},
+              {"dryRun", dryRun},
+              {"records", std::move(records)},
+              {"written", result.filesWritten}};
 }
 
 }  // namespace
@@ -147,7 +149,7 @@ void syncWithStore(const SyncRun& phoneRun, const StoreSyncOptions& options) {
   for (const StoreSyncRecord& record : result.records)
     if (record.outcome == StoreSyncOutcome::rejected)
       std::cerr << "phoneconduit: " << record.identifier << ": rejected: " << record.reason << "\n";
-  std::cout << (options.report == "json" ? jsonReport(result, options.dryRun)
+  std::cout << (options.report == "json" ? jsonDocument(jsonReport(result, options.dryRun))
                                          : textReport(result, options.dryRun))
             << std::flush;
   if (result.summary.rejected) throw CommandStatus(kSomeRecordsRejected);

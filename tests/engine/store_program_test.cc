@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include <nlohmann/json.hpp>
+
 #include "engine/SqliteEngine.h"
 #include "support/ProgramRun.h"
 #include "util/PHCMangling.h"
@@ -18,6 +20,8 @@ namespace fs = std::filesystem;
 using testing::ProgramRun;
 using testing::examplePath;
 using testing::runProgram;
+// Compares objects key by key in their order.
+using OrderedJson = nlohmann::ordered_json;
 
 class StoreProgramTest : public testing::ProgramTest {
  protected:
@@ -62,17 +66,72 @@ TEST_F(StoreProgramTest, ExportedRecordFilesImportBackUnchanged) {
                                       (out / "01-latin-alicemartin.plist").string() + " " +
                                       (out / "event-02.plist").string());
   ASSERT_EQ(again.status, 0) << again.output;
-  EXPECT_NE(again.standardOutput.find("\"summary\": {\"added\": 0, \"replaced\": 0, \"unchanged\": 2}"),
-            std::string::npos)
-      << again.standardOutput;
+  OrderedJson report;
+  ASSERT_NO_THROW(report = OrderedJson::parse(again.standardOutput)) << again.standardOutput;
+  EXPECT_EQ(report.at("store"), store);
+  EXPECT_EQ(report.at("summary"), OrderedJson::parse(R"({"added": 0, "replaced": 0, "unchanged": 2})"));
+  EXPECT_EQ(report.at("records"),
+            OrderedJson::parse(R"([{"identifier": "01-latin-alicemartin", "outcome": "unchanged"},
+                                   {"identifier": "event-02", "outcome": "unchanged"}])"));
 
   const ProgramRun json =
       runProgram("export --store " + store + " --format json --entity Contacts.Contact");
   ASSERT_EQ(json.status, 0) << json.output;
-  EXPECT_EQ(json.standardOutput.rfind("[\n  {\"identifier\": \"01-latin-alicemartin\"", 0), 0u)
+  EXPECT_EQ(json.standardOutput.rfind("[\n  {\n    \"identifier\": \"01-latin-alicemartin\",\n    \"record\": {", 0), 0u)
       << json.standardOutput.substr(0, 200);
   EXPECT_NE(json.standardOutput.find("\"birthday\": \"1940-01-01T12:00:00+0000\""), std::string::npos);
   EXPECT_EQ(json.standardOutput.find("event-02"), std::string::npos);
+}
+
+// Stored texts may hold anything a record file or a phone gave: exported
+// JSON escapes control characters and replaces invalid UTF-8 with U+FFFD, so
+// a strict parser reads it, in keys and values, on standard output and in
+// the files of --output.
+TEST_F(StoreProgramTest, ExportedJsonParsesWhateverTheTextsHold) {
+  const struct {
+    std::string stored;
+    std::string exported;
+  } cases[] = {
+      {"tab\tand\x01" "bell\x07\x1f", "tab\tand\x01" "bell\x07\x1f"},
+      {"line\r\nbreak", "line\r\nbreak"},
+      {"quote\"back\\slash", "quote\"back\\slash"},
+      {"latin1-\xe9t\xe9", "latin1-\uFFFDt\uFFFD"},
+      {"cut-\xc3", "cut-\uFFFD"},
+      {"overlong-\xc0\xaf", "overlong-\uFFFD\uFFFD"},
+      {"greek-\u03b1\u03b2", "greek-\u03b1\u03b2"},
+  };
+  {
+    auto engine = SqliteEngine::engineWithPath(store, nullptr, true);
+    ASSERT_TRUE(engine);
+    for (std::size_t i = 0; i < std::size(cases); ++i)
+      engine->addRecord("text-" + std::to_string(i),
+                        Dictionary{{"entityName", "Contacts.Contact"},
+                                   {"notes", cases[i].stored},
+                                   {cases[i].stored, Array{cases[i].stored}}});
+  }
+  const fs::path out = folder / "out";
+  const ProgramRun listed = runProgram("export --store " + store + " --format json");
+  ASSERT_EQ(listed.status, 0) << listed.output;
+  ASSERT_EQ(runProgram("export --store " + store + " --format json --output " + out.string()).status, 0);
+  nlohmann::json all;
+  ASSERT_NO_THROW(all = nlohmann::json::parse(listed.standardOutput)) << listed.standardOutput;
+  ASSERT_EQ(all.size(), std::size(cases));
+  for (const char raw : listed.standardOutput) EXPECT_FALSE(static_cast<unsigned char>(raw) < 0x20 && raw != '\n');
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const auto& c = cases[i];
+    SCOPED_TRACE(c.exported);
+    const std::string identifier = "text-" + std::to_string(i);
+    const auto entry = std::find_if(all.begin(), all.end(), [&](const nlohmann::json& e) {
+      return e.at("identifier") == identifier;
+    });
+    ASSERT_NE(entry, all.end());
+    const nlohmann::json expected = {
+        {"entityName", "Contacts.Contact"}, {"notes", c.exported}, {c.exported, {c.exported}}};
+    EXPECT_EQ(entry->at("record"), expected);
+    nlohmann::json file;
+    ASSERT_NO_THROW(file = nlohmann::json::parse(testing::fileText((out / (identifier + ".json")).string())));
+    EXPECT_EQ(file, expected);
+  }
 }
 
 TEST_F(StoreProgramTest, BadInputStopsTheCommandBeforeTheStoreIsWritten) {

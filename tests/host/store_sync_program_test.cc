@@ -4,10 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 
+#include <nlohmann/json.hpp>
 #include <stdlib.h>
 
 #include "engine/SqliteEngine.h"
@@ -81,11 +83,18 @@ TEST_F(StoreSyncProgramTest, PhoneEditIsCarriedIntoTheStoreAndReported) {
   editOnPhone("01-latin-alicemartin", "firstName", "Alicia");
   const ProgramRun carried = runProgram(sync(" --report json"));
   ASSERT_EQ(carried.status, 0) << carried.output;
-  EXPECT_NE(carried.standardOutput.find("\"identifier\": \"01-latin-alicemartin\", \"entity\": "
-                                        "\"Contacts.Contact\", \"outcome\": \"changedOnPhone\", "
-                                        "\"fields\": [{\"field\": \"firstName\"}]"),
-            std::string::npos)
-      << carried.standardOutput;
+  nlohmann::ordered_json report;
+  ASSERT_NO_THROW(report = nlohmann::ordered_json::parse(carried.standardOutput)) << carried.standardOutput;
+  EXPECT_EQ(report.at("summary").at("changedOnPhone"), 1);
+  EXPECT_EQ(report.at("dryRun"), false);
+  const nlohmann::ordered_json& records = report.at("records");
+  const auto alice = std::find_if(records.begin(), records.end(), [](const nlohmann::ordered_json& record) {
+    return record.at("identifier") == "01-latin-alicemartin";
+  });
+  ASSERT_NE(alice, records.end()) << carried.standardOutput;
+  // Keys keep their order: identifier, entity, outcome, fields.
+  EXPECT_EQ(*alice, nlohmann::ordered_json::parse(R"({"identifier": "01-latin-alicemartin",
+      "entity": "Contacts.Contact", "outcome": "changedOnPhone", "fields": [{"field": "firstName"}]})"));
   const ProgramRun exported = runProgram("export --store " + store + " --format json");
   EXPECT_NE(exported.standardOutput.find("\"firstName\": \"Alicia\""), std::string::npos);
   // A field the phone does not hold is still there.
