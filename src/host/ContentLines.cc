@@ -603,4 +603,97 @@ void ContentWriter::binary(std::string_view name, std::vector<ContentParameter> 
   _out += "\r\n";
 }
 
+// --- Writing the 3.0 form ------------------------------------------------------
+
+namespace {
+
+constexpr std::size_t kFoldWidth = 75;
+
+// Appends `line` folded at kFoldWidth octets; a fold never splits a UTF-8
+// sequence, and each continuation starts with one blank.
+void appendFolded(std::string& out, std::string_view line) {
+  std::size_t width = kFoldWidth;
+  while (line.size() > width) {
+    std::size_t cut = width;
+    while (cut > 1 && (static_cast<unsigned char>(line[cut]) & 0xC0) == 0x80) --cut;
+    out.append(line.substr(0, cut));
+    out += "\r\n ";
+    line.remove_prefix(cut);
+    width = kFoldWidth - 1;
+  }
+  out.append(line);
+  out += "\r\n";
+}
+
+void appendHead(std::string& out, std::string_view group, std::string_view name,
+                const std::vector<ContentParameter>& parameters) {
+  if (!group.empty()) {
+    out += group;
+    out += '.';
+  }
+  out += name;
+  for (const ContentParameter& p : parameters) {
+    out += ';';
+    if (!p.name.empty()) {
+      out += p.name;
+      out += '=';
+    }
+    // A quoted value cannot hold a quote or a line break: those are left out.
+    std::string value;
+    for (char c : p.value)
+      if (c != '"' && c != '\r' && c != '\n') value += c;
+    const bool quote = value.find_first_of(":;,") != std::string::npos && p.name != "TYPE";
+    if (quote) out += '"';
+    out += value;
+    if (quote) out += '"';
+  }
+  out += ':';
+}
+
+}  // namespace
+
+void ContentWriter3::begin(std::string_view object) {
+  _out += "BEGIN:";
+  _out += object;
+  _out += "\r\n";
+}
+
+void ContentWriter3::end(std::string_view object) {
+  _out += "END:";
+  _out += object;
+  _out += "\r\n";
+}
+
+void ContentWriter3::line(std::string_view group, std::string_view name,
+                          const std::vector<ContentParameter>& parameters, std::string_view value) {
+  std::string text;
+  appendHead(text, group, name, parameters);
+  text += value;
+  appendFolded(_out, text);
+}
+
+void ContentWriter3::binary(std::string_view group, std::string_view name,
+                            std::vector<ContentParameter> parameters, std::string_view bytes) {
+  parameters.insert(parameters.begin(), {"ENCODING", "b"});
+  line(group, name, parameters, base64Encode(bytes));
+}
+
+std::string escapeText(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '\\' || c == ';' || c == ',') {
+      out += '\\';
+      out += c;
+    } else if (c == '\r' || c == '\n') {
+      if (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n') ++i;
+      out += "\\n";
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
 }  // namespace pc

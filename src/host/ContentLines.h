@@ -150,4 +150,29 @@ std::string escapeComponent(std::string_view component);
 // Joins components with ";" after escaping each; trailing empty ones are kept.
 std::string joinComponents(const std::vector<std::string>& components);
 
+// Writing the 3.0 form: CRLF lines folded at 75 octets with one leading
+// blank (never inside a UTF-8 sequence), UTF-8 text written as it is,
+// parameter values quoted when they hold ":", ";" or ",", binary data as
+// ENCODING=b base64 on the line itself. Text values are escaped by the
+// caller (escapeText), structured ones component by component.
+class ContentWriter3 {
+ public:
+  void begin(std::string_view object);
+  void end(std::string_view object);
+  // "group.NAME;PARAM=value:value"; no group when `group` is empty.
+  void line(std::string_view group, std::string_view name,
+            const std::vector<ContentParameter>& parameters, std::string_view value);
+  void binary(std::string_view group, std::string_view name, std::vector<ContentParameter> parameters,
+              std::string_view bytes);
+
+  const std::string& result() const { return _out; }
+  std::string take() { return std::move(_out); }
+
+ private:
+  std::string _out;
+};
+
+// Escapes a 3.0/4.0 text value: "\\", "\n" for a line break, "\;" and "\,".
+std::string escapeText(std::string_view text);
+
 }  // namespace pc
