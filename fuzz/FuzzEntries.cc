@@ -23,6 +23,7 @@
 #include "host/DeviceFormatting.h"
 #include "host/PhoneStore.h"
 #include "host/VCalendarCodec.h"
+#include "host/UserFiles.h"
 #include "host/VCardCodec.h"
 #include "host/ReferenceHost.h"
 #include "platform/Exception.h"
@@ -440,13 +441,39 @@ void fuzzVCalendar(const std::uint8_t* data, std::size_t size) {
   checkReadsBack(VCalendarCodec(), data, size);
 }
 
+void fuzzVCardFile(const std::uint8_t* data, std::size_t size) {
+  const UserFileImport first = importVCardText(textOf(data, size), "input.vcf");
+  if (first.failure && !first.records.empty()) finding("a failed file gave records");
+  std::vector<std::pair<std::string, Dictionary>> records;
+  for (const UserFileRecord& entry : first.records) {
+    if (entry.identifier.empty()) finding("a record without an identifier, line " + std::to_string(entry.line));
+    if (entry.record.getString(kEngineRecordEntityNameKey) != kContactsContact)
+      finding("a record that is not a contact: " + entry.record.description());
+    records.emplace_back(entry.identifier, entry.record);
+  }
+  const std::string written = exportVCardText(records);
+  const UserFileImport second = importVCardText(written, "export.vcf");
+  if (records.empty()) {
+    if (!written.empty()) finding("no records, yet text was written: " + written);
+    return;
+  }
+  if (second.failure) finding("what was written does not read: " + second.failure->message + "\n" + written);
+  if (second.records.size() != records.size() || !second.skipped.empty())
+    finding("the records written do not all read back:\n" + written);
+  for (std::size_t i = 0; i < records.size(); ++i)
+    if (second.records[i].identifier != records[i].first || !(second.records[i].record == records[i].second))
+      finding("record " + std::to_string(i) + " reads back as\n" + second.records[i].record.description() +
+              "\nnot\n" + records[i].second.description() + "\nfrom\n" + written);
+  if (exportVCardText(records) != written) finding("a second write differs");
+}
+
 const std::vector<NamedFuzzEntry>& fuzzEntries() {
   static const std::vector<NamedFuzzEntry> entries{
       {"xml_plist", fuzzXMLPropertyList},   {"nice_plist", fuzzNicePList},
       {"device", fuzzDeviceDescription},    {"format", fuzzFormatRecord},
       {"explode", fuzzExplodeRecurrence},   {"phone_store", fuzzPhoneStore},
       {"exploder", fuzzExplodeUnchecked},   {"vcard", fuzzVCard},
-      {"vcalendar", fuzzVCalendar},
+      {"vcalendar", fuzzVCalendar},         {"vcf_import", fuzzVCardFile},
   };
   return entries;
 }

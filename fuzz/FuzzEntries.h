@@ -52,6 +52,10 @@ void fuzzPhoneStore(const std::uint8_t* data, std::size_t size);
 // write again as the same text.
 void fuzzVCard(const std::uint8_t* data, std::size_t size);
 void fuzzVCalendar(const std::uint8_t* data, std::size_t size);
+// A user's contacts file as import takes it: every record a contact with an
+// identifier; written as export writes it, it reads back as the same records
+// with the same identifiers.
+void fuzzVCardFile(const std::uint8_t* data, std::size_t size);
 
 struct NamedFuzzEntry {
   // The target's name: fuzz_<name> and tests/fuzz_regressions/<name>/.

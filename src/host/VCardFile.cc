@@ -152,10 +152,12 @@ std::optional<std::string> typeOfLabel(Kind kind, std::string_view label) {
       {"mobile", "mobile"}, {"iphone", "mobile"}, {"home", "home"},     {"work", "work"},
       {"main", "main"},     {"pager", "pager"},   {"homefax", "home fax"}, {"workfax", "work fax"},
       {"other", "other"},   {"homepage", "home page"}, {"anniversary", "anniversary"}};
-  if (kind == Kind::Related) return name;
+  if (kind == Kind::Related) return isPlainParameter(name) ? std::optional<std::string>(name) : std::nullopt;
   const auto found = kNames.find(name);
   if (found == kNames.end()) return std::nullopt;
-  if (kind == Kind::Phone || kind == Kind::Date) return found->second;
+  if (kind == Kind::Date) return found->second;
+  if (kind == Kind::Phone) return found->second == "home page" || found->second == "anniversary"
+                                     ? std::nullopt : std::optional<std::string>(found->second);
   if (found->second == "home" || found->second == "work" || found->second == "other") return found->second;
   if (kind == Kind::Web && found->second == "home page") return found->second;
   return std::nullopt;
@@ -166,6 +168,16 @@ std::optional<std::string> typeOfLabel(Kind kind, std::string_view label) {
 struct Day {
   int year = 0, month = 0, day = 0;
 };
+
+std::string withNewlines(std::string text) {
+  if (text.find('\r') == std::string::npos) return text;
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\r') out += text[i];
+    else if (i + 1 >= text.size() || text[i + 1] != '\n') out += '\n';
+  }
+  return out;
+}
 
 bool digits(std::string_view text) {
   return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
@@ -263,6 +275,14 @@ const std::map<std::string, std::string>& imProperties() {
   return kServices;
 }
 
+// "xmpp", "sip": a letter, then letters, digits, "+", "-" or ".".
+bool isScheme(std::string_view text) {
+  auto letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+  return !text.empty() && letter(text.front()) && std::all_of(text.begin(), text.end(), [&](char c) {
+    return letter(c) || (c >= '0' && c <= '9') || c == '+' || c == '-' || c == '.';
+  });
+}
+
 // Properties that say nothing a record keeps and are not worth counting.
 bool isFileMetadata(const std::string& name) {
   return name == "VERSION" || name == "PRODID";
@@ -280,11 +300,12 @@ class CardReader {
   std::optional<Dictionary> read(std::string& uid, std::string& why);
 
  private:
+  // A line's text, escapes undone; line breaks of any kind become "\n".
   std::string text(const ContentLine& line) {
     std::string problem;
     std::string value = decodedText(line, &problem);
     if (!problem.empty()) note(line, problem);
-    return _escaped ? unescapeText(value) : value;
+    return withNewlines(_escaped ? unescapeText(value) : value);
   }
   std::vector<std::string> components(const ContentLine& line, char separator = ';') {
     std::string problem;
@@ -416,7 +437,10 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
       if (!categories.empty()) _record.set("categories", categories);
     } else if (name == "TEL" || name == "EMAIL" || name == "URL") {
       std::string value = trimmed(text(line));
-      if (name == "TEL" && lower(std::string_view(value).substr(0, 4)) == "tel:") value.erase(0, 4);
+      // A number given as an address ("VALUE=uri:tel:+1...") loses its scheme.
+      const std::optional<std::string> valueKind = line.parameter("VALUE");
+      if (name == "TEL" && valueKind && lower(*valueKind) == "uri" && lower(std::string_view(value).substr(0, 4)) == "tel:")
+        value.erase(0, 4);
       if (value.empty()) continue;
       Dictionary sub;
       if (name == "URL") sub.set("value", URL(value));
@@ -438,7 +462,7 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
                                                                        {"country", part(6)}}};
       for (const auto& [key, value] : fields)
         if (!value.empty()) sub.set(key, value);
-      if (std::optional<std::string> code = line.parameter("X-COUNTRYCODE"); code && !code->empty())
+      if (std::optional<std::string> code = line.parameter("X-COUNTRYCODE"); code && isPlainParameter(*code))
         sub.set("countryCode", *code);
       if (sub.empty()) continue;
       if (!line.group.empty()) _addressByGroup[upper(line.group)] = _subs[Kind::Address].size();
@@ -454,7 +478,7 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
         service = *given;
       else if (name != "IMPP")
         service = imProperties().at(name);
-      else if (std::size_t colon = value.find(':'); colon != std::string::npos)
+      else if (std::size_t colon = value.find(':'); colon != std::string::npos && isScheme(value.substr(0, colon)))
         service = lower(value.substr(0, colon));
       Dictionary sub;
       sub.set("value", value);
@@ -480,7 +504,7 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
       continue;
     }
     Dictionary& sub = _subs[Kind::Address][address->second].second;
-    if (const std::string code = upper(trimmed(text(line))); !code.empty() && !sub.contains("countryCode"))
+    if (const std::string code = upper(trimmed(text(line))); isPlainParameter(code) && !sub.contains("countryCode"))
       sub.set("countryCode", code);
   }
   for (const auto& [group, line] : _labels)
@@ -652,6 +676,12 @@ void CardWriter::sub(Kind kind, const Dictionary& record) {
     value = escapeAddress(field.url().absoluteString());
   } else if (field.isString()) {
     value = escapeAddress(field.string());
+    // A number that itself starts with the scheme is written as an address,
+    // whose scheme reading takes off again.
+    if (kind == Kind::Phone && lower(std::string_view(value).substr(0, 4)) == "tel:") {
+      parameters.push_back({"VALUE", "uri"});
+      value = "tel:" + value;
+    }
   } else {
     return;
   }
