@@ -305,7 +305,8 @@ class CardReader {
     std::string problem;
     std::string value = decodedText(line, &problem);
     if (!problem.empty()) note(line, problem);
-    return withNewlines(_escaped ? unescapeText(value) : value);
+    if (_escaped && value.find('\\') != std::string::npos) value = unescapeText(value);
+    return withNewlines(std::move(value));
   }
   std::vector<std::string> components(const ContentLine& line, char separator = ';') {
     std::string problem;
@@ -553,44 +554,47 @@ UserFileImport importVCardText(std::string_view text, const std::string& path) {
   UserFileImport file;
   file.path = path;
   ContentReader reader(text);
-  std::vector<ContentObject> objects;
-  while (std::optional<ContentObject> object = reader.nextObject()) objects.push_back(std::move(*object));
+  std::map<std::string, std::size_t> seen;  // identifier -> line of its card
+  std::size_t cardCount = 0;
+  // Each object is read into records and let go before the next is read.
   std::vector<const ContentObject*> cards;
-  for (const ContentObject& object : objects) collectCards(object, cards, file);
-  if (cards.empty()) {
+  while (std::optional<ContentObject> object = reader.nextObject()) {
+    cards.clear();
+    collectCards(*object, cards, file);
+    cardCount += cards.size();
+    for (const ContentObject* card : cards) {
+      if (!readableVersion(card->version)) {
+        file.skipped.push_back(
+            {card->line, "VERSION " + card->version + " is not a vCard version this program reads"});
+        continue;
+      }
+      std::string uid, why;
+      std::optional<Dictionary> record = CardReader(*card, file).read(uid, why);
+      if (!record) {
+        file.skipped.push_back({card->line, why});
+        continue;
+      }
+      std::string identifier = uid.empty() ? digestIdentifier(*card) : uid;
+      if (auto [it, added] = seen.emplace(identifier, card->line); !added) {
+        file.skipped.push_back({card->line, "the same UID as the card at line " + std::to_string(it->second) +
+                                                " (" + identifier + ")"});
+        continue;
+      }
+      file.records.push_back({std::move(identifier), std::move(*record), card->line});
+    }
+  }
+  if (cardCount == 0) {
     const std::vector<ContentProblem>& problems = reader.problems();
-    if (!problems.empty()) file.failure = UserFileNote{problems.front().line, "not a vCard file: " + problems.front().message};
-    else file.failure = UserFileNote{1, "no BEGIN:VCARD in the file"};
+    if (!problems.empty())
+      file.failure = UserFileNote{problems.front().line, "not a vCard file: " + problems.front().message};
+    else
+      file.failure = UserFileNote{1, "no BEGIN:VCARD in the file"};
     file.skipped.clear();
+    file.reported.clear();
+    file.propertiesNotKept.clear();
     return file;
   }
   for (const ContentProblem& problem : reader.problems()) file.reported.push_back({problem.line, problem.message});
-
-  std::map<std::string, std::size_t> seen;  // identifier -> line of its card
-  file.records.reserve(cards.size());
-  for (const ContentObject* card : cards) {
-    if (!readableVersion(card->version)) {
-      file.skipped.push_back({card->line, "VERSION " + card->version + " is not a vCard version this program reads"});
-      continue;
-    }
-    if (card->lines.empty()) {
-      file.skipped.push_back({card->line, "an empty card"});
-      continue;
-    }
-    std::string uid, why;
-    std::optional<Dictionary> record = CardReader(*card, file).read(uid, why);
-    if (!record) {
-      file.skipped.push_back({card->line, why});
-      continue;
-    }
-    std::string identifier = uid.empty() ? digestIdentifier(*card) : uid;
-    if (auto [it, added] = seen.emplace(identifier, card->line); !added) {
-      file.skipped.push_back({card->line, "the same UID as the card at line " + std::to_string(it->second) + " (" +
-                                              identifier + ")"});
-      continue;
-    }
-    file.records.push_back({std::move(identifier), std::move(*record), card->line});
-  }
   auto byLine = [](const UserFileNote& a, const UserFileNote& b) { return a.line < b.line; };
   std::stable_sort(file.skipped.begin(), file.skipped.end(), byLine);
   std::stable_sort(file.reported.begin(), file.reported.end(), byLine);
