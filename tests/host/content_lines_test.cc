@@ -157,6 +157,50 @@ TEST(ContentWriterTest, BinaryIsABase64BlockEndedByABlankLine) {
   EXPECT_EQ(decodedBytes(lines[0]), bytes);
 }
 
+// The 3.0 form: text escaped and folded at every length, never inside a
+// character, reads back as written; so do quoted parameters, groups and
+// binary data on the line itself.
+TEST(ContentWriter3Test, WrittenValuesReadBackAtEveryLength) {
+  const std::vector<std::string> pieces{"a", "\u00e9", " ", "\u20ac", "\n", "\U0001F600", ";", ",", "\\", "\t"};
+  for (std::size_t length = 0; length < 240; ++length) {
+    std::string value;
+    for (std::size_t i = 0; i < length; ++i) value += pieces[(i * 7 + length) % pieces.size()];
+    ContentWriter3 out;
+    out.begin("VCARD");
+    out.line("", "VERSION", {}, "3.0");
+    out.line("item1", "NOTE", {{"TYPE", "HOME,WORK"}, {"X-LABEL", "a:b;c,d \"e\""}}, escapeText(value));
+    out.end("VCARD");
+    const std::string& text = out.result();
+    for (std::size_t start = 0; start < text.size();) {
+      const std::size_t end = text.find("\r\n", start);
+      ASSERT_NE(end, std::string::npos);
+      EXPECT_LE(end - start, 75u);
+      if (start > 0 && text[start] == ' ' && start + 1 < end) {
+        EXPECT_NE(static_cast<unsigned char>(text[start + 1]) & 0xC0, 0x80) << "a fold inside a character";
+      }
+      start = end + 2;
+    }
+    const std::vector<ContentLine> lines = linesOf(text);
+    ASSERT_EQ(lines.size(), 2u) << text;
+    EXPECT_EQ(lines[1].group, "item1");
+    EXPECT_EQ(unescapeText(decodedText(lines[1])), value) << text;
+    EXPECT_EQ(lines[1].types(), (std::vector<std::string>{"HOME", "WORK"}));
+    EXPECT_EQ(lines[1].parameter("X-LABEL"), "a:b;c,d e");  // a quote cannot be written
+  }
+  std::string bytes;
+  for (int i = 0; i < 300; ++i) bytes += static_cast<char>(i * 37);
+  ContentWriter3 out;
+  out.begin("VCARD");
+  out.line("", "VERSION", {}, "3.0");
+  out.binary("", "PHOTO", {{"TYPE", "JPEG"}}, bytes);
+  out.line("", "FN", {}, "After");
+  out.end("VCARD");
+  const std::vector<ContentLine> lines = linesOf(out.result());
+  ASSERT_EQ(lines.size(), 3u) << out.result();
+  EXPECT_EQ(decodedBytes(lines[1]), bytes);
+  EXPECT_EQ(lines[2].rawValue, "After");
+}
+
 TEST(ContentValueTest, StructuredValuesAndEncodings) {
   EXPECT_EQ(splitStructured("a;b\\;c;;"), (std::vector<std::string>{"a", "b;c", "", ""}));
   EXPECT_EQ(splitStructured(joinComponents({"x\\;", "", "y"})), (std::vector<std::string>{"x\\;", "", "y"}));
