@@ -94,32 +94,76 @@ constexpr std::array<KindInfo, 7> kKinds{{
 
 const KindInfo& info(Kind kind) { return kKinds[static_cast<std::size_t>(kind)]; }
 
-// The record type of a line's TYPE values (upper case).
-std::string typeOf(Kind kind, const std::set<std::string>& t) {
-  auto has = [&](const char* token) { return t.count(token) > 0; };
+// What a line's TYPE values say, compared without regard to case.
+struct TypeWords {
+  enum : unsigned { Fax = 1, Work = 2, Home = 4, Cell = 8, Pager = 16, Main = 32, Other = 64 };
+  unsigned flags = 0;
+  bool preferred = false;  // TYPE=PREF
+  std::string first;       // the first word that is not PREF, lower case
+};
+
+bool sameWord(std::string_view text, std::string_view upperWord) {
+  if (text.size() != upperWord.size()) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    if (c != upperWord[i]) return false;
+  }
+  return true;
+}
+
+TypeWords typeWords(const ContentLine& line) {
+  static constexpr std::array<std::pair<std::string_view, unsigned>, 9> kWords{{
+      {"FAX", TypeWords::Fax}, {"WORK", TypeWords::Work}, {"HOME", TypeWords::Home},
+      {"CELL", TypeWords::Cell}, {"MOBILE", TypeWords::Cell}, {"IPHONE", TypeWords::Cell},
+      {"PAGER", TypeWords::Pager}, {"MAIN", TypeWords::Main}, {"OTHER", TypeWords::Other}}};
+  TypeWords words;
+  for (const ContentParameter& parameter : line.parameters) {
+    if (parameter.name != "TYPE") continue;
+    std::string_view rest(parameter.value);
+    for (;;) {
+      const std::size_t comma = rest.find(',');
+      std::string_view word = rest.substr(0, comma);
+      while (!word.empty() && word.front() == ' ') word.remove_prefix(1);
+      while (!word.empty() && word.back() == ' ') word.remove_suffix(1);
+      if (sameWord(word, "PREF")) {
+        words.preferred = true;
+      } else if (!word.empty()) {
+        if (words.first.empty()) words.first = lower(word);
+        for (const auto& [name, flag] : kWords)
+          if (sameWord(word, name)) words.flags |= flag;
+      }
+      if (comma == std::string_view::npos) break;
+      rest.remove_prefix(comma + 1);
+    }
+  }
+  return words;
+}
+
+// The record type of a line's TYPE values.
+std::string typeOf(Kind kind, const TypeWords& words) {
+  auto has = [&](unsigned flag) { return (words.flags & flag) != 0; };
   switch (kind) {
     case Kind::Phone:
-      if (has("FAX")) return has("WORK") && !has("HOME") ? "work fax" : "home fax";
-      if (has("CELL") || has("MOBILE") || has("IPHONE")) return "mobile";
-      if (has("PAGER")) return "pager";
-      if (has("MAIN")) return "main";
-      if (has("HOME")) return "home";
-      if (has("WORK")) return "work";
+      if (has(TypeWords::Fax)) return has(TypeWords::Work) && !has(TypeWords::Home) ? "work fax" : "home fax";
+      if (has(TypeWords::Cell)) return "mobile";
+      if (has(TypeWords::Pager)) return "pager";
+      if (has(TypeWords::Main)) return "main";
+      if (has(TypeWords::Home)) return "home";
+      if (has(TypeWords::Work)) return "work";
       return "other";
     case Kind::Web:
-      if (has("HOME")) return "home";
-      if (has("WORK")) return "work";
-      if (has("OTHER")) return "other";
+      if (has(TypeWords::Home)) return "home";
+      if (has(TypeWords::Work)) return "work";
+      if (has(TypeWords::Other)) return "other";
       return "home page";
     case Kind::Date:
       return "other";
     case Kind::Related:
-      for (const std::string& token : t)
-        if (token != "PREF") return lower(token);
-      return "other";
+      return words.first.empty() ? "other" : words.first;
     default:
-      if (has("HOME")) return "home";
-      if (has("WORK")) return "work";
+      if (has(TypeWords::Home)) return "home";
+      if (has(TypeWords::Work)) return "work";
       return "other";
   }
 }
@@ -335,16 +379,11 @@ class CardReader {
 };
 
 void CardReader::addSub(Kind kind, const ContentLine& line, Dictionary sub) {
-  std::set<std::string> tokens;
-  int rank = 101;
-  for (const std::string& type : line.types()) {
-    if (type == "PREF") rank = std::min(rank, 1);
-    else if (type != "INTERNET" && type != "VOICE" && type != "X400" && type != "TEXT" && type != "MSG")
-      tokens.insert(type);
-  }
+  const TypeWords words = typeWords(line);
+  int rank = words.preferred ? 1 : 101;
   if (std::optional<std::string> pref = line.parameter("PREF"); pref && digits(trimmed(*pref)) && pref->size() < 4)
     rank = std::min(rank, number(trimmed(*pref)));
-  std::string type = typeOf(kind, tokens);
+  std::string type = typeOf(kind, words);
   if (kind == Kind::Date && line.name == "ANNIVERSARY") type = "anniversary";
   if (kind == Kind::Date && line.name == "X-ANNIVERSARY") type = "anniversary";
   if (std::optional<std::string> own = line.parameter("X-TYPE"); own && !own->empty()) type = *own;
