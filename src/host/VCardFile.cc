@@ -20,6 +20,12 @@
 // "label", or to its type when it names one ("_$!<Mobile>!$_"). A preferred
 // entry (TYPE=PREF or PREF=n) comes first in its list; the order of a list
 // is all that keeps the preference, and export writes it back as order.
+//
+// Export writes vCard 3.0 that reads back into the same records: the record
+// identifier as UID, labels as grouped X-ABLabel lines, a type the engine
+// does not name in an X-TYPE parameter, the country code in X-COUNTRYCODE,
+// anniversaries as X-ANNIVERSARY and other dates as X-ABDATE, related names
+// as X-ABRELATEDNAMES, messaging addresses as IMPP with X-SERVICE-TYPE.
 
 #include <algorithm>
 #include <array>
@@ -447,7 +453,7 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
   std::string formattedName;
   for (const ContentLine& line : _card.lines) {
     const std::string& name = line.name;
-    if (isFileMetadata(name) || name == "X-ABLABEL") continue;
+    if (isFileMetadata(name) || (name == "X-ABLABEL" && !line.group.empty())) continue;
     if (name == "UID") {
       uid = trimmed(text(line));
     } else if (name == "N") {
