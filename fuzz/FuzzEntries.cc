@@ -460,10 +460,14 @@ void fuzzVCardFile(const std::uint8_t* data, std::size_t size) {
   if (second.failure) finding("what was written does not read: " + second.failure->message + "\n" + written);
   if (second.records.size() != records.size() || !second.skipped.empty())
     finding("the records written do not all read back:\n" + written);
-  for (std::size_t i = 0; i < records.size(); ++i)
-    if (second.records[i].identifier != records[i].first || !(second.records[i].record == records[i].second))
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    if (second.records[i].identifier != records[i].first)
+      finding("identifier " + std::to_string(i) + " reads back as \"" + second.records[i].identifier +
+              "\", not \"" + records[i].first + "\", from\n" + written);
+    if (!(second.records[i].record == records[i].second))
       finding("record " + std::to_string(i) + " reads back as\n" + second.records[i].record.description() +
               "\nnot\n" + records[i].second.description() + "\nfrom\n" + written);
+  }
   if (exportVCardText(records) != written) finding("a second write differs");
 }
 

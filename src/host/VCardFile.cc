@@ -350,18 +350,24 @@ class CardReader {
   std::optional<Dictionary> read(std::string& uid, std::string& why);
 
  private:
-  // A line's text, escapes undone; line breaks of any kind become "\n".
+  // A line's text, escapes undone; line breaks of any kind become "\n",
+  // and NUL characters, which no text holds, are left out.
   std::string text(const ContentLine& line) {
     std::string problem;
     std::string value = decodedText(line, &problem);
     if (!problem.empty()) note(line, problem);
+    value.erase(std::remove(value.begin(), value.end(), '\0'), value.end());
     if (_escaped && value.find('\\') != std::string::npos) value = unescapeText(value);
     return withNewlines(std::move(value));
   }
+  // The components of a structured value, each as `text` gives it.
   std::vector<std::string> components(const ContentLine& line, char separator = ';') {
     std::string problem;
-    std::vector<std::string> parts = splitStructured(decodedText(line, &problem), separator, _escaped);
+    std::string value = decodedText(line, &problem);
     if (!problem.empty()) note(line, problem);
+    value.erase(std::remove(value.begin(), value.end(), '\0'), value.end());
+    std::vector<std::string> parts = splitStructured(value, separator, _escaped);
+    for (std::string& part : parts) part = withNewlines(std::move(part));
     return parts;
   }
   void note(const ContentLine& line, const std::string& message) {
