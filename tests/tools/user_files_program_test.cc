@@ -135,6 +135,22 @@ TEST_F(UserFilesProgramTest, ExportedContactsImportBackUnchanged) {
   EXPECT_EQ(storedCount(), stored);
 }
 
+// The example address book (3.0 with grouped labels and a photo, 4.0, 2.1)
+// imports whole: its cards all become contacts, their photo and labels kept.
+TEST_F(UserFilesProgramTest, TheExampleAddressBookImportsWhole) {
+  const std::string book = testing::examplePath("user-files/address-book.vcf");
+  const ProgramRun run = runProgram("import --store " + store + " --report json " + book);
+  ASSERT_EQ(run.status, 0) << run.output;
+  const nlohmann::json report = nlohmann::json::parse(run.standardOutput);
+  EXPECT_EQ(report.at("files").at(0).at("added"), 4);
+  EXPECT_EQ(report.at("files").at(0).at("skipped"), nlohmann::json::array());
+  const ProgramRun exported = runProgram("export --store " + store + " --format json --entity Contacts.Contact");
+  ASSERT_EQ(exported.status, 0) << exported.output;
+  for (const char* text : {"\"label\": \"Cottage\"", "\"countryCode\": \"FR\"", "\"image\": \"/9j/",
+                           "\"birthday\": \"1604-04-12T12:00:00+0000\"", "\"type\": \"home page\""})
+    EXPECT_NE(exported.standardOutput.find(text), std::string::npos) << text;
+}
+
 TEST_F(UserFilesProgramTest, HelpNamesTheFormatsAndTheExitStatuses) {
   const ProgramRun importHelp = runProgram("import --help");
   EXPECT_EQ(importHelp.status, 0);
