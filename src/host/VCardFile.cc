@@ -33,6 +33,7 @@
 #include <cstdio>
 #include <map>
 #include <set>
+#include <unordered_map>
 
 #include "engine/SchemaNames.h"
 #include "host/ContentLines.h"
@@ -387,7 +388,7 @@ class CardReader {
   std::map<std::string, std::size_t> _addressByGroup;  // upper-case group -> index in the addresses
   Dictionary _record;
   // By kind: the sub-records with their preference rank, in card order.
-  std::map<Kind, std::vector<std::pair<int, Dictionary>>> _subs;
+  std::array<std::vector<std::pair<int, Dictionary>>, kKinds.size()> _subs;
 };
 
 void CardReader::addSub(Kind kind, const ContentLine& line, Dictionary sub) {
@@ -410,7 +411,7 @@ void CardReader::addSub(Kind kind, const ContentLine& line, Dictionary sub) {
   }
   sub.set("type", type);
   sub.set(kEntity, info(kind).entity);
-  _subs[kind].emplace_back(rank, std::move(sub));
+  _subs[static_cast<std::size_t>(kind)].emplace_back(rank, std::move(sub));
 }
 
 void CardReader::readDate(const ContentLine& line) {
@@ -517,7 +518,8 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
       if (std::optional<std::string> code = line.parameter("X-COUNTRYCODE"); code && isPlainParameter(*code))
         sub.set("countryCode", *code);
       if (sub.empty()) continue;
-      if (!line.group.empty()) _addressByGroup[upper(line.group)] = _subs[Kind::Address].size();
+      if (!line.group.empty())
+        _addressByGroup[upper(line.group)] = _subs[static_cast<std::size_t>(Kind::Address)].size();
       addSub(Kind::Address, line, std::move(sub));
     } else if (name == "X-ABADR") {
       // The country code of a grouped address: taken once all lines are read.
@@ -555,7 +557,7 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
       notKept(line);
       continue;
     }
-    Dictionary& sub = _subs[Kind::Address][address->second].second;
+    Dictionary& sub = _subs[static_cast<std::size_t>(Kind::Address)][address->second].second;
     if (const std::string code = upper(trimmed(text(line))); isPlainParameter(code) && !sub.contains("countryCode"))
       sub.set("countryCode", code);
   }
@@ -569,12 +571,13 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
   if (!hasName && !formattedName.empty() && formattedName != stringField(_record, kContactsContactCompanyName))
     _record.set(kContactsContactLastName, formattedName);
 
-  for (auto& [kind, list] : _subs) {
+  for (std::size_t kind = 0; kind < _subs.size(); ++kind) {
+    std::vector<std::pair<int, Dictionary>>& list = _subs[kind];
     if (list.empty()) continue;
     std::stable_sort(list.begin(), list.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     Array records;
     for (auto& [rank, sub] : list) records.add(std::move(sub));
-    _record.set(info(kind).relation, records);
+    _record.set(kKinds[kind].relation, records);
   }
   if (_record.empty()) {
     why = "nothing to import: no name, organisation, number or address";
@@ -605,7 +608,7 @@ UserFileImport importVCardText(std::string_view text, const std::string& path) {
   UserFileImport file;
   file.path = path;
   ContentReader reader(text);
-  std::map<std::string, std::size_t> seen;  // identifier -> line of its card
+  std::unordered_map<std::string, std::size_t> seen;  // identifier -> line of its card
   std::size_t cardCount = 0;
   // Each object is read into records and let go before the next is read.
   std::vector<const ContentObject*> cards;
