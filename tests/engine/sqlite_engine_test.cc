@@ -7,7 +7,9 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
@@ -46,6 +48,22 @@ void writeWithSqlite(const fs::path& path, const std::string& sql) {
       << (message ? message : "");
   sqlite3_free(message);
   sqlite3_close(db);
+}
+
+// The tables and indexes of a file, as "type name" in name order.
+std::vector<std::string> schemaObjects(const fs::path& path) {
+  std::vector<std::string> objects;
+  sqlite3* db = nullptr;
+  EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  sqlite3_stmt* select = nullptr;
+  EXPECT_EQ(sqlite3_prepare_v2(db, "SELECT type || ' ' || name FROM sqlite_master ORDER BY name",
+                               -1, &select, nullptr),
+            SQLITE_OK);
+  while (sqlite3_step(select) == SQLITE_ROW)
+    objects.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(select, 0)));
+  sqlite3_finalize(select);
+  sqlite3_close(db);
+  return objects;
 }
 
 Dictionary contact(const std::string& firstName) {
@@ -444,6 +462,10 @@ TEST_F(SqliteEngineTest, VersionOneStoreIsUpgradedKeepingItsRecordsAndClients) {
   store->addRecord("c2", contact("Bob"));
   EXPECT_EQ(store->changesSince(1).size(), 1u);
   EXPECT_EQ(store->check(), "");
+  // The upgraded file has every table and index a new one has.
+  const fs::path fresh = path.parent_path() / "fresh.store";
+  ASSERT_TRUE(openStore(fresh));
+  EXPECT_EQ(schemaObjects(path), schemaObjects(fresh));
 }
 
 TEST_F(SqliteEngineTest, WritersOnSeveralThreadsLoseNothing) {
