@@ -15,6 +15,7 @@
 #include "host/ReferenceSync.h"
 #include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
+#include "support/TemporaryFolder.h"
 
 namespace pc {
 namespace {
@@ -65,9 +66,7 @@ Dictionary weeklyBerlinEvent() {
 class SyncZonesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    folder = ::testing::TempDir() + "sync-zones-" + std::to_string(::getpid()) + "-" +
-             ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::remove_all(folder);
+    folder = test::folderOfThisTest("sync-zones");
     use("photo-phone");
     // One display alarm per event, kept as a display alarm.
     Dictionary calendars = run.deviceDescription.getDictionary("SyncDataClasses")
