@@ -67,12 +67,8 @@ class SyncZonesTest : public ::testing::Test {
  protected:
   void SetUp() override {
     folder = test::folderOfThisTest("sync-zones");
-    use("photo-phone");
     // One display alarm per event, kept as a display alarm.
-    Dictionary calendars = run.deviceDescription.getDictionary("SyncDataClasses")
-                               ->getDictionary("Calendars")
-                               .value();
-    calendars.set("alarmTypeIsDisplay", Value(true));
+    use("photo-phone");
     run.anchorDate = CalendarDate::dateWithYear(2027, 3, 1, 0, 0, 0, TimeZone::systemTimeZone());
   }
   void TearDown() override { std::filesystem::remove_all(folder); }
