@@ -16,6 +16,7 @@
 #include "platform/CalendarDate.h"
 #include "platform/Exception.h"
 #include "platform/TimeZone.h"
+#include "support/TemporaryFolder.h"
 #include "util/PHCMangling.h"
 
 namespace pc {
@@ -23,14 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-fs::path makeTemporaryFolder() {
-  const char* base = std::getenv("PC_TEST_TMPDIR");
-  fs::path root = base && *base ? fs::path(base) : fs::temp_directory_path();
-  fs::create_directories(root);
-  std::string pattern = (root / "store-XXXXXX").string();
-  EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-  return pattern;
-}
+fs::path makeTemporaryFolder() { return test::makeTemporaryFolder("store"); }
 
 std::shared_ptr<SqliteEngine> openStore(const fs::path& path) {
   std::string error;
@@ -98,6 +92,9 @@ struct MemoryKind {
     return std::make_shared<MemorySyncEngineClient>("client.id", "My Phone", supported,
                                                     (folder / "client.plist").string());
   }
+  static bool saved(const SyncEngineClient& client) {
+    return dynamic_cast<const MemorySyncEngineClient&>(client).lastSaveSucceeded();
+  }
 };
 
 struct SqliteKind {
@@ -107,6 +104,8 @@ struct SqliteKind {
   std::shared_ptr<SyncEngineClient> client(const Array& supported) {
     return openStore(folder / "store.db")->clientWithIdentifier("client.id", "My Phone", supported);
   }
+  // Every write reaches the file or raises.
+  static bool saved(const SyncEngineClient&) { return true; }
 };
 
 template <typename Kind>
@@ -184,6 +183,7 @@ TYPED_TEST(EngineKindTest, ClientValuesAndEnabledEntitiesSurviveARestart) {
     client->setEnabled(false, Array{kCalendarsEvent});
     Value read = client->objectForKey("description");
     read.dictionary().set("changed", true);
+    EXPECT_TRUE(TypeParam::saved(*client));
   }
   auto client = this->kind.client(supported);
   EXPECT_EQ(client->objectForKey("description"),
