@@ -252,7 +252,7 @@ void Importer::readRule(icalproperty* p, const ParsedEntry& entry, Dictionary& r
   const std::string text = icalrecurrencetype_as_string(&copy);
   report(entry.line, "RRULE:" + text + " cannot be held as a recurrence (" + why + "): kept as " +
                          std::to_string(dates.size()) + " occurrences" +
-                         (cut ? " (the first " + std::to_string(kExplodedYears) + " years)" : std::string()));
+                         (cut ? ", cut at " + dates.back().descriptionWithCalendarFormat("%Y-%m-%d") : std::string()));
 }
 
 std::optional<Dictionary> Importer::read(const ParsedEntry& entry, Dictionary* master) {
@@ -396,31 +396,52 @@ std::optional<Dictionary> Importer::read(const ParsedEntry& entry, Dictionary* m
       report(entry.line, "RRULE, RDATE and EXDATE of a changed occurrence are left out");
     return record;
   }
-  if (task && !rules.empty()) {
-    report(entry.line, "the rule of a task is left out: tasks repeat on the phone only through their owner");
-    rules.clear();
+  if (task) {
+    if (!rules.empty() || !exceptionDates.empty() || !extraStarts.empty())
+      report(entry.line, "RRULE, RDATE and EXDATE of a task are left out: tasks do not repeat in the engine");
+    return record;
   }
   for (icalproperty* rule : rules) readRule(rule, entry, record, extraStarts);
-  if (!exceptionDates.empty()) record.set("exceptionDates", exceptionDates);
-  if (!extraStarts.empty()) {
+  const bool recurring = record.contains("recurrences");
+  auto excluded = [&](const CalendarDate& d) {
+    for (const Value& e : exceptionDates)
+      if (e.date() == d) return true;
+    return false;
+  };
+  std::vector<CalendarDate> extras;
+  for (const Value& d : extraStarts)
+    if (!excluded(d.date())) extras.push_back(startIsDay ? d.date() : d.date().dateWithTimeZone(start->timeZone()));
+  std::sort(extras.begin(), extras.end());
+  extras.erase(std::unique(extras.begin(), extras.end()), extras.end());
+  const double length = record.get("endDate").date().timeIntervalSinceReferenceDate() -
+                        start->timeIntervalSinceReferenceDate();
+  if (recurring) {
+    if (!exceptionDates.empty()) record.set("exceptionDates", exceptionDates);
+  } else if (!exceptionDates.empty() && excluded(*start)) {
+    // Without a rule the record cannot exclude its own start: the entry
+    // starts at its first occurrence left.
+    if (extras.empty()) {
+      _file.skipped.push_back({entry.line, "every occurrence is an exception date"});
+      return std::nullopt;
+    }
+    start = extras.front();
+    extras.erase(extras.begin());
+    record.set("startDate", *start);
+    record.set("endDate", start->dateByAddingTimeInterval(length));
+    report(entry.line, "the start is an exception date: the entry starts at its next occurrence");
+  }
+  if (!extras.empty()) {
     // Extra dates become detached copies of the event at those dates.
-    const double length = record.get("endDate").date().timeIntervalSinceReferenceDate() -
-                          start->timeIntervalSinceReferenceDate();
     Array detached = record.getArray("detachedEvents").value_or(Array());
-    std::size_t kept = 0;
-    for (const Value& d : extraStarts) {
-      if (exceptionDates.contains(d)) continue;
+    for (const CalendarDate& at : extras) {
       Dictionary copy = record.deepCopy();
       for (const char* key : {"recurrences", "exceptionDates", "detachedEvents"}) copy.remove(key);
-      CalendarDate at = d.date();
-      if (!startIsDay) at = at.dateWithTimeZone(start->timeZone());
       copy.set("startDate", at);
       copy.set("endDate", at.dateByAddingTimeInterval(length));
       copy.set("originalDate", at);
       detached.add(copy);
-      ++kept;
     }
-    if (kept) record.set("detachedEvents", detached);
+    record.set("detachedEvents", detached);
     if (icalcomponent_get_first_property(c, ICAL_RDATE_PROPERTY))
       report(entry.line, "RDATE kept as detached events");
   }

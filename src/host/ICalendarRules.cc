@@ -176,14 +176,15 @@ std::vector<CalendarDate> icalendarRuleOccurrences(const struct icalrecurrencety
     dates.push_back(start);
     return dates;
   }
-  const int lastYear = dtstart.year + kExplodedYears;
+  const CalendarDate last = start.dateByAddingYears(kExplodedYears, 0, 0, 0, 0, 0);
   for (struct icaltimetype t = icalrecur_iterator_next(iterator); !icaltime_is_null_time(t);
        t = icalrecur_iterator_next(iterator)) {
-    if (t.year >= lastYear || dates.size() >= kExplodedOccurrences) {
+    const CalendarDate at = CalendarDate::dateWithYear(t.year, t.month, t.day, t.hour, t.minute, t.second, zone);
+    if (!(at < last) || dates.size() >= kExplodedOccurrences) {
       cut = true;
       break;
     }
-    dates.push_back(CalendarDate::dateWithYear(t.year, t.month, t.day, t.hour, t.minute, t.second, zone));
+    dates.push_back(at);
   }
   icalrecur_iterator_free(iterator);
   if (dates.empty() || !(dates.front() == start)) dates.insert(dates.begin(), start);
