@@ -50,6 +50,13 @@ std::string lower(std::string text) {
   return out;
 }
 
+// "BEGIN:VJOURNAL" and the like; X- components have no name of their own in
+// libical.
+std::string componentName(icalcomponent* c) {
+  const char* name = icalcomponent_kind_to_string(icalcomponent_isa(c));
+  return std::string("BEGIN:") + (name ? name : "X-UNKNOWN");
+}
+
 std::string propertyName(icalproperty* p) {
   const char* name = icalproperty_get_property_name(p);
   return name ? name : "X-UNKNOWN";
@@ -387,7 +394,7 @@ std::optional<Dictionary> Importer::read(const ParsedEntry& entry, Dictionary* m
   for (icalcomponent* alarm = icalcomponent_get_first_component(c, ICAL_ANY_COMPONENT); alarm;
        alarm = icalcomponent_get_next_component(c, ICAL_ANY_COMPONENT)) {
     if (icalcomponent_isa(alarm) == ICAL_VALARM_COMPONENT) readAlarm(alarm, record, task, entry.line);
-    else notKept(std::string("BEGIN:") + icalcomponent_kind_to_string(icalcomponent_isa(alarm)));
+    else notKept(componentName(alarm));
   }
 
   if (master || entry.recurrenceKey) {
@@ -488,7 +495,7 @@ UserFileImport importICalendarText(std::string_view text, const std::string& pat
       const icalcomponent_kind kind = icalcomponent_isa(c);
       if (kind == ICAL_VTIMEZONE_COMPONENT) continue;
       if (kind != ICAL_VEVENT_COMPONENT && kind != ICAL_VTODO_COMPONENT) {
-        ++file.propertiesNotKept[std::string("BEGIN:") + icalcomponent_kind_to_string(kind)];
+        ++file.propertiesNotKept[componentName(c)];
         continue;
       }
       ParsedEntry entry;

@@ -33,17 +33,27 @@ long long yearStartUTC(int year) {
   return static_cast<long long>(icaltime_as_timet(t));
 }
 
-// The custom zone's changes, found by looking at it every hour: a change is
-// dated at the first whole hour that has the new offset, which is where the
-// changes of real zones fall.
+// The custom zone's changes, found by looking at it once a day and, where
+// the offset changed, every hour of that day: a change is dated at the first
+// whole hour that has the new offset, which is where the changes of real
+// zones fall.
 OffsetChanges customChanges(icaltimezone* zone, long long from, long long to) {
-  OffsetChanges changes;
   icaltimezone* utc = icaltimezone_get_utc_timezone();
-  for (long long t = from; t < to; t += kHour) {
+  auto offsetAt = [&](long long t) {
     struct icaltimetype at = icaltime_from_timet_with_zone(static_cast<time_t>(t), 0, utc);
     int daylight = 0;
-    const int offset = icaltimezone_get_utc_offset_of_utc_time(zone, &at, &daylight);
-    if (changes.empty() || changes.back().second != offset) changes.emplace_back(t, offset);
+    return icaltimezone_get_utc_offset_of_utc_time(zone, &at, &daylight);
+  };
+  OffsetChanges changes{{from, offsetAt(from)}};
+  constexpr long long kDayStep = 24 * kHour;
+  for (long long day = from + kDayStep; day < to + kDayStep; day += kDayStep) {
+    const long long t = std::min(day, to - kHour);
+    if (offsetAt(t) == changes.back().second) continue;
+    for (long long hour = t - kDayStep + kHour; hour <= t; hour += kHour) {
+      if (hour <= changes.back().first) continue;
+      const int offset = offsetAt(hour);
+      if (offset != changes.back().second) changes.emplace_back(hour, offset);
+    }
   }
   return changes;
 }
