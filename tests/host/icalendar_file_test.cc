@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -312,6 +313,83 @@ TEST(ICalendarImportTest, EntriesWithoutUIDGetStableIdentifiers) {
   ASSERT_EQ(first.records.size(), 1u);
   EXPECT_EQ(first.records[0].identifier, second.records[0].identifier);
   EXPECT_EQ(first.records[0].identifier.rfind("ics-", 0), 0u);
+}
+
+// The object examples of RFC 5545 (section 4, and the anniversary of
+// section 3.6.1), read as the standard describes them.
+TEST(ICalendarImportTest, PublishedObjectExamples) {
+  const std::string text =
+      "BEGIN:VCALENDAR\r\nPRODID:-//xyz Corp//NONSGML PDA Calendar Version 1.0//EN\r\nVERSION:2.0\r\n"
+      "BEGIN:VEVENT\r\nDTSTAMP:19960704T120000Z\r\nUID:uid1@example.com\r\nORGANIZER:mailto:jsmith@example.com\r\n"
+      "DTSTART:19960918T143000Z\r\nDTEND:19960920T220000Z\r\nSTATUS:CONFIRMED\r\nCATEGORIES:CONFERENCE\r\n"
+      "SUMMARY:Networld+Interop Conference\r\nDESCRIPTION:Networld+Interop Conference\r\n  and Exhibit\\nAtlanta World "
+      "Congress Center\\n\r\n Atlanta\\, Georgia\r\nEND:VEVENT\r\nEND:VCALENDAR\r\n"
+      "BEGIN:VCALENDAR\r\nPRODID:-//RDU Software//NONSGML HandCal//EN\r\nVERSION:2.0\r\n"
+      "BEGIN:VTIMEZONE\r\nTZID:America/New_York\r\nBEGIN:STANDARD\r\nDTSTART:19981025T020000\r\n"
+      "TZOFFSETFROM:-0400\r\nTZOFFSETTO:-0500\r\nTZNAME:EST\r\nEND:STANDARD\r\nBEGIN:DAYLIGHT\r\n"
+      "DTSTART:19990404T020000\r\nTZOFFSETFROM:-0500\r\nTZOFFSETTO:-0400\r\nTZNAME:EDT\r\nEND:DAYLIGHT\r\n"
+      "END:VTIMEZONE\r\nBEGIN:VEVENT\r\nDTSTAMP:19980309T231000Z\r\nUID:guid-1.example.com\r\n"
+      "ORGANIZER;ROLE=CHAIR:mailto:mrbig@example.com\r\n"
+      "ATTENDEE;RSVP=TRUE;ROLE=REQ-PARTICIPANT;CUTYPE=GROUP:mailto:employee-A@example.com\r\n"
+      "DESCRIPTION:Project XYZ Review Meeting\r\nCATEGORIES:MEETING\r\nCLASS:PUBLIC\r\nCREATED:19980309T130000Z\r\n"
+      "SUMMARY:XYZ Project Review\r\nDTSTART;TZID=America/New_York:19980312T083000\r\n"
+      "DTEND;TZID=America/New_York:19980312T093000\r\nLOCATION:1CP Conference Room 4350\r\nEND:VEVENT\r\n"
+      "END:VCALENDAR\r\n"
+      "BEGIN:VCALENDAR\r\nVERSION:2.0\r\nPRODID:-//ABC Corporation//NONSGML My Product//EN\r\n"
+      "BEGIN:VTODO\r\nDTSTAMP:19980130T134500Z\r\nSEQUENCE:2\r\nUID:uid4@example.com\r\n"
+      "ORGANIZER:mailto:unclesam@example.com\r\nATTENDEE;PARTSTAT=ACCEPTED:mailto:jqpublic@example.com\r\n"
+      "DUE:19980415T000000\r\nSTATUS:NEEDS-ACTION\r\nSUMMARY:Submit Income Taxes\r\nBEGIN:VALARM\r\n"
+      "ACTION:AUDIO\r\nTRIGGER;VALUE=DATE-TIME:19980403T120000Z\r\n"
+      "ATTACH;FMTTYPE=audio/basic:http://example.com/pub/audio-files/ssbanner.aud\r\nREPEAT:4\r\nDURATION:PT1H\r\n"
+      "END:VALARM\r\nEND:VTODO\r\n"
+      "BEGIN:VJOURNAL\r\nDTSTAMP:19970324T120000Z\r\nUID:uid5@example.com\r\nORGANIZER:mailto:jsmith@example.com\r\n"
+      "STATUS:DRAFT\r\nCLASS:PUBLIC\r\nCATEGORIES:Project Report,XYZ,Weekly Meeting\r\n"
+      "DESCRIPTION:Project xyz Review Meeting Minutes\r\nEND:VJOURNAL\r\n"
+      "BEGIN:VFREEBUSY\r\nORGANIZER:mailto:jsmith@example.com\r\nDTSTART:19980313T141711Z\r\n"
+      "DTEND:19980410T141711Z\r\nFREEBUSY:19980314T233000Z/19980315T003000Z\r\nEND:VFREEBUSY\r\n"
+      "BEGIN:VEVENT\r\nUID:19970901T130000Z-123403@example.com\r\nDTSTAMP:19970901T130000Z\r\n"
+      "DTSTART;VALUE=DATE:19971102\r\nSUMMARY:Our Blissful Anniversary\r\nTRANSP:TRANSPARENT\r\n"
+      "CLASS:CONFIDENTIAL\r\nCATEGORIES:ANNIVERSARY,PERSONAL,SPECIAL OCCASION\r\nRRULE:FREQ=YEARLY\r\n"
+      "END:VEVENT\r\nEND:VCALENDAR\r\n";
+  const UserFileImport file = importICalendarText(text, "rfc.ics");
+  ASSERT_FALSE(file.failure);
+  ASSERT_EQ(file.records.size(), 4u);
+  EXPECT_TRUE(file.skipped.empty());
+
+  const Dictionary& conference = file.records[0].record;
+  EXPECT_EQ(file.records[0].identifier, "uid1@example.com");
+  EXPECT_EQ(dateText(conference.get("startDate")), "1996-09-18 14:30:00 GMT");
+  EXPECT_EQ(dateText(conference.get("endDate")), "1996-09-20 22:00:00 GMT");
+  EXPECT_EQ(conference.getString("status"), "confirmed");
+  EXPECT_EQ(conference.getString("description"),
+            "Networld+Interop Conference and Exhibit\nAtlanta World Congress Center\nAtlanta, Georgia");
+
+  const Dictionary& review = file.records[1].record;
+  EXPECT_EQ(dateText(review.get("startDate")), "1998-03-12 08:30:00 America/New_York");
+  EXPECT_EQ(review.get("startDate").date().secondsFromGMT(), -5 * 3600);
+  EXPECT_EQ(review.getString("location"), "1CP Conference Room 4350");
+  EXPECT_EQ(review.getString("classification"), "public");
+
+  const Dictionary& taxes = file.records[2].record;
+  EXPECT_EQ(taxes.getString("entityName"), "Calendars.Task");
+  EXPECT_EQ(taxes.getString("status"), "needsaction");
+  EXPECT_TRUE(taxes.get("dueDate").date().timeZone()->isLocalTimeZoneKind());
+  const Dictionary alarm = taxes.getArray("audioAlarms")->at(0).dictionary();
+  EXPECT_EQ(dateText(alarm.get("triggerdate")), "1998-04-03 12:00:00 GMT");
+  EXPECT_EQ(alarm.getString("sound"), "http://example.com/pub/audio-files/ssbanner.aud");
+
+  const Dictionary& anniversary = file.records[3].record;
+  EXPECT_TRUE(anniversary.getBool("allDay"));
+  EXPECT_EQ(dateText(anniversary.get("startDate")), "1997-11-02 12:00:00 GMT");
+  EXPECT_EQ(anniversary.getString("classification"), "confidential");
+  EXPECT_EQ(anniversary.get("categories"), (Array{"ANNIVERSARY", "PERSONAL", "SPECIAL OCCASION"}));
+  EXPECT_EQ(anniversary.getArray("recurrences")->at(0).dictionary().getString("frequency"), "yearly");
+
+  // What the engine has no place for, counted by name.
+  const std::map<std::string, std::size_t> expected{
+      {"ATTENDEE", 2}, {"BEGIN:VFREEBUSY", 1}, {"BEGIN:VJOURNAL", 1}, {"CREATED", 1}, {"ORGANIZER", 3},
+      {"SEQUENCE", 1}, {"TRANSP", 1}, {"VALARM.DURATION", 1}, {"VALARM.REPEAT", 1}};
+  EXPECT_EQ(file.propertiesNotKept, expected);
 }
 
 // What an import gives, written and read again, gives the same records.
