@@ -568,7 +568,16 @@ UserFileImport importICalendarText(std::string_view text, const std::string& pat
         record->getString("entityName") != "Calendars.Event") {
       // Without its master in the file the occurrence stands alone.
       file.reported.push_back({entry.line, "a changed occurrence without its recurring entry in the file is kept on its own"});
-      file.records.push_back(UserFileRecord{entry.uid + "/" + *entry.recurrenceKey, *record, entry.line});
+      const std::string identifier = entry.uid + "/" + *entry.recurrenceKey;
+      if (auto found = masterIndex.find(identifier); found != masterIndex.end()) {
+        UserFileRecord& earlier = file.records[found->second];
+        file.skipped.push_back({earlier.line, "replaced by the entry of the same UID and RECURRENCE-ID on line " +
+                                                  std::to_string(entry.line)});
+        earlier = UserFileRecord{identifier, *record, entry.line};
+        continue;
+      }
+      masterIndex[identifier] = file.records.size();
+      file.records.push_back(UserFileRecord{identifier, *record, entry.line});
       continue;
     }
     const Value masterStart = master->get("startDate");
