@@ -504,7 +504,10 @@ UserFileImport importICalendarText(std::string_view text, const std::string& pat
       entry.line = index < lines.size() ? lines[index] : 0;
       ++index;
       if (icalproperty* uid = icalcomponent_get_first_property(c, ICAL_UID_PROPERTY))
-        if (const char* value = icalproperty_get_uid(uid)) entry.uid = value;
+        if (const char* value = icalproperty_get_uid(uid))
+          // Control characters cannot be written back in a UID: they are left out.
+          for (const char* c = value; *c; ++c)
+            if (static_cast<unsigned char>(*c) >= 0x20 && *c != 0x7f) entry.uid += *c;
       if (icalproperty* rid = icalcomponent_get_first_property(c, ICAL_RECURRENCEID_PROPERTY)) {
         const struct icaltimetype t = icalproperty_get_recurrenceid(rid);
         entry.recurrenceKey = icaltime_is_null_time(t) ? std::string("?") : std::string(icaltime_as_ical_string(t));
