@@ -94,6 +94,33 @@ std::vector<std::size_t> entryLines(std::string_view text) {
   return lines;
 }
 
+// libical's parser fed line by line from the text, which is not copied.
+struct LineSource {
+  std::string_view text;
+  std::size_t at = 0;
+};
+
+char* nextLine(char* buffer, std::size_t size, void* data) {
+  auto* source = static_cast<LineSource*>(data);
+  if (source->at >= source->text.size() || size < 2) return nullptr;
+  std::size_t end = source->text.find('\n', source->at);
+  end = end == std::string_view::npos ? source->text.size() : end + 1;
+  const std::size_t length = std::min(end - source->at, size - 1);
+  std::memcpy(buffer, source->text.data() + source->at, length);
+  buffer[length] = '\0';
+  source->at += length;
+  return buffer;
+}
+
+ComponentPtr parse(std::string_view text) {
+  icalparser* parser = icalparser_new();
+  LineSource source{text};
+  icalparser_set_gen_data(parser, &source);
+  ComponentPtr root(icalparser_parse(parser, nextLine));
+  icalparser_free(parser);
+  return root;
+}
+
 struct ParsedEntry {
   icalcomponent* component = nullptr;
   std::size_t line = 0;
@@ -461,12 +488,11 @@ UserFileImport importICalendarText(std::string_view text, const std::string& pat
   UserFileImport file;
   file.path = path;
   icalerror_set_errors_are_fatal(0);
-  const std::string owned(text);
-  if (owned.find('\0') != std::string::npos) {
+  if (text.find('\0') != std::string_view::npos) {
     file.failure = UserFileNote{1, "not an iCalendar file: it holds a NUL byte"};
     return file;
   }
-  ComponentPtr root(icalparser_parse_string(owned.c_str()));
+  ComponentPtr root = parse(text);
   std::vector<icalcomponent*> calendars;
   if (root && icalcomponent_isa(root.get()) == ICAL_VCALENDAR_COMPONENT) calendars.push_back(root.get());
   if (root && icalcomponent_isa(root.get()) == ICAL_XROOT_COMPONENT)
@@ -481,6 +507,8 @@ UserFileImport importICalendarText(std::string_view text, const std::string& pat
   std::size_t index = 0;
 
   std::vector<ParsedEntry> entries;
+  entries.reserve(lines.size());
+  file.records.reserve(lines.size());
   std::vector<icalcomponent*> owners;  // the calendar of each entry, for its zones
   for (icalcomponent* calendar : calendars) {
     for (icalproperty* p = icalcomponent_get_first_property(calendar, ICAL_ANY_PROPERTY); p;
