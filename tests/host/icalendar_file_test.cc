@@ -54,6 +54,9 @@ TEST(ICalendarImportTest, TextFieldsBecomeEngineFields) {
       {"PRIORITY:3", "priority", 3},
       {"URL:https://example.org/x", "url", URL("https://example.org/x")},
       {"CATEGORIES:WORK,TRAVEL", "categories", Array{"WORK", "TRAVEL"}},
+      // Longer than the parser's line buffer, and folded.
+      {"SUMMARY:" + std::string(3000, 'x') + "y", "summary", std::string(3000, 'x') + "y"},
+      {"LOCATION:Hall\r\n  B", "location", "Hall B"},
   };
   for (const Case& c : cases) {
     const Dictionary record = onlyRecord(importOne(event("DTSTART:20260310T090000Z\r\n" + c.line + "\r\n")));
