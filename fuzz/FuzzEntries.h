@@ -56,6 +56,9 @@ void fuzzVCalendar(const std::uint8_t* data, std::size_t size);
 // identifier; written as export writes it, it reads back as the same records
 // with the same identifiers.
 void fuzzVCardFile(const std::uint8_t* data, std::size_t size);
+// A user's iCalendar file as import takes it: what reads must export and
+// read back as entries with the same identifiers, none skipped.
+void fuzzICalendar(const std::uint8_t* data, std::size_t size);
 
 struct NamedFuzzEntry {
   // The target's name: fuzz_<name> and tests/fuzz_regressions/<name>/.
