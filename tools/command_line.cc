@@ -59,7 +59,7 @@ std::string commandNames(const CLI::App& app) {
 int runCommandLine(CLI::App& app, int argc, char** argv) {
   if (app.get_footer().empty())
     app.footer("Example:\n  phoneconduit explode examples/events/weekly-team-meeting.plist --from 20261101 --to 20261201\n"
-               "Exit status: 0 success, 1 bad input, 2 bad command line.");
+               "Exit status: 0 success, 1 bad input, 2 bad command line, 3 some records rejected.");
   // Subcommands run from the parse.
   try {
     HeldOutput output;

@@ -8,6 +8,7 @@
 
 #include <libical/ical.h>
 
+#include <map>
 #include <set>
 #include <string>
 #include <utility>
@@ -45,7 +46,8 @@ class Exporter {
                        bool masterAllDay, const TimeZonePtr& masterZone);
 
   icalcomponent* _calendar;
-  std::set<std::string> _zones;
+  // Each zone a date names, with the earliest such date (seconds since 1970).
+  std::map<std::string, double> _zones;
 };
 
 icalproperty* Exporter::dateProperty(icalproperty_kind kind, const CalendarDate& date, bool day) {
@@ -66,7 +68,9 @@ icalproperty* Exporter::dateProperty(icalproperty_kind kind, const CalendarDate&
   const TimeZonePtr& zone = date.timeZone();
   if (zone && !zone->isLocalTimeZoneKind() && !icaltime_is_utc(t)) {
     icalproperty_add_parameter(p, icalparameter_new_tzid(zone->name().c_str()));
-    _zones.insert(zone->name());
+    const double seconds = date.date().timeIntervalSince1970();
+    auto [it, added] = _zones.emplace(zone->name(), seconds);
+    if (!added && seconds < it->second) it->second = seconds;
   }
   return p;
 }
@@ -202,10 +206,21 @@ void Exporter::writeZones() {
   for (icalcomponent* c = first; c; c = icalcomponent_get_next_component(_calendar, ICAL_ANY_COMPONENT))
     entries.push_back(c);
   for (icalcomponent* c : entries) icalcomponent_remove_component(_calendar, c);
-  for (const std::string& name : _zones) {
+  for (const auto& [name, earliest] : _zones) {
     icalcomponent* zone = nullptr;
     if (icaltimezone* builtin = icaltimezone_get_builtin_timezone(name.c_str()))
-      if (icalcomponent* described = icaltimezone_get_component(builtin)) zone = icalcomponent_new_clone(described);
+      if (icalcomponent* described = icaltimezone_get_component(builtin)) {
+        zone = icalcomponent_new_clone(described);
+        // The zone's history from a year before its first date on: what a
+        // reader needs, without the century of changes before it.
+        struct icaltimetype from =
+            icaltime_from_timet_with_zone(static_cast<time_t>(earliest), 0, icaltimezone_get_utc_timezone());
+        from.year -= 1;
+        from.month = 1;
+        from.day = 1;
+        from.hour = from.minute = from.second = 0;
+        icaltimezone_truncate_vtimezone(zone, from, icaltime_null_time(), 0);
+      }
     if (!zone) {
       // A fixed offset: one STANDARD observance.
       const TimeZonePtr fixed = TimeZone::timeZoneWithName(name);
