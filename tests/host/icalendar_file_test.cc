@@ -431,6 +431,9 @@ TEST(ICalendarRoundTripTest, ImportExportImportKeepsTheRecords) {
   const std::string written = exportICalendarText(records);
   EXPECT_NE(written.find("BEGIN:VTIMEZONE\r\nTZID:Europe/Berlin"), std::string::npos) << written;
   EXPECT_EQ(written.find("Contacts"), std::string::npos);
+  // A zone's history starts shortly before the first date that names it.
+  EXPECT_EQ(written.find("DTSTART:19"), std::string::npos) << written;
+  EXPECT_EQ(written.find("DTSTART:2024"), std::string::npos) << written;
   const UserFileImport second = importICalendarText(written, "b.ics");
   ASSERT_FALSE(second.failure) << second.failure->message;
   EXPECT_TRUE(second.skipped.empty());
