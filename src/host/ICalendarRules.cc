@@ -101,7 +101,7 @@ std::optional<Dictionary> recurrenceFromICalendarRule(const struct icalrecurrenc
   else if (ordinalDays && f == ICAL_YEARLY_RECURRENCE && !byMonth) why = "numbered BYDAY over a whole year";
   else if (byMonthDay && f == ICAL_WEEKLY_RECURRENCE) why = "BYMONTHDAY in a weekly rule";
   else if (byYearDay && (byMonth || byDay || byMonthDay)) why = "BYYEARDAY with other BY parts";
-  else if (present(rule.by_set_pos) && f != ICAL_YEARLY_RECURRENCE) why = "BYSETPOS below a year";
+  else if (present(rule.by_set_pos) && f != ICAL_YEARLY_RECURRENCE && f != ICAL_MONTHLY_RECURRENCE) why = "BYSETPOS below a month";
   if (!why.empty()) return std::nullopt;
 
   Dictionary recurrence{{"entityName", "Calendars.Recurrence"}, {"frequency", frequency},

@@ -307,7 +307,7 @@ TEST(ICalendarDifferentialTest, ExampleRecordsWrittenAndReadBackOccurAlike) {
     EXPECT_EQ(after.getArray("displayAlarms").value_or(Array()).count(),
               before.getArray("displayAlarms").value_or(Array()).count());
     // A rule read back as its occurrences was one the core expands otherwise
-    // than the file means it (monthly BYSETPOS): its dates are libical's.
+    // than the file means it: its dates are libical's.
     if (before.contains("recurrences") && !after.contains("recurrences")) continue;
     EXPECT_EQ(engineOccurrences(after), engineOccurrences(before));
   }

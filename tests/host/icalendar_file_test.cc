@@ -232,7 +232,7 @@ TEST(ICalendarImportTest, RulesTheRecordCannotHoldAreKeptAsOccurrences) {
       {"FREQ=DAILY;COUNT=3;BYHOUR=9,15", "BYHOUR", 3},
       {"FREQ=MONTHLY;BYDAY=FR;BYMONTHDAY=13;COUNT=2", "BYDAY together with BYMONTHDAY", 3},
       {"FREQ=YEARLY;BYWEEKNO=20;BYDAY=MO;COUNT=3", "BYWEEKNO", 4},
-      {"FREQ=MONTHLY;BYDAY=MO,TU,WE,TH,FR;BYSETPOS=-1;COUNT=3", "BYSETPOS", 4},
+      {"FREQ=WEEKLY;BYDAY=MO,WE;BYSETPOS=1;COUNT=3", "BYSETPOS below a month", 4},
       // Forever: the first ten years.
       {"FREQ=YEARLY;BYDAY=20MO", "numbered BYDAY", 11},
   };
