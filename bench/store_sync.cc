@@ -14,6 +14,7 @@
 
 #include "host/PhoneStore.h"
 #include "host/StoreSync.h"
+#include "host/VFormatParsers.h"
 #include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
 
@@ -93,6 +94,7 @@ void BM_StoreSyncFullPhone(benchmark::State& state) {
 
     // 1% of the records changed on each side.
     PhoneStore phone(run.phone.phoneDirectory);
+    usePhoneParsers(phone, run.phone.deviceDescription);
     auto contacts = phone.read("Contacts");
     for (std::size_t i = 0; contacts && i < contacts->records.size(); i += 100)
       contacts->records[i].fields.set("firstName", "Edited");

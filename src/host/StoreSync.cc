@@ -6,6 +6,7 @@
 #include <cctype>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <map>
 #include <set>
 #include <sstream>
@@ -89,9 +90,13 @@ struct Formatted {
   std::map<std::string, Dictionary> unmangled;  // phone entries asked for, in the engine's form
 };
 
+// Formats the engine's records of the data classes, or only those named in
+// `only` when it is given: a record's phone form depends on the record, the
+// phone and the window alone, so a subset formats as it would among all.
 bool formatAll(const StoreSyncRun& run, const SqliteEngine& store,
                const std::vector<std::string>& dataClasses, Formatted& out, std::string& error,
-               std::multimap<std::string, PhoneStoreRecord> unmangle = {}) {
+               std::multimap<std::string, PhoneStoreRecord> unmangle = {},
+               const std::set<std::string>* only = nullptr) {
   TemporaryFolder folder;
   if (folder.path().empty()) {
     error = "cannot make a temporary folder";
@@ -103,10 +108,16 @@ bool formatAll(const StoreSyncRun& run, const SqliteEngine& store,
   if (fs::exists(settings, code)) fs::copy_file(settings, folder.path() / kSettingsFileName, code);
 
   std::vector<SyncInput> inputs;
-  for (const std::string& dataClass : dataClasses)
-    for (const Value& identifier : store.recordIdentifiersForDataClassName(dataClass))
-      if (auto record = store.recordWithIdentifier(identifier.string()))
-        inputs.push_back({identifier.string(), std::move(*record)});
+  if (only) {
+    for (const std::string& identifier : *only)
+      if (auto record = store.recordWithIdentifier(identifier))
+        inputs.push_back({identifier, std::move(*record)});
+  } else {
+    for (const std::string& dataClass : dataClasses)
+      for (const Value& identifier : store.recordIdentifiersForDataClassName(dataClass))
+        if (auto record = store.recordWithIdentifier(identifier.string()))
+          inputs.push_back({identifier.string(), std::move(*record)});
+  }
 
   SyncRun formatting = run.phone;
   formatting.phoneDirectory = folder.path().string();
@@ -227,6 +238,17 @@ std::string contentKey(const std::string& entity, const Dictionary& fields) {
     key += "\x1f" + start.date().dateWithTimeZone(TimeZone::gmt()).descriptionWithCalendarFormat(
                         "%Y%m%dT%H%M%S");
   return key;
+}
+
+// A stamp of what shapes the phone's entries besides the records: the
+// phone's descriptions and formatting variables. The last sync's anchors keep
+// it; a run for a phone of another stamp formats every record again.
+std::string formattingStamp(const SyncRun& phone) {
+  const Dictionary shape{{"device", phone.deviceDescription},
+                         {"entities", phone.entitiesDescription},
+                         {"variables", phone.formatting.variables},
+                         {"version", phone.formatting.version}};
+  return fmt::format("{:016x}", std::hash<std::string>{}(Value(shape).description()));
 }
 
 // The engine record behind a phone entry's identifier: the record itself, or
@@ -360,6 +382,25 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         phoneIdOf[entry.engineIdentifier] = phoneId;
       }
 
+    // The change counter the last sync ended at, when it left anchors for
+    // every data class and formatted for a phone of the same stamp: the
+    // phone then holds, as the state says, the formatted form of every record
+    // that did not change since, and only the others are formatted again.
+    const std::string stamp = formattingStamp(run.phone);
+    std::optional<std::int64_t> since;
+    std::int64_t oldest = std::numeric_limits<std::int64_t>::max();
+    bool anchorsCurrent = !run.formatEverything && !dataClasses.empty();
+    bool anchorsStale = false;  // anchors of an older form or another phone
+    for (const std::string& dataClass : dataClasses) {
+      const std::optional<Dictionary> anchor = store.anchor(client, dataClass).asDictionary();
+      const Value change = anchor ? anchor->get("change") : Value();
+      const bool current = anchor && change.isInteger() && anchor->getString("format") == stamp;
+      if (anchor && !current) anchorsStale = true;
+      if (!current) anchorsCurrent = false;
+      else oldest = std::min(oldest, change.integerValue());
+    }
+    if (anchorsCurrent) since = oldest;
+
     // The mode of each data class's first sync.
     std::map<std::string, FirstSyncMode> firstSyncModes;
     {
@@ -440,6 +481,18 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
     std::set<std::string> deletedOnPhone;  // engine ids
     std::set<std::string> touchedByPhone;  // engine ids the phone's changes reached
     auto report = [&result](StoreSyncRecord record) { result.records.push_back(std::move(record)); };
+    // The phone's entries that differ from what the last sync left there.
+    std::set<std::string> editedOnPhone;  // phone ids
+    for (const std::string& dataClass : dataClasses)
+      for (const PhoneStoreRecord& entry : onPhone[dataClass].records) {
+        auto known = state.find(entry.identifier);
+        const Dictionary* base = known != state.end() ? &known->second.phoneForm : nullptr;
+        if (!base)
+          if (auto paired = baseOf.find(entry.identifier); paired != baseOf.end()) base = &paired->second;
+        if (base && !ReferenceSync::differingFields(*base, entry.fields).empty())
+          editedOnPhone.insert(entry.identifier);
+      }
+
     // The phone's changed entries and their last phone forms, in the
     // engine's form: the phone's dates, zones, all-day form, alarms and
     // recurrence ends are compared and merged as the engine holds them.
@@ -450,18 +503,21 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         for (const PhoneStoreRecord& entry : onPhone[dataClass].records) {
           auto mapped = engineIdOf.find(entry.identifier);
           if (mapped == engineIdOf.end() || !records.count(mapped->second)) continue;
+          if (!editedOnPhone.count(entry.identifier)) continue;
           auto known = state.find(entry.identifier);
           const Dictionary& base =
               known != state.end() ? known->second.phoneForm : baseOf[entry.identifier];
-          if (changedKeys(base, entry.fields).empty()) continue;
           unmangle.emplace(mapped->second,
                            PhoneStoreRecord{"phone:" + entry.identifier, entry.entity, entry.fields});
           unmangle.emplace(mapped->second,
                            PhoneStoreRecord{"base:" + entry.identifier, entry.entity, base});
         }
       if (!unmangle.empty()) {
+        std::set<std::string> engineIds;
+        for (const auto& [engineId, entry] : unmangle) engineIds.insert(engineId);
         Formatted current;
-        if (!formatAll(run, store, dataClasses, current, result.error, std::move(unmangle)))
+        if (!formatAll(run, store, dataClasses, current, result.error, std::move(unmangle),
+                       &engineIds))
           return result;
         unmangledForms = std::move(current.unmangled);
       }
@@ -479,9 +535,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         if (replacedOnPhone.count(entry.identifier)) continue;
         if (!isMaster) {
           if (known != state.end() || !masterOf(entry.identifier, records).empty()) {
-            const bool edited =
-                known != state.end() &&
-                !ReferenceSync::differingFields(known->second.phoneForm, entry.fields).empty();
+            const bool edited = known != state.end() && editedOnPhone.count(entry.identifier);
             // An edited single event of an exploded event becomes a detached
             // event of the engine's event, on the day it stood.
             if (edited)
@@ -526,9 +580,9 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
           continue;
         }
         const std::string& engineId = mapped->second;
+        if (!editedOnPhone.count(entry.identifier)) continue;
         const Dictionary& base =
             known != state.end() ? known->second.phoneForm : baseOf[entry.identifier];
-        if (changedKeys(base, entry.fields).empty()) continue;
         auto phoneForm = unmangledForms.find("phone:" + entry.identifier);
         auto baseForm = unmangledForms.find("base:" + entry.identifier);
         const bool unmangledBoth = phoneForm != unmangledForms.end() && baseForm != unmangledForms.end();
@@ -636,8 +690,56 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
     }
 
     // --- The engine's records, out to the phone -------------------------------------------
+    // After a sync that left anchors, only the records it cannot vouch for
+    // are formatted: those changed since (on either side, this run's merges
+    // included), those the phone holds no entry of, and those whose entries
+    // the phone changed or lost. The others are what the state says.
+    std::optional<std::set<std::string>> subset;
+    if (since) {
+      subset.emplace();
+      for (const StoreChange& change : store.changesSince(*since))
+        if (!change.deleted && records.count(change.identifier)) subset->insert(change.identifier);
+      std::set<std::string> present;
+      for (const std::string& dataClass : dataClasses)
+        for (const PhoneStoreRecord& entry : onPhone[dataClass].records) present.insert(entry.identifier);
+      std::set<std::string> held;
+      for (const auto& [phoneId, entry] : state) {
+        if (!records.count(entry.engineIdentifier)) continue;
+        if (!present.count(phoneId) || editedOnPhone.count(phoneId))
+          subset->insert(entry.engineIdentifier);
+        else
+          held.insert(entry.engineIdentifier);
+      }
+      for (const std::string& identifier : records)
+        if (!held.count(identifier)) subset->insert(identifier);
+    }
+    const fs::path settingsPath = fs::path(run.phone.phoneDirectory) / kSettingsFileName;
     Formatted after;
-    if (!formatAll(run, store, dataClasses, after, result.error)) return result;
+    if (!formatAll(run, store, dataClasses, after, result.error, {}, subset ? &*subset : nullptr))
+      return result;
+    if (subset && after.settingsText != fileText(settingsPath)) {
+      // The window moved: every exploded event may fall otherwise.
+      subset.reset();
+      after = Formatted();
+      if (!formatAll(run, store, dataClasses, after, result.error)) return result;
+    }
+    // The entries of the records not formatted again, as the state holds them.
+    if (subset)
+      for (const auto& [phoneId, entry] : state) {
+        if (subset->count(entry.engineIdentifier) || !records.count(entry.engineIdentifier)) continue;
+        const std::optional<std::string> dataClass =
+            schema->dataClassNameForEntityName(entry.entityName);
+        if (!dataClass) continue;
+        const std::string formattedId = engineIdOf.count(phoneId) ? entry.engineIdentifier : phoneId;
+        after.entries[*dataClass].push_back({formattedId, entry.entityName, entry.phoneForm});
+      }
+    // The engine's form of a record as the new state keeps it: the state's own
+    // for a record not formatted again, which has not changed since.
+    auto engineFormOf = [&](const std::string& master, const std::string& phoneId) {
+      if (subset && !subset->count(master))
+        if (auto known = state.find(phoneId); known != state.end()) return known->second.engineForm;
+      return store.recordWithIdentifier(master).value_or(Dictionary());
+    };
 
     std::map<std::string, const SyncRecordReport*> formattedReport;
     for (const SyncRecordReport& entry : after.report.records)
@@ -666,8 +768,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         placed.insert(phoneId);
         const std::string master = masterOf(entry.identifier, records);
         if (!master.empty())
-          newState.push_back({master, phoneId, entry.entity,
-                              store.recordWithIdentifier(master).value_or(Dictionary()),
+          newState.push_back({master, phoneId, entry.entity, engineFormOf(master, phoneId),
                               entry.fields});
       };
       for (const PhoneStoreRecord& held : onPhone[dataClass].records) {
@@ -678,8 +779,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
             placed.insert(held.identifier);
             const std::string master = masterOf(it->second->identifier, records);
             newState.push_back({master, held.identifier, held.entity,
-                                store.recordWithIdentifier(master).value_or(Dictionary()),
-                                it->second->fields});
+                                engineFormOf(master, held.identifier), it->second->fields});
             continue;
           }
           if (Value(it->second->fields) != Value(held.fields))
@@ -758,10 +858,11 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         stateChanged = true;
       }
     }
-    if (stateChanged || store.changeCounter() != counterBefore)
+    if (stateChanged || store.changeCounter() != counterBefore || anchorsStale)
       for (const std::string& dataClass : dataClasses)
-        store.setAnchor(client, dataClass, Dictionary{{"change", store.changeCounter()}});
-    result.storeChanged = stateChanged || store.changeCounter() != counterBefore;
+        store.setAnchor(client, dataClass,
+                        Dictionary{{"change", store.changeCounter()}, {"format", stamp}});
+    result.storeChanged = stateChanged || store.changeCounter() != counterBefore || anchorsStale;
 
     if (!run.dryRun) {
       step("phone");
@@ -776,7 +877,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
           case PhoneStore::WriteResult::failed: raiseException(kSqliteStoreException, error);
         }
       }
-      const fs::path settings = fs::path(run.phone.phoneDirectory) / kSettingsFileName;
+      const fs::path& settings = settingsPath;
       if (!after.settingsText.empty() && fileText(settings) != after.settingsText) {
         const std::string temporary = settings.string() + ".part";
         {
