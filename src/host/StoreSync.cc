@@ -109,9 +109,14 @@ bool formatAll(const StoreSyncRun& run, const SqliteEngine& store,
 
   std::vector<SyncInput> inputs;
   if (only) {
-    for (const std::string& identifier : *only)
-      if (auto record = store.recordWithIdentifier(identifier))
-        inputs.push_back({identifier, std::move(*record)});
+    for (const std::string& identifier : *only) {
+      std::optional<Dictionary> record = store.recordWithIdentifier(identifier);
+      if (!record) {
+        error = store.path() + ": records/" + identifier + ": the record does not read";
+        return false;
+      }
+      inputs.push_back({identifier, std::move(*record)});
+    }
   } else {
     for (const std::string& dataClass : dataClasses)
       for (const Value& identifier : store.recordIdentifiersForDataClassName(dataClass))
@@ -332,10 +337,6 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
   const std::string& client = run.clientIdentifier;
 
   // --- Read everything first -------------------------------------------------------------
-  if (std::string problem = store.check(); !problem.empty()) {
-    result.error = problem;
-    return result;
-  }
   auto schema = SyncEngineManager::sharedManager();
   std::vector<std::string> dataClasses;
   if (auto entities = run.phone.entitiesDescription.getDictionary(kEngineClientEntitiesKey))
@@ -343,6 +344,38 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       if (auto dataClass = schema->dataClassNameForEntityName(entity.stringValue()))
         if (std::find(dataClasses.begin(), dataClasses.end(), *dataClass) == dataClasses.end())
           dataClasses.push_back(*dataClass);
+
+  // The change counter the last sync ended at, when it left anchors for
+  // every data class and formatted for a phone of the same stamp: the
+  // phone then holds, as the state says, the formatted form of every record
+  // that did not change since, and only the others are formatted again.
+  const std::string stamp = formattingStamp(run.phone);
+  std::optional<std::int64_t> since;
+  std::int64_t oldest = std::numeric_limits<std::int64_t>::max();
+  bool anchorsCurrent = !run.formatEverything && !dataClasses.empty();
+  bool anchorsStale = false;  // anchors of an older form or another phone
+  for (const std::string& dataClass : dataClasses) {
+    std::optional<Dictionary> anchor;
+    try {
+      anchor = store.anchor(client, dataClass).asDictionary();
+    } catch (const Exception& exception) {
+      result.error = exception.reason();
+      return result;
+    }
+    const Value change = anchor ? anchor->get("change") : Value();
+    const bool current = anchor && change.isInteger() && anchor->getString("format") == stamp;
+    if (anchor && !current) anchorsStale = true;
+    if (!current) anchorsCurrent = false;
+    else oldest = std::min(oldest, change.integerValue());
+  }
+  if (anchorsCurrent) since = oldest;
+
+  // The whole store is checked before a sync that formats every record; one
+  // that formats what changed checks what changed, and the rest as it reads.
+  if (std::string problem = since ? store.checkChangedSince(*since) : store.check(); !problem.empty()) {
+    result.error = problem;
+    return result;
+  }
 
   PhoneStore phone(run.phone.phoneDirectory);
   usePhoneParsers(phone, run.phone.deviceDescription);
@@ -370,6 +403,16 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       for (const Value& identifier : store.recordIdentifiersForDataClassName(dataClass))
         records.insert(identifier.string());
 
+    // An engine record the run knows of; one that does not read stops the run
+    // (the store's reader logs it and answers none, as for a missing one).
+    auto recordOf = [&](const std::string& identifier) {
+      std::optional<Dictionary> record = store.recordWithIdentifier(identifier);
+      if (!record && records.count(identifier))
+        raiseException(kSqliteStoreException,
+                       store.path() + ": records/" + identifier + ": the record does not read");
+      return record;
+    };
+
     // Phone identifier -> engine identifier of the master entries; a phone
     // entry paired by content keeps the phone's identifier.
     std::map<std::string, std::string> engineIdOf;
@@ -381,25 +424,6 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         engineIdOf[phoneId] = entry.engineIdentifier;
         phoneIdOf[entry.engineIdentifier] = phoneId;
       }
-
-    // The change counter the last sync ended at, when it left anchors for
-    // every data class and formatted for a phone of the same stamp: the
-    // phone then holds, as the state says, the formatted form of every record
-    // that did not change since, and only the others are formatted again.
-    const std::string stamp = formattingStamp(run.phone);
-    std::optional<std::int64_t> since;
-    std::int64_t oldest = std::numeric_limits<std::int64_t>::max();
-    bool anchorsCurrent = !run.formatEverything && !dataClasses.empty();
-    bool anchorsStale = false;  // anchors of an older form or another phone
-    for (const std::string& dataClass : dataClasses) {
-      const std::optional<Dictionary> anchor = store.anchor(client, dataClass).asDictionary();
-      const Value change = anchor ? anchor->get("change") : Value();
-      const bool current = anchor && change.isInteger() && anchor->getString("format") == stamp;
-      if (anchor && !current) anchorsStale = true;
-      if (!current) anchorsCurrent = false;
-      else oldest = std::min(oldest, change.integerValue());
-    }
-    if (anchorsCurrent) since = oldest;
 
     // The mode of each data class's first sync.
     std::map<std::string, FirstSyncMode> firstSyncModes;
@@ -542,7 +566,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
               if (auto occurrence = occurrenceOf(entry.identifier, records)) {
                 auto master = masterEdits.find(occurrence->master);
                 if (master == masterEdits.end()) {
-                  std::optional<Dictionary> record = store.recordWithIdentifier(occurrence->master);
+                  std::optional<Dictionary> record = recordOf(occurrence->master);
                   if (!record) continue;
                   master = masterEdits.emplace(occurrence->master, std::move(*record)).first;
                 }
@@ -590,7 +614,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         const Dictionary& baseFields = unmangledBoth ? baseForm->second : base;
         const std::vector<std::string> keys = changedKeys(baseFields, phoneFields);
         if (keys.empty()) continue;
-        std::optional<Dictionary> current = store.recordWithIdentifier(engineId);
+        std::optional<Dictionary> current = recordOf(engineId);
         const Dictionary engineBase =
             known != state.end() ? known->second.engineForm : current.value_or(Dictionary());
         StoreSyncRecord changed{engineId, entry.entity, StoreSyncOutcome::changedOnPhone, {}, {}, 0, {}};
@@ -635,7 +659,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         if (auto occurrence = occurrenceOf(phoneId, records); occurrence && !engineIdOf.count(phoneId)) {
           auto master = masterEdits.find(occurrence->master);
           if (master == masterEdits.end()) {
-            std::optional<Dictionary> record = store.recordWithIdentifier(occurrence->master);
+            std::optional<Dictionary> record = recordOf(occurrence->master);
             if (!record) continue;
             master = masterEdits.emplace(occurrence->master, std::move(*record)).first;
           }
@@ -649,7 +673,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         }
         if (!engineIdOf.count(phoneId)) continue;
         if (schema->dataClassNameForEntityName(entry.entityName) != dataClass) continue;
-        std::optional<Dictionary> current = store.recordWithIdentifier(entry.engineIdentifier);
+        std::optional<Dictionary> current = recordOf(entry.engineIdentifier);
         if (!current) continue;  // gone on both sides
         if (Value(*current) != Value(entry.engineForm) && run.conflicts == ConflictPolicy::engine) {
           // Changed on the engine since: the engine's record goes back.
@@ -738,7 +762,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
     auto engineFormOf = [&](const std::string& master, const std::string& phoneId) {
       if (subset && !subset->count(master))
         if (auto known = state.find(phoneId); known != state.end()) return known->second.engineForm;
-      return store.recordWithIdentifier(master).value_or(Dictionary());
+      return recordOf(master).value_or(Dictionary());
     };
 
     std::map<std::string, const SyncRecordReport*> formattedReport;

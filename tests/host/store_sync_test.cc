@@ -9,6 +9,7 @@
 #include "host/StoreSync.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <filesystem>
 #include <fstream>
@@ -399,6 +400,41 @@ TEST_F(StoreSyncTest, UnreadablePhoneFileStopsTheRunBeforeAnythingIsWritten) {
   const StoreSyncResult result = StoreSync::run(*f->store, f->run);
   EXPECT_NE(result.error.find("Contacts.vcf"), std::string::npos) << result.error;
   EXPECT_EQ(f->store->changeCounter(), counter);
+}
+
+// A record that no longer reads stops a sync that formats only what changed,
+// before anything is written, naming the record: one the engine changed
+// since the last sync (checked at the start), and one whose phone entry was
+// edited (checked as it is read).
+TEST_F(StoreSyncTest, ADamagedRecordStopsAnIncrementalRunBeforeAnythingIsWritten) {
+  for (const bool changedOnEngine : {true, false}) {
+    SCOPED_TRACE(changedOnEngine);
+    auto f = make(changedOnEngine ? "damaged-engine" : "damaged-phone");
+    f->sync();
+    PhoneStoreContents phone = f->phoneContents(kContacts);
+    const std::string damaged = phone.records.at(3).identifier;
+    if (changedOnEngine) {
+      Dictionary record = *f->store->recordWithIdentifier(damaged);
+      record.set("jobTitle", "Changed");
+      f->store->addRecord(damaged, record);
+    } else {
+      phone.records.at(3).fields.set("lastName", "Edited");
+      f->writePhone(phone);
+    }
+    const std::string contactsFile = f->phoneContents(kContacts).records.at(3).fields.getString("lastName");
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((f->folder / "store.db").c_str(), &db), SQLITE_OK);
+    const std::string sql = "UPDATE records SET record = 'damaged' WHERE identifier = '" + damaged + "'";
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+    const std::int64_t counter = f->store->changeCounter();
+
+    const StoreSyncResult result = StoreSync::run(*f->store, f->run);
+    EXPECT_NE(result.error.find("records/" + damaged), std::string::npos) << result.error;
+    EXPECT_TRUE(result.filesWritten.empty());
+    EXPECT_EQ(f->store->changeCounter(), counter);
+    EXPECT_EQ(f->phoneContents(kContacts).records.at(3).fields.getString("lastName"), contactsFile);
+  }
 }
 
 // Both sides changed, then a run stopped at each step: the store is as it
