@@ -18,6 +18,7 @@
 #include "conduit/SyncSettings.h"
 #include "host/VFormatParsers.h"
 #include "platform/Exception.h"
+#include "platform/FileIO.h"
 #include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
 
@@ -256,6 +257,11 @@ std::string formattingStamp(const SyncRun& phone) {
   return fmt::format("{:016x}", std::hash<std::string>{}(Value(shape).description()));
 }
 
+// A digest of a phone file's bytes, which the anchors keep.
+std::string fileDigest(std::string_view bytes) {
+  return fmt::format("{:016x}-{}", std::hash<std::string_view>{}(bytes), bytes.size());
+}
+
 // The engine record behind a phone entry's identifier: the record itself, or
 // for a single event of an exploded event ("id#start") or a detached event
 // ("id/detachedEvents/0"), its master.
@@ -353,7 +359,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
   std::optional<std::int64_t> since;
   std::int64_t oldest = std::numeric_limits<std::int64_t>::max();
   bool anchorsCurrent = !run.formatEverything && !dataClasses.empty();
-  bool anchorsStale = false;  // anchors of an older form or another phone
+  std::map<std::string, Dictionary> anchors;  // data class -> the last sync's anchor
   for (const std::string& dataClass : dataClasses) {
     std::optional<Dictionary> anchor;
     try {
@@ -362,9 +368,9 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       result.error = exception.reason();
       return result;
     }
+    if (anchor) anchors[dataClass] = *anchor;
     const Value change = anchor ? anchor->get("change") : Value();
     const bool current = anchor && change.isInteger() && anchor->getString("format") == stamp;
-    if (anchor && !current) anchorsStale = true;
     if (!current) anchorsCurrent = false;
     else oldest = std::min(oldest, change.integerValue());
   }
@@ -380,7 +386,26 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
   PhoneStore phone(run.phone.phoneDirectory);
   usePhoneParsers(phone, run.phone.deviceDescription);
   std::map<std::string, PhoneStoreContents> onPhone;
+  // A file that holds, byte for byte, what the last sync left there is not
+  // parsed: its entries are the state's phone forms, in the order the
+  // anchor keeps (taken once the state is read).
+  std::map<std::string, std::string> unparsed;  // data class -> the file's bytes
   for (const std::string& dataClass : dataClasses) {
+    const std::string path = phone.pathForDataClass(dataClass);
+    std::error_code code;
+    if (since && anchors[dataClass].contains("file") && fs::exists(path, code)) {
+      std::optional<std::string> bytes = readWholeFile(path, &result.error);
+      if (!bytes) return result;
+      if (anchors[dataClass].getString("file") == fileDigest(*bytes)) {
+        unparsed[dataClass] = std::move(*bytes);
+        continue;
+      }
+      std::optional<PhoneStoreContents> contents =
+          phone.contentsFromFileBytes(dataClass, *bytes, &result.error);
+      if (!contents) return result;
+      onPhone[dataClass] = std::move(*contents);
+      continue;
+    }
     std::optional<PhoneStoreContents> contents = phone.read(dataClass, &result.error);
     if (!contents) return result;
     onPhone[dataClass] = std::move(*contents);
@@ -398,6 +423,25 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       std::string id = entry.phoneIdentifier;
       state.emplace(std::move(id), std::move(entry));
     }
+    for (auto& [dataClass, bytes] : unparsed) {
+      PhoneStoreContents contents{dataClass, {}};
+      const std::optional<Array> order = anchors[dataClass].getArray("order");
+      bool whole = order.has_value();
+      for (std::size_t i = 0; whole && i < order->count(); ++i) {
+        auto known = state.find(order->at(i).stringValue());
+        if (known == state.end()) whole = false;
+        else contents.records.push_back({known->first, known->second.entityName, known->second.phoneForm});
+      }
+      if (!whole) {
+        std::string error;
+        std::optional<PhoneStoreContents> parsed = phone.contentsFromFileBytes(dataClass, bytes, &error);
+        if (!parsed) raiseException(kSqliteStoreException, error);
+        contents = std::move(*parsed);
+      }
+      onPhone[dataClass] = std::move(contents);
+    }
+    unparsed.clear();
+
     std::set<std::string> records;
     for (const std::string& dataClass : dataClasses)
       for (const Value& identifier : store.recordIdentifiersForDataClassName(dataClass))
@@ -771,6 +815,9 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
 
     std::vector<std::pair<std::string, PhoneStoreContents>> newContents;
     std::vector<SyncedEntry> newState;
+    // Data classes whose file holds an entry other than its state's phone
+    // form (or one the state does not know): the next run parses them.
+    std::set<std::string> inexact;
     std::set<std::string> sentEngineIds;  // engine records whose phone form changed
     for (const std::string& dataClass : dataClasses) {
       std::map<std::string, const PhoneStoreRecord*> wanted;  // phone id -> entry
@@ -799,6 +846,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         auto it = wanted.find(held.identifier);
         if (it != wanted.end()) {
           if (keptOnPhone.count(held.identifier)) {
+            inexact.insert(dataClass);
             contents.records.push_back(held);
             placed.insert(held.identifier);
             const std::string master = masterOf(it->second->identifier, records);
@@ -827,6 +875,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
           continue;
         }
         // Unknown to the engine and not carried into it: it stays.
+        inexact.insert(dataClass);
         contents.records.push_back(held);
         placed.insert(held.identifier);
       }
@@ -882,18 +931,48 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         stateChanged = true;
       }
     }
-    if (stateChanged || store.changeCounter() != counterBefore || anchorsStale)
-      for (const std::string& dataClass : dataClasses)
-        store.setAnchor(client, dataClass,
-                        Dictionary{{"change", store.changeCounter()}, {"format", stamp}});
-    result.storeChanged = stateChanged || store.changeCounter() != counterBefore || anchorsStale;
+    // The phone's files as they are to be: their digests go in the anchors.
+    std::map<std::string, std::string> newBytes;  // data class -> bytes; none: no file
+    for (const auto& [dataClass, contents] : newContents) {
+      if (contents.records.empty() && !phone.hasDataClass(dataClass)) continue;
+      std::string error;
+      std::optional<std::string> bytes = phone.bytesFor(contents, &error);
+      if (!bytes) raiseException(kSqliteStoreException, error);
+      newBytes[dataClass] = std::move(*bytes);
+    }
+    // The anchors: the change counter the state is good for, the phone's
+    // stamp, and for a file that holds exactly the state's phone forms, its
+    // digest and the order of its entries. A run that changed nothing
+    // leaves the counter as it was.
+    const bool moved = stateChanged || store.changeCounter() != counterBefore;
+    bool anchorsWritten = false;
+    for (const std::string& dataClass : dataClasses) {
+      auto stored = anchors.find(dataClass);
+      if (!moved && stored == anchors.end()) continue;
+      const Value storedChange = stored != anchors.end() ? stored->second.get("change") : Value();
+      Dictionary anchor{{"change", moved || !since || !storedChange.isInteger() ? Value(store.changeCounter())
+                                                                               : storedChange},
+                        {"format", stamp}};
+      auto bytes = newBytes.find(dataClass);
+      if (bytes != newBytes.end() && !inexact.count(dataClass)) {
+        Array order;
+        for (const auto& [contentsClass, contents] : newContents)
+          if (contentsClass == dataClass)
+            for (const PhoneStoreRecord& entry : contents.records) order.add(Value(entry.identifier));
+        anchor.set("file", fileDigest(bytes->second));
+        anchor.set("order", order);
+      }
+      if (stored != anchors.end() && Value(stored->second) == Value(anchor)) continue;
+      store.setAnchor(client, dataClass, anchor);
+      anchorsWritten = true;
+    }
+    result.storeChanged = moved || anchorsWritten;
 
     if (!run.dryRun) {
       step("phone");
-      for (const auto& [dataClass, contents] : newContents) {
-        if (contents.records.empty() && !phone.hasDataClass(dataClass)) continue;
+      for (const auto& [dataClass, bytes] : newBytes) {
         std::string error;
-        switch (phone.write(contents, &error)) {
+        switch (phone.writeBytes(dataClass, bytes, &error)) {
           case PhoneStore::WriteResult::written:
             result.filesWritten.push_back(phone.pathForDataClass(dataClass));
             break;
