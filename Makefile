@@ -55,8 +55,8 @@ test-tsan: deps
 	  ctest --test-dir $(TSANBUILD) -j $(JOBS) $(CTEST_ARGS)
 
 # The libFuzzer targets (clang, AddressSanitizer, UndefinedBehaviorSanitizer),
-# each run for FUZZ_SECONDS; fuzz-short runs each for 30 s (CI: nine targets,
-# under five minutes).
+# each run for FUZZ_SECONDS; fuzz-short runs each for 30 s (CI: ten targets,
+# about five minutes).
 fuzz-build: deps
 	@cmake -S . -B $(FUZZBUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPC_FUZZ=ON \
 	  -DPC_TESTS=OFF -DPC_TOOLS=OFF -DPC_BENCHMARKS=OFF >/dev/null

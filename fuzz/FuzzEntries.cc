@@ -25,6 +25,7 @@
 #include "host/VCalendarCodec.h"
 #include "host/VCardCodec.h"
 #include "host/ReferenceHost.h"
+#include "host/UserFiles.h"
 #include "platform/Exception.h"
 #include "platform/PropertyList.h"
 #include "util/PHCMangling.h"
@@ -440,13 +441,32 @@ void fuzzVCalendar(const std::uint8_t* data, std::size_t size) {
   checkReadsBack(VCalendarCodec(), data, size);
 }
 
+void fuzzICalendar(const std::uint8_t* data, std::size_t size) {
+  const UserFileImport first = importICalendarText(textOf(data, size), "fuzz.ics");
+  if (first.failure) {
+    if (!first.records.empty()) throw FuzzFinding("a failed file gave records");
+    return;
+  }
+  std::vector<std::pair<std::string, Dictionary>> records;
+  for (const UserFileRecord& r : first.records) records.emplace_back(r.identifier, r.record);
+  const std::string written = exportICalendarText(records);
+  const UserFileImport second = importICalendarText(written, "again.ics");
+  if (second.failure) throw FuzzFinding("the export does not read: " + second.failure->message + "\n" + written);
+  if (!second.skipped.empty()) throw FuzzFinding("the export reads with skipped entries: " + second.skipped[0].message);
+  std::vector<std::string> before;
+  std::vector<std::string> after;
+  for (const UserFileRecord& r : first.records) before.push_back(r.identifier);
+  for (const UserFileRecord& r : second.records) after.push_back(r.identifier);
+  if (before != after) throw FuzzFinding("the export reads back as other entries:\n" + written);
+}
+
 const std::vector<NamedFuzzEntry>& fuzzEntries() {
   static const std::vector<NamedFuzzEntry> entries{
       {"xml_plist", fuzzXMLPropertyList},   {"nice_plist", fuzzNicePList},
       {"device", fuzzDeviceDescription},    {"format", fuzzFormatRecord},
       {"explode", fuzzExplodeRecurrence},   {"phone_store", fuzzPhoneStore},
       {"exploder", fuzzExplodeUnchecked},   {"vcard", fuzzVCard},
-      {"vcalendar", fuzzVCalendar},
+      {"vcalendar", fuzzVCalendar},         {"ics", fuzzICalendar},
   };
   return entries;
 }

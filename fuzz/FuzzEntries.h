@@ -52,6 +52,9 @@ void fuzzPhoneStore(const std::uint8_t* data, std::size_t size);
 // write again as the same text.
 void fuzzVCard(const std::uint8_t* data, std::size_t size);
 void fuzzVCalendar(const std::uint8_t* data, std::size_t size);
+// A user's iCalendar file as import takes it: what reads must export and
+// read back as entries with the same identifiers, none skipped.
+void fuzzICalendar(const std::uint8_t* data, std::size_t size);
 
 struct NamedFuzzEntry {
   // The target's name: fuzz_<name> and tests/fuzz_regressions/<name>/.

@@ -6,6 +6,10 @@
 #include "async/AYLogger.h"
 #include "async/Log.h"
 #include "commands.h"
+#include "conduit/CFPhone.h"
+#include "engine/MemoryEngine.h"
+#include "engine/SchemaNames.h"
+#include "platform/TimeZone.h"
 #include "platform/PropertyList.h"
 #include "util/PHCMangling.h"
 
@@ -91,6 +95,82 @@ QuietDefaultLog::QuietDefaultLog(bool keep) : _active(!keep) {
 
 QuietDefaultLog::~QuietDefaultLog() {
   if (_active) QVTAYLogger::addLogger(QVTAYLogger::stderrStreamLogger(), std::nullopt, kLogError);
+}
+
+PhoneModelFiles readPhoneModel(const std::string& devicePath, const std::string& entitiesPath) {
+  PhoneModelFiles files{readDictionary(devicePath), readDictionary(entitiesPath)};
+  if (!files.description.getDictionary(kSyncDataClassesKey))
+    throw CommandError(devicePath + ": not a device description (no \"" +
+                       std::string(kSyncDataClassesKey) + "\" dictionary)");
+  if (!files.entities.getDictionary(kEngineClientEntitiesKey))
+    throw CommandError(entitiesPath + ": no \"" + std::string(kEngineClientEntitiesKey) +
+                       "\" dictionary");
+  return files;
+}
+
+std::optional<CalendarDate> anchorDateOption(const std::string& text) {
+  if (text.empty()) return std::nullopt;
+  std::string problem;
+  std::optional<CalendarDate> day =
+      CalendarDate::dateWithString(text, "%Y%m%d", TimeZone::systemTimeZone(), &problem);
+  if (!day || text.size() != 8)
+    throw CommandLineError("--anchor-date: \"" + text + "\": not a day (20261122)");
+  return day;
+}
+
+void writeClientValues(const Dictionary& values, const std::string& clientIdentifier,
+                       const std::string& clientStorePath) {
+  MemorySyncEngineClient store(clientIdentifier, "phoneconduit", Array(), clientStorePath);
+  for (const auto& [key, value] : values) store.setObject(value, key.stringValue());
+  if (!store.lastSaveSucceeded()) throw CommandError(clientStorePath + ": cannot write the client store");
+}
+
+void addPhoneModelOptions(CLI::App* command, std::string& devicePath, std::string& entitiesPath) {
+  command->add_option("--device", devicePath, "device description (XML property list)")
+      ->required()
+      ->check(CLI::ExistingFile);
+  command->add_option("--entities", entitiesPath,
+                      "the engine's description of the entities the phone syncs (a property list "
+                      "with an \"Entities\" dictionary)")
+      ->required()
+      ->check(CLI::ExistingFile);
+}
+
+void addVariablesOption(CLI::App* command, std::string& variablesPath) {
+  command->add_option("--variables", variablesPath,
+                      "values of the device's \"$name\" variables (a property-list dictionary)")
+      ->check(CLI::ExistingFile);
+}
+
+void addFormatVersionOption(CLI::App* command, int& version) {
+  command->add_option("--format-version", version,
+                      "format version of the description (default: 2 when it has \"Formatting\", "
+                      "else 1)");
+}
+
+void addTextOrJsonReportOption(CLI::App* command, std::string& kind) {
+  command->add_option("--report", kind, "text (default) or json, for scripts")
+      ->check(CLI::IsMember({"text", "json"}));
+}
+
+std::string syncFieldsText(const std::vector<SyncField>& fields) {
+  std::string text;
+  for (const SyncField& field : fields) {
+    if (!text.empty()) text += "; ";
+    text += field.field;
+    if (!field.limit.empty()) text += " (" + field.limit + ")";
+  }
+  return text;
+}
+
+Json syncFieldsJson(const std::vector<SyncField>& fields) {
+  Json list = Json::array();
+  for (const SyncField& field : fields) {
+    Json entry{{"field", field.field}};
+    if (!field.limit.empty()) entry["limit"] = field.limit;
+    list.push_back(std::move(entry));
+  }
+  return list;
 }
 
 }  // namespace pc::tools

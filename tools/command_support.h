@@ -3,12 +3,14 @@
 // documents for reports, and silencing the default error log while a command
 // reports what went wrong itself.
 
+#include <optional>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include "host/ReferenceSync.h"
 #include "platform/CalendarDate.h"
 #include "platform/Value.h"
 #include "result.h"
@@ -57,6 +59,43 @@ void addReportOption(CLI::App* command, std::vector<std::string>& values);
 // empty afterwards (`positionalName` names it in the error).
 ReportChoice reportChoice(const std::vector<std::string>& values, std::vector<std::string>& positionals,
                           const std::string& positionalName, bool positionalsRequired = true);
+
+// The options the commands that work with a phone model share, each with
+// the same name and help wherever it stands, so that the commands read alike.
+// --device and --entities (both required, existing files): the model's
+// description and the engine's description of the entities it syncs.
+void addPhoneModelOptions(CLI::App* command, std::string& devicePath, std::string& entitiesPath);
+// --variables: the values of the description's "$name" variables.
+void addVariablesOption(CLI::App* command, std::string& variablesPath);
+// --format-version: the description's format version (0: from its contents).
+void addFormatVersionOption(CLI::App* command, int& version);
+// --report text or json, for a command without an html report.
+void addTextOrJsonReportOption(CLI::App* command, std::string& kind);
+
+// A phone model's two descriptions, as --device and --entities name them.
+struct PhoneModelFiles {
+  Dictionary description;
+  Dictionary entities;
+};
+// Reads both; a CommandError naming the file when one cannot be read or
+// lacks its top-level dictionary ("SyncDataClasses", "Entities").
+PhoneModelFiles readPhoneModel(const std::string& devicePath, const std::string& entitiesPath);
+
+// The day of --anchor-date ("20261122", in the system's zone); nullopt when
+// the option is not given, a CommandLineError when it is not a day.
+std::optional<CalendarDate> anchorDateOption(const std::string& text);
+
+// Writes the values (--client-values) into the engine client store at
+// `clientStorePath`, where the phone finds them when it is built; a
+// CommandError when the store cannot be written.
+void writeClientValues(const Dictionary& values, const std::string& clientIdentifier,
+                       const std::string& clientStorePath);
+
+// What a phone model did to the fields of a record, as reports show it:
+// "name (limit); name" in text, [{"field", "limit"}] in JSON (no "limit"
+// where the field went without one).
+std::string syncFieldsText(const std::vector<SyncField>& fields);
+Json syncFieldsJson(const std::vector<SyncField>& fields);
 
 // While it lives, the default error log on standard error is silenced: the
 // command reports what went wrong itself, once, with the file and key path.

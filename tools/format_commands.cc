@@ -105,27 +105,14 @@ struct LoadedDevice {
 // `textOrJson`: the command offers --report text or json (format adds its
 // own --report, which offers html too).
 void addDeviceOptions(CLI::App* command, const std::shared_ptr<DeviceOptions>& options, bool textOrJson) {
-  command->add_option("--device", options->devicePath, "device description (XML property list)")
-      ->required()
-      ->check(CLI::ExistingFile);
-  command->add_option("--entities", options->entitiesPath,
-                      "the engine's description of the entities the phone syncs (a property list "
-                      "with an \"Entities\" dictionary)")
-      ->required()
-      ->check(CLI::ExistingFile);
-  command->add_option("--variables", options->variablesPath,
-                      "values of the device's \"$name\" variables (a property-list dictionary)")
-      ->check(CLI::ExistingFile);
+  addPhoneModelOptions(command, options->devicePath, options->entitiesPath);
+  addVariablesOption(command, options->variablesPath);
   command->add_option("--client-values", options->clientValuesPath,
                       "values the phone keeps in its client before formatting, such as the limits "
                       "a phone reports (a property-list dictionary)")
       ->check(CLI::ExistingFile);
-  command->add_option("--format-version", options->version,
-                      "format version of the description (default: 2 when it has \"Formatting\", "
-                      "else 1)");
-  if (textOrJson)
-    command->add_option("--report", options->report, "text (default) or json, for scripts")
-        ->check(CLI::IsMember({"text", "json"}));
+  addFormatVersionOption(command, options->version);
+  if (textOrJson) addTextOrJsonReportOption(command, options->report);
   command->add_flag("--log", options->log,
                     "keep the conduit's own error log on standard error while formatting");
 }
@@ -133,23 +120,15 @@ void addDeviceOptions(CLI::App* command, const std::shared_ptr<DeviceOptions>& o
 // Reads the files and prepares the client store: the client values are
 // written into it before the phone is built, so the phone finds them there.
 LoadedDevice loadDevice(const DeviceOptions& options, const std::string& clientStorePath) {
-  LoadedDevice device{readDictionary(options.devicePath), readDictionary(options.entitiesPath), {}};
-  if (!device.description.getDictionary(kSyncDataClassesKey))
-    throw CommandError(options.devicePath + ": not a device description (no \"" +
-                       std::string(kSyncDataClassesKey) + "\" dictionary)");
-  if (!device.entities.getDictionary(kEngineClientEntitiesKey))
-    throw CommandError(options.entitiesPath + ": no \"" + std::string(kEngineClientEntitiesKey) +
-                       "\" dictionary");
+  PhoneModelFiles model = readPhoneModel(options.devicePath, options.entitiesPath);
+  LoadedDevice device{std::move(model.description), std::move(model.entities), {}};
   device.options.version = options.version;
   if (!options.variablesPath.empty()) device.options.variables = readDictionary(options.variablesPath);
   device.options.clientStorePath = clientStorePath;
   if (!options.clientValuesPath.empty()) {
     const Dictionary values = readDictionary(options.clientValuesPath);
     if (clientStorePath.empty()) throw CommandError("no folder for the client store");
-    MemorySyncEngineClient store(device.options.clientIdentifier, "phoneconduit", Array(),
-                                 clientStorePath);
-    for (const auto& [key, value] : values) store.setObject(value, key.stringValue());
-    if (!store.lastSaveSucceeded()) throw CommandError(clientStorePath + ": cannot write the client store");
+    writeClientValues(values, device.options.clientIdentifier, clientStorePath);
   }
   return device;
 }
@@ -204,13 +183,7 @@ std::vector<RecordResult> formatAsSynced(const FormatOptions& options, const Loa
                                          const std::vector<std::pair<std::string, Dictionary>>& inputs,
                                          const std::string& phoneFolder) {
   SyncRun run{device.description, device.entities, device.options, phoneFolder, std::nullopt, {}, {}, false, {}};
-  if (!options.anchorDate.empty()) {
-    std::string problem;
-    run.anchorDate = CalendarDate::dateWithString(
-        options.anchorDate, "%Y%m%d", TimeZone::systemTimeZone(), &problem);
-    if (!run.anchorDate || options.anchorDate.size() != 8)
-      throw CommandLineError("--anchor-date: \"" + options.anchorDate + "\": not a day (20261122)");
-  }
+  run.anchorDate = anchorDateOption(options.anchorDate);
   // Each record is named by its file's name, as sync names it (records refer
   // to each other by name: a detached event to its main event); a name met
   // again gets its position.

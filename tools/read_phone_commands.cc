@@ -105,13 +105,7 @@ nlohmann::ordered_json jsonValue(const Value& value) {
 }
 
 void readPhone(const ReadPhoneOptions& options) {
-  const Dictionary description = readDictionary(options.devicePath);
-  const Dictionary entities = readDictionary(options.entitiesPath);
-  if (!description.getDictionary(kSyncDataClassesKey))
-    throw CommandError(options.devicePath + ": not a device description (no \"" +
-                       std::string(kSyncDataClassesKey) + "\" dictionary)");
-  if (!entities.getDictionary(kEngineClientEntitiesKey))
-    throw CommandError(options.entitiesPath + ": no \"" + std::string(kEngineClientEntitiesKey) + "\" dictionary");
+  const auto [description, entities] = readPhoneModel(options.devicePath, options.entitiesPath);
   DeviceFormattingOptions formatting;
   if (!options.variablesPath.empty()) formatting.variables = readDictionary(options.variablesPath);
   std::unique_ptr<DeviceFormatting> phoneSide;
@@ -187,20 +181,10 @@ void addReadPhoneCommands(CLI::App& app) {
   CLI::App* command = app.add_subcommand(
       "read-phone", "Read a phone's contacts (.vcf) and calendar (.vcs) files as that phone model "
                     "sends them, and print the engine records they become");
-  command->add_option("--device", options->devicePath, "device description (XML property list)")
-      ->required()
-      ->check(CLI::ExistingFile);
-  command->add_option("--entities", options->entitiesPath,
-                      "the engine's description of the entities the phone syncs (a property list "
-                      "with an \"Entities\" dictionary)")
-      ->required()
-      ->check(CLI::ExistingFile);
-  command->add_option("--variables", options->variablesPath,
-                      "values of the device's \"$name\" variables (a property-list dictionary)")
-      ->check(CLI::ExistingFile);
+  addPhoneModelOptions(command, options->devicePath, options->entitiesPath);
+  addVariablesOption(command, options->variablesPath);
   command->add_option("FILE", options->files, "vCard (.vcf) or vCalendar (.vcs) files")->required();
-  command->add_option("--report", options->report, "text (default) or json, for scripts")
-      ->check(CLI::IsMember({"text", "json"}));
+  addTextOrJsonReportOption(command, options->report);
   command->footer(
       "Each entry is printed as the engine record it becomes (the phone's values mapped back, "
       "then unmangled), followed by the lines skipped and the properties left out, with their "

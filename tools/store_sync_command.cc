@@ -18,28 +18,18 @@ namespace {
 
 constexpr int kSomeRecordsRejected = 3;
 
-std::string fieldList(const std::vector<SyncField>& fields) {
-  std::string text;
-  for (const SyncField& field : fields) {
-    if (!text.empty()) text += "; ";
-    text += field.field;
-    if (!field.limit.empty()) text += " (" + field.limit + ")";
-  }
-  return text;
-}
-
 std::string textReport(const StoreSyncResult& result, bool dryRun) {
   std::ostringstream out;
   for (const StoreSyncRecord& record : result.records) {
     out << record.identifier << ": ";
     switch (record.outcome) {
       case StoreSyncOutcome::sent: out << "sent as is"; break;
-      case StoreSyncOutcome::reduced: out << "reduced: " << fieldList(record.fields); break;
+      case StoreSyncOutcome::reduced: out << "reduced: " << syncFieldsText(record.fields); break;
       case StoreSyncOutcome::exploded: out << "exploded into " << record.events << " events"; break;
       case StoreSyncOutcome::rejected: out << "rejected: " << record.reason; break;
       case StoreSyncOutcome::addedOnPhone: out << "added on the phone"; break;
       case StoreSyncOutcome::changedOnPhone:
-        out << "changed on the phone (carried into the engine): " << fieldList(record.fields);
+        out << "changed on the phone (carried into the engine): " << syncFieldsText(record.fields);
         break;
       case StoreSyncOutcome::keptOnPhone:
         out << "changed on the phone (kept there: " << record.reason << ")";
@@ -53,7 +43,7 @@ std::string textReport(const StoreSyncResult& result, bool dryRun) {
               << conflict.engineValue << " / " << conflict.phoneValue << ")";
           first = false;
         }
-        if (!record.fields.empty()) out << "; changed on the phone: " << fieldList(record.fields);
+        if (!record.fields.empty()) out << "; changed on the phone: " << syncFieldsText(record.fields);
         break;
       }
     }
@@ -75,16 +65,10 @@ Json jsonReport(const StoreSyncResult& result, bool dryRun) {
   const StoreSyncSummary& s = result.summary;
   Json records = Json::array();
   for (const StoreSyncRecord& record : result.records) {
-    Json fields = Json::array();
-    for (const SyncField& field : record.fields) {
-      Json entry{{"field", field.field}};
-      if (!field.limit.empty()) entry["limit"] = field.limit;
-      fields.push_back(std::move(entry));
-    }
     Json entry{{"identifier", record.identifier},
                {"entity", record.entity},
                {"outcome", storeSyncOutcomeName(record.outcome)},
-               {"fields", std::move(fields)}};
+               {"fields", syncFieldsJson(record.fields)}};
     if (!record.conflicts.empty()) {
       Json conflicts = Json::array();
       for (const SyncConflict& conflict : record.conflicts)

@@ -76,27 +76,17 @@ struct SyncOptions {
   StoreSyncOptions store;
 };
 
-std::string fieldsText(const std::vector<SyncField>& fields) {
-  std::string text;
-  for (const SyncField& field : fields) {
-    if (!text.empty()) text += "; ";
-    text += field.field;
-    if (!field.limit.empty()) text += " (" + field.limit + ")";
-  }
-  return text;
-}
-
 std::string textReport(const SyncReport& report) {
   std::ostringstream out;
   for (const SyncRecordReport& record : report.records) {
     out << record.identifier << ": ";
     switch (record.outcome) {
       case SyncOutcome::sent: out << "sent as is"; break;
-      case SyncOutcome::reduced: out << "reduced: " << fieldsText(record.fields); break;
+      case SyncOutcome::reduced: out << "reduced: " << syncFieldsText(record.fields); break;
       case SyncOutcome::exploded: out << "exploded into " << record.events << " events"; break;
       case SyncOutcome::rejected: out << "rejected: " << record.reason; break;
       case SyncOutcome::changedOnPhone:
-        out << "changed on the phone: " << fieldsText(record.fields);
+        out << "changed on the phone: " << syncFieldsText(record.fields);
         break;
     }
     out << "\n";
@@ -113,16 +103,10 @@ Json jsonReport(const SyncReport& report) {
   const SyncSummary& s = report.summary;
   Json records = Json::array();
   for (const SyncRecordReport& record : report.records) {
-    Json fields = Json::array();
-    for (const SyncField& field : record.fields) {
-      Json entry{{"field", field.field}};
-      if (!field.limit.empty()) entry["limit"] = field.limit;
-      fields.push_back(std::move(entry));
-    }
     Json entry{{"identifier", record.identifier},
                {"entity", record.entity},
                {"outcome", syncOutcomeName(record.outcome)},
-               {"fields", std::move(fields)}};
+               {"fields", syncFieldsJson(record.fields)}};
     if (record.outcome == SyncOutcome::exploded) entry["events"] = record.events;
     if (record.outcome == SyncOutcome::rejected) entry["reason"] = record.reason;
     records.push_back(std::move(entry));
@@ -169,21 +153,10 @@ void sync(SyncOptions options) {
                                            /*positionalsRequired=*/options.store.storePath.empty());
   SyncRun run;
   run.keepRecords = report.kind == "html";
-  run.deviceDescription = readDictionary(options.devicePath);
-  run.entitiesDescription = readDictionary(options.entitiesPath);
-  if (!run.deviceDescription.getDictionary(kSyncDataClassesKey))
-    throw CommandError(options.devicePath + ": not a device description (no \"" +
-                       std::string(kSyncDataClassesKey) + "\" dictionary)");
-  if (!run.entitiesDescription.getDictionary(kEngineClientEntitiesKey))
-    throw CommandError(options.entitiesPath + ": no \"" + std::string(kEngineClientEntitiesKey) +
-                       "\" dictionary");
-  if (!options.anchorDate.empty()) {
-    std::string problem;
-    run.anchorDate = CalendarDate::dateWithString(
-        options.anchorDate, "%Y%m%d", TimeZone::systemTimeZone(), &problem);
-    if (!run.anchorDate || options.anchorDate.size() != 8)
-      throw CommandLineError("--anchor-date: \"" + options.anchorDate + "\": not a day (20261122)");
-  }
+  PhoneModelFiles model = readPhoneModel(options.devicePath, options.entitiesPath);
+  run.deviceDescription = std::move(model.description);
+  run.entitiesDescription = std::move(model.entities);
+  run.anchorDate = anchorDateOption(options.anchorDate);
   std::error_code code;
   if (std::filesystem::exists(options.phoneDirectory, code) &&
       !std::filesystem::is_directory(options.phoneDirectory, code))
@@ -198,11 +171,7 @@ void sync(SyncOptions options) {
     std::filesystem::create_directories(options.phoneDirectory, code);
     run.formatting.clientStorePath =
         (std::filesystem::path(options.phoneDirectory) / "Client.plist").string();
-    MemorySyncEngineClient store(run.formatting.clientIdentifier, "phoneconduit", Array(),
-                                 run.formatting.clientStorePath);
-    for (const auto& [key, value] : values) store.setObject(value, key.stringValue());
-    if (!store.lastSaveSucceeded())
-      throw CommandError(run.formatting.clientStorePath + ": cannot write the client store");
+    writeClientValues(values, run.formatting.clientIdentifier, run.formatting.clientStorePath);
   }
 
   if (!options.store.storePath.empty()) {
@@ -257,14 +226,7 @@ void addSyncCommands(CLI::App& app) {
   CLI::App* command = app.add_subcommand(
       "sync", "Synchronise record files with a simulated phone kept in a folder, and report "
               "what the phone model did to each record");
-  command->add_option("--device", options->devicePath, "device description (XML property list)")
-      ->required()
-      ->check(CLI::ExistingFile);
-  command->add_option("--entities", options->entitiesPath,
-                      "the engine's description of the entities the phone syncs (a property list "
-                      "with an \"Entities\" dictionary)")
-      ->required()
-      ->check(CLI::ExistingFile);
+  addPhoneModelOptions(command, options->devicePath, options->entitiesPath);
   command->add_option("--phone", options->phoneDirectory,
                       "the phone's folder: one store file per data class, created when missing")
       ->required();
@@ -288,9 +250,7 @@ void addSyncCommands(CLI::App& app) {
       ->check(CLI::IsMember({"merge", "phone", "engine"}));
   command->add_flag("--dry-run", options->store.dryRun,
                     "with --store: report what a sync would do, and write nothing");
-  command->add_option("--variables", options->variablesPath,
-                      "values of the device's \"$name\" variables (a property-list dictionary)")
-      ->check(CLI::ExistingFile);
+  addVariablesOption(command, options->variablesPath);
   command->add_option("--client-values", options->clientValuesPath,
                       "values the phone keeps in its client, such as the limits a phone reports "
                       "(a property-list dictionary)")
@@ -298,9 +258,7 @@ void addSyncCommands(CLI::App& app) {
   command->add_option("--anchor-date", options->anchorDate,
                       "the day the window of exploded events is counted from (20261122); kept "
                       "in the phone's folder for later runs (default: the last Sunday)");
-  command->add_option("--format-version", options->version,
-                      "format version of the description (default: 2 when it has \"Formatting\", "
-                      "else 1)");
+  addFormatVersionOption(command, options->version);
   addReportOption(command, options->report);
   command->add_flag("--log", options->log, "keep the conduit's own error log on standard error");
   command->footer(

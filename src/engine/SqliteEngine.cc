@@ -281,22 +281,18 @@ std::string dataClassOfEntity(const std::string& entityName) {
   return entityName.substr(0, entityName.find('.'));
 }
 
-// The layout of the current version. Records carry their entity and data
-// class in columns so that a sync finds those of a data class without
-// reading them; `changed` is the change counter's value of their last change.
-constexpr const char* kCreateSchema = R"sql(
+// What version 2 added to version 1 (records and clients only): the change
+// counter, the indexes that let a sync find the records of a data class or
+// changed since a count without reading them, the deletions, and the sync
+// state of the phones.
+constexpr const char* kAddedInVersion2 = R"sql(
 CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);
-CREATE TABLE records(identifier TEXT PRIMARY KEY, entity TEXT NOT NULL,
-                     data_class TEXT NOT NULL, record TEXT NOT NULL, changed INTEGER NOT NULL);
 CREATE INDEX records_by_entity ON records(entity);
 CREATE INDEX records_by_data_class ON records(data_class);
 CREATE INDEX records_by_change ON records(changed);
 CREATE TABLE deletions(identifier TEXT PRIMARY KEY, entity TEXT NOT NULL,
                        changed INTEGER NOT NULL);
 CREATE INDEX deletions_by_change ON deletions(changed);
-CREATE TABLE clients(client TEXT PRIMARY KEY, display_name TEXT NOT NULL, enabled TEXT NOT NULL);
-CREATE TABLE client_values(client TEXT NOT NULL, key TEXT NOT NULL, value TEXT NOT NULL,
-                           PRIMARY KEY(client, key));
 CREATE TABLE synced_entries(client TEXT NOT NULL, engine_id TEXT NOT NULL, phone_id TEXT NOT NULL,
                             entity TEXT NOT NULL, data_class TEXT NOT NULL,
                             engine_form TEXT NOT NULL, phone_form TEXT NOT NULL,
@@ -304,33 +300,29 @@ CREATE TABLE synced_entries(client TEXT NOT NULL, engine_id TEXT NOT NULL, phone
 CREATE INDEX synced_entries_by_engine_id ON synced_entries(client, engine_id);
 CREATE TABLE anchors(client TEXT NOT NULL, data_class TEXT NOT NULL, anchor TEXT NOT NULL,
                      PRIMARY KEY(client, data_class));
-INSERT INTO meta(key, value) VALUES('change_counter', 0);
 )sql";
 
-// From version 1 (records and clients only): records gain their data class
-// and change stamp, every record counts as changed once (so the first sync
-// after the upgrade considers them all), and the sync state tables appear.
+// The layout of the current version, with kAddedInVersion2. Records carry
+// their entity and data class in columns so that a sync finds those of a data
+// class without reading them; `changed` is the change counter's value of
+// their last change.
+constexpr const char* kCreateSchema = R"sql(
+CREATE TABLE records(identifier TEXT PRIMARY KEY, entity TEXT NOT NULL,
+                     data_class TEXT NOT NULL, record TEXT NOT NULL, changed INTEGER NOT NULL);
+CREATE TABLE clients(client TEXT PRIMARY KEY, display_name TEXT NOT NULL, enabled TEXT NOT NULL);
+CREATE TABLE client_values(client TEXT NOT NULL, key TEXT NOT NULL, value TEXT NOT NULL,
+                           PRIMARY KEY(client, key));
+)sql";
+
+// From version 1, before kAddedInVersion2: records gain their data class and
+// change stamp, and every record counts as changed once (so the first sync
+// after the upgrade considers them all).
 constexpr const char* kMigrateFrom1 = R"sql(
 ALTER TABLE records ADD COLUMN data_class TEXT NOT NULL DEFAULT '';
 ALTER TABLE records ADD COLUMN changed INTEGER NOT NULL DEFAULT 1;
 UPDATE records SET data_class = CASE WHEN instr(entity, '.') > 0
                                      THEN substr(entity, 1, instr(entity, '.') - 1)
                                      ELSE entity END;
-CREATE INDEX records_by_entity ON records(entity);
-CREATE INDEX records_by_data_class ON records(data_class);
-CREATE INDEX records_by_change ON records(changed);
-CREATE TABLE meta(key TEXT PRIMARY KEY, value INTEGER NOT NULL);
-INSERT INTO meta(key, value) VALUES('change_counter', 1);
-CREATE TABLE deletions(identifier TEXT PRIMARY KEY, entity TEXT NOT NULL,
-                       changed INTEGER NOT NULL);
-CREATE INDEX deletions_by_change ON deletions(changed);
-CREATE TABLE synced_entries(client TEXT NOT NULL, engine_id TEXT NOT NULL, phone_id TEXT NOT NULL,
-                            entity TEXT NOT NULL, data_class TEXT NOT NULL,
-                            engine_form TEXT NOT NULL, phone_form TEXT NOT NULL,
-                            PRIMARY KEY(client, phone_id));
-CREATE INDEX synced_entries_by_engine_id ON synced_entries(client, engine_id);
-CREATE TABLE anchors(client TEXT NOT NULL, data_class TEXT NOT NULL, anchor TEXT NOT NULL,
-                     PRIMARY KEY(client, data_class));
 )sql";
 
 }  // namespace
@@ -463,9 +455,11 @@ bool SqliteEngine::prepare(std::string* error) {
 }
 
 bool SqliteEngine::createSchema(std::string* error) {
-  const std::string sql = fmt::format("BEGIN IMMEDIATE; {} PRAGMA application_id={}; "
-                                      "PRAGMA user_version={}; COMMIT;",
-                                      kCreateSchema, kApplicationId, kSchemaVersion);
+  const std::string sql = fmt::format("BEGIN IMMEDIATE; {} {} "
+                                      "INSERT INTO meta(key, value) VALUES('change_counter', 0); "
+                                      "PRAGMA application_id={}; PRAGMA user_version={}; COMMIT;",
+                                      kCreateSchema, kAddedInVersion2, kApplicationId,
+                                      kSchemaVersion);
   char* message = nullptr;
   if (sqlite3_exec(_db, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
     setError(error, _path + ": cannot create the store: " + (message ? message : "unknown error"));
@@ -478,7 +472,9 @@ bool SqliteEngine::createSchema(std::string* error) {
 
 bool SqliteEngine::migrateFromVersion(int version, std::string* error) {
   std::string steps;
-  if (version == 1) steps += kMigrateFrom1;
+  if (version == 1)
+    steps = fmt::format("{} {} INSERT INTO meta(key, value) VALUES('change_counter', 1);",
+                        kMigrateFrom1, kAddedInVersion2);
   const std::string sql = fmt::format("BEGIN IMMEDIATE; {} PRAGMA user_version={}; COMMIT;", steps,
                                       kSchemaVersion);
   char* message = nullptr;
@@ -587,6 +583,17 @@ SqliteEngine::Statement SqliteEngine::statement(const char* sql) const {
     it = _statements.emplace(sql, prepared).first;
   }
   return Statement(*this, it->second);
+}
+
+Array SqliteEngine::textColumn(const char* selectSql,
+                               std::initializer_list<std::string_view> arguments) const {
+  std::lock_guard lock(_lock);
+  Statement select = statement(selectSql);
+  int index = 0;
+  for (std::string_view argument : arguments) select.bind(++index, argument);
+  Array texts;
+  while (select.next()) texts.add(select.text(0));
+  return texts;
 }
 
 void SqliteEngine::execute(const char* sql) {
@@ -704,31 +711,17 @@ std::string SqliteEngine::entityNameOfRecord(const std::string& identifier) cons
 }
 
 Array SqliteEngine::recordIdentifiersForEntityName(const std::string& entityName) const {
-  std::lock_guard lock(_lock);
-  Array identifiers;
-  Statement select =
-      statement("SELECT identifier FROM records WHERE entity = ?1 ORDER BY identifier");
-  select.bind(1, entityName);
-  while (select.next()) identifiers.add(select.text(0));
-  return identifiers;
+  return textColumn("SELECT identifier FROM records WHERE entity = ?1 ORDER BY identifier",
+                    {entityName});
 }
 
 Array SqliteEngine::recordIdentifiersForDataClassName(const std::string& dataClassName) const {
-  std::lock_guard lock(_lock);
-  Array identifiers;
-  Statement select =
-      statement("SELECT identifier FROM records WHERE data_class = ?1 ORDER BY identifier");
-  select.bind(1, dataClassName);
-  while (select.next()) identifiers.add(select.text(0));
-  return identifiers;
+  return textColumn("SELECT identifier FROM records WHERE data_class = ?1 ORDER BY identifier",
+                    {dataClassName});
 }
 
 Array SqliteEngine::recordIdentifiers() const {
-  std::lock_guard lock(_lock);
-  Array identifiers;
-  Statement select = statement("SELECT identifier FROM records ORDER BY identifier");
-  while (select.next()) identifiers.add(select.text(0));
-  return identifiers;
+  return textColumn("SELECT identifier FROM records ORDER BY identifier");
 }
 
 std::size_t SqliteEngine::count() const {
@@ -794,41 +787,58 @@ std::shared_ptr<SqliteSyncEngineClient> SqliteEngine::clientWithIdentifier(
 }
 
 Array SqliteEngine::clientIdentifiers() const {
-  std::lock_guard lock(_lock);
-  Array identifiers;
-  Statement select = statement("SELECT client FROM clients ORDER BY client");
-  while (select.next()) identifiers.add(select.text(0));
-  return identifiers;
+  return textColumn("SELECT client FROM clients ORDER BY client");
 }
 
-Value SqliteEngine::clientValue(const std::string& client, const std::string& key) const {
+// --- values kept per client and key ------------------------------------------------
+//
+// Client values and anchors are both one stored value under a (client, key)
+// pair; they differ in their table and in how a damaged value is answered.
+
+std::optional<Value> SqliteEngine::keyedValue(const char* selectSql, const std::string& client,
+                                              const std::string& key, std::string* error) const {
   std::lock_guard lock(_lock);
-  Statement select = statement("SELECT value FROM client_values WHERE client = ?1 AND key = ?2");
+  Statement select = statement(selectSql);
   if (!select.bind(1, client).bind(2, key).next()) return Value();
+  return decodeValue(select.text(0), error);
+}
+
+void SqliteEngine::setKeyedValue(const KeyedValueTable& table, const std::string& client,
+                                 const std::string& key, const Value& value,
+                                 const std::string& where) {
+  const std::string text = value.isNull() ? std::string() : encodeValue(value, where);
+  Transaction transaction(*this);
+  step(table.step);
+  if (value.isNull())
+    statement(table.deleteSql).bind(1, client).bind(2, key).run();
+  else
+    statement(table.insertSql).bind(1, client).bind(2, key).bind(3, text).run();
+  transaction.commit();
+}
+
+namespace {
+constexpr const char* kSelectClientValue =
+    "SELECT value FROM client_values WHERE client = ?1 AND key = ?2";
+constexpr const char* kDeleteClientValue = "DELETE FROM client_values WHERE client = ?1 AND key = ?2";
+constexpr const char* kInsertClientValue =
+    "INSERT OR REPLACE INTO client_values(client, key, value) VALUES(?1, ?2, ?3)";
+constexpr const char* kSelectAnchor = "SELECT anchor FROM anchors WHERE client = ?1 AND data_class = ?2";
+constexpr const char* kDeleteAnchor = "DELETE FROM anchors WHERE client = ?1 AND data_class = ?2";
+constexpr const char* kInsertAnchor =
+    "INSERT OR REPLACE INTO anchors(client, data_class, anchor) VALUES(?1, ?2, ?3)";
+}  // namespace
+
+Value SqliteEngine::clientValue(const std::string& client, const std::string& key) const {
   std::string error;
-  std::optional<Value> value = decodeValue(select.text(0), &error);
-  if (!value) {
-    QVT_LOG(kLogError, storeLogDomain(), "{}: clients/{}/{}: {}", _path, client, key, error);
-    return Value();
-  }
-  return *value;
+  if (std::optional<Value> value = keyedValue(kSelectClientValue, client, key, &error)) return *value;
+  QVT_LOG(kLogError, storeLogDomain(), "{}: clients/{}/{}: {}", _path, client, key, error);
+  return Value();
 }
 
 void SqliteEngine::setClientValue(const std::string& client, const std::string& key,
                                   const Value& value) {
-  const std::string where = _path + ": clients/" + client + "/" + key;
-  const std::string text = value.isNull() ? std::string() : encodeValue(value, where);
-  Transaction transaction(*this);
-  step("value");
-  if (value.isNull())
-    statement("DELETE FROM client_values WHERE client = ?1 AND key = ?2").bind(1, client).bind(2, key).run();
-  else
-    statement("INSERT OR REPLACE INTO client_values(client, key, value) VALUES(?1, ?2, ?3)")
-        .bind(1, client)
-        .bind(2, key)
-        .bind(3, text)
-        .run();
-  transaction.commit();
+  setKeyedValue({kInsertClientValue, kDeleteClientValue, "value"}, client, key, value,
+                _path + ": clients/" + client + "/" + key);
 }
 
 Array SqliteEngine::enabledEntities(const std::string& client) const {
@@ -859,6 +869,22 @@ namespace {
 constexpr const char* kEntryColumns = "engine_id, phone_id, entity, engine_form, phone_form";
 }  // namespace
 
+namespace {
+// The entry of a row of kEntryColumns; raises, naming the file and the entry,
+// when either form is damaged.
+template <class Row>
+SyncedEntry entryFromRow(const std::string& path, const std::string& client, const Row& row) {
+  std::string error;
+  auto engineForm = decodeRecord(row.text(3), &error);
+  auto phoneForm = engineForm ? decodeRecord(row.text(4), &error) : std::nullopt;
+  if (!engineForm || !phoneForm)
+    raiseException(kSqliteStoreException,
+                   fmt::format("{}: phones/{}/{}: {}", path, client, row.text(0), error));
+  return SyncedEntry{row.text(0), row.text(1), row.text(2), std::move(*engineForm),
+                     std::move(*phoneForm)};
+}
+}  // namespace
+
 std::vector<SyncedEntry> SqliteEngine::syncedEntries(const std::string& client,
                                                      const std::string& dataClassName) const {
   std::lock_guard lock(_lock);
@@ -871,54 +897,31 @@ std::vector<SyncedEntry> SqliteEngine::syncedEntries(const std::string& client,
   select.bind(1, client);
   if (!dataClassName.empty()) select.bind(2, dataClassName);
   std::vector<SyncedEntry> entries;
-  while (select.next()) {
-    SyncedEntry entry{select.text(0), select.text(1), select.text(2), {}, {}};
-    std::string error;
-    auto engineForm = decodeRecord(select.text(3), &error);
-    auto phoneForm = engineForm ? decodeRecord(select.text(4), &error) : std::nullopt;
-    if (!engineForm || !phoneForm)
-      raiseException(kSqliteStoreException,
-                     fmt::format("{}: phones/{}/{}: {}", _path, client, entry.engineIdentifier, error));
-    entry.engineForm = std::move(*engineForm);
-    entry.phoneForm = std::move(*phoneForm);
-    entries.push_back(std::move(entry));
-  }
+  while (select.next()) entries.push_back(entryFromRow(_path, client, select));
   return entries;
 }
 
-namespace {
-std::optional<SyncedEntry> entryFromRow(const std::string& where, const std::string& engineId,
-                                        const std::string& phoneId, const std::string& entity,
-                                        const std::string& engineText, const std::string& phoneText) {
-  std::string error;
-  auto engineForm = decodeRecord(engineText, &error);
-  auto phoneForm = engineForm ? decodeRecord(phoneText, &error) : std::nullopt;
-  if (!engineForm || !phoneForm) raiseException(kSqliteStoreException, where + ": " + error);
-  return SyncedEntry{engineId, phoneId, entity, std::move(*engineForm), std::move(*phoneForm)};
+std::optional<SyncedEntry> SqliteEngine::syncedEntry(const char* selectSql, const std::string& client,
+                                                     const std::string& identifier) const {
+  std::lock_guard lock(_lock);
+  Statement select = statement(selectSql);
+  if (!select.bind(1, client).bind(2, identifier).next()) return std::nullopt;
+  return entryFromRow(_path, client, select);
 }
-}  // namespace
 
 std::optional<SyncedEntry> SqliteEngine::syncedEntryForEngineIdentifier(
     const std::string& client, const std::string& identifier) const {
-  std::lock_guard lock(_lock);
   static const std::string sql = fmt::format(
       "SELECT {} FROM synced_entries WHERE client = ?1 AND engine_id = ?2 ORDER BY phone_id LIMIT 1",
       kEntryColumns);
-  Statement select = statement(sql.c_str());
-  if (!select.bind(1, client).bind(2, identifier).next()) return std::nullopt;
-  return entryFromRow(_path + ": phones/" + client + "/" + identifier, select.text(0),
-                      select.text(1), select.text(2), select.text(3), select.text(4));
+  return syncedEntry(sql.c_str(), client, identifier);
 }
 
 std::optional<SyncedEntry> SqliteEngine::syncedEntryForPhoneIdentifier(
     const std::string& client, const std::string& identifier) const {
-  std::lock_guard lock(_lock);
   static const std::string sql = fmt::format(
       "SELECT {} FROM synced_entries WHERE client = ?1 AND phone_id = ?2", kEntryColumns);
-  Statement select = statement(sql.c_str());
-  if (!select.bind(1, client).bind(2, identifier).next()) return std::nullopt;
-  return entryFromRow(_path + ": phones/" + client + "/" + select.text(0), select.text(0),
-                      select.text(1), select.text(2), select.text(3), select.text(4));
+  return syncedEntry(sql.c_str(), client, identifier);
 }
 
 void SqliteEngine::setSyncedEntry(const std::string& client, const SyncedEntry& entry) {
@@ -953,28 +956,21 @@ void SqliteEngine::removeSyncedEntry(const std::string& client, const std::strin
 void SqliteEngine::resetSyncState(const std::string& client, const std::string& dataClassName) {
   Transaction transaction(*this);
   step("entry");
-  if (dataClassName.empty()) {
-    statement("DELETE FROM synced_entries WHERE client = ?1").bind(1, client).run();
-    statement("DELETE FROM anchors WHERE client = ?1").bind(1, client).run();
-  } else {
-    statement("DELETE FROM synced_entries WHERE client = ?1 AND data_class = ?2")
-        .bind(1, client)
-        .bind(2, dataClassName)
-        .run();
-    statement("DELETE FROM anchors WHERE client = ?1 AND data_class = ?2")
-        .bind(1, client)
-        .bind(2, dataClassName)
-        .run();
+  const bool allClasses = dataClassName.empty();
+  for (const char* sql : {allClasses ? "DELETE FROM synced_entries WHERE client = ?1"
+                                     : "DELETE FROM synced_entries WHERE client = ?1 AND data_class = ?2",
+                          allClasses ? "DELETE FROM anchors WHERE client = ?1" : kDeleteAnchor}) {
+    Statement remove = statement(sql);
+    remove.bind(1, client);
+    if (!allClasses) remove.bind(2, dataClassName);
+    remove.run();
   }
   transaction.commit();
 }
 
 Value SqliteEngine::anchor(const std::string& client, const std::string& dataClassName) const {
-  std::lock_guard lock(_lock);
-  Statement select = statement("SELECT anchor FROM anchors WHERE client = ?1 AND data_class = ?2");
-  if (!select.bind(1, client).bind(2, dataClassName).next()) return Value();
   std::string error;
-  std::optional<Value> value = decodeValue(select.text(0), &error);
+  std::optional<Value> value = keyedValue(kSelectAnchor, client, dataClassName, &error);
   if (!value)
     raiseException(kSqliteStoreException,
                    fmt::format("{}: phones/{}/anchors/{}: {}", _path, client, dataClassName, error));
@@ -983,22 +979,8 @@ Value SqliteEngine::anchor(const std::string& client, const std::string& dataCla
 
 void SqliteEngine::setAnchor(const std::string& client, const std::string& dataClassName,
                              const Value& anchor) {
-  const std::string where = _path + ": phones/" + client + "/anchors/" + dataClassName;
-  const std::string text = anchor.isNull() ? std::string() : encodeValue(anchor, where);
-  Transaction transaction(*this);
-  step("anchor");
-  if (anchor.isNull())
-    statement("DELETE FROM anchors WHERE client = ?1 AND data_class = ?2")
-        .bind(1, client)
-        .bind(2, dataClassName)
-        .run();
-  else
-    statement("INSERT OR REPLACE INTO anchors(client, data_class, anchor) VALUES(?1, ?2, ?3)")
-        .bind(1, client)
-        .bind(2, dataClassName)
-        .bind(3, text)
-        .run();
-  transaction.commit();
+  setKeyedValue({kInsertAnchor, kDeleteAnchor, "anchor"}, client, dataClassName, anchor,
+                _path + ": phones/" + client + "/anchors/" + dataClassName);
 }
 
 // --- SqliteSyncEngineClient ---------------------------------------------------------

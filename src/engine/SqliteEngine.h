@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -186,8 +187,26 @@ class SqliteEngine : public TruthSnapshot, public std::enable_shared_from_this<S
   void execute(const char* sql);
   Statement statement(const char* sql) const;
   std::string checkFrom(std::optional<std::int64_t> changedAfter) const;
+  // The first column of every row, as text, with `arguments` bound to ?1, ?2...
+  Array textColumn(const char* selectSql, std::initializer_list<std::string_view> arguments = {}) const;
   [[noreturn]] void fail(std::string_view what) const;
   std::int64_t nextChange();
+
+  // A value kept under a (client, key) pair: null when there is no row,
+  // nullopt (with `error`) when the stored form is damaged.
+  std::optional<Value> keyedValue(const char* selectSql, const std::string& client,
+                                  const std::string& key, std::string* error) const;
+  struct KeyedValueTable {
+    const char* insertSql;  // binds client, key, stored form
+    const char* deleteSql;  // binds client, key
+    const char* step;       // the write step the failure hook sees
+  };
+  // Stores the value under (client, key), or removes the row when it is null.
+  void setKeyedValue(const KeyedValueTable& table, const std::string& client,
+                     const std::string& key, const Value& value, const std::string& where);
+  // The entry `selectSql` (kEntryColumns, binding client and identifier) finds first.
+  std::optional<SyncedEntry> syncedEntry(const char* selectSql, const std::string& client,
+                                         const std::string& identifier) const;
 
   Value clientValue(const std::string& client, const std::string& key) const;
   void setClientValue(const std::string& client, const std::string& key, const Value& value);

@@ -13,18 +13,11 @@
 #include "platform/PropertyList.h"
 #include "platform/Registry.h"
 #include "support/LogCapture.h"
+#include "support/TemporaryFolder.h"
 
 namespace pc::testing {
 
-inline std::filesystem::path makeTemporaryFolder() {
-  const char* base = std::getenv("PC_TEST_TMPDIR");
-  std::filesystem::path root =
-      base && *base ? std::filesystem::path(base) : std::filesystem::temp_directory_path();
-  std::filesystem::create_directories(root);
-  std::string pattern = (root / "conduit-XXXXXX").string();
-  EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-  return pattern;
-}
+inline std::filesystem::path makeTemporaryFolder() { return test::makeTemporaryFolder("conduit"); }
 
 using test::LogCapture;
 using test::LogLine;

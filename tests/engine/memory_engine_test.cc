@@ -8,21 +8,14 @@
 
 #include "engine/SchemaNames.h"
 #include "platform/PropertyList.h"
+#include "support/TemporaryFolder.h"
 
 namespace pc {
 namespace {
 
 namespace fs = std::filesystem;
 
-// A fresh folder under PC_TEST_TMPDIR (or the system's temporary folder).
-fs::path makeTemporaryFolder() {
-  const char* base = std::getenv("PC_TEST_TMPDIR");
-  fs::path root = base && *base ? fs::path(base) : fs::temp_directory_path();
-  fs::create_directories(root);
-  std::string pattern = (root / "engine-XXXXXX").string();
-  EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-  return pattern;
-}
+fs::path makeTemporaryFolder() { return test::makeTemporaryFolder("engine"); }
 
 void writeFile(const fs::path& path, const std::string& text) {
   std::ofstream(path) << text;
@@ -98,25 +91,6 @@ class MemoryClientTest : public ::testing::Test {
   fs::path storePath = makeTemporaryFolder() / "client.plist";
 };
 
-TEST_F(MemoryClientTest, ValuesAndEnabledEntitiesSurviveARestart) {
-  {
-    auto client = makeClient();
-    client->setObject(Dictionary{{"SyncDataClasses", Dictionary()}}, "description");
-    client->setObject(3, "count");
-    client->setObject("gone", "removed");
-    client->setObject(Value(), "removed");
-    client->setEnabled(true, Array{kContactsContact, "Contacts.Unsupported", kCalendarsEvent});
-    client->setEnabled(false, Array{kCalendarsEvent});
-    EXPECT_TRUE(client->lastSaveSucceeded());
-  }
-  auto client = makeClient();
-  EXPECT_EQ(client->objectForKey("description"),
-            Value(Dictionary{{"SyncDataClasses", Dictionary()}}));
-  EXPECT_EQ(client->objectForKey("count"), Value(3));
-  EXPECT_TRUE(client->objectForKey("removed").isNull());
-  EXPECT_EQ(client->enabledEntityNames(), Array{kContactsContact});
-}
-
 TEST_F(MemoryClientTest, CorruptStoreStartsEmptyAndIsReplaced) {
   writeFile(storePath, "not a property list");
   auto client = makeClient();
@@ -130,26 +104,6 @@ TEST_F(MemoryClientTest, ValueThatCannotBeStoredStaysInMemory) {
   client->setObject(Array{Value(URL("http://example.org"))}, "address");
   EXPECT_FALSE(client->lastSaveSucceeded());
   EXPECT_FALSE(client->objectForKey("address").isNull());
-}
-
-TEST(MemoryTruthSnapshotTest, RecordsAndRelationships) {
-  MemoryTruthSnapshot snapshot;
-  snapshot.addRecord("e1", Dictionary{{kEngineRecordEntityNameKey, kCalendarsEvent},
-                                      {kCalendarsEventDetachedEvents, Array{"e2", "e3"}}});
-  snapshot.addRecord("e2", Dictionary{{kEngineRecordEntityNameKey, kCalendarsEvent}});
-  snapshot.addRecord("c1", Dictionary{{kEngineRecordEntityNameKey, kContactsContact}});
-
-  const Dictionary found = snapshot.recordsWithIdentifiers(Array{"e2", "missing", 4, "c1"});
-  EXPECT_EQ(found.keys(), (Array{"e2", "c1"}));
-  EXPECT_EQ(snapshot.targetIdentifiersForRelationshipName(kCalendarsEventDetachedEvents, "e1"),
-            (Array{"e2", "e3"}));
-  EXPECT_TRUE(snapshot.targetIdentifiersForRelationshipName(kCalendarsEventRecurrences, "e1").empty());
-  EXPECT_TRUE(snapshot.targetIdentifiersForRelationshipName(kCalendarsEventDetachedEvents, "zz").empty());
-  EXPECT_EQ(snapshot.recordIdentifiersForEntityName(kCalendarsEvent), (Array{"e1", "e2"}));
-
-  snapshot.removeRecord("e1");
-  EXPECT_FALSE(snapshot.recordWithIdentifier("e1"));
-  EXPECT_EQ(snapshot.count(), 2u);
 }
 
 }  // namespace

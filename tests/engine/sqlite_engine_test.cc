@@ -7,13 +7,16 @@
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "engine/MemoryEngine.h"
 #include "engine/SchemaNames.h"
 #include "platform/CalendarDate.h"
 #include "platform/Exception.h"
 #include "platform/TimeZone.h"
+#include "support/TemporaryFolder.h"
 #include "util/PHCMangling.h"
 
 namespace pc {
@@ -21,14 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-fs::path makeTemporaryFolder() {
-  const char* base = std::getenv("PC_TEST_TMPDIR");
-  fs::path root = base && *base ? fs::path(base) : fs::temp_directory_path();
-  fs::create_directories(root);
-  std::string pattern = (root / "store-XXXXXX").string();
-  EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-  return pattern;
-}
+fs::path makeTemporaryFolder() { return test::makeTemporaryFolder("store"); }
 
 std::shared_ptr<SqliteEngine> openStore(const fs::path& path) {
   std::string error;
@@ -46,6 +42,22 @@ void writeWithSqlite(const fs::path& path, const std::string& sql) {
       << (message ? message : "");
   sqlite3_free(message);
   sqlite3_close(db);
+}
+
+// The tables and indexes of a file, as "type name" in name order.
+std::vector<std::string> schemaObjects(const fs::path& path) {
+  std::vector<std::string> objects;
+  sqlite3* db = nullptr;
+  EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  sqlite3_stmt* select = nullptr;
+  EXPECT_EQ(sqlite3_prepare_v2(db, "SELECT type || ' ' || name FROM sqlite_master ORDER BY name",
+                               -1, &select, nullptr),
+            SQLITE_OK);
+  while (sqlite3_step(select) == SQLITE_ROW)
+    objects.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(select, 0)));
+  sqlite3_finalize(select);
+  sqlite3_close(db);
+  return objects;
 }
 
 Dictionary contact(const std::string& firstName) {
@@ -80,6 +92,9 @@ struct MemoryKind {
     return std::make_shared<MemorySyncEngineClient>("client.id", "My Phone", supported,
                                                     (folder / "client.plist").string());
   }
+  static bool saved(const SyncEngineClient& client) {
+    return dynamic_cast<const MemorySyncEngineClient&>(client).lastSaveSucceeded();
+  }
 };
 
 struct SqliteKind {
@@ -89,6 +104,8 @@ struct SqliteKind {
   std::shared_ptr<SyncEngineClient> client(const Array& supported) {
     return openStore(folder / "store.db")->clientWithIdentifier("client.id", "My Phone", supported);
   }
+  // Every write reaches the file or raises.
+  static bool saved(const SyncEngineClient&) { return true; }
 };
 
 template <typename Kind>
@@ -166,6 +183,7 @@ TYPED_TEST(EngineKindTest, ClientValuesAndEnabledEntitiesSurviveARestart) {
     client->setEnabled(false, Array{kCalendarsEvent});
     Value read = client->objectForKey("description");
     read.dictionary().set("changed", true);
+    EXPECT_TRUE(TypeParam::saved(*client));
   }
   auto client = this->kind.client(supported);
   EXPECT_EQ(client->objectForKey("description"),
@@ -444,6 +462,10 @@ TEST_F(SqliteEngineTest, VersionOneStoreIsUpgradedKeepingItsRecordsAndClients) {
   store->addRecord("c2", contact("Bob"));
   EXPECT_EQ(store->changesSince(1).size(), 1u);
   EXPECT_EQ(store->check(), "");
+  // The upgraded file has every table and index a new one has.
+  const fs::path fresh = path.parent_path() / "fresh.store";
+  ASSERT_TRUE(openStore(fresh));
+  EXPECT_EQ(schemaObjects(path), schemaObjects(fresh));
 }
 
 TEST_F(SqliteEngineTest, WritersOnSeveralThreadsLoseNothing) {

@@ -23,27 +23,18 @@ using testing::runProgram;
 // Compares objects key by key in their order.
 using OrderedJson = nlohmann::ordered_json;
 
-class StoreProgramTest : public testing::ProgramTest {
+class StoreProgramTest : public testing::FolderProgramTest {
  protected:
+  StoreProgramTest() : FolderProgramTest("store-program") {}
   void SetUp() override {
-    ProgramTest::SetUp();
-    folder = fs::path(::testing::TempDir()) /
-             ("store-program-" + std::to_string(::getpid()) + "-" +
-              ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(folder);
-    fs::create_directories(folder);
-    store = (folder / "truth.db").string();
-  }
-  void TearDown() override {
-    fs::remove_all(folder);
-    ProgramTest::TearDown();
+    FolderProgramTest::SetUp();
+    store = folder + "/truth.db";
   }
   std::size_t storedCount() const {
     auto engine = SqliteEngine::engineWithPath(store, nullptr, false);
     return engine ? engine->count() : 0;
   }
 
-  fs::path folder;
   std::string store;
   const std::string alice = examplePath("records/contacts/01-latin-alicemartin.plist");
   const std::string event = examplePath("records/calendar/event-02.plist");
@@ -55,7 +46,7 @@ TEST_F(StoreProgramTest, ExportedRecordFilesImportBackUnchanged) {
   EXPECT_NE(imported.standardOutput.find("2 added, 0 replaced, 0 unchanged"), std::string::npos)
       << imported.standardOutput;
 
-  const fs::path out = folder / "out";
+  const fs::path out = fs::path(folder) / "out";
   const ProgramRun exported = runProgram("export --store " + store + " --output " + out.string());
   ASSERT_EQ(exported.status, 0) << exported.output;
   ASSERT_TRUE(fs::exists(out / "01-latin-alicemartin.plist"));
@@ -109,7 +100,7 @@ TEST_F(StoreProgramTest, ExportedJsonParsesWhateverTheTextsHold) {
                                    {"notes", cases[i].stored},
                                    {cases[i].stored, Array{cases[i].stored}}});
   }
-  const fs::path out = folder / "out";
+  const fs::path out = fs::path(folder) / "out";
   const ProgramRun listed = runProgram("export --store " + store + " --format json");
   ASSERT_EQ(listed.status, 0) << listed.output;
   ASSERT_EQ(runProgram("export --store " + store + " --format json --output " + out.string()).status, 0);

@@ -39,28 +39,58 @@ std::vector<fs::path> exampleDescriptions() {
   return descriptions;
 }
 
+// A description with the files that come with it, as arguments:
+// " --device D --entities E" and, when present, " --variables V" and
+// " --client-values C".
+struct DeviceFiles {
+  fs::path entities;
+  std::string arguments;
+};
+
+DeviceFiles deviceFiles(const fs::path& description) {
+  const fs::path folder = description.parent_path();
+  const std::string stem = description.stem().string();
+  const std::string family = std::regex_replace(stem, std::regex("-v[0-9]+$"), "");
+  fs::path entities = folder / (stem + ".entities.plist");
+  if (!fs::exists(entities)) entities = folder / (family + ".entities.plist");
+  EXPECT_TRUE(fs::exists(entities)) << "no entities file beside the description";
+  std::string arguments = " --device " + description.string() + " --entities " + entities.string();
+  if (const fs::path variables = folder / (stem + ".variables.plist"); fs::exists(variables))
+    arguments += " --variables " + variables.string();
+  if (const fs::path client = folder / (stem + ".client.plist"); fs::exists(client))
+    arguments += " --client-values " + client.string();
+  return {entities, arguments};
+}
+
 TEST_F(ExampleDescriptionsTest, EveryExamplePassesCheckDeviceWithItsFiles) {
   const std::vector<fs::path> descriptions = exampleDescriptions();
   ASSERT_GE(descriptions.size(), 5u);
   for (const fs::path& description : descriptions) {
     SCOPED_TRACE(description.filename().string());
-    const fs::path folder = description.parent_path();
-    const std::string stem = description.stem().string();
-    const std::string family = std::regex_replace(stem, std::regex("-v[0-9]+$"), "");
-    fs::path entities = folder / (stem + ".entities.plist");
-    if (!fs::exists(entities)) entities = folder / (family + ".entities.plist");
-    ASSERT_TRUE(fs::exists(entities)) << "no entities file beside the description";
-
-    std::string arguments = "check-device --device " + description.string() + " --entities " + entities.string();
-    if (const fs::path variables = folder / (stem + ".variables.plist"); fs::exists(variables))
-      arguments += " --variables " + variables.string();
-    if (const fs::path client = folder / (stem + ".client.plist"); fs::exists(client))
-      arguments += " --client-values " + client.string();
-    const ProgramRun run = runProgram(arguments);
+    const ProgramRun run = runProgram("check-device" + deviceFiles(description).arguments);
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_THAT(run.standardOutput, ::testing::HasSubstr(": usable, ")) << run.output;
     EXPECT_EQ(run.standardError, "");
   }
+}
+
+// A phone that syncs event alarms at all keeps an event's one display alarm:
+// a phone of one alarm type holds it in the relation its description names
+// (the audio one unless "alarmTypeIsDisplay"), which its entities must sync.
+TEST_F(ExampleDescriptionsTest, EveryPhoneThatSyncsAlarmsKeepsAnEventsAlarm) {
+  const std::string event = examplePath("records/calendar/event-10.plist");
+  ASSERT_THAT(fileText(event), ::testing::HasSubstr("<key>displayAlarms</key>"));
+  int phonesWithAlarms = 0;
+  for (const fs::path& description : exampleDescriptions()) {
+    SCOPED_TRACE(description.filename().string());
+    const DeviceFiles files = deviceFiles(description);
+    if (fileText(files.entities.string()).find("Alarms</string>") == std::string::npos) continue;
+    ++phonesWithAlarms;
+    const ProgramRun run = runProgram("format" + files.arguments + " " + event);
+    ASSERT_EQ(run.status, 0) << run.output;
+    EXPECT_THAT(run.standardOutput, ::testing::HasSubstr("<key>triggerdate</key>")) << run.output;
+  }
+  EXPECT_GE(phonesWithAlarms, 2);
 }
 
 }  // namespace

@@ -25,19 +25,9 @@ using testing::runProgram;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-class HtmlReportProgramTest : public testing::ProgramTest {
+class HtmlReportProgramTest : public testing::FolderProgramTest {
  protected:
-  void SetUp() override {
-    ProgramTest::SetUp();
-    folder = ::testing::TempDir() + "html-report-" + std::to_string(::getpid()) + "-" +
-             ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::remove_all(folder);
-    std::filesystem::create_directories(folder);
-  }
-  void TearDown() override {
-    std::filesystem::remove_all(folder);
-    ProgramTest::TearDown();
-  }
+  HtmlReportProgramTest() : FolderProgramTest("html-report") {}
 
   // sync of the flip phone into its own phone folder `phone`, with `extra`
   // arguments, on the example records below and a contact whose texts look
@@ -68,7 +58,6 @@ class HtmlReportProgramTest : public testing::ProgramTest {
     return path;
   }
 
-  std::string folder;
 };
 
 // The text of `text` as a DOM dump serialises a text node.

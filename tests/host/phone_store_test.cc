@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include "platform/TimeZone.h"
+#include "support/TemporaryFolder.h"
 
 namespace pc {
 namespace {
@@ -21,9 +22,7 @@ std::string text(const std::string& path) {
 class PhoneStoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    folder = ::testing::TempDir() + "phone-store-" + std::to_string(::getpid()) + "-" +
-             ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::remove_all(folder);
+    folder = test::folderOfThisTest("phone-store");
   }
   void TearDown() override { std::filesystem::remove_all(folder); }
 

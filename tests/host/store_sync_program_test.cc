@@ -26,27 +26,19 @@ using testing::ProgramRun;
 using testing::examplePath;
 using testing::runProgram;
 
-class StoreSyncProgramTest : public testing::ProgramTest {
+class StoreSyncProgramTest : public testing::FolderProgramTest {
  protected:
+  StoreSyncProgramTest() : FolderProgramTest("store-sync-program") {}
   void SetUp() override {
-    ProgramTest::SetUp();
-    folder = fs::path(::testing::TempDir()) /
-             ("store-sync-program-" + std::to_string(::getpid()) + "-" +
-              ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    fs::remove_all(folder);
-    fs::create_directories(folder);
-    store = (folder / "truth.db").string();
-    phone = (folder / "phone").string();
+    FolderProgramTest::SetUp();
+    store = folder + "/truth.db";
+    phone = folder + "/phone";
     const ProgramRun imported =
         runProgram("import --store " + store + " " +
                    examplePath("records/contacts/01-latin-alicemartin.plist") + " " +
                    examplePath("records/contacts/02-latin-brunolefvre.plist") + " " +
                    examplePath("records/calendar/event-02.plist"));
     ASSERT_EQ(imported.status, 0) << imported.output;
-  }
-  void TearDown() override {
-    fs::remove_all(folder);
-    ProgramTest::TearDown();
   }
   std::string sync(const std::string& extra = "") const {
     return "sync --store " + store + " --device " + examplePath("devices/full-phone.plist") +
@@ -69,7 +61,6 @@ class StoreSyncProgramTest : public testing::ProgramTest {
     ASSERT_NE(contents.write(*contacts), PhoneStore::WriteResult::failed);
   }
 
-  fs::path folder;
   std::string store;
   std::string phone;
 };

@@ -18,17 +18,12 @@ using testing::ProgramRun;
 using testing::examplePath;
 using testing::runProgram;
 
-class SyncProgramTest : public testing::ProgramTest {
+class SyncProgramTest : public testing::FolderProgramTest {
  protected:
+  SyncProgramTest() : FolderProgramTest("sync-program") {}
   void SetUp() override {
-    ProgramTest::SetUp();
-    phone = ::testing::TempDir() + "sync-program-" + std::to_string(::getpid()) + "-" +
-            ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::remove_all(phone);
-  }
-  void TearDown() override {
-    std::filesystem::remove_all(phone);
-    ProgramTest::TearDown();
+    FolderProgramTest::SetUp();
+    phone = folder + "/phone";
   }
   std::string device(const std::string& name) const {
     std::string arguments = "sync --device " + examplePath("devices/" + name + ".plist") +

@@ -15,6 +15,7 @@
 #include "host/ReferenceSync.h"
 #include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
+#include "support/TemporaryFolder.h"
 
 namespace pc {
 namespace {
@@ -65,15 +66,9 @@ Dictionary weeklyBerlinEvent() {
 class SyncZonesTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    folder = ::testing::TempDir() + "sync-zones-" + std::to_string(::getpid()) + "-" +
-             ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::remove_all(folder);
-    use("photo-phone");
+    folder = test::folderOfThisTest("sync-zones");
     // One display alarm per event, kept as a display alarm.
-    Dictionary calendars = run.deviceDescription.getDictionary("SyncDataClasses")
-                               ->getDictionary("Calendars")
-                               .value();
-    calendars.set("alarmTypeIsDisplay", Value(true));
+    use("photo-phone");
     run.anchorDate = CalendarDate::dateWithYear(2027, 3, 1, 0, 0, 0, TimeZone::systemTimeZone());
   }
   void TearDown() override { std::filesystem::remove_all(folder); }

@@ -10,6 +10,7 @@
 #include "host/VFormatParsers.h"
 #include "platform/Registry.h"
 #include "support/LogCapture.h"
+#include "support/TemporaryFolder.h"
 
 namespace pc {
 namespace {
@@ -17,9 +18,7 @@ namespace {
 class VFormatStoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    folder = ::testing::TempDir() + "vformat-store-" + std::to_string(::getpid()) + "-" +
-             ::testing::UnitTest::GetInstance()->current_test_info()->name();
-    std::filesystem::remove_all(folder);
+    folder = test::folderOfThisTest("vformat-store");
     std::filesystem::create_directories(folder);
     usePhoneParsers(store, description());
   }

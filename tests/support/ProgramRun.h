@@ -9,9 +9,12 @@
 
 #include <array>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
+
+#include "support/TemporaryFolder.h"
 
 namespace pc::testing {
 
@@ -80,6 +83,28 @@ class ProgramTest : public ::testing::Test {
     for (const std::string& path : temporaryFiles()) std::remove(path.c_str());
     temporaryFiles().clear();
   }
+};
+
+// A ProgramTest with a folder of each test's own, "<prefix>-<process>-<test>"
+// in the tests' temporary folder: empty when the test starts, removed with
+// all it holds when the test ends.
+class FolderProgramTest : public ProgramTest {
+ protected:
+  explicit FolderProgramTest(std::string prefix) : _prefix(std::move(prefix)) {}
+  void SetUp() override {
+    ProgramTest::SetUp();
+    folder = test::folderOfThisTest(_prefix);
+    std::filesystem::create_directories(folder);
+  }
+  void TearDown() override {
+    std::filesystem::remove_all(folder);
+    ProgramTest::TearDown();
+  }
+
+  std::string folder;
+
+ private:
+  std::string _prefix;
 };
 
 }  // namespace pc::testing
