@@ -5,8 +5,9 @@
 // (read the store, unmangle, split), and the peak memory of the process
 // after each. Aim: the whole sync under 2 s and 300 MB on one core.
 
+#include "SyncBenchRecords.h"
+
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -14,80 +15,13 @@
 #include <string>
 #include <vector>
 
-#include "host/ReferenceSync.h"
-#include "platform/PropertyList.h"
-#include "platform/TimeZone.h"
-
 namespace {
 
 using namespace pc;
+using namespace pc::bench;
 
-const std::string kExamples = std::string(PC_DATA_DIR) + "/../examples/";
 constexpr int kContacts = 10000;
 constexpr int kEvents = 10000;
-
-Dictionary readDictionary(const std::string& path) {
-  auto value = PropertyList::fromFile(path);
-  return value && value->isDictionary() ? value->dictionary() : Dictionary();
-}
-
-double peakMegabytes() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return static_cast<double>(usage.ru_maxrss) / 1024.0;
-}
-
-std::vector<SyncInput> records() {
-  static const char* kFirst[] = {"Alice", "Bruno", "Chloé", "Dmitri", "Eleni", "Fatima", "Grace"};
-  static const char* kLast[] = {"Martin", "Lefèvre", "Ivanova", "Papadopoulou", "Haddad", "Smith"};
-  static const char* kZones[] = {"Europe/Paris", "America/New_York", "Asia/Tokyo", "UTC"};
-  std::vector<SyncInput> inputs;
-  inputs.reserve(kContacts + kEvents);
-  for (int i = 0; i < kContacts; ++i) {
-    const std::string n = std::to_string(i);
-    Dictionary contact{
-        {"entityName", "Contacts.Contact"},
-        {"firstName", kFirst[i % 7]},
-        {"lastName", std::string(kLast[i % 6]) + " " + n},
-        {"companyName", "Velmora Systems"},
-        {"notes", "Met at the conference in Lyon, table " + n + "."},
-        {"phoneNumbers",
-         Array{Dictionary{{"entityName", "Contacts.PhoneNumber"}, {"value", "+33 1 43 55 " + n}, {"type", "mobile"}},
-               Dictionary{{"entityName", "Contacts.PhoneNumber"}, {"value", "+33 6 12 " + n}, {"type", "work"}}}},
-        {"emailAddresses",
-         Array{Dictionary{{"entityName", "Contacts.EmailAddress"}, {"value", "person" + n + "@mail.example.com"}, {"type", "home"}}}},
-        {"streetAddresses",
-         Array{Dictionary{{"entityName", "Contacts.StreetAddress"}, {"street", n + " rue de la Paix"},
-                          {"city", "Paris"}, {"postalCode", "75002"}, {"country", "France"}, {"type", "work"}}}},
-    };
-    inputs.push_back({"contact-" + n, contact});
-  }
-  for (int i = 0; i < kEvents; ++i) {
-    const std::string n = std::to_string(i);
-    const TimeZonePtr zone = TimeZone::timeZoneWithName(kZones[i % 4]);
-    const CalendarDate start = CalendarDate::dateWithYear(2026, 1 + i % 12, 1 + i % 28, 8 + i % 10, 0, 0, zone);
-    Dictionary event{
-        {"entityName", "Calendars.Event"},
-        {"summary", "Meeting " + n},
-        {"location", "Room " + std::to_string(i % 40)},
-        {"startDate", Value(start)},
-        {"endDate", Value(start.dateByAddingYears(0, 0, 0, 1, 0, 0))},
-        {"allDay", false},
-        {"displayAlarms", Array{Dictionary{{"entityName", "Calendars.DisplayAlarm"}, {"triggerduration", -600}}}},
-    };
-    if (i % 5 == 0) {
-      event.set("recurrences", Value(Array{Dictionary{{"entityName", "Calendars.Recurrence"},
-                                                      {"frequency", "weekly"},
-                                                      {"interval", 1},
-                                                      {"count", 10}}}));
-      if (i % 15 == 0)
-        event.set("exceptionDates", Value(Array{Value(start.dateByAddingYears(0, 0, 7, 0, 0, 0)),
-                                                Value(start.dateByAddingYears(0, 0, 21, 0, 0, 0))}));
-    }
-    inputs.push_back({"event-" + n, event});
-  }
-  return inputs;
-}
 
 void BM_SyncFullPhone(benchmark::State& state) {
   const std::string base = kExamples + "devices/full-phone";
@@ -96,7 +30,7 @@ void BM_SyncFullPhone(benchmark::State& state) {
   run.entitiesDescription = readDictionary(base + ".entities.plist");
   run.formatting.variables = readDictionary(base + ".variables.plist");
   run.anchorDate = CalendarDate::dateWithYear(2026, 3, 1, 0, 0, 0);
-  const std::vector<SyncInput> inputs = records();
+  const std::vector<SyncInput> inputs = syncRecords(kContacts, kEvents);
   state.counters["peak_MB_inputs"] = peakMegabytes();
   const std::string folder =
       (std::filesystem::temp_directory_path() / ("bench-sync-" + std::to_string(::getpid()))).string();

@@ -49,9 +49,12 @@ bool sameRecurrenceStart(const CALDate& a, const CALDate& b) {
 
 bool bounded(const CALTimeRange& span) { return span.startDate() && span.endDate(); }
 
+// The rule parts mostly produce their dates in order already: a list that is
+// sorted is left as it is, which spares the sort its buffer.
 void sortDates(CALDateList& dates) {
-  std::stable_sort(dates.begin(), dates.end(),
-                   [](const CALDateRef& a, const CALDateRef& b) { return a->compare(b.get()) < 0; });
+  const auto before = [](const CALDateRef& a, const CALDateRef& b) { return a->compare(b.get()) < 0; };
+  if (std::is_sorted(dates.begin(), dates.end(), before)) return;
+  std::stable_sort(dates.begin(), dates.end(), before);
 }
 
 void sortWithoutDuplicates(CALDateList& dates) {
@@ -62,9 +65,9 @@ void sortWithoutDuplicates(CALDateList& dates) {
 }
 
 void sortByStart(CALTimeRangeList& spans) {
-  std::stable_sort(spans.begin(), spans.end(), [](const CALTimeRange& a, const CALTimeRange& b) {
-    return a.compareStartDate(b) < 0;
-  });
+  const auto before = [](const CALTimeRange& a, const CALTimeRange& b) { return a.compareStartDate(b) < 0; };
+  if (std::is_sorted(spans.begin(), spans.end(), before)) return;
+  std::stable_sort(spans.begin(), spans.end(), before);
 }
 
 bool containsDate(const CALDateList& dates, const CALDate& date) {
@@ -683,6 +686,7 @@ CALDateList CALRecurrenceRule::generateSimpleTimeRuleOnTimeRange(const CALTimeRa
 CALTimeRangeList CALRecurrenceRule::applyRulePart(RangeGenerator generator, const CALTimeRangeList& array,
                                                   const CALDate& start) const {
   CALTimeRangeList result;
+  result.reserve(array.size());  // most spans keep at least one part
   for (const CALTimeRange& span : array)
     for (const CALTimeRange& generated : (this->*generator)(span, start))
       if (std::optional<CALTimeRange> part = span.intersection(generated)) result.push_back(std::move(*part));
@@ -692,6 +696,7 @@ CALTimeRangeList CALRecurrenceRule::applyRulePart(RangeGenerator generator, cons
 CALDateList CALRecurrenceRule::applyRulePart(DateGenerator generator, const CALTimeRangeList& array,
                                              const CALDate& start) const {
   CALDateList result;
+  result.reserve(array.size());
   for (const CALTimeRange& span : array)
     for (CALDateRef& date : (this->*generator)(span, start))
       if (span.includesDate(date.get())) result.push_back(std::move(date));

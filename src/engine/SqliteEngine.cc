@@ -523,10 +523,14 @@ int SqliteEngine::schemaVersion() const {
   return select.next() ? static_cast<int>(select.integer(0)) : 0;
 }
 
-std::string SqliteEngine::check() const {
+std::string SqliteEngine::check() const { return checkFrom(std::nullopt); }
+
+std::string SqliteEngine::checkChangedSince(std::int64_t counter) const { return checkFrom(counter); }
+
+std::string SqliteEngine::checkFrom(std::optional<std::int64_t> changedAfter) const {
   std::lock_guard lock(_lock);
   try {
-    {
+    if (!changedAfter) {
       Statement integrity = statement("PRAGMA quick_check");
       while (integrity.next()) {
         if (const std::string result = integrity.text(0); result != "ok")
@@ -534,7 +538,9 @@ std::string SqliteEngine::check() const {
       }
     }
     std::string problem;
-    Statement records = statement("SELECT identifier, entity, record FROM records");
+    Statement records = statement(changedAfter ? "SELECT identifier, entity, record FROM records WHERE changed > ?1"
+                                               : "SELECT identifier, entity, record FROM records");
+    if (changedAfter) records.bind(1, *changedAfter);
     while (records.next()) {
       const std::string where = _path + ": records/" + records.text(0);
       std::optional<Dictionary> record = decodeRecord(records.text(2), &problem);
@@ -547,12 +553,14 @@ std::string SqliteEngine::check() const {
     while (values.next())
       if (!decodeValue(values.text(2), &problem))
         return _path + ": clients/" + values.text(0) + "/" + values.text(1) + ": " + problem;
-    Statement entries =
-        statement("SELECT client, engine_id, engine_form, phone_form FROM synced_entries");
-    while (entries.next())
-      for (int column : {2, 3})
-        if (!decodeRecord(entries.text(column), &problem))
-          return _path + ": phones/" + entries.text(0) + "/" + entries.text(1) + ": " + problem;
+    if (!changedAfter) {
+      Statement entries =
+          statement("SELECT client, engine_id, engine_form, phone_form FROM synced_entries");
+      while (entries.next())
+        for (int column : {2, 3})
+          if (!decodeRecord(entries.text(column), &problem))
+            return _path + ": phones/" + entries.text(0) + "/" + entries.text(1) + ": " + problem;
+    }
     Statement anchors = statement("SELECT client, data_class, anchor FROM anchors");
     while (anchors.next())
       if (!decodeValue(anchors.text(2), &problem))

@@ -90,6 +90,10 @@ class SqliteEngine : public TruthSnapshot, public std::enable_shared_from_this<S
   // Empty when all is well, else the first problem, as "file: records/ID:
   // what is wrong".
   std::string check() const;
+  // The same for what an incremental sync reads at its start: the records
+  // changed after `counter`, the clients' values and the anchors. (Other
+  // records are checked as they are read; a damaged page fails its read.)
+  std::string checkChangedSince(std::int64_t counter) const;
 
   // --- records --------------------------------------------------------------
   // Stores (or replaces) the record; it must name its entity. Each change
@@ -182,6 +186,7 @@ class SqliteEngine : public TruthSnapshot, public std::enable_shared_from_this<S
   void step(std::string_view name);
   void execute(const char* sql);
   Statement statement(const char* sql) const;
+  std::string checkFrom(std::optional<std::int64_t> changedAfter) const;
   // The first column of every row, as text, with `arguments` bound to ?1, ?2...
   Array textColumn(const char* selectSql, std::initializer_list<std::string_view> arguments = {}) const;
   [[noreturn]] void fail(std::string_view what) const;

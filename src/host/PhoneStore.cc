@@ -171,7 +171,14 @@ std::optional<PhoneStoreContents> PhoneStore::read(const std::string& dataClass,
     return PhoneStoreContents{dataClass, {}};
   std::optional<std::string> text = readWholeFile(path, error);
   if (!text) return std::nullopt;
-  std::optional<PhoneStoreContents> contents = contentsOf(dataClass, *text, path, error);
+  return contentsFromFileBytes(dataClass, *text, error);
+}
+
+std::optional<PhoneStoreContents> PhoneStore::contentsFromFileBytes(const std::string& dataClass,
+                                                                    std::string_view bytes,
+                                                                    std::string* error) const {
+  const std::string path = pathForDataClass(dataClass);
+  std::optional<PhoneStoreContents> contents = contentsOf(dataClass, bytes, path, error);
   if (contents && contents->dataClass != dataClass) {
     setError(error, path + ": " + kDataClassKey + ": holds \"" + contents->dataClass +
                         "\", not \"" + dataClass + "\"");
@@ -180,14 +187,23 @@ std::optional<PhoneStoreContents> PhoneStore::read(const std::string& dataClass,
   return contents;
 }
 
-PhoneStore::WriteResult PhoneStore::write(const PhoneStoreContents& contents, std::string* error) {
-  const std::string path = pathForDataClass(contents.dataClass);
+std::optional<std::string> PhoneStore::bytesFor(const PhoneStoreContents& contents,
+                                                std::string* error) const {
   std::optional<std::string> bytes = bytesOf(contents, error);
-  if (!bytes) {
-    if (error) *error = path + ": " + *error;
-    return WriteResult::failed;
-  }
-  if (std::optional<std::string> old = readWholeFile(path); old && *old == *bytes)
+  if (!bytes && error) *error = pathForDataClass(contents.dataClass) + ": " + *error;
+  return bytes;
+}
+
+PhoneStore::WriteResult PhoneStore::write(const PhoneStoreContents& contents, std::string* error) {
+  std::optional<std::string> bytes = bytesFor(contents, error);
+  if (!bytes) return WriteResult::failed;
+  return writeBytes(contents.dataClass, *bytes, error);
+}
+
+PhoneStore::WriteResult PhoneStore::writeBytes(const std::string& dataClass, const std::string& bytes,
+                                               std::string* error) {
+  const std::string path = pathForDataClass(dataClass);
+  if (std::optional<std::string> old = readWholeFile(path); old && *old == bytes)
     return WriteResult::unchanged;
   std::error_code code;
   std::filesystem::create_directories(_directory, code);
@@ -197,7 +213,7 @@ PhoneStore::WriteResult PhoneStore::write(const PhoneStoreContents& contents, st
   }
   AtomicWriteOptions options;
   options.interruptAfter = _interruptAfter;
-  return writeFileAtomically(path, *bytes, error, options) ? WriteResult::written
+  return writeFileAtomically(path, bytes, error, options) ? WriteResult::written
                                                          : WriteResult::failed;
 }
 

@@ -78,6 +78,17 @@ class PhoneStore {
   // Replaces the data class's file atomically. A file that already holds
   // these bytes is left alone (unchanged). The folder is created when missing.
   WriteResult write(const PhoneStoreContents& contents, std::string* error = nullptr);
+  // The two halves of `write`, for a caller that keeps a digest of what it
+  // wrote: the file's bytes for the contents (nullopt with `error` when a
+  // record cannot be written), and the writing of them.
+  std::optional<std::string> bytesFor(const PhoneStoreContents& contents,
+                                      std::string* error = nullptr) const;
+  WriteResult writeBytes(const std::string& dataClass, const std::string& bytes,
+                         std::string* error = nullptr);
+  // What `read` gives for a file of these bytes.
+  std::optional<PhoneStoreContents> contentsFromFileBytes(const std::string& dataClass,
+                                                          std::string_view bytes,
+                                                          std::string* error = nullptr) const;
 
   // Makes the next writes stop after `bytes` bytes of the temporary file, as
   // a full disk would, and fail; nullopt writes normally again.

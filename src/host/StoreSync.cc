@@ -6,6 +6,7 @@
 #include <cctype>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <map>
 #include <set>
 #include <sstream>
@@ -17,6 +18,7 @@
 #include "conduit/SyncSettings.h"
 #include "host/VFormatParsers.h"
 #include "platform/Exception.h"
+#include "platform/FileIO.h"
 #include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
 
@@ -89,9 +91,13 @@ struct Formatted {
   std::map<std::string, Dictionary> unmangled;  // phone entries asked for, in the engine's form
 };
 
+// Formats the engine's records of the data classes, or only those named in
+// `only` when it is given: a record's phone form depends on the record, the
+// phone and the window alone, so a subset formats as it would among all.
 bool formatAll(const StoreSyncRun& run, const SqliteEngine& store,
                const std::vector<std::string>& dataClasses, Formatted& out, std::string& error,
-               std::multimap<std::string, PhoneStoreRecord> unmangle = {}) {
+               std::multimap<std::string, PhoneStoreRecord> unmangle = {},
+               const std::set<std::string>* only = nullptr) {
   TemporaryFolder folder;
   if (folder.path().empty()) {
     error = "cannot make a temporary folder";
@@ -103,10 +109,21 @@ bool formatAll(const StoreSyncRun& run, const SqliteEngine& store,
   if (fs::exists(settings, code)) fs::copy_file(settings, folder.path() / kSettingsFileName, code);
 
   std::vector<SyncInput> inputs;
-  for (const std::string& dataClass : dataClasses)
-    for (const Value& identifier : store.recordIdentifiersForDataClassName(dataClass))
-      if (auto record = store.recordWithIdentifier(identifier.string()))
-        inputs.push_back({identifier.string(), std::move(*record)});
+  if (only) {
+    for (const std::string& identifier : *only) {
+      std::optional<Dictionary> record = store.recordWithIdentifier(identifier);
+      if (!record) {
+        error = store.path() + ": records/" + identifier + ": the record does not read";
+        return false;
+      }
+      inputs.push_back({identifier, std::move(*record)});
+    }
+  } else {
+    for (const std::string& dataClass : dataClasses)
+      for (const Value& identifier : store.recordIdentifiersForDataClassName(dataClass))
+        if (auto record = store.recordWithIdentifier(identifier.string()))
+          inputs.push_back({identifier.string(), std::move(*record)});
+  }
 
   SyncRun formatting = run.phone;
   formatting.phoneDirectory = folder.path().string();
@@ -229,6 +246,22 @@ std::string contentKey(const std::string& entity, const Dictionary& fields) {
   return key;
 }
 
+// A stamp of what shapes the phone's entries besides the records: the
+// phone's descriptions and formatting variables. The last sync's anchors keep
+// it; a run for a phone of another stamp formats every record again.
+std::string formattingStamp(const SyncRun& phone) {
+  const Dictionary shape{{"device", phone.deviceDescription},
+                         {"entities", phone.entitiesDescription},
+                         {"variables", phone.formatting.variables},
+                         {"version", phone.formatting.version}};
+  return fmt::format("{:016x}", std::hash<std::string>{}(Value(shape).description()));
+}
+
+// A digest of a phone file's bytes, which the anchors keep.
+std::string fileDigest(std::string_view bytes) {
+  return fmt::format("{:016x}-{}", std::hash<std::string_view>{}(bytes), bytes.size());
+}
+
 // The engine record behind a phone entry's identifier: the record itself, or
 // for a single event of an exploded event ("id#start") or a detached event
 // ("id/detachedEvents/0"), its master.
@@ -310,10 +343,6 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
   const std::string& client = run.clientIdentifier;
 
   // --- Read everything first -------------------------------------------------------------
-  if (std::string problem = store.check(); !problem.empty()) {
-    result.error = problem;
-    return result;
-  }
   auto schema = SyncEngineManager::sharedManager();
   std::vector<std::string> dataClasses;
   if (auto entities = run.phone.entitiesDescription.getDictionary(kEngineClientEntitiesKey))
@@ -322,10 +351,61 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         if (std::find(dataClasses.begin(), dataClasses.end(), *dataClass) == dataClasses.end())
           dataClasses.push_back(*dataClass);
 
+  // The change counter the last sync ended at, when it left anchors for
+  // every data class and formatted for a phone of the same stamp: the
+  // phone then holds, as the state says, the formatted form of every record
+  // that did not change since, and only the others are formatted again.
+  const std::string stamp = formattingStamp(run.phone);
+  std::optional<std::int64_t> since;
+  std::int64_t oldest = std::numeric_limits<std::int64_t>::max();
+  bool anchorsCurrent = !run.formatEverything && !dataClasses.empty();
+  std::map<std::string, Dictionary> anchors;  // data class -> the last sync's anchor
+  for (const std::string& dataClass : dataClasses) {
+    std::optional<Dictionary> anchor;
+    try {
+      anchor = store.anchor(client, dataClass).asDictionary();
+    } catch (const Exception& exception) {
+      result.error = exception.reason();
+      return result;
+    }
+    if (anchor) anchors[dataClass] = *anchor;
+    const Value change = anchor ? anchor->get("change") : Value();
+    const bool current = anchor && change.isInteger() && anchor->getString("format") == stamp;
+    if (!current) anchorsCurrent = false;
+    else oldest = std::min(oldest, change.integerValue());
+  }
+  if (anchorsCurrent) since = oldest;
+
+  // The whole store is checked before a sync that formats every record; one
+  // that formats what changed checks what changed, and the rest as it reads.
+  if (std::string problem = since ? store.checkChangedSince(*since) : store.check(); !problem.empty()) {
+    result.error = problem;
+    return result;
+  }
+
   PhoneStore phone(run.phone.phoneDirectory);
   usePhoneParsers(phone, run.phone.deviceDescription);
   std::map<std::string, PhoneStoreContents> onPhone;
+  // A file that holds, byte for byte, what the last sync left there is not
+  // parsed: its entries are the state's phone forms, in the order the
+  // anchor keeps (taken once the state is read).
+  std::map<std::string, std::string> unparsed;  // data class -> the file's bytes
   for (const std::string& dataClass : dataClasses) {
+    const std::string path = phone.pathForDataClass(dataClass);
+    std::error_code code;
+    if (since && anchors[dataClass].contains("file") && fs::exists(path, code)) {
+      std::optional<std::string> bytes = readWholeFile(path, &result.error);
+      if (!bytes) return result;
+      if (anchors[dataClass].getString("file") == fileDigest(*bytes)) {
+        unparsed[dataClass] = std::move(*bytes);
+        continue;
+      }
+      std::optional<PhoneStoreContents> contents =
+          phone.contentsFromFileBytes(dataClass, *bytes, &result.error);
+      if (!contents) return result;
+      onPhone[dataClass] = std::move(*contents);
+      continue;
+    }
     std::optional<PhoneStoreContents> contents = phone.read(dataClass, &result.error);
     if (!contents) return result;
     onPhone[dataClass] = std::move(*contents);
@@ -343,10 +423,39 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       std::string id = entry.phoneIdentifier;
       state.emplace(std::move(id), std::move(entry));
     }
+    for (auto& [dataClass, bytes] : unparsed) {
+      PhoneStoreContents contents{dataClass, {}};
+      const std::optional<Array> order = anchors[dataClass].getArray("order");
+      bool whole = order.has_value();
+      for (std::size_t i = 0; whole && i < order->count(); ++i) {
+        auto known = state.find(order->at(i).stringValue());
+        if (known == state.end()) whole = false;
+        else contents.records.push_back({known->first, known->second.entityName, known->second.phoneForm});
+      }
+      if (!whole) {
+        std::string error;
+        std::optional<PhoneStoreContents> parsed = phone.contentsFromFileBytes(dataClass, bytes, &error);
+        if (!parsed) raiseException(kSqliteStoreException, error);
+        contents = std::move(*parsed);
+      }
+      onPhone[dataClass] = std::move(contents);
+    }
+    unparsed.clear();
+
     std::set<std::string> records;
     for (const std::string& dataClass : dataClasses)
       for (const Value& identifier : store.recordIdentifiersForDataClassName(dataClass))
         records.insert(identifier.string());
+
+    // An engine record the run knows of; one that does not read stops the run
+    // (the store's reader logs it and answers none, as for a missing one).
+    auto recordOf = [&](const std::string& identifier) {
+      std::optional<Dictionary> record = store.recordWithIdentifier(identifier);
+      if (!record && records.count(identifier))
+        raiseException(kSqliteStoreException,
+                       store.path() + ": records/" + identifier + ": the record does not read");
+      return record;
+    };
 
     // Phone identifier -> engine identifier of the master entries; a phone
     // entry paired by content keeps the phone's identifier.
@@ -440,6 +549,18 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
     std::set<std::string> deletedOnPhone;  // engine ids
     std::set<std::string> touchedByPhone;  // engine ids the phone's changes reached
     auto report = [&result](StoreSyncRecord record) { result.records.push_back(std::move(record)); };
+    // The phone's entries that differ from what the last sync left there.
+    std::set<std::string> editedOnPhone;  // phone ids
+    for (const std::string& dataClass : dataClasses)
+      for (const PhoneStoreRecord& entry : onPhone[dataClass].records) {
+        auto known = state.find(entry.identifier);
+        const Dictionary* base = known != state.end() ? &known->second.phoneForm : nullptr;
+        if (!base)
+          if (auto paired = baseOf.find(entry.identifier); paired != baseOf.end()) base = &paired->second;
+        if (base && !ReferenceSync::differingFields(*base, entry.fields).empty())
+          editedOnPhone.insert(entry.identifier);
+      }
+
     // The phone's changed entries and their last phone forms, in the
     // engine's form: the phone's dates, zones, all-day form, alarms and
     // recurrence ends are compared and merged as the engine holds them.
@@ -450,18 +571,21 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         for (const PhoneStoreRecord& entry : onPhone[dataClass].records) {
           auto mapped = engineIdOf.find(entry.identifier);
           if (mapped == engineIdOf.end() || !records.count(mapped->second)) continue;
+          if (!editedOnPhone.count(entry.identifier)) continue;
           auto known = state.find(entry.identifier);
           const Dictionary& base =
               known != state.end() ? known->second.phoneForm : baseOf[entry.identifier];
-          if (changedKeys(base, entry.fields).empty()) continue;
           unmangle.emplace(mapped->second,
                            PhoneStoreRecord{"phone:" + entry.identifier, entry.entity, entry.fields});
           unmangle.emplace(mapped->second,
                            PhoneStoreRecord{"base:" + entry.identifier, entry.entity, base});
         }
       if (!unmangle.empty()) {
+        std::set<std::string> engineIds;
+        for (const auto& [engineId, entry] : unmangle) engineIds.insert(engineId);
         Formatted current;
-        if (!formatAll(run, store, dataClasses, current, result.error, std::move(unmangle)))
+        if (!formatAll(run, store, dataClasses, current, result.error, std::move(unmangle),
+                       &engineIds))
           return result;
         unmangledForms = std::move(current.unmangled);
       }
@@ -479,16 +603,14 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         if (replacedOnPhone.count(entry.identifier)) continue;
         if (!isMaster) {
           if (known != state.end() || !masterOf(entry.identifier, records).empty()) {
-            const bool edited =
-                known != state.end() &&
-                !ReferenceSync::differingFields(known->second.phoneForm, entry.fields).empty();
+            const bool edited = known != state.end() && editedOnPhone.count(entry.identifier);
             // An edited single event of an exploded event becomes a detached
             // event of the engine's event, on the day it stood.
             if (edited)
               if (auto occurrence = occurrenceOf(entry.identifier, records)) {
                 auto master = masterEdits.find(occurrence->master);
                 if (master == masterEdits.end()) {
-                  std::optional<Dictionary> record = store.recordWithIdentifier(occurrence->master);
+                  std::optional<Dictionary> record = recordOf(occurrence->master);
                   if (!record) continue;
                   master = masterEdits.emplace(occurrence->master, std::move(*record)).first;
                 }
@@ -526,9 +648,9 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
           continue;
         }
         const std::string& engineId = mapped->second;
+        if (!editedOnPhone.count(entry.identifier)) continue;
         const Dictionary& base =
             known != state.end() ? known->second.phoneForm : baseOf[entry.identifier];
-        if (changedKeys(base, entry.fields).empty()) continue;
         auto phoneForm = unmangledForms.find("phone:" + entry.identifier);
         auto baseForm = unmangledForms.find("base:" + entry.identifier);
         const bool unmangledBoth = phoneForm != unmangledForms.end() && baseForm != unmangledForms.end();
@@ -536,7 +658,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         const Dictionary& baseFields = unmangledBoth ? baseForm->second : base;
         const std::vector<std::string> keys = changedKeys(baseFields, phoneFields);
         if (keys.empty()) continue;
-        std::optional<Dictionary> current = store.recordWithIdentifier(engineId);
+        std::optional<Dictionary> current = recordOf(engineId);
         const Dictionary engineBase =
             known != state.end() ? known->second.engineForm : current.value_or(Dictionary());
         StoreSyncRecord changed{engineId, entry.entity, StoreSyncOutcome::changedOnPhone, {}, {}, 0, {}};
@@ -581,7 +703,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         if (auto occurrence = occurrenceOf(phoneId, records); occurrence && !engineIdOf.count(phoneId)) {
           auto master = masterEdits.find(occurrence->master);
           if (master == masterEdits.end()) {
-            std::optional<Dictionary> record = store.recordWithIdentifier(occurrence->master);
+            std::optional<Dictionary> record = recordOf(occurrence->master);
             if (!record) continue;
             master = masterEdits.emplace(occurrence->master, std::move(*record)).first;
           }
@@ -595,7 +717,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         }
         if (!engineIdOf.count(phoneId)) continue;
         if (schema->dataClassNameForEntityName(entry.entityName) != dataClass) continue;
-        std::optional<Dictionary> current = store.recordWithIdentifier(entry.engineIdentifier);
+        std::optional<Dictionary> current = recordOf(entry.engineIdentifier);
         if (!current) continue;  // gone on both sides
         if (Value(*current) != Value(entry.engineForm) && run.conflicts == ConflictPolicy::engine) {
           // Changed on the engine since: the engine's record goes back.
@@ -636,8 +758,56 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
     }
 
     // --- The engine's records, out to the phone -------------------------------------------
+    // After a sync that left anchors, only the records it cannot vouch for
+    // are formatted: those changed since (on either side, this run's merges
+    // included), those the phone holds no entry of, and those whose entries
+    // the phone changed or lost. The others are what the state says.
+    std::optional<std::set<std::string>> subset;
+    if (since) {
+      subset.emplace();
+      for (const StoreChange& change : store.changesSince(*since))
+        if (!change.deleted && records.count(change.identifier)) subset->insert(change.identifier);
+      std::set<std::string> present;
+      for (const std::string& dataClass : dataClasses)
+        for (const PhoneStoreRecord& entry : onPhone[dataClass].records) present.insert(entry.identifier);
+      std::set<std::string> held;
+      for (const auto& [phoneId, entry] : state) {
+        if (!records.count(entry.engineIdentifier)) continue;
+        if (!present.count(phoneId) || editedOnPhone.count(phoneId))
+          subset->insert(entry.engineIdentifier);
+        else
+          held.insert(entry.engineIdentifier);
+      }
+      for (const std::string& identifier : records)
+        if (!held.count(identifier)) subset->insert(identifier);
+    }
+    const fs::path settingsPath = fs::path(run.phone.phoneDirectory) / kSettingsFileName;
     Formatted after;
-    if (!formatAll(run, store, dataClasses, after, result.error)) return result;
+    if (!formatAll(run, store, dataClasses, after, result.error, {}, subset ? &*subset : nullptr))
+      return result;
+    if (subset && after.settingsText != fileText(settingsPath)) {
+      // The window moved: every exploded event may fall otherwise.
+      subset.reset();
+      after = Formatted();
+      if (!formatAll(run, store, dataClasses, after, result.error)) return result;
+    }
+    // The entries of the records not formatted again, as the state holds them.
+    if (subset)
+      for (const auto& [phoneId, entry] : state) {
+        if (subset->count(entry.engineIdentifier) || !records.count(entry.engineIdentifier)) continue;
+        const std::optional<std::string> dataClass =
+            schema->dataClassNameForEntityName(entry.entityName);
+        if (!dataClass) continue;
+        const std::string formattedId = engineIdOf.count(phoneId) ? entry.engineIdentifier : phoneId;
+        after.entries[*dataClass].push_back({formattedId, entry.entityName, entry.phoneForm});
+      }
+    // The engine's form of a record as the new state keeps it: the state's own
+    // for a record not formatted again, which has not changed since.
+    auto engineFormOf = [&](const std::string& master, const std::string& phoneId) {
+      if (subset && !subset->count(master))
+        if (auto known = state.find(phoneId); known != state.end()) return known->second.engineForm;
+      return recordOf(master).value_or(Dictionary());
+    };
 
     std::map<std::string, const SyncRecordReport*> formattedReport;
     for (const SyncRecordReport& entry : after.report.records)
@@ -645,6 +815,9 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
 
     std::vector<std::pair<std::string, PhoneStoreContents>> newContents;
     std::vector<SyncedEntry> newState;
+    // Data classes whose file holds an entry other than its state's phone
+    // form (or one the state does not know): the next run parses them.
+    std::set<std::string> inexact;
     std::set<std::string> sentEngineIds;  // engine records whose phone form changed
     for (const std::string& dataClass : dataClasses) {
       std::map<std::string, const PhoneStoreRecord*> wanted;  // phone id -> entry
@@ -666,20 +839,19 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         placed.insert(phoneId);
         const std::string master = masterOf(entry.identifier, records);
         if (!master.empty())
-          newState.push_back({master, phoneId, entry.entity,
-                              store.recordWithIdentifier(master).value_or(Dictionary()),
+          newState.push_back({master, phoneId, entry.entity, engineFormOf(master, phoneId),
                               entry.fields});
       };
       for (const PhoneStoreRecord& held : onPhone[dataClass].records) {
         auto it = wanted.find(held.identifier);
         if (it != wanted.end()) {
           if (keptOnPhone.count(held.identifier)) {
+            inexact.insert(dataClass);
             contents.records.push_back(held);
             placed.insert(held.identifier);
             const std::string master = masterOf(it->second->identifier, records);
             newState.push_back({master, held.identifier, held.entity,
-                                store.recordWithIdentifier(master).value_or(Dictionary()),
-                                it->second->fields});
+                                engineFormOf(master, held.identifier), it->second->fields});
             continue;
           }
           if (Value(it->second->fields) != Value(held.fields))
@@ -703,6 +875,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
           continue;
         }
         // Unknown to the engine and not carried into it: it stays.
+        inexact.insert(dataClass);
         contents.records.push_back(held);
         placed.insert(held.identifier);
       }
@@ -758,17 +931,48 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         stateChanged = true;
       }
     }
-    if (stateChanged || store.changeCounter() != counterBefore)
-      for (const std::string& dataClass : dataClasses)
-        store.setAnchor(client, dataClass, Dictionary{{"change", store.changeCounter()}});
-    result.storeChanged = stateChanged || store.changeCounter() != counterBefore;
+    // The phone's files as they are to be: their digests go in the anchors.
+    std::map<std::string, std::string> newBytes;  // data class -> bytes; none: no file
+    for (const auto& [dataClass, contents] : newContents) {
+      if (contents.records.empty() && !phone.hasDataClass(dataClass)) continue;
+      std::string error;
+      std::optional<std::string> bytes = phone.bytesFor(contents, &error);
+      if (!bytes) raiseException(kSqliteStoreException, error);
+      newBytes[dataClass] = std::move(*bytes);
+    }
+    // The anchors: the change counter the state is good for, the phone's
+    // stamp, and for a file that holds exactly the state's phone forms, its
+    // digest and the order of its entries. A run that changed nothing
+    // leaves the counter as it was.
+    const bool moved = stateChanged || store.changeCounter() != counterBefore;
+    bool anchorsWritten = false;
+    for (const std::string& dataClass : dataClasses) {
+      auto stored = anchors.find(dataClass);
+      if (!moved && stored == anchors.end()) continue;
+      const Value storedChange = stored != anchors.end() ? stored->second.get("change") : Value();
+      Dictionary anchor{{"change", moved || !since || !storedChange.isInteger() ? Value(store.changeCounter())
+                                                                               : storedChange},
+                        {"format", stamp}};
+      auto bytes = newBytes.find(dataClass);
+      if (bytes != newBytes.end() && !inexact.count(dataClass)) {
+        Array order;
+        for (const auto& [contentsClass, contents] : newContents)
+          if (contentsClass == dataClass)
+            for (const PhoneStoreRecord& entry : contents.records) order.add(Value(entry.identifier));
+        anchor.set("file", fileDigest(bytes->second));
+        anchor.set("order", order);
+      }
+      if (stored != anchors.end() && Value(stored->second) == Value(anchor)) continue;
+      store.setAnchor(client, dataClass, anchor);
+      anchorsWritten = true;
+    }
+    result.storeChanged = moved || anchorsWritten;
 
     if (!run.dryRun) {
       step("phone");
-      for (const auto& [dataClass, contents] : newContents) {
-        if (contents.records.empty() && !phone.hasDataClass(dataClass)) continue;
+      for (const auto& [dataClass, bytes] : newBytes) {
         std::string error;
-        switch (phone.write(contents, &error)) {
+        switch (phone.writeBytes(dataClass, bytes, &error)) {
           case PhoneStore::WriteResult::written:
             result.filesWritten.push_back(phone.pathForDataClass(dataClass));
             break;
@@ -776,7 +980,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
           case PhoneStore::WriteResult::failed: raiseException(kSqliteStoreException, error);
         }
       }
-      const fs::path settings = fs::path(run.phone.phoneDirectory) / kSettingsFileName;
+      const fs::path& settings = settingsPath;
       if (!after.settingsText.empty() && fileText(settings) != after.settingsText) {
         const std::string temporary = settings.string() + ".part";
         {

@@ -62,6 +62,9 @@ struct StoreSyncRun {
   std::optional<FirstSyncMode> firstSyncMode;
   // Everything is worked out and reported; nothing is written.
   bool dryRun = false;
+  // Formats every engine record again, as a first sync does, rather than
+  // only those that changed since the last sync. For checks.
+  bool formatEverything = false;
   // Called before each write step ("engine", "state", "phone", "commit"); a
   // hook that throws stops the run there, as a crash would. For tests.
   std::function<void(std::string_view step)> beforeStep;

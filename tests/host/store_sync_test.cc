@@ -9,6 +9,7 @@
 #include "host/StoreSync.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <filesystem>
 #include <fstream>
@@ -401,6 +402,41 @@ TEST_F(StoreSyncTest, UnreadablePhoneFileStopsTheRunBeforeAnythingIsWritten) {
   EXPECT_EQ(f->store->changeCounter(), counter);
 }
 
+// A record that no longer reads stops a sync that formats only what changed,
+// before anything is written, naming the record: one the engine changed
+// since the last sync (checked at the start), and one whose phone entry was
+// edited (checked as it is read).
+TEST_F(StoreSyncTest, ADamagedRecordStopsAnIncrementalRunBeforeAnythingIsWritten) {
+  for (const bool changedOnEngine : {true, false}) {
+    SCOPED_TRACE(changedOnEngine);
+    auto f = make(changedOnEngine ? "damaged-engine" : "damaged-phone");
+    f->sync();
+    PhoneStoreContents phone = f->phoneContents(kContacts);
+    const std::string damaged = phone.records.at(3).identifier;
+    if (changedOnEngine) {
+      Dictionary record = *f->store->recordWithIdentifier(damaged);
+      record.set("jobTitle", "Changed");
+      f->store->addRecord(damaged, record);
+    } else {
+      phone.records.at(3).fields.set("lastName", "Edited");
+      f->writePhone(phone);
+    }
+    const std::string contactsFile = f->phoneContents(kContacts).records.at(3).fields.getString("lastName");
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((f->folder / "store.db").c_str(), &db), SQLITE_OK);
+    const std::string sql = "UPDATE records SET record = 'damaged' WHERE identifier = '" + damaged + "'";
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+    const std::int64_t counter = f->store->changeCounter();
+
+    const StoreSyncResult result = StoreSync::run(*f->store, f->run);
+    EXPECT_NE(result.error.find("records/" + damaged), std::string::npos) << result.error;
+    EXPECT_TRUE(result.filesWritten.empty());
+    EXPECT_EQ(f->store->changeCounter(), counter);
+    EXPECT_EQ(f->phoneContents(kContacts).records.at(3).fields.getString("lastName"), contactsFile);
+  }
+}
+
 // Both sides changed, then a run stopped at each step: the store is as it
 // was, and the next run ends as an uninterrupted one.
 TEST_F(StoreSyncTest, RunStoppedAtAnyStepLeavesTheStoreAndTheNextRunCatchesUp) {
@@ -670,6 +706,138 @@ TEST_F(SyncZonesStoreTest, EditedAndDeletedOccurrencesBecomeDetachedEventsAndExc
   EXPECT_FALSE(again.storeChanged);
   EXPECT_TRUE(again.records.empty());
 }
+
+// --- only what changed is formatted again -----------------------------------------------
+
+// What a sync left on both sides and said about it, line by line.
+std::vector<std::string> outcomeOf(StoreSyncFixture& f, const StoreSyncResult& result) {
+  std::vector<std::string> lines;
+  for (const StoreSyncRecord& record : result.records)
+    lines.push_back(record.identifier + " " + storeSyncOutcomeName(record.outcome) + " " +
+                    std::to_string(record.fields.size()) + " " + std::to_string(record.conflicts.size()));
+  std::sort(lines.begin(), lines.end());
+  lines.push_back("unchanged " + std::to_string(result.summary.unchanged));
+  for (const Value& id : f.store->recordIdentifiers())
+    lines.push_back(id.string() + *recordText(*f.store->recordWithIdentifier(id.string())));
+  for (const SyncedEntry& entry : f.store->syncedEntries("phone"))
+    lines.push_back(entry.phoneIdentifier + " " + entry.engineIdentifier + *recordText(entry.engineForm) +
+                    *recordText(entry.phoneForm));
+  PhoneStore phone(f.run.phone.phoneDirectory);
+  usePhoneParsers(phone, f.run.phone.deviceDescription);
+  for (const char* dataClass : {kContacts, kCalendars}) {
+    std::ifstream in(phone.pathForDataClass(dataClass), std::ios::binary);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+  }
+  return lines;
+}
+
+// The first line where two outcomes part; empty when they are the same.
+std::string firstDifference(const std::vector<std::string>& a, const std::vector<std::string>& b) {
+  for (std::size_t i = 0; i < std::max(a.size(), b.size()); ++i) {
+    const std::string left = i < a.size() ? a[i] : "(end)";
+    const std::string right = i < b.size() ? b[i] : "(end)";
+    if (left != right) return "line " + std::to_string(i) + ":\n  " + left + "\n  " + right;
+  }
+  return {};
+}
+
+// A weekly event of six occurrences, which phones without recurrences get as
+// single events.
+Dictionary weeklyEvent(const char* summary, CalendarDate first) {
+  Dictionary rule{{"entityName", "Calendars.Recurrence"}, {"frequency", "weekly"},
+                  {"interval", std::int64_t{1}}, {"count", std::int64_t{6}}};
+  return Dictionary{{"entityName", "Calendars.Event"},
+                    {"summary", summary},
+                    {"startDate", Value(first)},
+                    {"endDate", Value(first.dateByAddingTimeInterval(3600))},
+                    {"recurrences", Array{Value(rule)}}};
+}
+
+class IncrementalStoreSyncTest : public ::testing::TestWithParam<std::string> {};
+
+// Random edits, additions and deletions on both sides, texts cut short on
+// the phone (which change nothing the engine holds), and a moved window: a sync that formats
+// only what changed ends, after every round, exactly where one that formats
+// every record again does (store, sync state, phone files and report), and
+// the sync after it is quiet.
+TEST_P(IncrementalStoreSyncTest, EndsWhereASyncFormattingEverythingEnds) {
+  auto incremental = fixtureFor(GetParam(), "incremental");
+  auto everything = fixtureFor(GetParam(), "everything");
+  everything->run.formatEverything = true;
+  const TimeZonePtr berlin = TimeZone::timeZoneWithName("Europe/Berlin");
+  for (StoreSyncFixture* f : {incremental.get(), everything.get()}) {
+    f->store->addRecord("choir", weeklyEvent("Choir", CalendarDate::dateWithYear(2026, 11, 2, 18, 0, 0, berlin)));
+    f->store->addRecord("late", weeklyEvent("Late", CalendarDate::dateWithYear(2027, 2, 20, 9, 0, 0, berlin)));
+  }
+  ASSERT_EQ(firstDifference(outcomeOf(*incremental, incremental->sync()),
+                            outcomeOf(*everything, everything->sync())),
+            "");
+
+  const std::uint32_t seed = 20261124;
+  for (int round = 0; round < 6; ++round) {
+    SCOPED_TRACE(round);
+    for (StoreSyncFixture* f : {incremental.get(), everything.get()}) {
+      std::mt19937 random(seed + round);
+      if (round == 3) f->run.phone.anchorDate = CalendarDate::dateWithYear(2027, 1, 15, 0, 0, 0);
+      for (const char* dataClass : {kContacts, kCalendars}) {
+        PhoneStoreContents phone = f->phoneContents(dataClass);
+        if (phone.records.empty()) continue;
+        auto pick = [&]() -> PhoneStoreRecord& { return phone.records[random() % phone.records.size()]; };
+        const char* text = dataClass == std::string(kContacts) ? "lastName" : "summary";
+        for (int op = 0; op < 3; ++op) {
+          const std::string name = "R" + std::to_string(round) + "-" + std::to_string(op);
+          switch (random() % 6) {
+            case 0:  // phone edit
+              pick().fields.set(text, name);
+              break;
+            case 1:  // phone deletion
+              phone.records.erase(phone.records.begin() + random() % phone.records.size());
+              break;
+            case 2: {  // engine edit
+              const std::string id = pick().identifier;
+              if (std::optional<Dictionary> record = f->store->recordWithIdentifier(id)) {
+                record->set(text, name);
+                f->store->addRecord(id, *record);
+              }
+              break;
+            }
+            case 3:  // engine deletion
+              f->store->removeRecord(pick().identifier);
+              break;
+            case 4:  // engine addition
+              f->store->addRecord("e-" + name, dataClass == std::string(kContacts)
+                                                   ? Dictionary{{kEngineRecordEntityNameKey, kContactsContact},
+                                                                {"firstName", name}}
+                                                   : weeklyEvent(name.c_str(), CalendarDate::dateWithYear(
+                                                                                  2026, 12, 1, 8, 0, 0, berlin)));
+              break;
+            case 5: {  // a text cut short by hand, which leaves the engine's as it is
+              PhoneStoreRecord& entry = pick();
+              const std::string value = entry.fields.getString(text);
+              if (value.size() > 2) entry.fields.set(text, value.substr(0, 2));
+              break;
+            }
+          }
+        }
+        f->writePhone(phone);
+      }
+    }
+    const std::vector<std::string> expected = outcomeOf(*everything, everything->sync());
+    EXPECT_EQ(firstDifference(outcomeOf(*incremental, incremental->sync()), expected), "");
+    const StoreSyncResult quiet = incremental->sync();
+    EXPECT_TRUE(quiet.filesWritten.empty());
+    EXPECT_FALSE(quiet.storeChanged);
+    everything->sync();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(ExamplePhones, IncrementalStoreSyncTest,
+                         ::testing::Values("full-phone", "photo-phone", "basic-phone"),
+                         [](const auto& info) {
+                           std::string name = info.param;
+                           std::replace(name.begin(), name.end(), '-', '_');
+                           return name;
+                         });
 
 }  // namespace
 }  // namespace pc
