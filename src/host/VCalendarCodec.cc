@@ -143,19 +143,22 @@ ZoneDescription describedZone(const TimeZonePtr& zone, int firstYear, int lastYe
   return described;
 }
 
-// The years of the dates in `zone` that `value` holds, at any depth.
-void noteYearsInZone(const Value& value, const std::string& zone, int& firstYear, int& lastYear) {
+// The years (1 to 9999) of the dates in `zone` that `value` holds, at any depth.
+void noteYearsInZone(const Value& value, const std::string& zone, std::vector<int>& years) {
   if (const CalendarDate* date = value.asDate()) {
     if (!date->timeZone() || date->timeZone()->name() != zone) return;
-    const int year = date->yearOfCommonEra();
-    firstYear = std::min(firstYear, std::max(year, 1));
-    lastYear = std::max(lastYear, std::min(year, 9999));
+    years.push_back(std::clamp(date->yearOfCommonEra(), 1, 9999));
   } else if (const std::optional<Dictionary> dictionary = value.asDictionary()) {
-    for (const auto& [key, item] : *dictionary) noteYearsInZone(item, zone, firstYear, lastYear);
+    for (const auto& [key, item] : *dictionary) noteYearsInZone(item, zone, years);
   } else if (const std::optional<Array> array = value.asArray()) {
-    for (const Value& item : *array) noteYearsInZone(item, zone, firstYear, lastYear);
+    for (const Value& item : *array) noteYearsInZone(item, zone, years);
   }
 }
+
+// The most years a file's zone description covers: one DAYLIGHT line a
+// year, and a phone's calendar spans a few. Dates outside them keep the
+// UTC form.
+constexpr int kDescribedYears = 40;
 
 class EntryWriter {
  public:
@@ -578,8 +581,18 @@ std::string VCalendarCodec::write(const std::vector<PhoneStoreRecord>& records) 
   // writer then checks its wall clocks against.
   int firstYear = 9999, lastYear = 0;
   const TimeZonePtr zone = _options.phoneZone ? _options.phoneZone : TimeZone::gmt();
-  if (_options.localTimes)
-    for (const PhoneStoreRecord& record : records) noteYearsInZone(Value(record.fields), zone->name(), firstYear, lastYear);
+  if (_options.localTimes) {
+    std::vector<int> years;
+    for (const PhoneStoreRecord& record : records) noteYearsInZone(Value(record.fields), zone->name(), years);
+    std::sort(years.begin(), years.end());
+    if (!years.empty()) {
+      // The years around the middle date, within those of the dates.
+      const int middle = years[years.size() / 2];
+      firstYear = std::max(years.front(), middle - kDescribedYears / 2);
+      lastYear = std::min(years.back(), firstYear + kDescribedYears - 1);
+      firstYear = std::max(years.front(), std::min(firstYear, lastYear - kDescribedYears + 1));
+    }
+  }
   const ZoneDescription described = _options.localTimes ? describedZone(zone, firstYear, lastYear) : ZoneDescription();
   EntryWriter entries(_options, described);
   for (const PhoneStoreRecord& record : records) entries.write(record);

@@ -224,6 +224,26 @@ TEST(VCalendarTest, LocalFormKeepsTheZoneOfDatesOutsideThePhonesZone) {
   EXPECT_EQ(zonesOf(Value(back.records[0].fields)), zonesOf(Value(records[0].fields)));
 }
 
+// Dates centuries apart: the zone is described over the years around the
+// middle date (a few DAYLIGHT lines, written at once), and the dates
+// outside them still read back as their instants.
+TEST(VCalendarTest, DatesCenturiesApartReadBackWithAShortZoneDescription) {
+  const TimeZonePtr berlin = TimeZone::timeZoneWithName("Europe/Berlin");
+  std::vector<PhoneStoreRecord> records;
+  for (int year : {1, 1890, 2026, 2027, 2027, 2028, 2100, 9999})
+    for (int month : {1, 7})
+      records.push_back({std::to_string(records.size() + 1), "Calendars.Event",
+                         Dictionary{{"startDate", CalendarDate::dateWithYear(year, month, 15, 9, 30, 0, berlin)},
+                                    {"allDay", false}}});
+  VCalendarOptions options{true, berlin};
+  const std::string text = VCalendarCodec(options).write(records);
+  std::size_t daylight = 0;
+  for (std::size_t at = text.find("DAYLIGHT:"); at != std::string::npos; at = text.find("DAYLIGHT:", at + 1)) ++daylight;
+  EXPECT_LE(daylight, 41u);
+  EXPECT_NE(text.find("DTSTART:20270715T093000\r\n"), std::string::npos);
+  expectSameEntries(records, VCalendarCodec(options).read(text), text);
+}
+
 // Wall clocks either side of every change of the clocks in a year, every
 // quarter of an hour: each reads back as its instant. The hour repeated
 // when the clocks go back names its instant in UTC (with the phone's zone),
