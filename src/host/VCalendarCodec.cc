@@ -191,10 +191,12 @@ std::string EntryWriter::dateText(const CalendarDate& date, bool day,
   if (day && isDayAnchor(date)) return dateOnlyText(date);
   // The phone's own times are its wall clocks; a date in another zone (a
   // floating or all-day date the transformer left in GMT) keeps the UTC form
-  // and its zone, so that it reads back as the same date.
-  // A wall clock that the file's TZ and DAYLIGHT lines would read as another
-  // instant (the hour repeated when the clocks go back, an offset the zone
-  // no longer has) keeps the UTC form too, with the phone's zone named.
+  // and its zone, so that it reads back as the same date. A wall clock that
+  // the file's TZ and DAYLIGHT lines would read as another instant (the hour
+  // repeated when the clocks go back, an offset the zone no longer has, a
+  // year the lines do not cover) keeps the UTC form too, with the phone's
+  // zone named; where no zone can be named (a rule's end) it stays a wall
+  // clock.
   if (_options.localTimes && isPhoneTime(date)) {
     const TimeZonePtr zone = _options.phoneZone ? _options.phoneZone : TimeZone::gmt();
     std::string text = wallClockText(date, zone);
