@@ -439,6 +439,10 @@ void fuzzVCard(const std::uint8_t* data, std::size_t size) { checkReadsBack(VCar
 
 void fuzzVCalendar(const std::uint8_t* data, std::size_t size) {
   checkReadsBack(VCalendarCodec(), data, size);
+  // As a phone without zones keeps it: wall clocks of a zone with daylight
+  // saving time, described by TZ and DAYLIGHT.
+  static const TimeZonePtr berlin = TimeZone::timeZoneWithName("Europe/Berlin");
+  checkReadsBack(VCalendarCodec(VCalendarOptions{true, berlin}), data, size);
 }
 
 void fuzzVCardFile(const std::uint8_t* data, std::size_t size) {

@@ -49,7 +49,8 @@ void fuzzPhoneStore(const std::uint8_t* data, std::size_t size);
 
 // A phone's contacts file (vCard) and calendar file (vCalendar): read; what
 // reads must write, read back as the same entries without a problem, and
-// write again as the same text.
+// write again as the same text (a calendar file in UTC instants and in the
+// wall clocks of a phone without zones).
 void fuzzVCard(const std::uint8_t* data, std::size_t size);
 void fuzzVCalendar(const std::uint8_t* data, std::size_t size);
 // A user's contacts file as import takes it: every record a contact with an

@@ -62,6 +62,9 @@ bool isBase64Line(std::string_view line) {
 // The position of the colon that ends a line's name and parameters, skipping
 // quoted parameter values; npos when there is none.
 std::size_t valueColon(std::string_view line) {
+  // Most heads hold no quote: the first colon is the one.
+  const std::size_t colon = line.find(':');
+  if (colon == std::string_view::npos || line.substr(0, colon).find('"') == std::string_view::npos) return colon;
   bool quoted = false;
   for (std::size_t i = 0; i < line.size(); ++i) {
     if (line[i] == '"') quoted = !quoted;
@@ -85,21 +88,25 @@ void addParameter(std::vector<ContentParameter>& parameters, std::string_view te
     value = text.substr(equals + 1);
   }
   std::string unquoted;
-  for (char c : value)
-    if (c != '"') unquoted += c;
+  if (value.find('"') == std::string_view::npos) {
+    unquoted.assign(value);
+  } else {
+    for (char c : value)
+      if (c != '"') unquoted += c;
+  }
   std::string upperName = upperAscii(trimWhitespaceView(name));
   if (upperName.empty()) upperName = isEncodingName(unquoted) ? "ENCODING" : "TYPE";
   parameters.push_back({std::move(upperName), std::move(unquoted)});
 }
 
 // Parses "group.NAME;PARAM=value:value"; nullopt with `why` when it is not a line.
-std::optional<ContentLine> parseLine(std::string logical, std::size_t lineNumber, std::string& why) {
+std::optional<ContentLine> parseLine(std::string_view logical, std::size_t lineNumber, std::string& why) {
   const std::size_t colon = valueColon(logical);
-  if (colon == std::string::npos) {
+  if (colon == std::string_view::npos) {
     why = "no colon after the property name";
     return std::nullopt;
   }
-  std::string_view head(logical.data(), colon);
+  std::string_view head = logical.substr(0, colon);
   const std::size_t semicolon = std::min(head.find(';'), head.size());
   std::string_view fullName = trimWhitespaceView(head.substr(0, semicolon));
   ContentLine line;
@@ -125,9 +132,7 @@ std::optional<ContentLine> parseLine(std::string logical, std::size_t lineNumber
       addParameter(line.parameters, item);
     rest = end < rest.size() ? rest.substr(end + 1) : std::string_view();
   }
-  // The value keeps the line's buffer.
-  line.rawValue = std::move(logical);
-  line.rawValue.erase(0, colon + 1);
+  line.rawValue.assign(logical.substr(colon + 1));
   return line;
 }
 
@@ -265,24 +270,36 @@ std::optional<ContentLine> ContentReader::nextLine() {
       problem(first, "a continuation line without a property");
       continue;
     }
-    std::string logical(*raw);
+    // A line that does not go on is parsed where it lies in the text; one
+    // that does is joined in `_joined` first.
+    std::string_view logical = *raw;
+    bool joined = false;
+    auto append = [&](std::string_view more) {
+      if (!joined) {
+        _joined.assign(logical);
+        joined = true;
+      }
+      _joined += more;
+      logical = _joined;
+    };
     HeadFlags flags = headFlags(logical);
     while (std::optional<std::string_view> next = peekPhysicalLine()) {
       if (flags.quotedPrintable && !logical.empty() && logical.back() == '=') {
-        logical.pop_back();
-        logical += *nextPhysicalLine();
+        logical.remove_suffix(1);
+        if (joined) _joined.pop_back();
+        append(*nextPhysicalLine());
       } else if (!next->empty() && isBlank(next->front())) {
         nextPhysicalLine();
-        logical += _foldKeepsBlank ? *next : next->substr(1);
+        append(_foldKeepsBlank ? *next : next->substr(1));
         if (!flags.quotedPrintable && !flags.base64) flags = headFlags(logical);
       } else if (flags.base64 && isBase64Line(*next)) {
-        logical += *nextPhysicalLine();
+        append(*nextPhysicalLine());
       } else {
         break;
       }
     }
     std::string why;
-    std::optional<ContentLine> line = parseLine(std::move(logical), first, why);
+    std::optional<ContentLine> line = parseLine(logical, first, why);
     if (!line) {
       problem(first, why);
       continue;
@@ -306,6 +323,8 @@ std::optional<ContentObject> ContentReader::nextObject() {
     // The objects open from the outermost in; each END closes the innermost.
     std::vector<ContentObject> open;
     open.push_back({upperAscii(trimWhitespaceView(line->rawValue)), "", line->line, {}, {}});
+    // Room for the lines of a usual entry, grown once rather than step by step.
+    open.back().lines.reserve(16);
     auto closeInnermost = [&]() -> std::optional<ContentObject> {
       ContentObject done = std::move(open.back());
       open.pop_back();
@@ -328,6 +347,7 @@ std::optional<ContentObject> ContentReader::nextObject() {
           continue;
         }
         open.push_back({upperAscii(trimWhitespaceView(inner->rawValue)), open.back().version, inner->line, {}, {}});
+        open.back().lines.reserve(16);
         continue;
       }
       if (inner->name == "END") {

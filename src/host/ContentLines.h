@@ -93,8 +93,9 @@ class ContentReader {
   std::size_t _lineNumber = 0;  // of the last physical line taken
   std::size_t _peekedAt = std::string_view::npos;  // where the line measured last starts
   std::size_t _peekedLength = 0;
-  bool _foldKeepsBlank = true;
-  bool _endedInsideObject = false;  // 2.1 and vCalendar 1.0 until a VERSION says otherwise
+  bool _foldKeepsBlank = true;  // 2.1 and vCalendar 1.0 until a VERSION says otherwise
+  bool _endedInsideObject = false;
+  std::string _joined;  // a logical line made of several physical ones
   std::vector<ContentProblem> _problems;
 };
 

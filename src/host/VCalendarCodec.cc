@@ -6,6 +6,7 @@
 #include <array>
 #include <charconv>
 #include <set>
+#include <unordered_map>
 
 #include "engine/SchemaNames.h"
 #include "host/VCalendarRule.h"
@@ -128,14 +129,44 @@ ZoneDescription readZoneDescription(const ContentObject& calendar, std::vector<C
 
 // --- Writing ----------------------------------------------------------------------
 
+std::vector<DaylightPeriod> daylightPeriods(const TimeZone& zone, int firstYear, int lastYear, int& standard);
+
+// What the TZ and DAYLIGHT lines written for `zone` over the years given
+// will tell a reader (offsets to the minute, as they are written).
+ZoneDescription describedZone(const TimeZonePtr& zone, int firstYear, int lastYear) {
+  ZoneDescription described;
+  if (!zone || firstYear > lastYear) return described;
+  int standard = 0;
+  described.periods = daylightPeriods(*zone, firstYear, lastYear, standard);
+  described.standard = parseOffset(offsetText(standard));
+  for (DaylightPeriod& p : described.periods) p.offset = parseOffset(offsetText(p.offset)).value_or(p.offset);
+  return described;
+}
+
+// The years (1 to 9999) of the dates in `zone` that `value` holds, at any depth.
+void noteYearsInZone(const Value& value, const std::string& zone, std::vector<int>& years) {
+  if (const CalendarDate* date = value.asDate()) {
+    if (!date->timeZone() || date->timeZone()->name() != zone) return;
+    years.push_back(std::clamp(date->yearOfCommonEra(), 1, 9999));
+  } else if (const std::optional<Dictionary> dictionary = value.asDictionary()) {
+    for (const auto& [key, item] : *dictionary) noteYearsInZone(item, zone, years);
+  } else if (const std::optional<Array> array = value.asArray()) {
+    for (const Value& item : *array) noteYearsInZone(item, zone, years);
+  }
+}
+
+// The most years a file's zone description covers: one DAYLIGHT line a
+// year, and a phone's calendar spans a few. Dates outside them keep the
+// UTC form.
+constexpr int kDescribedYears = 40;
+
 class EntryWriter {
  public:
-  explicit EntryWriter(const VCalendarOptions& options) : _options(options) {}
+  EntryWriter(const VCalendarOptions& options, const ZoneDescription& described)
+      : _options(options), _described(described) {}
 
   void write(const PhoneStoreRecord& record);
   const std::string& text() const { return _out.result(); }
-  int firstYear() const { return _firstYear; }
-  int lastYear() const { return _lastYear; }
 
  private:
   // A date's text and the parameters it needs; an empty text when it cannot
@@ -144,26 +175,35 @@ class EntryWriter {
   bool dateLine(std::string_view property, const Value& value, bool day);
   // false (nothing written) when the list holds anything but alarms.
   bool alarms(std::string_view property, const Value& list, std::string_view textKey);
-  void noteYear(int year) {
-    _firstYear = std::min(_firstYear, year);
-    _lastYear = std::max(_lastYear, year);
+  bool isPhoneTime(const CalendarDate& date) const {
+    const std::string& phone = _options.phoneZone ? _options.phoneZone->name() : TimeZone::gmt()->name();
+    return date.timeZone() && date.timeZone()->name() == phone;
   }
 
   const VCalendarOptions& _options;
+  const ZoneDescription& _described;
   ContentWriter _out;
   std::set<std::string> _written;
-  int _firstYear = 9999;
-  int _lastYear = 0;
 };
 
 std::string EntryWriter::dateText(const CalendarDate& date, bool day,
                                   std::vector<ContentParameter>* parameters) {
   if (day && isDayAnchor(date)) return dateOnlyText(date);
-  if (_options.localTimes) {
+  // The phone's own times are its wall clocks; a date in another zone (a
+  // floating or all-day date the transformer left in GMT) keeps the UTC form
+  // and its zone, so that it reads back as the same date. A wall clock that
+  // the file's TZ and DAYLIGHT lines would read as another instant (the hour
+  // repeated when the clocks go back, an offset the zone no longer has, a
+  // year the lines do not cover) keeps the UTC form too, with the phone's
+  // zone named; where no zone can be named (a rule's end) it stays a wall
+  // clock.
+  if (_options.localTimes && isPhoneTime(date)) {
     const TimeZonePtr zone = _options.phoneZone ? _options.phoneZone : TimeZone::gmt();
     std::string text = wallClockText(date, zone);
-    if (!text.empty()) noteYear(date.dateWithTimeZone(zone).yearOfCommonEra());
-    return text;
+    if (text.empty() || !_described.standard) return text;
+    const double wall = date.timeIntervalSinceReferenceDate() + zone->secondsFromGMT(date.date());
+    if (wall - _described.offsetAt(wall) == date.timeIntervalSinceReferenceDate()) return text;
+    if (!parameters) return text;
   }
   if (parameters)
     for (ContentParameter& p : zoneParameters(date)) parameters->push_back(std::move(p));
@@ -408,6 +448,29 @@ Dictionary EntryReader::alarm(const ContentLine& line, std::string_view textKey)
   return alarm;
 }
 
+// The properties an entry reader knows, looked up once per line rather than
+// compared in turn.
+enum class Property { luid, uid, summary, location, description, classification, status, url, priority,
+                      date, alarm, exceptionDates, rule, extraField, dropped };
+
+std::optional<Property> propertyNamed(std::string_view name) {
+  static const std::unordered_map<std::string_view, Property> kProperties{
+      {"X-IRMC-LUID", Property::luid},       {"UID", Property::uid},
+      {"SUMMARY", Property::summary},        {"LOCATION", Property::location},
+      {"DESCRIPTION", Property::description}, {"CLASS", Property::classification},
+      {"STATUS", Property::status},          {"URL", Property::url},
+      {"PRIORITY", Property::priority},      {"DTSTART", Property::date},
+      {"DTEND", Property::date},             {"DUE", Property::date},
+      {"COMPLETED", Property::date},         {"DALARM", Property::alarm},
+      {"AALARM", Property::alarm},           {"EXDATE", Property::exceptionDates},
+      {"RRULE", Property::rule},             {kExtraFieldProperty, Property::extraField},
+      {"CATEGORIES", Property::dropped},     {"VERSION", Property::dropped},
+  };
+  const auto found = kProperties.find(name);
+  if (found == kProperties.end()) return std::nullopt;
+  return found->second;
+}
+
 PhoneStoreRecord EntryReader::read(const ContentObject& entry) {
   const bool task = entry.name == "VTODO";
   _escaped = !entry.version.empty() && entry.version[0] >= '2';
@@ -426,57 +489,67 @@ PhoneStoreRecord EntryReader::read(const ContentObject& entry) {
     auto setText = [&](std::string_view key, std::string value) {
       if (!value.empty()) fields.set(std::string(key), std::move(value));
     };
-    if (name == "X-IRMC-LUID") {
-      record.identifier = text(line);
-    } else if (name == "UID") {
-      uid = text(line);
-    } else if (name == "SUMMARY") {
-      setText("summary", text(line));
-    } else if (name == "LOCATION") {
-      setText("location", text(line));
-    } else if (name == "DESCRIPTION") {
-      setText("description", text(line));
-    } else if (name == "CLASS") {
-      setText("classification", statusValue(text(line)));
-    } else if (name == "STATUS") {
-      setText("status", statusValue(text(line)));
-    } else if (name == "URL") {
-      setText("url", text(line));
-      if (fields.contains("url")) fields.set("url", URL(fields.getString("url")));
-    } else if (name == "PRIORITY") {
-      const std::string value = text(line);
-      int priority = 0;
-      const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), priority);
-      if (error == std::errc() && end == value.data() + value.size()) fields.set("priority", priority);
-      else problem(line, "not a number: \"" + value + "\"");
-    } else if (name == "DTSTART" || name == "DTEND" || name == "DUE" || name == "COMPLETED") {
-      bool day = false;
-      std::optional<CalendarDate> value = date(line, text(line), &day);
-      if (!value) continue;
-      const char* key = name == "DTSTART" ? "startDate" : name == "DTEND" ? "endDate" : name == "DUE" ? "dueDate" : "completionDate";
-      fields.set(key, *value);
-      if (name == "DTSTART") startIsDay = day;
-      if (name == "DUE") dueIsDay = day;
-    } else if (name == "DALARM" || name == "AALARM") {
-      Array alarms = list(name == "DALARM" ? "displayAlarms" : "audioAlarms");
-      alarms.add(alarm(line, name == "DALARM" ? "description" : "sound"));
-    } else if (name == "EXDATE") {
-      for (const std::string& item : splitStructured(text(line), line.rawValue.find(';') != std::string::npos ? ';' : ','))
-        if (!item.empty())
-          if (std::optional<CalendarDate> value = date(line, item)) list("exceptionDates").add(*value);
-    } else if (name == "RRULE") {
-      std::string why;
-      std::optional<Dictionary> recurrence = recurrenceFromVCalendarRule(
-          text(line), line.parameters, [&](std::string_view t) { return date(line, t); }, why);
-      if (recurrence) list("recurrences").add(*recurrence);
-      else problem(line, why);
-    } else if (name == kExtraFieldProperty) {
-      std::string why;
-      if (!readExtraField(line, fields, why)) problem(line, why);
-    } else if (name == "CATEGORIES" || name == "VERSION") {
-      // Categories have no field in the records phones hold.
-    } else {
+    const std::optional<Property> property = propertyNamed(name);
+    if (!property) {
       ++_result.ignoredProperties[name];
+      continue;
+    }
+    switch (*property) {
+      case Property::luid: record.identifier = text(line); break;
+      case Property::uid: uid = text(line); break;
+      case Property::summary: setText("summary", text(line)); break;
+      case Property::location: setText("location", text(line)); break;
+      case Property::description: setText("description", text(line)); break;
+      case Property::classification: setText("classification", statusValue(text(line))); break;
+      case Property::status: setText("status", statusValue(text(line))); break;
+      case Property::url:
+        setText("url", text(line));
+        if (fields.contains("url")) fields.set("url", URL(fields.getString("url")));
+        break;
+      case Property::priority: {
+        const std::string value = text(line);
+        int priority = 0;
+        const auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), priority);
+        if (error == std::errc() && end == value.data() + value.size()) fields.set("priority", priority);
+        else problem(line, "not a number: \"" + value + "\"");
+        break;
+      }
+      case Property::date: {
+        bool day = false;
+        std::optional<CalendarDate> value = date(line, text(line), &day);
+        if (!value) break;
+        const char* key = name == "DTSTART" ? "startDate" : name == "DTEND" ? "endDate" : name == "DUE" ? "dueDate" : "completionDate";
+        fields.set(key, *value);
+        if (name == "DTSTART") startIsDay = day;
+        if (name == "DUE") dueIsDay = day;
+        break;
+      }
+      case Property::alarm: {
+        Array alarms = list(name == "DALARM" ? "displayAlarms" : "audioAlarms");
+        alarms.add(alarm(line, name == "DALARM" ? "description" : "sound"));
+        break;
+      }
+      case Property::exceptionDates:
+        for (const std::string& item : splitStructured(text(line), line.rawValue.find(';') != std::string::npos ? ';' : ','))
+          if (!item.empty())
+            if (std::optional<CalendarDate> value = date(line, item)) list("exceptionDates").add(*value);
+        break;
+      case Property::rule: {
+        std::string why;
+        std::optional<Dictionary> recurrence = recurrenceFromVCalendarRule(
+            text(line), line.parameters, [&](std::string_view t) { return date(line, t); }, why);
+        if (recurrence) list("recurrences").add(*recurrence);
+        else problem(line, why);
+        break;
+      }
+      case Property::extraField: {
+        std::string why;
+        if (!readExtraField(line, fields, why)) problem(line, why);
+        break;
+      }
+      case Property::dropped:
+        // Categories have no field in the records phones hold.
+        break;
     }
   }
   if (!task && !fields.contains("allDay")) fields.set("allDay", startIsDay.value_or(false));
@@ -506,12 +579,29 @@ void writeZoneDescription(ContentWriter& out, const TimeZonePtr& zone, int first
 }
 
 std::string VCalendarCodec::write(const std::vector<PhoneStoreRecord>& records) const {
-  EntryWriter entries(_options);
+  // The zone is described over the years of the dates in it, which the
+  // writer then checks its wall clocks against.
+  int firstYear = 9999, lastYear = 0;
+  const TimeZonePtr zone = _options.phoneZone ? _options.phoneZone : TimeZone::gmt();
+  if (_options.localTimes) {
+    std::vector<int> years;
+    for (const PhoneStoreRecord& record : records) noteYearsInZone(Value(record.fields), zone->name(), years);
+    std::sort(years.begin(), years.end());
+    if (!years.empty()) {
+      // The years around the middle date, within those of the dates.
+      const int middle = years[years.size() / 2];
+      firstYear = std::max(years.front(), middle - kDescribedYears / 2);
+      lastYear = std::min(years.back(), firstYear + kDescribedYears - 1);
+      firstYear = std::max(years.front(), std::min(firstYear, lastYear - kDescribedYears + 1));
+    }
+  }
+  const ZoneDescription described = _options.localTimes ? describedZone(zone, firstYear, lastYear) : ZoneDescription();
+  EntryWriter entries(_options, described);
   for (const PhoneStoreRecord& record : records) entries.write(record);
   ContentWriter out;
   out.begin("VCALENDAR");
   out.line("VERSION", {}, "1.0");
-  if (_options.localTimes) writeZoneDescription(out, _options.phoneZone, entries.firstYear(), entries.lastYear());
+  if (_options.localTimes) writeZoneDescription(out, _options.phoneZone, firstYear, lastYear);
   std::string text = out.take();
   text += entries.text();
   text += "END:VCALENDAR\r\n";

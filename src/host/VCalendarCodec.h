@@ -16,9 +16,10 @@
 //
 // Times: phones that keep instants get the UTC form ("20270131T083000Z", the
 // date's zone in X-TZID); phones without zones get wall clocks of the phone's
-// zone, described once for the file by TZ and DAYLIGHT lines (one DAYLIGHT
-// per daylight-saving period of the years the file's dates fall in), and a
-// reader turns them back into instants with those lines. An all-day event's
+// zone for the dates in that zone, described once for the file by TZ and
+// DAYLIGHT lines (one DAYLIGHT per daylight-saving period of the years the
+// file's dates fall in), and a reader turns them back into instants of the
+// phone's zone with those lines. Dates in other zones keep the UTC form. An all-day event's
 // dates, and the due date of a task due on a day, are written as days
 // ("20270131") when they are day anchors (12:00 GMT); the 00:00-23:59 form
 // some phones want is made by the event transformer and written as it is.
@@ -37,7 +38,8 @@
 namespace pc {
 
 struct VCalendarOptions {
-  // Wall clocks with TZ/DAYLIGHT rather than UTC instants.
+  // Wall clocks with TZ/DAYLIGHT rather than UTC instants for the dates in
+  // the phone's zone.
   bool localTimes = false;
   // The phone's zone: the wall clock written in the local form, and the
   // zone of wall clocks a file does not describe (nullptr: GMT).

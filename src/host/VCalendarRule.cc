@@ -210,16 +210,10 @@ std::optional<Dictionary> recurrenceFromVCalendarRule(
     const std::function<std::optional<CalendarDate>(std::string_view)>& dateValue,
     std::string& problem) {
   std::vector<std::string> words;
-  {
-    std::string word;
-    for (char c : std::string(rule) + " ") {
-      if (c == ' ' || c == '\t') {
-        if (!word.empty() && word != "$") words.push_back(upper(word));
-        word.clear();
-      } else {
-        word += c;
-      }
-    }
+  for (std::size_t at = 0; at < rule.size();) {
+    const std::size_t end = std::min(rule.find_first_of(" \t", at), rule.size());
+    if (const std::string_view word = rule.substr(at, end - at); !word.empty() && word != "$") words.push_back(upper(word));
+    at = end + 1;
   }
   auto fail = [&](std::string why) -> std::optional<Dictionary> {
     problem = "RRULE \"" + std::string(rule) + "\": " + why;
@@ -239,7 +233,8 @@ std::optional<Dictionary> recurrenceFromVCalendarRule(
   Dictionary recurrence;
   recurrence.set("frequency", kind == "D" ? "daily" : kind == "W" ? "weekly" : kind[0] == 'M' ? "monthly" : "yearly");
   recurrence.set("interval", *interval);
-  Array days, dayFrequencies, values;
+  // Lists made only when the rule has them.
+  std::vector<Value> days, dayFrequencies, values;
   int occurrence = 0;
   bool ended = false;
   for (std::size_t i = 1; i < words.size(); ++i) {
@@ -266,8 +261,8 @@ std::optional<Dictionary> recurrenceFromVCalendarRule(
     if (kind == "W" || kind == "MP") {
       if (std::optional<std::string> day = weekdayRecordName(word)) {
         if (kind == "MP" && occurrence == 0) return fail("a day without its occurrence");
-        days.add(*day);
-        dayFrequencies.add(kind == "W" ? 0 : occurrence);
+        days.emplace_back(*day);
+        dayFrequencies.emplace_back(kind == "W" ? 0 : occurrence);
         continue;
       }
       if (kind == "MP")
@@ -280,15 +275,20 @@ std::optional<Dictionary> recurrenceFromVCalendarRule(
     const int limit = kind == "MD" ? 31 : kind == "YM" ? 12 : 366;
     const std::optional<int> n = readOrdinal(word, limit, true);
     if (!n || (kind == "YM" && *n < 0)) return fail("\"" + word + "\" is out of range");
-    values.add(*n);
+    values.emplace_back(*n);
   }
   if (!ended) recurrence.set("count", 2);
+  auto array = [](const std::vector<Value>& items) {
+    Array out;
+    for (const Value& item : items) out.add(item);
+    return out;
+  };
   if (!days.empty()) {
-    recurrence.set("bydaydays", days);
-    recurrence.set("bydayfreq", dayFrequencies);
+    recurrence.set("bydaydays", array(days));
+    recurrence.set("bydayfreq", array(dayFrequencies));
   }
   if (!values.empty())
-    recurrence.set(kind == "MD" ? "bymonthday" : kind == "YM" ? "bymonth" : "byyearday", values);
+    recurrence.set(kind == "MD" ? "bymonthday" : kind == "YM" ? "bymonth" : "byyearday", array(values));
 
   for (const ContentParameter& p : parameters) {
     if (p.name.size() < 3 || p.name.compare(0, 2, "X-") != 0) continue;

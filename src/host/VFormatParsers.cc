@@ -3,6 +3,7 @@
 #include "conduit/CFPhone.h"
 #include "engine/SchemaNames.h"
 #include "platform/Registry.h"
+#include "transformers/QVTSyncEventTransformer.h"
 
 namespace pc {
 
@@ -69,13 +70,23 @@ VFormatReadResult VCardParser::contentsFromText(std::string_view text) const {
   return VCardCodec(_options).read(text);
 }
 
-void VCalendarParser::initWithPhone(CFPhone*, const std::optional<Dictionary>&) {
-  // Instants in UTC with their zones, whatever the phone: the transformer
-  // hands a phone without zones wall clocks read in a zone of its choosing
-  // (all-day and floating dates in GMT), which wall clocks of the phone's
-  // zone would move to another day. Files in the local form (TZ and
-  // DAYLIGHT) still read, as a phone sends them.
+void VCalendarParser::initWithPhone(CFPhone* phone, const std::optional<Dictionary>&) {
+  // Instants in UTC with their zones for a phone that keeps zones; the local
+  // form (wall clocks with TZ and DAYLIGHT) for one that does not, in the
+  // zone its transformer moves the dates to. Dates the transformer leaves in
+  // another zone (all-day and floating ones in GMT) keep the UTC form, so
+  // that they do not move to another day. Files in the local form read
+  // whatever the phone, as a phone sends them.
   _options = {};
+  if (!phone) return;
+  const auto events = std::dynamic_pointer_cast<QVTSyncEventTransformer>(phone->canonicalHelperForEntity(kCalendarsEvent));
+  if (!events || (events->supportsTZ() && events->supportsGMTDates())) return;
+  // A phone whose transformer sends its local times labelled as GMT reads
+  // them as instants too.
+  if (events->motorolaLegacyCompatibility()) return;
+  _options.localTimes = true;
+  _options.phoneZone = events->phoneTimeZoneForFormatting();
+  if (!_options.phoneZone) _options.phoneZone = phone->timeZone();
 }
 
 Data VCalendarParser::dataFromRecords(const Array& records) {
@@ -92,6 +103,31 @@ std::string VCalendarParser::textForContents(const PhoneStoreContents& contents)
 
 VFormatReadResult VCalendarParser::contentsFromText(std::string_view text) const {
   return VCalendarCodec(_options).read(text);
+}
+
+void VCalendarParser::useTimesOfDescription(const Dictionary& info, const Dictionary& description) {
+  // The event transformer's properties: the data class's info in the second
+  // format, its manager's attributes in the first.
+  Dictionary properties = info;
+  if (!description.contains("Formatting"))
+    properties = info.getDictionary("DataClassManager").value_or(Dictionary());
+  bool supportsTZ = false;
+  bool supportsGMTDates = false;
+  // In the order the transformer assigns them; the last word wins.
+  for (const auto& [key, value] : properties) {
+    if (!key.isString()) continue;
+    const std::string& name = key.string();
+    if (name == "supportsTZ" && value.isBoolean()) supportsTZ = value.boolValue();
+    if ((name == "supportsGMTDates" || name == "hasTimeZone") && value.isBoolean()) supportsGMTDates = value.boolValue();
+    if (name == "treatEventsTimeAs" && value.isString()) {
+      if (value.string() == "GMT") supportsGMTDates = true;
+      if (value.string() == "LocalTime") supportsGMTDates = false;
+    }
+  }
+  _options = {};
+  if (supportsTZ && supportsGMTDates) return;
+  _options.localTimes = true;
+  _options.phoneZone = TimeZone::systemTimeZone();
 }
 
 void usePhoneParsers(PhoneStore& store, CFPhone* phone) {
@@ -120,6 +156,11 @@ void usePhoneParsers(PhoneStore& store, const Dictionary& description, CFPhone* 
       if (std::string className = parserClassForMimeType(mimeType); !className.empty())
         if ((parser = ClassRegistry::createAs<DeviceParser>(className))) parser->initWithPhone(phone, std::nullopt);
     }
+    // Without a phone, the times a vCalendar file takes follow what the
+    // description tells the transformer (the local form in the machine's
+    // zone for a phone without zones), as a phone's own parser would.
+    if (!phone)
+      if (auto calendar = std::dynamic_pointer_cast<VCalendarParser>(parser)) calendar->useTimesOfDescription(*info, description);
     store.setFormat(name.string(), std::dynamic_pointer_cast<const PhoneStoreFormat>(parser));
   }
 }

@@ -6,8 +6,9 @@
 // phone store ("Contacts.vcf", "Calendars.vcs"; PhoneStore.h).
 //
 // The vCalendar parser writes instants in UTC with their zones (X-TZID) for
-// every phone, and reads the local form (wall clocks with TZ and DAYLIGHT)
-// as phones without zones send it.
+// phones that keep zones, and the local form (wall clocks with TZ and
+// DAYLIGHT) for phones without zones (their transformer's supportsTZ or
+// supportsGMTDates unset); it reads both.
 //
 // As DeviceParsers they take and give records that carry their entity
 // under "entityName" and the phone's identifier under "identifier".
@@ -34,7 +35,8 @@ std::string parserClassForMimeType(std::string_view mimeType);
 // property-list parser) leaves the store's property list.
 void usePhoneParsers(PhoneStore& store, CFPhone* phone);
 // The same from a device description alone (the parsers set up without a
-// phone: the vCalendar one writes instants), for a store read outside a run.
+// phone, the vCalendar one in the times the description gives the phone),
+// for a store read outside a run.
 void usePhoneParsers(PhoneStore& store, const Dictionary& description, CFPhone* phone = nullptr);
 
 class VCardParser : public DeviceParser, public PhoneStoreFormat {
@@ -68,6 +70,10 @@ class VCalendarParser : public DeviceParser, public PhoneStoreFormat {
 
   const VCalendarOptions& options() const { return _options; }
   void setOptions(VCalendarOptions options) { _options = std::move(options); }
+  // The times of a phone described by `description` whose calendar data
+  // class has `info`, for a parser set up without the phone: the local form
+  // in the machine's zone when its transformer keeps no zones.
+  void useTimesOfDescription(const Dictionary& info, const Dictionary& description);
 
  private:
   VCalendarOptions _options;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdlib>
 #include <vector>
 
@@ -179,7 +180,9 @@ std::optional<Dictionary> phc_dictionaryFromNiceString(std::string_view text) {
 
 Value _phc_manglePlistForEncoding(const Value& value) {
   if (const CalendarDate* date = value.asDate()) {
-    return Dictionary{{kTaggedDateKey, date->descriptionWithCalendarFormat(kNicePListDateFormat)},
+    const bool fraction = std::llround(date->timeIntervalSinceReferenceDate() * 1000.0) % 1000 != 0;
+    return Dictionary{{kTaggedDateKey, date->descriptionWithCalendarFormat(
+                                           fraction ? kNicePListDateFormatWithMilliseconds : kNicePListDateFormat)},
                       {kGRNTypeKey, kCalendarDateTypeName}};
   }
   if (const URL* address = value.asURL())
@@ -207,7 +210,10 @@ std::optional<CalendarDate> phc_dateFromNiceText(std::string_view text, std::str
     return std::nullopt;
   }
   // Without an offset the zone decides the instant.
-  const std::string_view format = words.size() == 3 ? kNicePListDateFormatWithoutOffset : kNicePListDateFormat;
+  const bool milliseconds = words[1].find('.') != std::string_view::npos;
+  const std::string_view format =
+      words.size() == 3 ? (milliseconds ? kNicePListDateFormatWithMillisecondsWithoutOffset : kNicePListDateFormatWithoutOffset)
+                        : (milliseconds ? kNicePListDateFormatWithMilliseconds : kNicePListDateFormat);
   std::optional<CalendarDate> date = CalendarDate::dateWithString(text, format, nullptr, &problem);
   if (date && !date->isWithinSupportedRange()) {
     problem = "outside the years the calendar supports";
@@ -220,8 +226,9 @@ std::optional<CalendarDate> phc_dateFromNiceText(std::string_view text, std::str
   // the past have seconds in theirs: take the zone's exact offset near the
   // written one, and check that it is in force at the wall clock.
   const TimeZone& zone = *date->timeZone();
-  const double wallClock = CalendarDate::dateWithString(text, "%d/%m/%Y %H:%M:%S")->timeIntervalSinceReferenceDate();
-  const int written = static_cast<int>(wallClock - date->timeIntervalSinceReferenceDate());
+  const double wallClock =
+      CalendarDate::dateWithString(text, milliseconds ? "%d/%m/%Y %H:%M:%S.%F" : "%d/%m/%Y %H:%M:%S")->timeIntervalSinceReferenceDate();
+  const int written = static_cast<int>(std::lround(wallClock - date->timeIntervalSinceReferenceDate()));
   const int exact = zone.secondsFromGMT(date->date());
   const Date instant{wallClock - exact};
   if (zone.secondsFromGMT(instant) != exact || printedOffset(exact) != written) {

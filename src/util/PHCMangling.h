@@ -31,6 +31,11 @@ inline constexpr const char* kTaggedURLKey = "value";
 // still reads, a repeated wall clock then as its first reading.
 inline constexpr const char* kNicePListDateFormat = "%d/%m/%Y %H:%M:%S %Z %z";
 inline constexpr const char* kNicePListDateFormatWithoutOffset = "%d/%m/%Y %H:%M:%S %Z";
+// A date with a fraction of a second (a property list's <date> keeps
+// milliseconds) is written with its milliseconds, so that it reads back as
+// the same instant.
+inline constexpr const char* kNicePListDateFormatWithMilliseconds = "%d/%m/%Y %H:%M:%S.%F %Z %z";
+inline constexpr const char* kNicePListDateFormatWithMillisecondsWithoutOffset = "%d/%m/%Y %H:%M:%S.%F %Z";
 
 // The date a tagged dictionary's text stands for; nullopt with `problem`
 // saying why for text of neither form, an unknown zone, an offset the zone

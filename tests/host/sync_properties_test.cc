@@ -270,6 +270,25 @@ TEST_P(SyncPropertiesTest, ExplodedEventsFallOnTheEnginesOccurrences) {
   }
 }
 
+// A phone that keeps zones gets instants in UTC; one without zones gets the
+// wall clocks of its own zone, with the TZ line that says which.
+TEST_P(SyncPropertiesTest, CalendarFileIsInThePhonesTimeForm) {
+  const SyncReport report = sync();
+  std::ifstream file(run.phoneDirectory + "/Calendars.vcs", std::ios::binary);
+  const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  ASSERT_NE(text.find("BEGIN:VEVENT"), std::string::npos);
+  const bool keepsZones = GetParam().description == "full-phone" || GetParam().description == "organiser-phone";
+  EXPECT_EQ(text.find("\r\nTZ:") != std::string::npos, !keepsZones) << text.substr(0, 600);
+  if (!keepsZones) {
+    // Timed starts are wall clocks: a digit, not "Z", ends the value.
+    const std::size_t start = text.find("\r\nDTSTART:");
+    ASSERT_NE(start, std::string::npos);
+    const std::size_t end = text.find("\r\n", start + 2);
+    EXPECT_NE(text[end - 1], 'Z') << text.substr(start, end - start);
+  }
+  EXPECT_EQ(report.summary.changedOnPhone, 0u);
+}
+
 TEST_P(SyncPropertiesTest, FormattingIsIdempotentAndASecondRunChangesNothing) {
   const SyncReport first = sync();
   EXPECT_FALSE(first.filesWritten.empty());

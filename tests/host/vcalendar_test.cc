@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <set>
 
 #include "host/VCalendarRule.h"
 #include "host/VFormatValues.h"
@@ -138,22 +139,144 @@ TEST(VCalendarTest, EveryExampleEntryReadsBackInUTC) {
   expectSameEntries(records, VCalendarCodec().read(text), text);
 }
 
+// `value` with each date moved to `zone` (the instant kept), at any depth.
+Value inZone(const Value& value, const TimeZonePtr& zone) {
+  if (const CalendarDate* date = value.asDate()) {
+    // Day anchors stay in GMT, as the transformer leaves them.
+    if (isDayAnchor(*date)) return value;
+    return Value(date->dateWithTimeZone(zone));
+  }
+  if (std::optional<Dictionary> d = value.asDictionary()) {
+    Dictionary out;
+    for (const auto& [key, item] : *d) out.set(key, inZone(item, zone));
+    return out;
+  }
+  if (std::optional<Array> a = value.asArray()) {
+    Array out;
+    for (const Value& item : *a) out.add(inZone(item, zone));
+    return out;
+  }
+  return value;
+}
+
+// The zones of the dates `value` holds by key path ("startDate Europe/Berlin;"),
+// whatever the order of the keys.
+std::string zonesOf(const Value& value, const std::string& path = "") {
+  if (const CalendarDate* date = value.asDate()) return path + " " + date->timeZone()->name() + ";";
+  std::set<std::string> zones;
+  if (std::optional<Dictionary> d = value.asDictionary())
+    for (const auto& [key, item] : *d) zones.insert(zonesOf(item, path + "/" + key.stringValue()));
+  if (std::optional<Array> a = value.asArray())
+    for (std::size_t i = 0; i < a->count(); ++i) zones.insert(zonesOf(a->at(i), path + "/" + std::to_string(i)));
+  std::string all;
+  for (const std::string& zone : zones) all += zone;
+  return all;
+}
+
+const char* const kPhoneZones[] = {"Europe/Berlin", "America/New_York", "Asia/Kolkata", "Pacific/Auckland",
+                                   "America/Sao_Paulo"};
+
 // A phone without zones keeps wall clocks of its own zone: the file says
-// which with TZ and DAYLIGHT, and reads back to the same instants.
+// which with TZ and DAYLIGHT, and reads back to the same instants, in the
+// phone's zone.
 TEST(VCalendarTest, EveryExampleEntryReadsBackFromWallClocksInEachZone) {
-  const std::vector<PhoneStoreRecord> records = exampleEntries();
-  for (const char* name : {"Europe/Berlin", "America/New_York", "Asia/Kolkata", "Pacific/Auckland",
-                           "America/Sao_Paulo"}) {
+  for (const char* name : kPhoneZones) {
     SCOPED_TRACE(name);
-    VCalendarOptions options{true, TimeZone::timeZoneWithName(name)};
+    const TimeZonePtr zone = TimeZone::timeZoneWithName(name);
+    std::vector<PhoneStoreRecord> records = exampleEntries();
+    for (PhoneStoreRecord& record : records) record.fields = *inZone(Value(record.fields), zone).asDictionary();
+    VCalendarOptions options{true, zone};
     const std::string text = VCalendarCodec(options).write(records);
     EXPECT_EQ(text.find("Z\r\n"), std::string::npos) << "an instant in the local form";
-    expectSameEntries(records, VCalendarCodec(options).read(text), text);
+    const VFormatReadResult back = VCalendarCodec(options).read(text);
+    expectSameEntries(records, back, text);
+    for (std::size_t i = 0; i < std::min(records.size(), back.records.size()); ++i)
+      EXPECT_EQ(zonesOf(Value(back.records[i].fields)), zonesOf(Value(records[i].fields))) << records[i].identifier;
     // A reader that does not know the phone's zone gets the instants from TZ and DAYLIGHT.
     const VFormatReadResult alone = VCalendarCodec().read(text);
     ASSERT_EQ(alone.records.size(), records.size());
     for (std::size_t i = 0; i < records.size(); ++i)
       EXPECT_EQ(alone.records[i].fields.get("startDate"), records[i].fields.get("startDate")) << records[i].identifier;
+  }
+}
+
+// Dates the transformer leaves in another zone than the phone's (floating
+// and all-day ones in GMT, a zone it did not move) keep their zone in a
+// file of wall clocks, so that reading them back moves nothing.
+TEST(VCalendarTest, LocalFormKeepsTheZoneOfDatesOutsideThePhonesZone) {
+  const TimeZonePtr berlin = TimeZone::timeZoneWithName("Europe/Berlin");
+  const CalendarDate local = CalendarDate::dateWithYear(2027, 3, 1, 9, 30, 0, berlin);
+  const CalendarDate gmt = CalendarDate::dateWithYear(2027, 3, 1, 23, 59, 0, TimeZone::gmt());
+  const CalendarDate tokyo = CalendarDate::dateWithYear(2027, 3, 2, 8, 0, 0, TimeZone::timeZoneWithName("Asia/Tokyo"));
+  const std::vector<PhoneStoreRecord> records{
+      {"1", "Calendars.Event",
+       Dictionary{{"summary", "Mixed"}, {"startDate", local}, {"endDate", gmt}, {"allDay", false},
+                  {"exceptionDates", Array{tokyo, local.dateByAddingYears(0, 0, 7, 0, 0, 0)}},
+                  {"displayAlarms", Array{Dictionary{{"triggerdate", gmt}}}}}}};
+  VCalendarOptions options{true, berlin};
+  const std::string text = VCalendarCodec(options).write(records);
+  EXPECT_NE(text.find("DTSTART:20270301T093000\r\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("DTEND:20270301T235900Z\r\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("EXDATE;X-TZID=Asia/Tokyo:20270301T230000Z\r\n"), std::string::npos) << text;
+  const VFormatReadResult back = VCalendarCodec(options).read(text);
+  expectSameEntries(records, back, text);
+  ASSERT_EQ(back.records.size(), 1u);
+  EXPECT_EQ(zonesOf(Value(back.records[0].fields)), zonesOf(Value(records[0].fields)));
+}
+
+// Dates centuries apart: the zone is described over the years around the
+// middle date (a few DAYLIGHT lines, written at once), and the dates
+// outside them still read back as their instants.
+TEST(VCalendarTest, DatesCenturiesApartReadBackWithAShortZoneDescription) {
+  const TimeZonePtr berlin = TimeZone::timeZoneWithName("Europe/Berlin");
+  std::vector<PhoneStoreRecord> records;
+  for (int year : {1, 1890, 2026, 2027, 2027, 2028, 2100, 9999})
+    for (int month : {1, 7})
+      records.push_back({std::to_string(records.size() + 1), "Calendars.Event",
+                         Dictionary{{"startDate", CalendarDate::dateWithYear(year, month, 15, 9, 30, 0, berlin)},
+                                    {"allDay", false}}});
+  VCalendarOptions options{true, berlin};
+  const std::string text = VCalendarCodec(options).write(records);
+  std::size_t daylight = 0;
+  for (std::size_t at = text.find("DAYLIGHT:"); at != std::string::npos; at = text.find("DAYLIGHT:", at + 1)) ++daylight;
+  EXPECT_LE(daylight, 41u);
+  EXPECT_NE(text.find("DTSTART:20270715T093000\r\n"), std::string::npos);
+  expectSameEntries(records, VCalendarCodec(options).read(text), text);
+}
+
+// Wall clocks either side of every change of the clocks in a year, every
+// quarter of an hour: each reads back as its instant. The hour repeated
+// when the clocks go back names its instant in UTC (with the phone's zone),
+// as a wall clock alone would read as its first occurrence.
+TEST(VCalendarTest, WallClocksAcrossTheChangesOfTheClocksReadBackAsTheirInstants) {
+  for (const char* name : kPhoneZones) {
+    SCOPED_TRACE(name);
+    const TimeZonePtr zone = TimeZone::timeZoneWithName(name);
+    std::vector<PhoneStoreRecord> records;
+    const double yearStart = CalendarDate::dateWithYear(2018, 1, 1, 0, 0, 0, TimeZone::gmt()).timeIntervalSinceReferenceDate();
+    for (double t = yearStart; t < yearStart + 2 * 366 * 86400.0; t += 3600) {
+      if (zone->secondsFromGMT(Date{t}) == zone->secondsFromGMT(Date{t + 3600})) continue;
+      for (double at = t - 3 * 3600; at <= t + 4 * 3600; at += 900) {
+        const CalendarDate date(Date{at}, zone);
+        records.push_back({std::to_string(records.size() + 1), "Calendars.Event",
+                           Dictionary{{"startDate", date}, {"allDay", false}}});
+      }
+    }
+    // Sao Paulo's last change was in 2019, Kolkata has none.
+    if (std::string(name) != "Asia/Kolkata") {
+      EXPECT_GT(records.size(), 50u);
+    }
+    VCalendarOptions options{true, zone};
+    const std::string text = VCalendarCodec(options).write(records);
+    const VFormatReadResult back = VCalendarCodec(options).read(text);
+    expectSameEntries(records, back, text);
+    std::size_t utcForms = 0;
+    for (std::size_t i = 0; i < std::min(records.size(), back.records.size()); ++i)
+      EXPECT_EQ(back.records[i].fields.get("startDate").date().timeZone()->name(), name);
+    for (std::size_t at = text.find("DTSTART"); at != std::string::npos; at = text.find("DTSTART", at + 1))
+      if (text.compare(text.find("\r\n", at) - 1, 1, "Z") == 0) ++utcForms;
+    // Only the repeated hour (four quarters per change back) is written in UTC.
+    EXPECT_LE(utcForms, records.size() / 7) << text.substr(0, 2000);
   }
 }
 

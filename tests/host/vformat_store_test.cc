@@ -90,6 +90,50 @@ TEST_F(VFormatStoreTest, AFileCutShortOrNotThePhonesStopsTheReadNamingIt) {
   EXPECT_TRUE(empty->records.empty());
 }
 
+// Set up from a description alone, the vCalendar parser takes the times the
+// description gives the phone's event transformer: instants for a phone
+// that keeps zones and instants, wall clocks of the machine's zone for any
+// other. The transformer's properties are the data class's info in the
+// second format ("Formatting" present) and its manager's in the first.
+TEST(VFormatParserTest, TheDescriptionSaysWhetherTimesAreLocal) {
+  const struct {
+    const char* label;
+    Dictionary calendars;
+    bool secondFormat;
+    bool local;
+  } cases[] = {
+      {"zones and instants", Dictionary{{"supportsTZ", true}, {"supportsGMTDates", true}}, true, false},
+      {"zones, local times", Dictionary{{"supportsTZ", true}}, true, true},
+      {"no zones", Dictionary{{"supportsTZ", false}, {"supportsGMTDates", true}}, true, true},
+      {"told GMT", Dictionary{{"supportsTZ", true}, {"treatEventsTimeAs", "GMT"}}, true, false},
+      {"GMT, then told local", Dictionary{{"supportsTZ", true}, {"hasTimeZone", true}, {"treatEventsTimeAs", "LocalTime"}},
+       true, true},
+      {"first format, manager's attributes",
+       Dictionary{{"DataClassManager", Dictionary{{"Name", "CalendarManager"}, {"supportsTZ", true}, {"hasTimeZone", true}}}},
+       false, false},
+      {"first format, attributes not the manager's", Dictionary{{"DataClassManager", "CalendarManager"}, {"supportsTZ", true},
+                                                                {"supportsGMTDates", true}},
+       false, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.label);
+    Dictionary calendars = c.calendars.copy();
+    calendars.set("MimeType", "text/x-vcalendar");
+    Dictionary description{{"SyncDataClasses", Dictionary{{"Calendars", calendars}}}};
+    if (c.secondFormat) description.set("Formatting", Dictionary());
+    VCalendarParser parser;
+    parser.useTimesOfDescription(calendars, description);
+    EXPECT_EQ(parser.options().localTimes, c.local);
+    if (c.local) {
+      EXPECT_EQ(parser.options().phoneZone->name(), TimeZone::systemTimeZone()->name());
+    }
+    const Dictionary event{{"summary", "Stand-up"},
+                           {"startDate", CalendarDate::dateWithYear(2027, 7, 1, 9, 0, 0, TimeZone::systemTimeZone())}};
+    const std::string text = parser.textForContents({"Calendars", {{"1", "Calendars.Event", event}}});
+    EXPECT_EQ(text.find("\r\nTZ:") != std::string::npos, c.local) << text;
+  }
+}
+
 TEST(VFormatParserTest, AsDeviceParsersTheyCarryIdentifierAndEntity) {
   auto parser = ClassRegistry::createAs<DeviceParser>("VCalendarParser");
   ASSERT_TRUE(parser);

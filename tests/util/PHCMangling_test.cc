@@ -114,6 +114,40 @@ TEST(NicePList, DateTextIdentifiesTheInstant) {
             "25/10/2026 02:30:00 Europe/Paris +0100");
 }
 
+// A date with milliseconds (a property list's <date> keeps them) is written
+// with them and reads back as the same instant and zone, up to the last
+// second the calendar supports; a whole second keeps the form without them.
+TEST(NicePList, DateTextKeepsMilliseconds) {
+  const struct {
+    CalendarDate date;
+    const char* text;
+  } cases[] = {
+      {dateIn("Europe/London", 2027, 3, 28, 0, 59, 59).dateByAddingTimeInterval(0.999),
+       "28/03/2027 00:59:59.999 Europe/London +0000"},
+      {dateIn("Europe/London", 2027, 10, 31, 1, 30, 0).dateByAddingTimeInterval(3600.25),
+       "31/10/2027 01:30:00.250 Europe/London +0000"},  // the second 01:30
+      {dateIn("GMT", 318888, 5, 20, 17, 46, 39).dateByAddingTimeInterval(0.5), "20/05/318888 17:46:39.500 GMT +0000"},
+      {dateIn("Europe/London", 318888, 5, 20, 18, 46, 40), "20/05/318888 18:46:40 Europe/London +0100"},
+      {dateIn("Asia/Kolkata", 2027, 1, 1, 0, 0, 0).dateByAddingTimeInterval(-0.001),
+       "31/12/2026 23:59:59.999 Asia/Kolkata +0530"},
+  };
+  for (const auto& c : cases) {
+    const Value tagged = PHCMangling::_phc_manglePlistForEncoding(Value(c.date));
+    const std::string text = tagged.dictionary().getString(PHCMangling::kTaggedDateKey);
+    EXPECT_EQ(text, c.text);
+    std::string problem;
+    const std::optional<CalendarDate> back = PHCMangling::phc_dateFromNiceText(text, problem);
+    ASSERT_TRUE(back) << text << ": " << problem;
+    EXPECT_TRUE(back->isEqualIncludingTimeZone(c.date)) << text << " read as " << back->description();
+  }
+  // Without the offset, the zone places the wall clock with its milliseconds.
+  std::string problem;
+  const std::optional<CalendarDate> plain =
+      PHCMangling::phc_dateFromNiceText("01/06/2027 12:00:00.125 Europe/London", problem);
+  ASSERT_TRUE(plain) << problem;
+  EXPECT_TRUE(plain->isEqualIncludingTimeZone(dateIn("Europe/London", 2027, 6, 1, 12, 0, 0).dateByAddingTimeInterval(0.125)));
+}
+
 TEST(NicePList, DateTextWithoutOffsetOrMalformed) {
   std::string problem;
   // The form without offset reads a repeated wall clock as its first reading.
