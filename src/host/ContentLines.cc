@@ -17,17 +17,12 @@ constexpr int kMaximumDepth = 16;
 // The longest line the writer makes, without its CRLF.
 constexpr std::size_t kLineWidth = 75;
 
-char upperAscii(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
+char upperByte(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
 
-std::string upperAscii(std::string_view text) {
-  std::string result(text);
-  for (char& c : result) c = upperAscii(c);
-  return result;
-}
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return upperAscii(x) == upperAscii(y); });
+         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return upperByte(x) == upperByte(y); });
 }
 
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
@@ -202,6 +197,19 @@ bool isAscii(std::string_view value) {
 }
 
 }  // namespace
+
+std::string upperAscii(std::string_view text) {
+  std::string result(text);
+  for (char& c : result) c = upperByte(c);
+  return result;
+}
+
+std::string lowerAscii(std::string_view text) {
+  std::string result(text);
+  for (char& c : result)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return result;
+}
 
 // --- ContentLine, ContentObject ----------------------------------------------
 

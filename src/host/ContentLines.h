@@ -33,6 +33,11 @@
 
 namespace pc {
 
+// ASCII case mapping, as the formats compare their names, parameters and
+// keywords; other bytes are left as they are.
+std::string upperAscii(std::string_view text);
+std::string lowerAscii(std::string_view text);
+
 // One problem met while reading: the physical line (1-based) and what was wrong.
 struct ContentProblem {
   std::size_t line = 0;

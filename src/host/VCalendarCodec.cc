@@ -9,6 +9,7 @@
 #include <unordered_map>
 
 #include "engine/SchemaNames.h"
+#include "host/ContentLines.h"
 #include "host/VCalendarRule.h"
 #include "host/VFormatValues.h"
 
@@ -18,19 +19,12 @@ namespace {
 
 constexpr double kDay = 86400;
 
-std::string upper(std::string_view text) {
-  std::string out(text);
-  for (char& c : out)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return out;
-}
-
 // "needsaction" <-> "NEEDS ACTION"; other statuses and classes are the
 // record's words in capitals.
 std::string statusText(const std::string& status) {
   if (status == "needsaction") return "NEEDS ACTION";
   if (status == "inprocess") return "IN-PROCESS";
-  return upper(status);
+  return upperAscii(status);
 }
 
 std::string statusValue(std::string_view text) {
@@ -108,7 +102,7 @@ ZoneDescription readZoneDescription(const ContentObject& calendar, std::vector<C
   for (const ContentLine& line : calendar.lines) {
     if (line.name != "DAYLIGHT") continue;
     const std::vector<std::string> parts = splitStructured(line.rawValue);
-    if (upper(parts[0]) != "TRUE") continue;
+    if (upperAscii(parts[0]) != "TRUE") continue;
     const std::optional<int> offset = parts.size() > 1 ? parseOffset(parts[1]) : std::nullopt;
     const std::optional<VDateValue> start = parts.size() > 2 ? parseVDate(parts[2]) : std::nullopt;
     const std::optional<VDateValue> end = parts.size() > 3 ? parseVDate(parts[3]) : std::nullopt;
@@ -254,7 +248,7 @@ void EntryWriter::write(const PhoneStoreRecord& record) {
   text("SUMMARY", "summary", nullptr);
   text("LOCATION", "location", nullptr);
   text("DESCRIPTION", "description", nullptr);
-  text("CLASS", "classification", [](const std::string& s) { return upper(s); });
+  text("CLASS", "classification", [](const std::string& s) { return upperAscii(s); });
   text("STATUS", "status", statusText);
   if (const Value priority = fields.get("priority"); priority.isInteger()) {
     _out.line("PRIORITY", {}, std::to_string(priority.integerValue()));

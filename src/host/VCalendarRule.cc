@@ -7,6 +7,7 @@
 #include <charconv>
 #include <set>
 
+#include "host/ContentLines.h"
 #include "host/VFormatValues.h"
 #include "platform/TimeZone.h"
 
@@ -26,13 +27,6 @@ constexpr std::array<ExtraKey, 10> kExtraKeys{{
     {"byyearday", true, false}, {"weekstartday", false, true}, {"interval", false, false},
     {"count", false, false},
 }};
-
-std::string upper(std::string_view text) {
-  std::string out(text);
-  for (char& c : out)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return out;
-}
 
 std::optional<int> number(std::string_view text) {
   int value = 0;
@@ -200,7 +194,7 @@ std::optional<VCalendarRuleText> vcalendarRuleFromRecurrence(
     const auto known = std::find_if(kExtraKeys.begin(), kExtraKeys.end(),
                                     [&](const ExtraKey& k) { return k.key == name; });
     if (known == kExtraKeys.end()) continue;
-    text.parameters.push_back({"X-" + upper(key.string()), parameterValue(value)});
+    text.parameters.push_back({"X-" + upperAscii(key.string()), parameterValue(value)});
   }
   return text;
 }
@@ -212,7 +206,7 @@ std::optional<Dictionary> recurrenceFromVCalendarRule(
   std::vector<std::string> words;
   for (std::size_t at = 0; at < rule.size();) {
     const std::size_t end = std::min(rule.find_first_of(" \t", at), rule.size());
-    if (const std::string_view word = rule.substr(at, end - at); !word.empty() && word != "$") words.push_back(upper(word));
+    if (const std::string_view word = rule.substr(at, end - at); !word.empty() && word != "$") words.push_back(upperAscii(word));
     at = end + 1;
   }
   auto fail = [&](std::string why) -> std::optional<Dictionary> {
@@ -305,7 +299,7 @@ std::optional<Dictionary> recurrenceFromVCalendarRule(
       } else if (std::optional<int> n = number(item.size() > 1 && item[0] == 'N' ? std::string_view(item).substr(1) : std::string_view(item))) {
         items.add(*n);
       } else {
-        return fail("X-" + upper(key) + " is not a number list");
+        return fail("X-" + upperAscii(key) + " is not a number list");
       }
     }
     if (known->list) recurrence.set(key, items);

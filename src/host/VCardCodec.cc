@@ -5,6 +5,7 @@
 #include <set>
 
 #include "engine/SchemaNames.h"
+#include "host/ContentLines.h"
 #include "host/VFormatValues.h"
 
 namespace pc {
@@ -56,13 +57,6 @@ Tokens entryTokens(const TypeEntry& entry) {
   return tokens;
 }
 
-std::string upper(std::string_view text) {
-  std::string out(text);
-  for (char& c : out)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return out;
-}
-
 bool isToken(std::string_view word) {
   return !word.empty() && std::all_of(word.begin(), word.end(), [](char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-';
@@ -77,7 +71,7 @@ Tokens tokensForType(const SubRecordKind& kind, std::string_view type) {
   std::string word;
   for (char c : std::string(type) + " ") {
     if (c == ' ' || c == ';' || c == ',') {
-      if (isToken(word)) tokens.insert(upper(word));
+      if (isToken(word)) tokens.insert(upperAscii(word));
       word.clear();
     } else {
       word += c;

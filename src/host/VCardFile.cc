@@ -52,20 +52,6 @@ constexpr int kYearlessYear = 1604;
 constexpr const char* kEntity = kEngineRecordEntityNameKey;
 constexpr const char* kImageKey = "image";
 
-std::string upper(std::string_view text) {
-  std::string out(text);
-  for (char& c : out)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return out;
-}
-
-std::string lower(std::string_view text) {
-  std::string out(text);
-  for (char& c : out)
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  return out;
-}
-
 std::string trimmed(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
   while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
@@ -136,7 +122,7 @@ TypeWords typeWords(const ContentLine& line) {
       if (sameWord(word, "PREF")) {
         words.preferred = true;
       } else if (!word.empty()) {
-        if (words.first.empty()) words.first = lower(word);
+        if (words.first.empty()) words.first = lowerAscii(word);
         for (const auto& [name, flag] : kWords)
           if (sameWord(word, name)) words.flags |= flag;
       }
@@ -198,7 +184,7 @@ std::optional<std::string> typeTokens(Kind kind, const std::string& type) {
 std::optional<std::string> typeOfLabel(Kind kind, std::string_view label) {
   if (label.size() < 8 || label.substr(0, 4) != "_$!<" || label.substr(label.size() - 4) != ">!$_")
     return std::nullopt;
-  const std::string name = lower(label.substr(4, label.size() - 8));
+  const std::string name = lowerAscii(label.substr(4, label.size() - 8));
   static const std::map<std::string, std::string> kNames{
       {"mobile", "mobile"}, {"iphone", "mobile"}, {"home", "home"},     {"work", "work"},
       {"main", "main"},     {"pager", "pager"},   {"homefax", "home fax"}, {"workfax", "work fax"},
@@ -344,7 +330,7 @@ class CardReader {
   CardReader(const ContentObject& card, UserFileImport& file) : _card(card), _file(file) {
     _escaped = card.version.empty() || card.version[0] != '2';
     for (const ContentLine& line : card.lines)
-      if (line.name == "X-ABLABEL" && !line.group.empty()) _labels[upper(line.group)] = &line;
+      if (line.name == "X-ABLABEL" && !line.group.empty()) _labels[upperAscii(line.group)] = &line;
   }
 
   // The record; nullopt with `why` when the card holds nothing to keep.
@@ -401,7 +387,7 @@ void CardReader::addSub(Kind kind, const ContentLine& line, Dictionary sub) {
   if (kind == Kind::Date && line.name == "X-ANNIVERSARY") type = "anniversary";
   if (std::optional<std::string> own = line.parameter("X-TYPE"); own && !own->empty()) type = *own;
   if (!line.group.empty()) {
-    const auto label = _labels.find(upper(line.group));
+    const auto label = _labels.find(upperAscii(line.group));
     if (label != _labels.end()) {
       _usedLabels.insert(label->first);
       const std::string labelText = text(*label->second);
@@ -437,7 +423,7 @@ void CardReader::readPhoto(const ContentLine& line) {
   if (raw.compare(0, 5, "data:") == 0) {
     const std::size_t comma = raw.find(',');
     const std::string_view head = std::string_view(raw).substr(0, comma == std::string::npos ? 0 : comma);
-    if (comma != std::string::npos && head.size() >= 7 && lower(head.substr(head.size() - 7)) == ";base64")
+    if (comma != std::string::npos && head.size() >= 7 && lowerAscii(head.substr(head.size() - 7)) == ";base64")
       bytes = base64Decode(std::string_view(raw).substr(comma + 1)).value_or(std::string());
   } else if (line.parameter("ENCODING")) {
     bytes = decodedBytes(line);
@@ -492,7 +478,7 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
       std::string value = trimmed(text(line));
       // A number given as an address ("VALUE=uri:tel:+1...") loses its scheme.
       const std::optional<std::string> valueKind = line.parameter("VALUE");
-      if (name == "TEL" && valueKind && lower(*valueKind) == "uri" && lower(std::string_view(value).substr(0, 4)) == "tel:")
+      if (name == "TEL" && valueKind && lowerAscii(*valueKind) == "uri" && lowerAscii(std::string_view(value).substr(0, 4)) == "tel:")
         value.erase(0, 4);
       if (value.empty()) continue;
       Dictionary sub;
@@ -519,7 +505,7 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
         sub.set("countryCode", *code);
       if (sub.empty()) continue;
       if (!line.group.empty())
-        _addressByGroup[upper(line.group)] = _subs[static_cast<std::size_t>(Kind::Address)].size();
+        _addressByGroup[upperAscii(line.group)] = _subs[static_cast<std::size_t>(Kind::Address)].size();
       addSub(Kind::Address, line, std::move(sub));
     } else if (name == "X-ABADR") {
       // The country code of a grouped address: taken once all lines are read.
@@ -533,7 +519,7 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
       else if (name != "IMPP")
         service = imProperties().at(name);
       else if (std::size_t colon = value.find(':'); colon != std::string::npos && isScheme(value.substr(0, colon)))
-        service = lower(value.substr(0, colon));
+        service = lowerAscii(value.substr(0, colon));
       Dictionary sub;
       sub.set("value", value);
       sub.set(kContactsIMService, service);
@@ -552,13 +538,13 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
   // Country codes of grouped addresses ("item2.X-ABADR:de").
   for (const ContentLine& line : _card.lines) {
     if (line.name != "X-ABADR") continue;
-    const auto address = _addressByGroup.find(upper(line.group));
+    const auto address = _addressByGroup.find(upperAscii(line.group));
     if (line.group.empty() || address == _addressByGroup.end()) {
       notKept(line);
       continue;
     }
     Dictionary& sub = _subs[static_cast<std::size_t>(Kind::Address)][address->second].second;
-    if (const std::string code = upper(trimmed(text(line))); isPlainParameter(code) && !sub.contains("countryCode"))
+    if (const std::string code = upperAscii(trimmed(text(line))); isPlainParameter(code) && !sub.contains("countryCode"))
       sub.set("countryCode", code);
   }
   for (const auto& [group, line] : _labels)
@@ -736,7 +722,7 @@ void CardWriter::sub(Kind kind, const Dictionary& record) {
     value = escapeAddress(field.string());
     // A number that itself starts with the scheme is written as an address,
     // whose scheme reading takes off again.
-    if (kind == Kind::Phone && lower(std::string_view(value).substr(0, 4)) == "tel:") {
+    if (kind == Kind::Phone && lowerAscii(std::string_view(value).substr(0, 4)) == "tel:") {
       parameters.push_back({"VALUE", "uri"});
       value = "tel:" + value;
     }

@@ -6,6 +6,8 @@
 #include <charconv>
 #include <cstdlib>
 
+#include "host/ContentLines.h"
+
 namespace pc {
 
 namespace {
@@ -41,13 +43,6 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 7> kWeekdays
     {"sunday", "SU"}, {"monday", "MO"}, {"tuesday", "TU"}, {"wednesday", "WE"},
     {"thursday", "TH"}, {"friday", "FR"}, {"saturday", "SA"},
 }};
-
-std::string upper(std::string_view text) {
-  std::string out(text);
-  for (char& c : out)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return out;
-}
 
 }  // namespace
 
@@ -196,16 +191,16 @@ bool readExtraField(const ContentLine& line, Dictionary& record, std::string& pr
     problem = std::string(kExtraFieldProperty) + " without a usable KEY";
     return false;
   }
-  const std::string kind = upper(line.parameter("VALUE").value_or("TEXT"));
+  const std::string kind = upperAscii(line.parameter("VALUE").value_or("TEXT"));
   const std::string text = decodedText(line, &problem);
   if (kind == "TEXT") {
     record.set(*key, text);
   } else if (kind == "BOOLEAN") {
-    if (upper(text) != "TRUE" && upper(text) != "FALSE") {
+    if (upperAscii(text) != "TRUE" && upperAscii(text) != "FALSE") {
       problem = "not a boolean: \"" + text + "\"";
       return false;
     }
-    record.set(*key, upper(text) == "TRUE");
+    record.set(*key, upperAscii(text) == "TRUE");
   } else if (kind == "INTEGER") {
     std::int64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -249,7 +244,7 @@ std::optional<std::string> weekdayAbbreviation(std::string_view recordName) {
 }
 
 std::optional<std::string> weekdayRecordName(std::string_view abbreviation) {
-  const std::string wanted = upper(abbreviation);
+  const std::string wanted = upperAscii(abbreviation);
   for (const auto& [name, abbr] : kWeekdays)
     if (abbr == wanted) return std::string(name);
   return std::nullopt;
