@@ -79,10 +79,17 @@ TEST(Encodings, LosslessEncodingDependsOnTheRepertoire) {
       {"€", StringEncoding::ISOLatin1, false},       {"€œ", StringEncoding::WindowsCP1252, true},
       {"😀", StringEncoding::UTF16BigEndian, true},  {"\xff", StringEncoding::UTF8, false},
       {"Ça va 5€ {ok} ΔΩ", StringEncoding::GSM0338, true}, {"ç", StringEncoding::GSM0338, false},
+      // ASCII: every byte below 0x80, control characters included; a
+      // broken sequence is not a character of any repertoire.
+      {"plain \t\x7f~", StringEncoding::ASCII, true},  {"", StringEncoding::ASCII, true},
+      {"a\xc3", StringEncoding::ASCII, false},        {"\x80", StringEncoding::ASCII, false},
+      {"a\xc3", StringEncoding::ISOLatin1, false},
   };
   for (const Lossless& c : cases)
     EXPECT_EQ(qvt_canReallyBeEncodedLosslessInEncoding(c.text, c.encoding), c.lossless)
         << c.text << " in " << static_cast<int>(c.encoding);
+  EXPECT_EQ(encodeString(std::string("a\0b", 3), StringEncoding::ASCII), std::string("a\0b", 3));
+  EXPECT_EQ(decodeString("\xe9", StringEncoding::ASCII), std::nullopt);
 }
 
 TEST(CharacterSets, DeleteReplaceAndCount) {
