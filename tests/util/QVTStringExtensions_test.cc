@@ -1,6 +1,10 @@
 #include "util/QVTStringExtensions.h"
 
 #include <sys/mman.h>
+#include <unicode/translit.h>
+
+#include <memory>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -65,6 +69,26 @@ TEST(Encodings, LossyForms) {
   const std::string greek = stringWithLossyASCIIConversion("Ωμέγα 日本");
   EXPECT_TRUE(std::all_of(greek.begin(), greek.end(), [](char c) { return c > 0; })) << greek;
   EXPECT_EQ(stringWithUTF8Conversion("é-a€"), "-a");
+}
+
+// ASCII texts are returned as they are: ICU's own transliteration, the
+// oracle, leaves every one of the 128 characters alone, alone and in runs.
+TEST(Encodings, LossyFormLeavesASCIIAsTheTransliterationDoes) {
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<icu::Transliterator> oracle(
+      icu::Transliterator::createInstance("Any-Latin; Latin-ASCII", UTRANS_FORWARD, status));
+  ASSERT_TRUE(U_SUCCESS(status));
+  std::string all;
+  for (int c = 0; c < 0x80; ++c) all += static_cast<char>(c);
+  std::vector<std::string> texts{all, "", "Jean-Marc O'Neil, 12 rue X; tel. +33 (0)1"};
+  for (int c = 0; c < 0x80; ++c) texts.push_back(std::string(2, static_cast<char>(c)) + "a");
+  for (const std::string& text : texts) {
+    icu::UnicodeString expected = icu::UnicodeString::fromUTF8(text);
+    oracle->transliterate(expected);
+    std::string expectedText;
+    expected.toUTF8String(expectedText);
+    EXPECT_EQ(stringWithLossyASCIIConversion(text), expectedText) << text;
+  }
 }
 
 struct Lossless {
