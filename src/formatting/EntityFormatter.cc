@@ -582,15 +582,21 @@ Dictionary EntityFormatter::ownerView(const Dictionary& masterRecord) {
   // owner would otherwise hold the list that holds it. Containers are
   // copied all the way down so that a hook cannot change the record being
   // built through the view; scalars are values and are shared as they are.
-  Dictionary owner;
-  for (const auto& [key, value] : masterRecord) {
+  // The view starts as a copy of the entries (keys known to be distinct, so
+  // none is looked up) and loses the lists afterwards.
+  Dictionary owner = masterRecord.copy();
+  std::vector<Value> subRecordLists;
+  for (auto& [key, value] : owner) {
     if (auto list = value.asArray()) {
-      const bool subRecords = std::any_of(list->begin(), list->end(),
-                                          [](const Value& element) { return element.isDictionary(); });
-      if (subRecords) continue;
+      if (std::any_of(list->begin(), list->end(),
+                      [](const Value& element) { return element.isDictionary(); })) {
+        subRecordLists.push_back(key);
+        continue;
+      }
     }
-    owner.set(key, value.isCollection() ? value.deepCopy() : value);
+    if (value.isCollection()) value = value.deepCopy();
   }
+  for (const Value& key : subRecordLists) owner.remove(key);
   return owner;
 }
 
