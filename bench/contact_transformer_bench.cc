@@ -98,8 +98,12 @@ class AimsReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
-    for (const Run& run : runs)
-      if (!run.error_occurred && run.iterations > 0) _time[run.benchmark_name()] = run.GetAdjustedCPUTime();
+    // With repetitions, the medians stand for the benchmark.
+    for (const Run& run : runs) {
+      if (run.error_occurred || run.iterations == 0) continue;
+      if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
+      _time[run.run_name.str()] = run.GetAdjustedCPUTime();
+    }
   }
   void Finalize() override {
     ConsoleReporter::Finalize();

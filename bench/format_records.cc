@@ -134,10 +134,12 @@ class AimsReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     ConsoleReporter::ReportRuns(runs);
+    // With repetitions, the medians stand for the benchmark.
     for (const Run& run : runs) {
       if (run.error_occurred || run.iterations == 0) continue;
+      if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
       const double seconds = run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
-      if (seconds > 0) _rate[run.benchmark_name()] = 1.0 / seconds;
+      if (seconds > 0) _rate[run.run_name.str()] = 1.0 / seconds;
       if (auto it = run.counters.find("ms_per_phone"); it != run.counters.end())
         _phone = {it->second.value, run.counters.at("bytes_per_phone").value};
     }
