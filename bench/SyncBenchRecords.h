@@ -6,6 +6,7 @@
 
 #include <sys/resource.h>
 
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,14 @@ inline double peakMegabytes() {
   rusage usage{};
   getrusage(RUSAGE_SELF, &usage);
   return static_cast<double>(usage.ru_maxrss) / 1024.0;
+}
+
+// CPU time of the whole process (every thread), in seconds: on a shared
+// machine it says what a run costs when others take turns on the cores.
+inline double processCpuSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
 // "contact-<n>" and "event-<n>" records, contacts first.

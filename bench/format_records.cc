@@ -1,13 +1,17 @@
 // Records formatted per second by the path of `phoneconduit format`, on the
 // full-featured example phone, for contacts and for events and tasks; and
-// the memory one built phone holds (its conduit, formatters, field
-// formatters and helpers).
+// the time to build one phone from its description and the memory it holds
+// (its conduit, formatters, field formatters and helpers). The summary
+// prints each rate beside its aim.
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -106,20 +110,69 @@ BENCHMARK(BM_FormatEventsAndTasks)->ArgName("engineSide")->Arg(0)->Arg(1);
 void BM_MemoryPerBuiltPhone(benchmark::State& state) {
   const Phone example = fullPhone();
   const auto count = static_cast<std::size_t>(state.range(0));
-  double bytesPerPhone = 0;
+  double bytesPerPhone = 0, secondsPerPhone = 0;
   for (auto _ : state) {
     std::vector<std::unique_ptr<DeviceFormatting>> phones;
     phones.reserve(count);
     const std::size_t before = mallinfo2().uordblks;
+    const auto start = std::chrono::steady_clock::now();
     for (std::size_t i = 0; i < count; ++i)
       phones.push_back(DeviceFormatting::phoneSide(example.description, example.entities, example.options));
+    const auto end = std::chrono::steady_clock::now();
     const std::size_t after = mallinfo2().uordblks;
     bytesPerPhone = static_cast<double>(after - before) / static_cast<double>(count);
+    secondsPerPhone = std::chrono::duration<double>(end - start).count() / static_cast<double>(count);
   }
   state.counters["bytes_per_phone"] = bytesPerPhone;
+  state.counters["ms_per_phone"] = secondsPerPhone * 1000.0;
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * count));
 }
 BENCHMARK(BM_MemoryPerBuiltPhone)->Arg(20)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// Prints the formatting rates (CPU time) beside their aims.
+class AimsReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    // With repetitions, the medians stand for the benchmark.
+    for (const Run& run : runs) {
+      if (run.error_occurred || run.iterations == 0) continue;
+      if (run.run_type == Run::RT_Aggregate && run.aggregate_name != "median") continue;
+      const double seconds = run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit);
+      if (seconds > 0) _rate[run.run_name.str()] = 1.0 / seconds;
+      if (auto it = run.counters.find("ms_per_phone"); it != run.counters.end())
+        _phone = {it->second.value, run.counters.at("bytes_per_phone").value};
+    }
+  }
+  void Finalize() override {
+    ConsoleReporter::Finalize();
+    std::printf("\nFormatting on the full phone, records per CPU second:\n");
+    aim("contacts", "BM_FormatContacts/engineSide:0", 150000);
+    aim("contacts, engine side", "BM_FormatContacts/engineSide:1", 150000);
+    aim("events and tasks", "BM_FormatEventsAndTasks/engineSide:0", 300000);
+    aim("events and tasks, engine side", "BM_FormatEventsAndTasks/engineSide:1", 300000);
+    if (_phone.first > 0)
+      std::printf("Building one phone: %.2f ms, %.0f bytes held\n", _phone.first, _phone.second);
+  }
+
+ private:
+  void aim(const char* what, const std::string& name, double atLeast) {
+    auto it = _rate.find(name);
+    if (it == _rate.end()) return;
+    std::printf("  %-30s %9.0f/s  (aim: at least %.0f/s) %s\n", what, it->second, atLeast,
+                it->second >= atLeast ? "met" : "MISSED");
+  }
+  std::map<std::string, double> _rate;
+  std::pair<double, double> _phone{0, 0};
+};
+
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  AimsReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  return 0;
+}

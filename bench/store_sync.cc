@@ -48,14 +48,9 @@ void BM_StoreSyncFullPhone(benchmark::State& state) {
   // incremental sync, for a comparison in the same run.
   run.formatEverything = state.range(0) == 1;
 
-  // Wall time and the process's CPU time: on a shared machine the second
-  // says what the sync costs when others take turns on the cores.
+  // Wall time and the process's CPU time.
   using Clock = std::chrono::steady_clock;
-  auto cpuSeconds = [] {
-    timespec now{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-  };
+  const auto cpuSeconds = processCpuSeconds;
   double cpuMark = 0;
   auto seconds = [&](Clock::time_point since) {
     return std::chrono::duration<double>(Clock::now() - since).count();

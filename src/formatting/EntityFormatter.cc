@@ -439,6 +439,8 @@ void EntityFormatter::_setupWithFieldFormatter(const QVTSyncStringFieldFormatter
 void EntityFormatter::setHelper(DataClassHelperPtr helper) {
   if (helper == _helper) return;
   _helper = std::move(helper);
+  _fieldDelegate = dynamic_cast<QVTSyncFieldFormatterDelegate*>(_helper.get());
+  _assembler = dynamic_cast<GenericAssemblerDelegate*>(_helper.get());
   if (!_helper) return;
   _helper->setFormattingMethods(formatter);
   if (!fieldToFormatterv2.empty()) _helper->willBeUsedByEntityFormatter(*this);
@@ -568,24 +570,33 @@ std::optional<Dictionary> EntityFormatter::standardFormatOnRecord(const Dictiona
 }
 
 std::string EntityFormatter::backRelationFrom(const Dictionary& masterRecord) const {
-  auto* assembler = dynamic_cast<GenericAssemblerDelegate*>(_helper.get());
-  const std::string masterEntity = masterRecord.getString(kEngineRecordEntityNameKey);
-  if (!assembler || masterEntity.empty() || !_entityName) return std::string();
-  return assembler->entityToBackRelationShipForMasterEntity(masterEntity).getString(*_entityName);
+  if (!_assembler || !_entityName) return std::string();
+  const Value* masterEntity = masterRecord.find(kEngineRecordEntityNameKey);
+  const std::string* name = masterEntity ? masterEntity->asString() : nullptr;
+  if (!name || name->empty()) return std::string();
+  return _assembler->backRelationOfEntity(*_entityName, *name);
 }
 
 Dictionary EntityFormatter::ownerView(const Dictionary& masterRecord) {
   // Without the lists of sub-records: an admitted sub-record that kept its
-  // owner would otherwise hold the list that holds it.
-  Dictionary owner;
-  for (const auto& [key, value] : masterRecord) {
+  // owner would otherwise hold the list that holds it. Containers are
+  // copied all the way down so that a hook cannot change the record being
+  // built through the view; scalars are values and are shared as they are.
+  // The view starts as a copy of the entries (keys known to be distinct, so
+  // none is looked up) and loses the lists afterwards.
+  Dictionary owner = masterRecord.copy();
+  std::vector<Value> subRecordLists;
+  for (auto& [key, value] : owner) {
     if (auto list = value.asArray()) {
-      bool subRecords = false;
-      for (const Value& element : *list) subRecords = subRecords || element.isDictionary();
-      if (subRecords) continue;
+      if (std::any_of(list->begin(), list->end(),
+                      [](const Value& element) { return element.isDictionary(); })) {
+        subRecordLists.push_back(key);
+        continue;
+      }
     }
-    owner.set(key, value.deepCopy());
+    if (value.isCollection()) value = value.deepCopy();
   }
+  for (const Value& key : subRecordLists) owner.remove(key);
   return owner;
 }
 
@@ -659,15 +670,13 @@ void EntityFormatter::onlyKeepSyncEngineKey(Dictionary& record) const {
 Value EntityFormatter::truncateString(const Value& string, std::int32_t toLength,
                                       const std::string& forFieldName,
                                       const std::string& forEntityName) {
-  if (auto* delegate = dynamic_cast<QVTSyncFieldFormatterDelegate*>(_helper.get()))
-    return delegate->truncateString(string, toLength, forFieldName, forEntityName);
+  if (_fieldDelegate) return _fieldDelegate->truncateString(string, toLength, forFieldName, forEntityName);
   return formatter ? formatter->maxLength(string, toLength) : string;
 }
 
 Value EntityFormatter::preFormatField(const Value& value, const std::string& attribute,
                                       const std::string& entity) {
-  if (auto* delegate = dynamic_cast<QVTSyncFieldFormatterDelegate*>(_helper.get()))
-    return delegate->preFormatField(value, attribute, entity);
+  if (_fieldDelegate) return _fieldDelegate->preFormatField(value, attribute, entity);
   return value;
 }
 

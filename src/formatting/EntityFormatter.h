@@ -27,6 +27,7 @@
 namespace pc {
 
 class DeviceSyncService;
+class GenericAssemblerDelegate;
 class SyncEngineClient;
 class FormattingMethods;
 class TruthSnapshot;
@@ -176,6 +177,10 @@ class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDel
   std::optional<Dictionary> _numberPerType;
   std::shared_ptr<FormattingMethods> formatter;
   DataClassHelperPtr _helper;
+  // The helper's other roles, found once when it is set rather than per
+  // field and per sub-record; nullptr when it does not play them.
+  QVTSyncFieldFormatterDelegate* _fieldDelegate = nullptr;
+  GenericAssemblerDelegate* _assembler = nullptr;
   std::string _lastRejectionReason;
 };
 

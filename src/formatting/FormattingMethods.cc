@@ -46,12 +46,18 @@ void storeOrRemove(Dictionary& record, const char* key, const std::optional<std:
 // Line ends become "\n", white space and newlines at both ends go; an empty
 // result removes the key.
 void cleanRecordForKey(Dictionary& record, const char* key) {
-  const std::optional<std::string> text = stringFor(record, key);
+  const Value* value = record.find(key);
+  const std::string* text = value ? value->asString() : nullptr;
   if (!text) return;
-  std::string cleaned = replaceOccurrences(*text, "\r\n", "\n");
-  cleaned = replaceOccurrences(cleaned, "\r", "\n");
-  storeOrRemove(record, key,
-                trimCharacters(cleaned, CharacterSet::whitespaceAndNewlineCharacterSet()));
+  std::string cleaned = *text;
+  if (cleaned.find('\r') != std::string::npos) {
+    cleaned = replaceOccurrences(cleaned, "\r\n", "\n");
+    cleaned = replaceOccurrences(cleaned, "\r", "\n");
+  }
+  cleaned = trimCharacters(cleaned, CharacterSet::whitespaceAndNewlineCharacterSet());
+  // A clean text stays as it is: most are, and storing it again costs a copy.
+  // An empty one still goes.
+  if (cleaned.empty() || cleaned != *text) storeOrRemove(record, key, cleaned);
 }
 
 std::string trimmed(std::string_view text) {

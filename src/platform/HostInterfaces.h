@@ -207,6 +207,12 @@ class GenericAssemblerDelegate {
   virtual Dictionary relationKeysToSubEntitiesForMasterEntity(const std::string& masterEntity) = 0;
   // Sub-entity -> the relation by which its records point back to the master.
   virtual Dictionary entityToBackRelationShipForMasterEntity(const std::string& masterEntity) = 0;
+  // The relation by which records of `entity` point back to a master of
+  // `masterEntity`, "" when there is none: one entry of the dictionary
+  // above, which a delegate with fixed rules answers without building it.
+  virtual std::string backRelationOfEntity(const std::string& entity, const std::string& masterEntity) {
+    return entityToBackRelationShipForMasterEntity(masterEntity).getString(entity);
+  }
   // Keys of the master that travel with the assembled record (a set, held
   // as an array without duplicates).
   virtual Array extraKeysForMasterEntity(const std::string& masterEntity) = 0;

@@ -357,6 +357,26 @@ bool CharacterSet::operator==(const CharacterSet& other) const {
 // ---------------------------------------------------------------------------
 
 std::string trimCharacters(std::string_view text, const CharacterSet& set) {
+  // Valid UTF-8 is trimmed where it stands, one code point at a time from
+  // each end, without converting the whole text.
+  if (isValidUTF8(text)) {
+    std::size_t start = 0;
+    while (start < text.size()) {
+      std::size_t next = start;
+      if (!set.characterIsMember(static_cast<char32_t>(nextCodePoint(text, next)))) break;
+      start = next;
+    }
+    std::size_t end = text.size();
+    while (end > start) {
+      std::size_t lead = end - 1;
+      while (lead > start && (static_cast<unsigned char>(text[lead]) & 0xC0) == 0x80) --lead;
+      std::size_t next = lead;
+      if (!set.characterIsMember(static_cast<char32_t>(nextCodePoint(text, next)))) break;
+      end = lead;
+    }
+    return std::string(text.substr(start, end - start));
+  }
+  // A broken sequence reads as U+FFFD, as everywhere else text is converted.
   const icu::UnicodeString source = unicode(text);
   int32_t start = 0;
   int32_t end = source.length();

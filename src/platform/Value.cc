@@ -21,25 +21,46 @@ struct ArrayRep {
 // kIndexFrom entries a key is found by walking the entries, which costs less
 // than hashing it and keeps a small dictionary to two allocations; from
 // kIndexFrom entries on, an index from key to position is kept as well.
+// Hash and equality of the index, over values and over texts, so that a
+// text key is found without a Value being made for it. A string value
+// hashes as its text does.
+struct KeyHash {
+  using is_transparent = void;
+  std::size_t operator()(const Value& key) const { return key.hash(); }
+  std::size_t operator()(std::string_view key) const { return std::hash<std::string_view>()(key); }
+};
+
+struct KeyEqual {
+  using is_transparent = void;
+  bool operator()(const Value& a, const Value& b) const { return a == b; }
+  bool operator()(std::string_view a, const Value& b) const {
+    const std::string* text = b.asString();
+    return text && *text == a;
+  }
+  bool operator()(const Value& a, std::string_view b) const { return (*this)(b, a); }
+};
+
 struct DictionaryRep {
   static constexpr std::size_t kIndexFrom = 16;
   std::vector<Dictionary::Entry> entries;
-  std::unordered_map<Value, std::size_t, ValueHash> index;  // empty below kIndexFrom
+  std::unordered_map<Value, std::size_t, KeyHash, KeyEqual> index;  // empty below kIndexFrom
 
-  static bool sameKey(const Value& a, const Value& b) {
-    const std::string* x = a.asString();
-    const std::string* y = b.asString();
-    if (x && y) return *x == *y;
-    return a == b;
-  }
-  std::optional<std::size_t> position(const Value& key) const {
+  std::optional<std::size_t> position(const DictionaryKey& key) const {
+    const std::optional<std::string_view> text = key.text();
     if (entries.size() >= kIndexFrom) {
-      auto it = index.find(key);
+      auto it = text ? index.find(*text) : index.find(*key.value());
       if (it == index.end()) return std::nullopt;
       return it->second;
     }
+    if (text) {
+      for (std::size_t i = 0; i < entries.size(); ++i) {
+        const std::string* entry = entries[i].first.asString();
+        if (entry && *entry == *text) return i;
+      }
+      return std::nullopt;
+    }
     for (std::size_t i = 0; i < entries.size(); ++i)
-      if (sameKey(entries[i].first, key)) return i;
+      if (entries[i].first == *key.value()) return i;
     return std::nullopt;
   }
   void reindex() {
@@ -48,16 +69,24 @@ struct DictionaryRep {
     index.reserve(entries.size());
     for (std::size_t i = 0; i < entries.size(); ++i) index.emplace(entries[i].first, i);
   }
-  void append(const Value& key, Value value) {
-    entries.emplace_back(key, std::move(value));
+  void append(Value key, Value value) {
+    entries.emplace_back(std::move(key), std::move(value));
     if (entries.size() > kIndexFrom)
       index.emplace(entries.back().first, entries.size() - 1);
     else if (entries.size() == kIndexFrom)
       reindex();
   }
+  // Removes one entry; the index, when it stays, loses the key and moves
+  // the later positions down instead of being built again.
   void erase(std::size_t at) {
+    if (entries.size() - 1 < kIndexFrom) {
+      index.clear();
+    } else {
+      index.erase(entries[at].first);
+      for (auto& [key, position] : index)
+        if (position > at) --position;
+    }
     entries.erase(entries.begin() + std::ptrdiff_t(at));
-    reindex();
   }
 };
 
@@ -412,17 +441,28 @@ std::optional<pc::Set> Value::asSet() const {
 }
 
 Value Value::copy() const {
-  if (auto a = asArray()) return a->copy();
-  if (auto d = asDictionary()) return d->copy();
-  if (auto s = asSet()) return s->copy();
-  return *this;
+  switch (kind()) {
+    case ValueKind::Array: return pc::Array(std::get<std::shared_ptr<detail::ArrayRep>>(_v)).copy();
+    case ValueKind::Dictionary:
+      return pc::Dictionary(std::get<std::shared_ptr<detail::DictionaryRep>>(_v)).copy();
+    case ValueKind::Set: return pc::Set(std::get<std::shared_ptr<detail::SetRep>>(_v)).copy();
+    default: return *this;
+  }
 }
 
 Value Value::deepCopy() const {
-  if (auto a = asArray()) return a->deepCopy();
-  if (auto d = asDictionary()) return d->deepCopy();
-  if (auto s = asSet()) return s->deepCopy();
-  return *this;
+  switch (kind()) {
+    case ValueKind::Array: {
+      const auto& rep = std::get<std::shared_ptr<detail::ArrayRep>>(_v);
+      return pc::Array(rep).deepCopy();
+    }
+    case ValueKind::Dictionary: {
+      const auto& rep = std::get<std::shared_ptr<detail::DictionaryRep>>(_v);
+      return pc::Dictionary(rep).deepCopy();
+    }
+    case ValueKind::Set: return pc::Set(std::get<std::shared_ptr<detail::SetRep>>(_v)).deepCopy();
+    default: return *this;
+  }
 }
 
 bool Value::isIdenticalTo(const Value& other) const {
@@ -457,7 +497,7 @@ bool Value::operator==(const Value& other) const {
     case ValueKind::String: return std::get<std::string>(_v) == std::get<std::string>(other._v);
     case ValueKind::Data: return std::get<pc::Data>(_v) == std::get<pc::Data>(other._v);
     case ValueKind::URL: return std::get<pc::URL>(_v) == std::get<pc::URL>(other._v);
-    case ValueKind::Date: return std::get<CalendarDate>(_v) == std::get<CalendarDate>(other._v);
+    case ValueKind::Date: return *asDate() == *other.asDate();
     case ValueKind::Array: return array() == other.array();
     case ValueKind::Dictionary: return dictionary() == other.dictionary();
     case ValueKind::Set: return set() == other.set();
@@ -488,7 +528,7 @@ std::size_t Value::hash() const {
     }
     case ValueKind::URL: return std::hash<std::string>()(std::get<pc::URL>(_v).absoluteString());
     case ValueKind::Date:
-      return std::hash<double>()(std::get<CalendarDate>(_v).timeIntervalSinceReferenceDate());
+      return std::hash<double>()(asDate()->timeIntervalSinceReferenceDate());
     case ValueKind::Array: {
       std::size_t h = std::hash<std::size_t>()(array().count());
       for (const Value& v : array()) h = combineHash(h, v.hash());
@@ -544,7 +584,7 @@ std::string Value::descriptionWithIndent(int level) const {
     case ValueKind::String: return std::get<std::string>(_v);
     case ValueKind::Data: return std::get<pc::Data>(_v).description();
     case ValueKind::URL: return std::get<pc::URL>(_v).absoluteString();
-    case ValueKind::Date: return std::get<CalendarDate>(_v).description();
+    case ValueKind::Date: return asDate()->description();
     case ValueKind::Array:
     case ValueKind::Set: {
       const std::vector<Value>& items =
@@ -671,61 +711,62 @@ bool Array::operator==(const Array& other) const {
 Dictionary::Dictionary() : _rep(std::make_shared<detail::DictionaryRep>()) {}
 
 Dictionary::Dictionary(std::initializer_list<Entry> entries) : Dictionary() {
+  _rep->entries.reserve(entries.size());
   for (const auto& [key, value] : entries) set(key, value);
 }
 
 std::size_t Dictionary::count() const { return _rep->entries.size(); }
 
-const Value* Dictionary::find(const Value& key) const {
+const Value* Dictionary::find(DictionaryKey key) const {
   const std::optional<std::size_t> at = _rep->position(key);
   return at ? &_rep->entries[*at].second : nullptr;
 }
 
-Value* Dictionary::find(const Value& key) {
+Value* Dictionary::find(DictionaryKey key) {
   return const_cast<Value*>(static_cast<const Dictionary&>(*this).find(key));
 }
 
-Value Dictionary::get(const Value& key) const {
+Value Dictionary::get(DictionaryKey key) const {
   const Value* v = find(key);
   return v ? *v : Value();
 }
 
-std::string Dictionary::getString(const Value& key, std::string fallback) const {
+std::string Dictionary::getString(DictionaryKey key, std::string fallback) const {
   const Value* v = find(key);
   return v && v->isString() ? v->string() : fallback;
 }
 
-std::int64_t Dictionary::getInteger(const Value& key, std::int64_t fallback) const {
+std::int64_t Dictionary::getInteger(DictionaryKey key, std::int64_t fallback) const {
   const Value* v = find(key);
   if (!v || v->isNull()) return fallback;
   return v->integerIfNumeric().value_or(fallback);
 }
 
-bool Dictionary::getBool(const Value& key, bool fallback) const {
+bool Dictionary::getBool(DictionaryKey key, bool fallback) const {
   const Value* v = find(key);
   if (!v || !(v->isNumber() || v->isString())) return fallback;
   return v->boolValue();
 }
 
-std::optional<Dictionary> Dictionary::getDictionary(const Value& key) const {
+std::optional<Dictionary> Dictionary::getDictionary(DictionaryKey key) const {
   const Value* v = find(key);
   return v ? v->asDictionary() : std::nullopt;
 }
 
-std::optional<Array> Dictionary::getArray(const Value& key) const {
+std::optional<Array> Dictionary::getArray(DictionaryKey key) const {
   const Value* v = find(key);
   return v ? v->asArray() : std::nullopt;
 }
 
-void Dictionary::set(const Value& key, Value value) {
+void Dictionary::set(DictionaryKey key, Value value) {
   if (Value* existing = find(key)) {
     *existing = std::move(value);
     return;
   }
-  _rep->append(key, std::move(value));
+  _rep->append(key.toValue(), std::move(value));
 }
 
-void Dictionary::remove(const Value& key) {
+void Dictionary::remove(DictionaryKey key) {
   if (const std::optional<std::size_t> at = _rep->position(key)) _rep->erase(*at);
 }
 

@@ -116,7 +116,9 @@ class Value {
   Value(std::string_view s) : _v(std::string(s)) {}
   Value(pc::Data d) : _v(std::move(d)) {}
   Value(pc::URL u) : _v(std::move(u)) {}
-  Value(CalendarDate d) : _v(std::move(d)) {}
+  // A date is held in a shared, immutable box: most values are not dates,
+  // and an unboxed date would make every value as large as a date.
+  Value(CalendarDate d) : _v(std::make_shared<const CalendarDate>(std::move(d))) {}
   Value(const pc::Array& a);
   Value(const pc::Dictionary& d);
   Value(const pc::Set& s);
@@ -170,7 +172,10 @@ class Value {
   const std::string* asString() const { return std::get_if<std::string>(&_v); }
   const pc::Data* asData() const { return std::get_if<pc::Data>(&_v); }
   const pc::URL* asURL() const { return std::get_if<pc::URL>(&_v); }
-  const CalendarDate* asDate() const { return std::get_if<CalendarDate>(&_v); }
+  const CalendarDate* asDate() const {
+    auto p = std::get_if<std::shared_ptr<const CalendarDate>>(&_v);
+    return p ? p->get() : nullptr;
+  }
   std::optional<pc::Array> asArray() const;
   std::optional<pc::Dictionary> asDictionary() const;
   std::optional<pc::Set> asSet() const;
@@ -204,7 +209,8 @@ class Value {
   friend class Dictionary;
   friend class Set;
   using Storage = std::variant<std::monostate, bool, std::int64_t, double, std::string, pc::Data,
-                               pc::URL, CalendarDate, std::shared_ptr<detail::ArrayRep>,
+                               pc::URL, std::shared_ptr<const CalendarDate>,
+                               std::shared_ptr<detail::ArrayRep>,
                                std::shared_ptr<detail::DictionaryRep>,
                                std::shared_ptr<detail::SetRep>, ObjectPtr>;
   Storage _v;
@@ -268,6 +274,33 @@ class Array {
   std::shared_ptr<detail::ArrayRep> _rep;
 };
 
+// The key of a dictionary look-up: a value, or a text that is looked up as
+// the string value of that text without a Value being made for it (record
+// keys are mostly literals). Refers to its argument, so it lives only as
+// long as the call it is passed to.
+class DictionaryKey {
+ public:
+  DictionaryKey(const Value& key) : _value(&key) {}
+  DictionaryKey(const char* key) : _text(key ? key : "") {}
+  DictionaryKey(const std::string& key) : _text(key) {}
+  DictionaryKey(std::string_view key) : _text(key) {}
+
+  // The text of a string key; nullopt for a key of another kind.
+  std::optional<std::string_view> text() const {
+    if (!_value) return _text;
+    if (const std::string* s = _value->asString()) return std::string_view(*s);
+    return std::nullopt;
+  }
+  // The key as a value (a new string for a text).
+  Value toValue() const { return _value ? *_value : Value(_text); }
+  // The key's value; nullptr for a text.
+  const Value* value() const { return _value; }
+
+ private:
+  const Value* _value = nullptr;
+  std::string_view _text;
+};
+
 // A dictionary shared by reference. Keys are values (strings in records);
 // iteration follows insertion order, so it is deterministic.
 class Dictionary {
@@ -282,22 +315,22 @@ class Dictionary {
   std::size_t count() const;
   bool empty() const { return count() == 0; }
   // nullptr when absent.
-  const Value* find(const Value& key) const;
-  Value* find(const Value& key);
+  const Value* find(DictionaryKey key) const;
+  Value* find(DictionaryKey key);
   // Null when absent.
-  Value get(const Value& key) const;
-  bool contains(const Value& key) const { return find(key) != nullptr; }
+  Value get(DictionaryKey key) const;
+  bool contains(DictionaryKey key) const { return find(key) != nullptr; }
   // Typed reads with a fallback for absent keys or other kinds.
-  std::string getString(const Value& key, std::string fallback = {}) const;
-  std::int64_t getInteger(const Value& key, std::int64_t fallback = 0) const;
-  bool getBool(const Value& key, bool fallback = false) const;
-  std::optional<Dictionary> getDictionary(const Value& key) const;
-  std::optional<Array> getArray(const Value& key) const;
+  std::string getString(DictionaryKey key, std::string fallback = {}) const;
+  std::int64_t getInteger(DictionaryKey key, std::int64_t fallback = 0) const;
+  bool getBool(DictionaryKey key, bool fallback = false) const;
+  std::optional<Dictionary> getDictionary(DictionaryKey key) const;
+  std::optional<Array> getArray(DictionaryKey key) const;
 
   // Replaces the value of an existing key in place (keeping its position) or
   // appends a new entry. Storing null stores the null value; use remove().
-  void set(const Value& key, Value value);
-  void remove(const Value& key);
+  void set(DictionaryKey key, Value value);
+  void remove(DictionaryKey key);
   void removeAll();
   void addEntriesFrom(const Dictionary& other);
 

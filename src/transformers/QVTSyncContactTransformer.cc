@@ -457,6 +457,13 @@ Dictionary QVTSyncContactTransformer::entityToBackRelationShipForMasterEntity(co
   return back;
 }
 
+std::string QVTSyncContactTransformer::backRelationOfEntity(const std::string& entity,
+                                                            const std::string&) {
+  for (const SubRelation& sub : kSubRelations)
+    if (entity == sub.entity) return sub.backRelation;
+  return std::string();
+}
+
 Array QVTSyncContactTransformer::extraKeysForMasterEntity(const std::string&) { return Array(); }
 
 int QVTSyncContactTransformer::comparePhoneNumbers(const Value& left, const Value& right,

@@ -59,6 +59,7 @@ class QVTSyncContactTransformer : public QVTSyncDataClassHelper, public GenericA
   Array masterRelationKeysForMasterEntity(const std::string& masterEntity) override;
   Dictionary relationKeysToSubEntitiesForMasterEntity(const std::string& masterEntity) override;
   Dictionary entityToBackRelationShipForMasterEntity(const std::string& masterEntity) override;
+  std::string backRelationOfEntity(const std::string& entity, const std::string& masterEntity) override;
   Array extraKeysForMasterEntity(const std::string& masterEntity) override;
   // Phone numbers by comparePhoneNumbers; e-mail addresses, URLs and street
   // addresses by compareBasicTypes; a stable order otherwise kept.

@@ -716,10 +716,28 @@ Dictionary QVTSyncEventTransformer::relationKeysToSubEntitiesForMasterEntity(
                     {kCalendarsTaskDisplayAlarms, kCalendarsDisplayAlarm}};
 }
 
+namespace {
+
+// Sub-entity -> the relation by which its records point back to their event or task.
+constexpr std::pair<const char*, const char*> kBackRelations[] = {
+    {kCalendarsRecurrence, kCalendarsRecurrenceOwner},
+    {kCalendarsAudioAlarm, kCalendarsAudioAlarmOwner},
+    {kCalendarsDisplayAlarm, kCalendarsDisplayAlarmOwner},
+};
+
+}  // namespace
+
 Dictionary QVTSyncEventTransformer::entityToBackRelationShipForMasterEntity(const std::string&) {
-  return Dictionary{{kCalendarsRecurrence, kCalendarsRecurrenceOwner},
-                    {kCalendarsAudioAlarm, kCalendarsAudioAlarmOwner},
-                    {kCalendarsDisplayAlarm, kCalendarsDisplayAlarmOwner}};
+  Dictionary back;
+  for (const auto& [entity, relation] : kBackRelations) back.set(entity, relation);
+  return back;
+}
+
+std::string QVTSyncEventTransformer::backRelationOfEntity(const std::string& entity,
+                                                          const std::string&) {
+  for (const auto& [sub, relation] : kBackRelations)
+    if (entity == sub) return relation;
+  return std::string();
 }
 
 Array QVTSyncEventTransformer::extraKeysForMasterEntity(const std::string& masterEntity) {

@@ -111,6 +111,7 @@ class QVTSyncEventTransformer : public QVTSyncDataClassHelper,
   Array masterRelationKeysForMasterEntity(const std::string& masterEntity) override;
   Dictionary relationKeysToSubEntitiesForMasterEntity(const std::string& masterEntity) override;
   Dictionary entityToBackRelationShipForMasterEntity(const std::string& masterEntity) override;
+  std::string backRelationOfEntity(const std::string& entity, const std::string& masterEntity) override;
   Array extraKeysForMasterEntity(const std::string& masterEntity) override;
   void sortRelation(const std::string&, Array&, const Dictionary&, const std::string&) override {}
   void addCustomField(const Value&, const std::string&) override {}

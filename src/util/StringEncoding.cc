@@ -102,10 +102,20 @@ ConverterPtr strictConverter(StringEncoding encoding) {
   return converter;
 }
 
+// ASCII is the bytes below 0x80, the same in UTF-8: a text of those alone is
+// its own encoding, and any other byte (a wider character or a broken
+// sequence) has none. Answered without a converter, as the strict one would.
+std::optional<std::string> asciiOnly(std::string_view text) {
+  for (char c : text)
+    if (static_cast<unsigned char>(c) >= 0x80) return std::nullopt;
+  return std::string(text);
+}
+
 }  // namespace
 
 std::optional<std::string> encodeString(std::string_view text, StringEncoding encoding) {
   if (encoding == StringEncoding::GSM0338) return encodeGSM(text);
+  if (encoding == StringEncoding::ASCII) return asciiOnly(text);
   ConverterPtr converter = strictConverter(encoding);
   if (!converter) return std::nullopt;
   const std::u16string units = toUTF16(text);
@@ -123,6 +133,7 @@ std::optional<std::string> encodeString(std::string_view text, StringEncoding en
 
 std::optional<std::string> decodeString(std::string_view bytes, StringEncoding encoding) {
   if (encoding == StringEncoding::GSM0338) return decodeGSM(bytes);
+  if (encoding == StringEncoding::ASCII) return asciiOnly(bytes);
   ConverterPtr converter = strictConverter(encoding);
   if (!converter) return std::nullopt;
   // Beyond what ICU can count: no conversion, as for bytes not in the encoding.

@@ -128,8 +128,11 @@ std::string uniqueId() { return QVTStringExtensions::uuidString(); }
 std::string stringWithASCIIZ(const char* bytes) { return bytes ? std::string(bytes) : std::string(); }
 
 void qvt_keepKeysFromCollection(Dictionary& dictionary, const Value& collection) {
-  for (const Value& key : dictionary.keys())
-    if (!collectionContains(collection, key)) dictionary.remove(key);
+  // Only the keys that go are gathered: most records keep all of theirs.
+  std::vector<Value> leaving;
+  for (const auto& [key, value] : dictionary)
+    if (!collectionContains(collection, key)) leaving.push_back(key);
+  for (const Value& key : leaving) dictionary.remove(key);
 }
 
 void qvt_removeDuplicates(Array& array) {

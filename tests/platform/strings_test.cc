@@ -105,6 +105,16 @@ TEST(Strings, ReplacesAndTrims) {
   EXPECT_EQ(trimWhitespace("\u00a0\t x y \n\u2028"), "x y");
   EXPECT_EQ(trimCharacters("😀x😀", CharacterSet::characterSetWithCharactersInString("😀")), "x");
   EXPECT_EQ(trimCharacters("123", CharacterSet::decimalDigitCharacterSet()), "");
+  // Multi-byte blanks at both ends, a text of blanks alone, a text without any.
+  const struct {
+    const char* text;
+    const char* trimmed;
+  } cases[] = {
+      {"\u0085\u3000é\u2029", "é"}, {" \u00a0 ", ""}, {"", ""}, {"é x\u00e9", "é xé"},
+      // A broken sequence reads as U+FFFD and is kept; blanks around it go.
+      {" \xff ", "\ufffd"}, {"\xc3 a \xc3", "\ufffd a \ufffd"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(trimWhitespace(c.text), c.trimmed) << c.text;
 }
 
 TEST(CharacterSet, PredefinedSetsHoldTheExpectedCharacters) {

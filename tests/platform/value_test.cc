@@ -154,6 +154,48 @@ TEST(Value, DictionaryLookupsHoldAsItGrowsAndShrinks) {
   }
 }
 
+// A key given as text (a literal, a std::string, a string_view) finds the
+// entry of the string value with that text and no other, below and above
+// the index, and after removals from the middle have moved later entries.
+TEST(Value, TextKeysFindStringKeysOnly) {
+  for (int size : {4, 15, 16, 17, 40}) {
+    Dictionary d;
+    for (int i = 0; i < size; ++i) d.set(Value("k" + std::to_string(i)), i);
+    d.set(Value(7), "number seven");
+    d.set("7", "text seven");
+    for (int i = 1; i < size; i += 3) d.remove(std::string_view("k" + std::to_string(i)));
+    const std::string seven = "7";
+    EXPECT_EQ(d.get(Value(7)), Value("number seven")) << size;
+    EXPECT_EQ(d.get(seven), Value("text seven")) << size;
+    EXPECT_EQ(d.get(std::string_view(seven)), d.get(Value(seven))) << size;
+    for (int i = 0; i < size; ++i) {
+      const std::string key = "k" + std::to_string(i);
+      const bool kept = i % 3 != 1;
+      EXPECT_EQ(d.contains(key.c_str()), kept) << size << " " << key;
+      EXPECT_EQ(d.contains(Value(key)), kept) << size << " " << key;
+      if (kept) {
+        EXPECT_EQ(d.getInteger(key, -1), i) << size << " " << key;
+      }
+    }
+    EXPECT_FALSE(d.contains("")) << size;
+  }
+}
+
+// A date held in a value reads back as the same date in the same zone;
+// copies of the value (and deep copies of its record) compare and hash alike.
+TEST(Value, DatesReadBackThroughCopies) {
+  const CalendarDate start = CalendarDate::dateWithYear(2026, 3, 29, 2, 30, 0);
+  const Dictionary record{{"startDate", Value(start)}, {"summary", "Walk"}};
+  const Dictionary deep = record.deepCopy();
+  ASSERT_NE(deep.get("startDate").asDate(), nullptr);
+  EXPECT_EQ(deep.get("startDate").date(), start);
+  EXPECT_EQ(deep.get("startDate").date().description(), start.description());
+  EXPECT_EQ(Value(deep), Value(record));
+  EXPECT_EQ(Value(deep).hash(), Value(record).hash());
+  EXPECT_NE(Value(start.dateByAddingYears(0, 0, 0, 0, 0, 1)), record.get("startDate"));
+  EXPECT_THROW(record.get("summary").date(), Exception);
+}
+
 TEST(Value, EqualityIgnoresDictionaryOrderAndHashesAgree) {
   Dictionary a{{"x", 1}, {"y", Array{1, "two", Dictionary{{"z", 3.0}}}}};
   Dictionary b{{"y", Array{true, "two", Dictionary{{"z", 3}}}}, {"x", 1.0}};

@@ -1,6 +1,10 @@
 #include "util/QVTStringExtensions.h"
 
 #include <sys/mman.h>
+#include <unicode/translit.h>
+
+#include <memory>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -67,6 +71,26 @@ TEST(Encodings, LossyForms) {
   EXPECT_EQ(stringWithUTF8Conversion("é-a€"), "-a");
 }
 
+// ASCII texts are returned as they are: ICU's own transliteration, the
+// oracle, leaves every one of the 128 characters alone, alone and in runs.
+TEST(Encodings, LossyFormLeavesASCIIAsTheTransliterationDoes) {
+  UErrorCode status = U_ZERO_ERROR;
+  std::unique_ptr<icu::Transliterator> oracle(
+      icu::Transliterator::createInstance("Any-Latin; Latin-ASCII", UTRANS_FORWARD, status));
+  ASSERT_TRUE(U_SUCCESS(status));
+  std::string all;
+  for (int c = 0; c < 0x80; ++c) all += static_cast<char>(c);
+  std::vector<std::string> texts{all, "", "Jean-Marc O'Neil, 12 rue X; tel. +33 (0)1"};
+  for (int c = 0; c < 0x80; ++c) texts.push_back(std::string(2, static_cast<char>(c)) + "a");
+  for (const std::string& text : texts) {
+    icu::UnicodeString expected = icu::UnicodeString::fromUTF8(text);
+    oracle->transliterate(expected);
+    std::string expectedText;
+    expected.toUTF8String(expectedText);
+    EXPECT_EQ(stringWithLossyASCIIConversion(text), expectedText) << text;
+  }
+}
+
 struct Lossless {
   const char* text;
   StringEncoding encoding;
@@ -79,10 +103,17 @@ TEST(Encodings, LosslessEncodingDependsOnTheRepertoire) {
       {"€", StringEncoding::ISOLatin1, false},       {"€œ", StringEncoding::WindowsCP1252, true},
       {"😀", StringEncoding::UTF16BigEndian, true},  {"\xff", StringEncoding::UTF8, false},
       {"Ça va 5€ {ok} ΔΩ", StringEncoding::GSM0338, true}, {"ç", StringEncoding::GSM0338, false},
+      // ASCII: every byte below 0x80, control characters included; a
+      // broken sequence is not a character of any repertoire.
+      {"plain \t\x7f~", StringEncoding::ASCII, true},  {"", StringEncoding::ASCII, true},
+      {"a\xc3", StringEncoding::ASCII, false},        {"\x80", StringEncoding::ASCII, false},
+      {"a\xc3", StringEncoding::ISOLatin1, false},
   };
   for (const Lossless& c : cases)
     EXPECT_EQ(qvt_canReallyBeEncodedLosslessInEncoding(c.text, c.encoding), c.lossless)
         << c.text << " in " << static_cast<int>(c.encoding);
+  EXPECT_EQ(encodeString(std::string("a\0b", 3), StringEncoding::ASCII), std::string("a\0b", 3));
+  EXPECT_EQ(decodeString("\xe9", StringEncoding::ASCII), std::nullopt);
 }
 
 TEST(CharacterSets, DeleteReplaceAndCount) {
