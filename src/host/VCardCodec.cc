@@ -98,15 +98,6 @@ std::string typeForTokens(const SubRecordKind& kind, const Tokens& tokens,
 
 bool fitsParameter(std::string_view value) { return isPlainParameter(value); }
 
-std::string photoType(const std::string& bytes) {
-  auto starts = [&](std::string_view magic) { return bytes.compare(0, magic.size(), magic) == 0; };
-  if (starts("\xff\xd8")) return "JPEG";
-  if (starts("\x89PNG")) return "PNG";
-  if (starts("GIF8")) return "GIF";
-  if (starts("BM")) return "BMP";
-  return std::string();
-}
-
 std::string stringField(const Dictionary& record, std::string_view key) {
   const Value* value = record.find(std::string(key));
   return value && value->isString() ? value->string() : std::string();
@@ -208,7 +199,7 @@ void VCardCodec::writeEntry(ContentWriter& out, const PhoneStoreRecord& record) 
   if (const Value* image = fields.find("image"); image && image->isData()) {
     const std::string bytes = image->data().asString();
     std::vector<ContentParameter> parameters;
-    if (std::string type = photoType(bytes); !type.empty()) parameters.push_back({"TYPE", type});
+    if (std::string type = photoTypeOfBytes(bytes); !type.empty()) parameters.push_back({"TYPE", type});
     out.binary("PHOTO", parameters, bytes);
     written.insert("image");
   }

@@ -670,15 +670,6 @@ std::string escapeAddress(std::string_view value) {
   return out;
 }
 
-std::string photoType(const std::string& bytes) {
-  auto starts = [&](std::string_view magic) { return bytes.compare(0, magic.size(), magic) == 0; };
-  if (starts("\xff\xd8")) return "JPEG";
-  if (starts("\x89PNG")) return "PNG";
-  if (starts("GIF8")) return "GIF";
-  if (starts("BM")) return "BMP";
-  return std::string();
-}
-
 void CardWriter::sub(Kind kind, const Dictionary& record) {
   const std::string type = stringField(record, "type");
   const std::string label = stringField(record, "label");
@@ -784,7 +775,7 @@ void CardWriter::write(const std::string& identifier, const Dictionary& record) 
   if (const Value* image = record.find(kImageKey); image && image->isData() && !image->data().empty()) {
     const std::string bytes = image->data().asString();
     std::vector<ContentParameter> parameters;
-    if (std::string type = photoType(bytes); !type.empty()) parameters.push_back({"TYPE", type});
+    if (std::string type = photoTypeOfBytes(bytes); !type.empty()) parameters.push_back({"TYPE", type});
     _out.binary("", "PHOTO", parameters, bytes);
   }
   _out.end("VCARD");

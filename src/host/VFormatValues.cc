@@ -114,6 +114,14 @@ std::optional<CalendarDate> readVDate(std::string_view text, const TimeZonePtr& 
   return date;
 }
 
+std::string photoTypeOfBytes(std::string_view bytes) {
+  if (bytes.starts_with("\xff\xd8")) return "JPEG";
+  if (bytes.starts_with("\x89PNG")) return "PNG";
+  if (bytes.starts_with("GIF8")) return "GIF";
+  if (bytes.starts_with("BM")) return "BMP";
+  return std::string();
+}
+
 bool isPlainParameter(std::string_view value) {
   return !value.empty() && value.find_first_of(";:\"=,\r\n") == std::string_view::npos &&
          value.front() != ' ' && value.back() != ' ' && value.front() != '\t' && value.back() != '\t';

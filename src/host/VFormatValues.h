@@ -48,6 +48,9 @@ bool isWithinWritableYears(const CalendarDate& date);
 std::optional<CalendarDate> readVDate(std::string_view text, const TimeZonePtr& zone, std::string& problem);
 // Whether a text can be a 2.1 parameter value as it is, and read back the same.
 bool isPlainParameter(std::string_view value);
+// The TYPE of a photo by its first bytes ("JPEG", "PNG", "GIF", "BMP"), or
+// empty when they name none of those.
+std::string photoTypeOfBytes(std::string_view bytes);
 
 // Whether a record date stands for a whole day: 12:00:00 in the zone GMT.
 bool isDayAnchor(const CalendarDate& date);
