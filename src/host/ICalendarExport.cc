@@ -22,6 +22,11 @@
 namespace pc {
 namespace {
 
+// 1901-01-01 and 2037-01-01 (seconds since 1970): libical's zone data
+// describes the years between.
+constexpr double kFirstYearOfZoneData = -2177452800.0;
+constexpr double kLastYearOfZoneData = 2114380800.0;
+
 std::string upperStatus(const std::string& value) {
   if (value == "needsaction") return "NEEDS-ACTION";
   if (value == "inprocess") return "IN-PROCESS";
@@ -212,14 +217,18 @@ void Exporter::writeZones() {
       if (icalcomponent* described = icaltimezone_get_component(builtin)) {
         zone = icalcomponent_new_clone(described);
         // The zone's history from a year before its first date on: what a
-        // reader needs, without the century of changes before it.
-        struct icaltimetype from =
-            icaltime_from_timet_with_zone(static_cast<time_t>(earliest), 0, icaltimezone_get_utc_timezone());
-        from.year -= 1;
-        from.month = 1;
-        from.day = 1;
-        from.hour = from.minute = from.second = 0;
-        icaltimezone_truncate_vtimezone(zone, from, icaltime_null_time(), 0);
+        // reader needs, without the century of changes before it. Dates past
+        // the years libical's zone data describes keep the whole history, as
+        // cutting it there leaves no observance to read the date with.
+        if (earliest > kFirstYearOfZoneData && earliest < kLastYearOfZoneData) {
+          struct icaltimetype from =
+              icaltime_from_timet_with_zone(static_cast<time_t>(earliest), 0, icaltimezone_get_utc_timezone());
+          from.year -= 1;
+          from.month = 1;
+          from.day = 1;
+          from.hour = from.minute = from.second = 0;
+          icaltimezone_truncate_vtimezone(zone, from, icaltime_null_time(), 0);
+        }
       }
     if (!zone) {
       // A fixed offset: one STANDARD observance.

@@ -34,6 +34,9 @@
 namespace pc {
 namespace {
 
+// The last year libical writes a date of.
+constexpr int kLastWritableYear = 3000;
+
 constexpr int kDay = 86400;
 
 struct ComponentDeleter {
@@ -154,7 +157,13 @@ class Importer {
 };
 
 std::optional<CalendarDate> Importer::date(icalproperty* p, struct icaltimetype t, std::size_t line, bool* isDay) {
-  if (icaltime_is_null_time(t) || !icaltime_is_valid_time(t) || t.year < 1 || t.year > 9999) return std::nullopt;
+  if (icaltime_is_null_time(t) || !icaltime_is_valid_time(t)) return std::nullopt;
+  // The parser takes "29996183" as the 61st month of 2999; the date read is
+  // where that lands. libical writes no year past 3000, so such a date could
+  // not be exported.
+  if (!t.is_date) t = icaltime_normalize(t);
+  else if (t.month < 1 || t.month > 12 || t.day < 1 || t.day > icaltime_days_in_month(t.month, t.year)) return std::nullopt;
+  if (t.year < 1 || t.year > kLastWritableYear) return std::nullopt;
   if (isDay) *isDay = t.is_date != 0;
   if (t.is_date) return CalendarDate::dateWithYear(t.year, t.month, t.day, 12, 0, 0, TimeZone::gmt());
   if (icaltime_is_utc(t))

@@ -474,8 +474,12 @@ class Reader {
         std::uint32_t code = 0;
         const auto [last, ec] =
             std::from_chars(_xml.data() + digits, _xml.data() + std::min(end, _xml.size()), code, hex ? 16 : 10);
-        if (end != std::string_view::npos && ec == std::errc() && last == _xml.data() + end &&
-            !isXMLCharacter(static_cast<std::int32_t>(std::min<std::uint32_t>(code, 0x7FFFFFFF)))) {
+        // A reference whose digits overflow names no character either (the
+        // parser would otherwise turn it into bytes that are not UTF-8).
+        const bool complete = end != std::string_view::npos && last == _xml.data() + end;
+        if (complete && (ec == std::errc::result_out_of_range ||
+                         (ec == std::errc() &&
+                          !isXMLCharacter(static_cast<std::int32_t>(std::min<std::uint32_t>(code, 0x7FFFFFFF)))))) {
           fail(static_cast<std::ptrdiff_t>(at),
                fmt::format("{} is not a character a property list can hold",
                            _xml.substr(at, end + 1 - at)));
