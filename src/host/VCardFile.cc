@@ -554,7 +554,7 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
                                             "title", "suffix"};
   for (std::size_t i = 0; i < names.size(); ++i)
     if (!names[i].empty()) _record.set(nameKeys[i], names[i]);
-  if (!hasName && !formattedName.empty() && formattedName != stringField(_record, kContactsContactCompanyName))
+  if (!hasName && !formattedName.empty() && formattedName != trimmed(stringField(_record, kContactsContactCompanyName)))
     _record.set(kContactsContactLastName, formattedName);
 
   for (std::size_t kind = 0; kind < _subs.size(); ++kind) {
