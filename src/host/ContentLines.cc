@@ -396,31 +396,51 @@ std::string decodedText(const ContentLine& line, std::string* problem) {
   return convertToUTF8(bytes, "windows-1252").value_or(std::string());
 }
 
-std::vector<std::string> splitStructured(std::string_view value, char separator, bool newlines) {
-  std::vector<std::string> parts(1);
+namespace {
+
+// Reads text escapes (\; \, \\ \: and, when newlines, \n): each character
+// goes to onChar with whether it was escaped, so that a caller splitting on a
+// separator splits only on one that was not.
+template <class OnChar>
+void unescapeEach(std::string_view value, bool newlines, OnChar onChar) {
   for (std::size_t i = 0; i < value.size(); ++i) {
     const char c = value[i];
     if (c == '\\' && i + 1 < value.size()) {
       const char next = value[i + 1];
       if (next == ';' || next == ',' || next == '\\' || next == ':') {
-        parts.back() += next;
+        onChar(next, true);
         ++i;
         continue;
       }
       if (newlines && (next == 'n' || next == 'N')) {
-        parts.back() += '\n';
+        onChar('\n', true);
         ++i;
         continue;
       }
     }
-    if (c == separator) parts.emplace_back();
-    else parts.back() += c;
+    onChar(c, false);
   }
+}
+
+}  // namespace
+
+std::vector<std::string> splitStructured(std::string_view value, char separator, bool newlines) {
+  std::vector<std::string> parts(1);
+  unescapeEach(value, newlines, [&](char c, bool escaped) {
+    if (!escaped && c == separator) {
+      parts.emplace_back();
+    } else {
+      parts.back() += c;
+    }
+  });
   return parts;
 }
 
 std::string unescapeText(std::string_view value) {
-  return splitStructured(value, '\0', true).front();
+  std::string out;
+  out.reserve(value.size());
+  unescapeEach(value, true, [&](char c, bool) { out += c; });
+  return out;
 }
 
 std::string base64Encode(std::string_view bytes) {

@@ -205,6 +205,8 @@ TEST(ContentValueTest, StructuredValuesAndEncodings) {
   EXPECT_EQ(splitStructured("a;b\\;c;;"), (std::vector<std::string>{"a", "b;c", "", ""}));
   EXPECT_EQ(splitStructured(joinComponents({"x\\;", "", "y"})), (std::vector<std::string>{"x\\;", "", "y"}));
   EXPECT_EQ(unescapeText("a\\nb\\, c\\\\"), "a\nb, c\\");
+  // A NUL in a value is a character like any other, not where the text ends.
+  EXPECT_EQ(unescapeText(std::string_view("a\0b\\;", 5)), std::string("a\0b;", 4));
   EXPECT_EQ(quotedPrintableDecode("a=3Db=ZZ="), "a=b=ZZ=");
   for (std::string bytes : {"", "f", "fo", "foo", "foob"}) EXPECT_EQ(base64Decode(base64Encode(bytes)), bytes);
   EXPECT_FALSE(base64Decode("ab!c"));
