@@ -68,7 +68,7 @@ fuzz: fuzz-build
 	@FUZZ_SECONDS=$(FUZZ_SECONDS) ./scripts/fuzz $(FUZZBUILD)
 
 fuzz-short: fuzz-build
-	@FUZZ_RUNS=10 ./scripts/fuzz $(FUZZBUILD)
+	@FUZZ_RUNS=20 ./scripts/fuzz $(FUZZBUILD)
 
 clean:
 	rm -rf $(BUILD) $(SANBUILD) $(TSANBUILD) $(FUZZBUILD)
