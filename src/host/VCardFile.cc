@@ -476,10 +476,11 @@ std::optional<Dictionary> CardReader::read(std::string& uid, std::string& why) {
       if (!categories.empty()) _record.set("categories", categories);
     } else if (name == "TEL" || name == "EMAIL" || name == "URL") {
       std::string value = trimmed(text(line));
-      // A number given as an address ("VALUE=uri:tel:+1...") loses its scheme.
+      // A number given as an address ("VALUE=uri:tel:+1...") loses its scheme,
+      // and the spaces after it, as a number written plainly would.
       const std::optional<std::string> valueKind = line.parameter("VALUE");
       if (name == "TEL" && valueKind && lowerAscii(*valueKind) == "uri" && lowerAscii(std::string_view(value).substr(0, 4)) == "tel:")
-        value.erase(0, 4);
+        value = trimmed(std::string_view(value).substr(4));
       if (value.empty()) continue;
       Dictionary sub;
       if (name == "URL") sub.set("value", URL(value));
