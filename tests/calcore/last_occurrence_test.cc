@@ -15,7 +15,6 @@
 
 #include <fmt/format.h>
 
-#include "calcore/CALDateOnly.h"
 #include "calcore/CALEventExploder.h"
 #include "calcore/CALFloatingDateTime.h"
 #include "calcore/CalendarDateExtension.h"
@@ -207,30 +206,6 @@ TEST(LastOccurrenceTest, FindsDaysThatSpillFromTheYearBefore) {
     ASSERT_FALSE(all.empty());
     EXPECT_EQ(text(CALEventExploder::lastDateProducedForRecurrence(recurrence, event)), text(all.back()))
         << fmt::format("{}", recurrence);
-  }
-}
-
-// Time parts are not read from engine records: rules with them are built here.
-TEST(LastOccurrenceTest, AgreesWithTheFullExpansionOfTimeParts) {
-  Generator generator(11);
-  for (int i = 0; i < 400; ++i) {
-    const TimeZonePtr zone = zoneNamed(kZones[generator.between(0, std::size(kZones) - 1)]);
-    const CALDateRef start = CALDate::CALDateFromCalendarDate(generator.date(zone, 2023, 2025), false);
-    const CALDateRef until = start->dateByAddingYears(0, 0, generator.between(0, 120), generator.between(-5, 5), 0, 0);
-    auto make = [&](unsigned seed) {
-      std::unique_ptr<CALRecurrenceRule> rule = CALEventExploder::frequencyTable().at(kFrequencies[seed % 4])();
-      rule->setUntilDate(until.get()).setInterval(static_cast<int>(seed / 4 % 3) + 1);
-      rule->setByHour(std::vector<int>{1, 2, static_cast<int>(seed % 24)});
-      if (seed % 3 == 0) rule->setByMinute(std::vector<int>{0, 30});
-      if (seed % 5 == 0) rule->setBySetpos(std::vector<int>{-1});
-      return rule;
-    };
-    const auto seed = static_cast<unsigned>(generator.between(0, 1000));
-    const CALTimeRange range(start->dateByAddingYears(0, 0, -1, 0, 0, 0).get(),
-                             until->dateByAddingYears(0, 0, 1, 0, 0, 0).get());
-    const CALDateList all = make(seed)->occurrencesOnTimeRange(range, *start);
-    ASSERT_EQ(text(make(seed)->lastOccurrenceOnTimeRange(range, *start)), text(all.empty() ? nullptr : all.back()))
-        << "seed " << seed << " start " << text(start) << " until " << text(until);
   }
 }
 
