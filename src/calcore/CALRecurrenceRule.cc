@@ -313,14 +313,15 @@ CALDateRef CALRecurrenceRule::lastOccurrenceOnTimeRange(const CALTimeRange& rang
   // The full expansion answers the sorted real occurrences that lie in the
   // request (end excluded). The real occurrences end with the rule or before
   // the request's end, so the last one is the answer unless it lies before
-  // the request; the expansion itself settles any other case.
+  // the request; the listed occurrences settle any other case.
   CALDateRef last = _lastRealOccurrence(request, recurrenceStart);
   if (!last || last->isBefore(request.startDate())) return nullptr;
-  if (request.endDate() && !last->isBefore(request.endDate())) {
-    const CALDateList dates = occurrencesOnTimeRange(range, recurrenceStart);
-    return dates.empty() ? nullptr : dates.back();
-  }
-  return last;
+  if (!request.endDate() || last->isBefore(request.endDate())) return last;
+  CALDateList dates = realOccurrencesOnTimeRange(request, recurrenceStart);
+  sortDates(dates);
+  for (auto date = dates.rbegin(); date != dates.rend(); ++date)
+    if (request.includesDateExcludingEndDate(date->get())) return *date;
+  return nullptr;
 }
 
 CALDateRef CALRecurrenceRule::_lastRealOccurrence(const CALTimeRange& requested, const CALDate& start) {

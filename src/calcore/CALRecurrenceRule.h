@@ -119,8 +119,9 @@ class CALRecurrenceRule : public Object {
   // The last of the dates occurrencesOnTimeRange() answers, or null when it
   // answers none. The periods are walked back from the end of the range (or
   // of the rule) and the walk stops once no earlier period can hold a later
-  // date, so a long rule costs its last periods, not all of them. The cache
-  // is neither read nor filled.
+  // date, so a long rule costs its last periods, not all of them. The date
+  // cache is left as it is (a counted rule's end date is cached as for any
+  // expansion).
   CALDateRef lastOccurrenceOnTimeRange(const CALTimeRange& range, const CALDate& recurrenceStart);
   // The last occurrence of a counted rule; null when the rule is not counted
   // or its count is not reached before 2050.
