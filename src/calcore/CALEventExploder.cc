@@ -208,26 +208,49 @@ Array CALEventExploder::eventsForDates(const CALDateList& dates) const {
   return events;
 }
 
-CALDateList CALEventExploder::datesProducedForRecurrence(const Dictionary& recurrence, const Dictionary& event) {
+std::optional<CALTimeRange> CALEventExploder::_boundedRecurrenceRange(const Dictionary& recurrence,
+                                                                     const Dictionary& event, bool allDay) {
   const CalendarDate* startValue = dateOf(event, kCalendarsEventStartDate);
-  if (!startValue) {
+  const CalendarDate* untilValue = dateOf(recurrence, kCalendarsRecurrenceUntil);
+  const CALDateRef start = CALDate::CALDateFromCalendarDate(*startValue, allDay);
+  const CALDateRef until = CALDate::CALDateFromCalendarDate(*untilValue, allDay);
+  if (!QVT_CHECK(start && until)) return std::nullopt;
+  // The start is an occurrence even when the until date comes before it.
+  const CALDate& last = until->isBefore(start.get()) ? *start : *until;
+  return CALTimeRange(start->dateByAddingYears(0, 0, -1, 0, 0, 0).get(),
+                      last.dateByAddingYears(0, 0, 1, 0, 0, 0).get());
+}
+
+CALDateList CALEventExploder::datesProducedForRecurrence(const Dictionary& recurrence, const Dictionary& event) {
+  if (!dateOf(event, kCalendarsEventStartDate)) {
     QVT_LOG(kLogWarning, exploderLogDomain(), "Event without Start Date: {}", event);
     return {};
   }
-  const CalendarDate* untilValue = dateOf(recurrence, kCalendarsRecurrenceUntil);
-  if (!untilValue) {
+  if (!dateOf(recurrence, kCalendarsRecurrenceUntil)) {
     QVT_LOG(kLogWarning, exploderLogDomain(), "Recurrence without Count nor Until date: {}", recurrence);
     return {};
   }
   CALEventExploder exploder(event, recurrence);
+  const std::optional<CALTimeRange> range = _boundedRecurrenceRange(recurrence, event, exploder.allDay());
+  if (!range) return {};
+  return exploder.produceDatesForTimeRange(*range, nullptr, std::string(), true);
+}
+
+CALDateRef CALEventExploder::lastDateProducedForRecurrence(const Dictionary& recurrence, const Dictionary& event) {
+  const CalendarDate* startValue = dateOf(event, kCalendarsEventStartDate);
+  if (!startValue) {
+    QVT_LOG(kLogWarning, exploderLogDomain(), "Event without Start Date: {}", event);
+    return nullptr;
+  }
+  if (!dateOf(recurrence, kCalendarsRecurrenceUntil)) {
+    QVT_LOG(kLogWarning, exploderLogDomain(), "Recurrence without Count nor Until date: {}", recurrence);
+    return nullptr;
+  }
+  CALEventExploder exploder(event, recurrence);
+  const std::optional<CALTimeRange> range = _boundedRecurrenceRange(recurrence, event, exploder.allDay());
   const CALDateRef start = CALDate::CALDateFromCalendarDate(*startValue, exploder.allDay());
-  const CALDateRef until = CALDate::CALDateFromCalendarDate(*untilValue, exploder.allDay());
-  if (!QVT_CHECK(start && until)) return {};
-  // The start is an occurrence even when the until date comes before it.
-  const CALDate& last = until->isBefore(start.get()) ? *start : *until;
-  const CALTimeRange range(start->dateByAddingYears(0, 0, -1, 0, 0, 0).get(),
-                           last.dateByAddingYears(0, 0, 1, 0, 0, 0).get());
-  return exploder.produceDatesForTimeRange(range, nullptr, std::string(), true);
+  if (!range || !QVT_CHECK(start)) return nullptr;
+  return exploder._rule->lastOccurrenceOnTimeRange(*range, *start);
 }
 
 Dictionary CALEventExploder::convertRuleFromUntilDateToCount(Dictionary recurrence, const Dictionary& event) {
@@ -249,10 +272,9 @@ Dictionary CALEventExploder::convertRuleFromUntilDateToLastOcurrenceDate(Diction
     QVT_LOG(kLogWarning, exploderLogDomain(), "start date for event {} !", event);
     return recurrence;
   }
-  const CALDateList dates = datesProducedForRecurrence(recurrence, event);
-  if (!dates.empty())
-    recurrence.set(kCalendarsRecurrenceUntil,
-                   untilValueFor(*dates.back(), event.get(kCalendarsEventAllDay).boolValue()));
+  // Only the last date is needed: it is found from the until date backwards.
+  if (const CALDateRef last = lastDateProducedForRecurrence(recurrence, event))
+    recurrence.set(kCalendarsRecurrenceUntil, untilValueFor(*last, event.get(kCalendarsEventAllDay).boolValue()));
   return recurrence;
 }
 

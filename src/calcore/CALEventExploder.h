@@ -58,6 +58,9 @@ class CALEventExploder : public Object {
   static Dictionary convertRuleFromCountToUntilDate(Dictionary recurrence, const Dictionary& event);
   // Every date of a recurrence bounded by an until date, exceptions ignored.
   static CALDateList datesProducedForRecurrence(const Dictionary& recurrence, const Dictionary& event);
+  // The last of those dates, found from the until date backwards without
+  // listing the others; null (logged as there) when there are none.
+  static CALDateRef lastDateProducedForRecurrence(const Dictionary& recurrence, const Dictionary& event);
   static std::size_t datesProducedCountForRecurrence(const Dictionary& recurrence, const Dictionary& event) {
     return datesProducedForRecurrence(recurrence, event).size();
   }
@@ -70,6 +73,11 @@ class CALEventExploder : public Object {
 
  private:
   void _readRuleParts();
+  // The range that datesProducedForRecurrence() expands, from the day before
+  // the start to the day after the until date (or the start when the until
+  // date comes before it); nullopt, logged, without either date.
+  static std::optional<CALTimeRange> _boundedRecurrenceRange(const Dictionary& recurrence,
+                                                             const Dictionary& event, bool allDay);
 
   Dictionary _event;
   Dictionary _recurrence;

@@ -111,7 +111,7 @@ CALTimeRangeList CALMonthlyRecurrence::matchingMonthsOnTimeRangeArray(const CALT
   // Unlike days and weeks, a month that begins exactly at the last instant
   // is not walked: an until date (or last counted occurrence) at 00:00:00
   // on the 1st ends the rule with the month before.
-  return _walkPeriods(spans, start, true);
+  return _walkPeriods(spans, start);
 }
 
 std::int64_t CALMonthlyRecurrence::_periodIndex(const CALDate& date) const {

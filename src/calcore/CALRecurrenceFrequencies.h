@@ -87,6 +87,7 @@ class CALMonthlyRecurrence : public CALRecurrenceRule {
   CALTimeRangeList _matchingPeriods(const CALTimeRangeList& spans, const CALDate& start) const override {
     return matchingMonthsOnTimeRangeArray(spans, start);
   }
+  bool _walkEndsStrictly() const override { return true; }
   std::int64_t _periodIndex(const CALDate& date) const override;
   CALTimeRange _periodSpan(std::int64_t index) const override;
   CALTimeRangeList _daySpansOfPeriod(const CALTimeRange& period, const CALDate& start) const override;

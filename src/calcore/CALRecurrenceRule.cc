@@ -239,16 +239,17 @@ CALTimeRange CALRecurrenceRule::_daysSpan(std::int64_t firstDay, std::int64_t la
 
 // --- Occurrences ------------------------------------------------------------------
 
+CALTimeRange CALRecurrenceRule::_requestFor(const CALTimeRange& range, const CALDate& start) const {
+  if (!dynamic_cast<const CALFloatingDateTime*>(&start)) return _requestFrom(range, start);
+  auto floating = [](const CALDate* d) -> CALDateRef {
+    return d ? CALDate::dateWithDate<CALFloatingDateTime>(*d) : nullptr;
+  };
+  return _requestFrom(CALTimeRange(floating(range.startDate()).get(), floating(range.endDate()).get()), start);
+}
+
 CALDateList CALRecurrenceRule::occurrencesOnTimeRange(const CALTimeRange& range,
                                                       const CALDate& recurrenceStart) {
-  CALTimeRange request = range;
-  if (dynamic_cast<const CALFloatingDateTime*>(&recurrenceStart)) {
-    auto floating = [](const CALDate* d) -> CALDateRef {
-      return d ? CALDate::dateWithDate<CALFloatingDateTime>(*d) : nullptr;
-    };
-    request = CALTimeRange(floating(range.startDate()).get(), floating(range.endDate()).get());
-  }
-  request = _requestFrom(request, recurrenceStart);
+  const CALTimeRange request = _requestFor(range, recurrenceStart);
   // Endless occurrences cannot be listed, nor the range marked as cached.
   if (!request.endDate() && !_hasOwnEnd(recurrenceStart))
     return realOccurrencesOnTimeRange(request, recurrenceStart);
@@ -302,6 +303,81 @@ CALDateList CALRecurrenceRule::realOccurrencesOnTimeRange(const CALTimeRange& re
   return dates;
 }
 
+CALDateRef CALRecurrenceRule::lastOccurrenceOnTimeRange(const CALTimeRange& range,
+                                                     const CALDate& recurrenceStart) {
+  const CALTimeRange request = _requestFor(range, recurrenceStart);
+  if (!request.endDate() && !_hasOwnEnd(recurrenceStart)) {
+    const CALDateList dates = realOccurrencesOnTimeRange(request, recurrenceStart);
+    return dates.empty() ? nullptr : dates.back();
+  }
+  // The full expansion answers the sorted real occurrences that lie in the
+  // request (end excluded). The real occurrences end with the rule or before
+  // the request's end, so the last one is the answer unless it lies before
+  // the request; the listed occurrences settle any other case.
+  CALDateRef last = _lastRealOccurrence(request, recurrenceStart);
+  if (!last || last->isBefore(request.startDate())) return nullptr;
+  if (!request.endDate() || last->isBefore(request.endDate())) return last;
+  CALDateList dates = realOccurrencesOnTimeRange(request, recurrenceStart);
+  sortDates(dates);
+  for (auto date = dates.rbegin(); date != dates.rend(); ++date)
+    if (request.includesDateExcludingEndDate(date->get())) return *date;
+  return nullptr;
+}
+
+CALDateRef CALRecurrenceRule::_lastRealOccurrence(const CALTimeRange& requested, const CALDate& start) {
+  // The same bounds as realOccurrencesOnTimeRange().
+  CALTimeRange range = requested;
+  if (dynamic_cast<const CALDateTime*>(&start)) {
+    auto inStartZone = [&](const CALDate* date) -> CALDateRef {
+      if (!date) return nullptr;
+      CALDateRef copy = date->copy();
+      copy->setTimeZone(start.timeZone());
+      return copy;
+    };
+    range = CALTimeRange(inStartZone(requested.startDate()).get(), inStartZone(requested.endDate()).get());
+  }
+  const CALDate* generationStart =
+      range.startDate() && range.startDate()->isAfter(&start) ? range.startDate() : &start;
+  const CALDateRef end = realEndDateOnTimeRange(range, start);
+  const bool excludingEnd = end && range.endDate() && end->isEqualToDate(range.endDate());
+  if (end && generationStart->isBeforeOrEqual(end.get()))
+    if (CALDateRef last = _lastOccurrenceInWindow(CALTimeRange(generationStart, end.get()), start, excludingEnd))
+      return last;
+  // Every generated date comes at or after the start: the start is the last
+  // only when nothing was generated.
+  if (CALTimeRange(generationStart, range.endDate()).includesDateExcludingEndDate(&start)) return start.copy();
+  return nullptr;
+}
+
+CALDateRef CALRecurrenceRule::_lastOccurrenceInWindow(const CALTimeRange& window, const CALDate& start,
+                                                      bool excludingEnd) const {
+  std::int64_t first = 0, last = 0;
+  if (!_walkBounds({window}, start, &first, &last)) return nullptr;
+  // A period's dates may spill a few days past its end (a yearly rule's
+  // last week, or its day 0, the next 1 January); a week is the most.
+  constexpr std::int64_t kSpillDays = 8;
+  const std::int64_t step = std::max(1, _interval);
+  CALDateRef best;
+  std::int64_t bestDay = 0;
+  for (std::int64_t index = first + (last - first) / step * step; index >= first; index -= step) {
+    const CALTimeRange period = _periodSpan(index);
+    if (best && _localDay(*period.endDate()) + kSpillDays < bestDay) break;
+    if (!window.intersectsTimeRange(period)) continue;
+    const CALDateList dates = _occurrencesInPeriod(period, start);
+    // Sorted: the latest date inside the window is the last one the filter keeps.
+    for (auto date = dates.rbegin(); date != dates.rend(); ++date) {
+      if (!(excludingEnd ? window.includesDateExcludingEndDate(date->get()) : window.includesDate(date->get())))
+        continue;
+      if (!best || best->isBefore(date->get())) {
+        best = *date;
+        bestDay = _localDay(*best);
+      }
+      break;
+    }
+  }
+  return best;
+}
+
 CALDateList CALRecurrenceRule::_occurrencesInPeriod(const CALTimeRange& period,
                                                     const CALDate& start) const {
   CALDateList dates = generateTimeRulePartOnArray(_daySpansOfPeriod(period, start), start);
@@ -309,25 +385,32 @@ CALDateList CALRecurrenceRule::_occurrencesInPeriod(const CALTimeRange& period,
   return filterBySetpos(dates);
 }
 
-CALTimeRangeList CALRecurrenceRule::_walkPeriods(const CALTimeRangeList& spans, const CALDate& start,
-                                                 bool strictEnd) const {
-  CALTimeRangeList periods;
+bool CALRecurrenceRule::_walkBounds(const CALTimeRangeList& spans, const CALDate& start, std::int64_t* first,
+                                    std::int64_t* last) const {
   const CALDate* earliest = nullptr;
   const CALDate* latest = nullptr;
   for (const CALTimeRange& span : spans) {
-    if (!bounded(span)) return periods;
+    if (!bounded(span)) return false;
     if (!earliest || span.startDate()->isBefore(earliest)) earliest = span.startDate();
     if (!latest || span.endDate()->isAfter(latest)) latest = span.endDate();
   }
-  if (!earliest) return periods;
+  if (!earliest) return false;
   const std::int64_t step = std::max(1, _interval);
   const std::int64_t origin = _periodIndex(start);
   const std::int64_t from = _periodIndex(*earliest);
-  std::int64_t last = _periodIndex(*latest);
-  if (strictEnd && !_periodSpan(last).startDate()->isBefore(latest)) --last;
-  // Jump straight to the last period of the interval's grid before the spans.
-  for (std::int64_t index = from > origin ? origin + (from - origin) / step * step : origin; index <= last;
-       index += step) {
+  *last = _periodIndex(*latest);
+  if (_walkEndsStrictly() && !_periodSpan(*last).startDate()->isBefore(latest)) --*last;
+  // The last period of the interval's grid before the spans.
+  *first = from > origin ? origin + (from - origin) / step * step : origin;
+  return *first <= *last;
+}
+
+CALTimeRangeList CALRecurrenceRule::_walkPeriods(const CALTimeRangeList& spans, const CALDate& start) const {
+  CALTimeRangeList periods;
+  std::int64_t first = 0, last = 0;
+  if (!_walkBounds(spans, start, &first, &last)) return periods;
+  const std::int64_t step = std::max(1, _interval);
+  for (std::int64_t index = first; index <= last; index += step) {
     CALTimeRange period = _periodSpan(index);
     if (std::any_of(spans.begin(), spans.end(),
                     [&](const CALTimeRange& span) { return span.intersectsTimeRange(period); }))

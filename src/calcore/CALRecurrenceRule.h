@@ -116,6 +116,13 @@ class CALRecurrenceRule : public Object {
   // the rule bounds itself (until date, or a count reached before 2050); the
   // recurrence start is answered whenever the range holds it.
   CALDateList realOccurrencesOnTimeRange(const CALTimeRange& range, const CALDate& recurrenceStart);
+  // The last of the dates occurrencesOnTimeRange() answers, or null when it
+  // answers none. The periods are walked back from the end of the range (or
+  // of the rule) and the walk stops once no earlier period can hold a later
+  // date, so a long rule costs its last periods, not all of them. The date
+  // cache is left as it is (a counted rule's end date is cached as for any
+  // expansion).
+  CALDateRef lastOccurrenceOnTimeRange(const CALTimeRange& range, const CALDate& recurrenceStart);
   // The last occurrence of a counted rule; null when the rule is not counted
   // or its count is not reached before 2050.
   CALDateRef cachedEndDateForRecurrenceStart(const CALDate& recurrenceStart);
@@ -247,10 +254,14 @@ class CALRecurrenceRule : public Object {
                                              const CALDate& start) const = 0;
   // The walk shared by the frequencies: periods from the start's, every
   // `interval` periods, while they begin before or at the spans' last
-  // instant; with `strictEnd`, a period that begins exactly at that instant
-  // is left out too.
-  CALTimeRangeList _walkPeriods(const CALTimeRangeList& spans, const CALDate& start,
-                                bool strictEnd = false) const;
+  // instant; when _walkEndsStrictly(), a period that begins exactly at that
+  // instant is left out too.
+  CALTimeRangeList _walkPeriods(const CALTimeRangeList& spans, const CALDate& start) const;
+  virtual bool _walkEndsStrictly() const { return false; }
+  // The first and last period indexes of that walk over `spans` (the first
+  // on the interval's grid); false when the spans are unbounded or empty.
+  bool _walkBounds(const CALTimeRangeList& spans, const CALDate& start, std::int64_t* first,
+                   std::int64_t* last) const;
   // The candidates of one period, sorted, without duplicates, through BYSETPOS.
   CALDateList _occurrencesInPeriod(const CALTimeRange& period, const CALDate& start) const;
   // Day arithmetic on local wall clocks, so that days stay whole across
@@ -285,6 +296,15 @@ class CALRecurrenceRule : public Object {
   void _partsChanged();
   // The request as the cache keeps it: without start, from the recurrence start.
   CALTimeRange _requestFrom(const CALTimeRange& range, const CALDate& start) const;
+  // The range as occurrencesOnTimeRange() reads it: in floating dates for a
+  // floating start, then through _requestFrom().
+  CALTimeRange _requestFor(const CALTimeRange& range, const CALDate& start) const;
+  // The last date realOccurrencesOnTimeRange() answers, or null.
+  CALDateRef _lastRealOccurrence(const CALTimeRange& range, const CALDate& start);
+  // The latest occurrence in `window` (its end excluded or not) of the
+  // periods the walk keeps, or null.
+  CALDateRef _lastOccurrenceInWindow(const CALTimeRange& window, const CALDate& start,
+                                     bool excludingEnd) const;
   // Whether the rule ends by itself (until date, or count reached).
   bool _hasOwnEnd(const CALDate& start);
   CALDateRef _lookUpEndDate(const CALDate& start, bool* found) const;

@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <cstdint>
+#include <string_view>
 #include <vector>
 
 #include "async/Log.h"
@@ -33,8 +34,10 @@ std::optional<int> weekDayIndex(const Value& name) {
   return std::nullopt;
 }
 
-std::string entityName(const Dictionary& record) {
-  return record.getString(kEngineRecordEntityNameKey);
+// The record's entity name where it is stored; empty when it has none.
+std::string_view entityName(const Dictionary& record) {
+  const Value* name = record.find(kEngineRecordEntityNameKey);
+  return name && name->isString() ? std::string_view(name->string()) : std::string_view();
 }
 
 std::optional<CalendarDate> dateForKey(const Dictionary& record, const char* key) {
