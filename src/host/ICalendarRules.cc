@@ -171,21 +171,53 @@ std::vector<CalendarDate> icalendarRuleOccurrences(const struct icalrecurrencety
   }
   struct icaltimetype dtstart = wallClock(allDay ? start.dateWithTimeZone(TimeZone::gmt()) : start);
   if (allDay) dtstart.hour = 12;
+
+  // libical looks for the next occurrence step by step of the frequency
+  // until the rule's UNTIL, or else for centuries: a rule no date satisfies
+  // ("every minute of the 30th of February") would never return. The search
+  // is bounded by an UNTIL of our own at the end of the window, and for
+  // rules repeating within a day also at kExplodedSteps steps; a COUNT is
+  // counted here, as libical gives no occurrences to a rule with both.
+  CalendarDate bound = start.dateByAddingYears(kExplodedYears, 0, 0, 0, 0, 0);
+  const long interval = std::max<long>(1, rule.interval);
+  const long unit = rule.freq == ICAL_SECONDLY_RECURRENCE   ? 1
+                    : rule.freq == ICAL_MINUTELY_RECURRENCE ? 60
+                    : rule.freq == ICAL_HOURLY_RECURRENCE   ? 3600
+                                                            : 0;
+  // Ten years are some 3.2e8 seconds: a span of steps longer than that
+  // leaves the window's end as the bound.
+  if (const long long span = static_cast<long long>(kExplodedSteps) * interval * unit; unit && span < 400'000'000) {
+    const CalendarDate steps = start.dateByAddingYears(0, 0, 0, 0, 0, static_cast<int>(span));
+    if (steps < bound) bound = steps;
+  }
+  const struct icaltimetype boundClock = wallClock(bound.dateWithTimeZone(zone));
+  const bool ruleEndsFirst = !icaltime_is_null_time(local.until) && icaltime_compare(local.until, boundClock) <= 0;
+  const std::size_t count = local.count > 0 ? static_cast<std::size_t>(local.count) : 0;
+  if (!ruleEndsFirst) {
+    local.until = boundClock;
+    local.until.is_date = 0;
+    local.count = 0;
+  }
+
   icalrecur_iterator* iterator = icalrecur_iterator_new(local, dtstart);
   if (!iterator) {
     dates.push_back(start);
     return dates;
   }
-  const CalendarDate last = start.dateByAddingYears(kExplodedYears, 0, 0, 0, 0, 0);
+  std::size_t given = 0;
   for (struct icaltimetype t = icalrecur_iterator_next(iterator); !icaltime_is_null_time(t);
        t = icalrecur_iterator_next(iterator)) {
+    if (count && given == count) break;
+    ++given;
     const CalendarDate at = CalendarDate::dateWithYear(t.year, t.month, t.day, t.hour, t.minute, t.second, zone);
-    if (!(at < last) || dates.size() >= kExplodedOccurrences) {
+    if (!(at < bound) || dates.size() >= kExplodedOccurrences) {
       cut = true;
       break;
     }
     dates.push_back(at);
   }
+  // Ended at our own bound, not at the rule's end: the rule goes on.
+  if (!cut && !ruleEndsFirst && !(count && given == count)) cut = true;
   icalrecur_iterator_free(iterator);
   if (dates.empty() || !(dates.front() == start)) dates.insert(dates.begin(), start);
   return dates;

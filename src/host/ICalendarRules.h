@@ -18,10 +18,12 @@
 
 namespace pc {
 
-// How far a rule that is kept as its occurrences is expanded, and at most
-// how many occurrences it gives.
+// How far a rule that is kept as its occurrences is expanded, at most how
+// many occurrences it gives, and for a rule repeating within a day, at most
+// how many steps of its frequency are looked through.
 inline constexpr int kExplodedYears = 10;
 inline constexpr std::size_t kExplodedOccurrences = 1000;
+inline constexpr long kExplodedSteps = 100000;
 
 std::optional<Dictionary> recurrenceFromICalendarRule(const struct icalrecurrencetype& rule, const CalendarDate& start,
                                                       bool allDay, std::string& why);

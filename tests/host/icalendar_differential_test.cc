@@ -344,5 +344,22 @@ TEST(ICalendarDifferentialTest, CutRules) {
   EXPECT_NE(file.reported[0].message.find("cut at 2026-04-11"), std::string::npos) << file.reported[0].message;
 }
 
+// Rules that repeat within a day but whose dates come seldom or never: libical
+// steps through every minute looking for the next one, so the search is
+// bounded; what a bounded search finds is what libical finds.
+TEST(ICalendarDifferentialTest, RulesThatSeldomOrNeverMatch) {
+  compareWithLibical({{"SparseCounted", ":20260301T090000Z", "RRULE:FREQ=MINUTELY;BYHOUR=9;BYMINUTE=0;COUNT=3\r\n", {}},
+                      {"SparseUntil", ":20260301T083000Z",
+                       "RRULE:FREQ=SECONDLY;BYMINUTE=30;BYSECOND=0;UNTIL=20260301T120000Z\r\n", {}}});
+  const std::vector<RuleExample> never = {
+      {"NeverMinutely", ":20260301T080000Z", "RRULE:FREQ=MINUTELY;BYMONTH=2;BYMONTHDAY=30\r\n", {}},
+      {"NeverCounted", ":20260301T080000Z", "RRULE:FREQ=HOURLY;COUNT=5;BYMONTH=2;BYMONTHDAY=30\r\n", {}},
+      {"NeverDaily", ";VALUE=DATE:20260301", "RRULE:FREQ=DAILY;BYMONTH=4;BYMONTHDAY=31\r\n", {}}};
+  const UserFileImport file = importICalendarText(fileOf(never), "x.ics");
+  ASSERT_EQ(file.records.size(), never.size());
+  for (const UserFileRecord& record : file.records)
+    EXPECT_EQ(engineOccurrences(record.record).size(), 1u) << record.record.description();
+}
+
 }  // namespace
 }  // namespace pc
