@@ -103,7 +103,11 @@ bool isLeadingZone(const icu::UnicodeString& id) {
 // The IANA zone whose changes over [from, to) are `wanted`, "" when none.
 std::string matchingZone(const OffsetChanges& wanted, long long from, long long to) {
   std::set<int> offsets;
-  for (const auto& [at, offset] : wanted) offsets.insert(offset);
+  for (const auto& [at, offset] : wanted) {
+    // No zone is a day or more away from UTC; ICU takes milliseconds in an int.
+    if (offset <= -86400 || offset >= 86400) return "";
+    offsets.insert(offset);
+  }
   std::string first;
   for (int offset : offsets) {
     // ICU lists zones by their raw (standard) offset, which is one of the
