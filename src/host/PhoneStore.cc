@@ -92,17 +92,9 @@ std::optional<PhoneStoreContents> PhoneStore::contentsOf(const std::string& data
 std::optional<std::string> PhoneStore::bytesOf(const PhoneStoreContents& contents, std::string* error) const {
   const auto format = _formats.find(contents.dataClass);
   if (format == _formats.end()) return bytesForContents(contents, error);
-  PhoneStoreContents written{contents.dataClass, {}};
-  written.records.reserve(contents.records.size());
-  for (const PhoneStoreRecord& record : contents.records) {
-    written.records.push_back({record.identifier, record.entity, record.fields.deepCopy()});
-    const Value master(Array{Value(record.identifier)});
-    forEachSubRecord(written.records.back().fields, [&](Dictionary sub) {
-      if (const Value* owner = sub.find(backRelationKey(record.entity)); owner && *owner == master)
-        sub.remove(backRelationKey(record.entity));
-    });
-  }
-  return format->second->textForContents(written);
+  // The phone's formats write a sub-record's own fields by name and never
+  // its back relation, so the records are written as they stand.
+  return format->second->textForContents(contents);
 }
 
 bool PhoneStore::hasDataClass(const std::string& dataClass) const {

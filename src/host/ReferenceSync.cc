@@ -394,6 +394,15 @@ std::vector<std::string> ReferenceSync::changedFields(const Dictionary& predicti
 }
 
 SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& inputs) {
+  return runWith(run, inputs, nullptr);
+}
+
+SyncResult ReferenceSync::run(const SyncRun& run, std::vector<SyncInput>&& inputs) {
+  return runWith(run, inputs, &inputs);
+}
+
+SyncResult ReferenceSync::runWith(const SyncRun& run, const std::vector<SyncInput>& inputs,
+                                  std::vector<SyncInput>* owned) {
   SyncResult result;
   SyncReport& report = result.report;
 
@@ -466,19 +475,28 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
   std::set<std::string> masterEntities;
   for (const SyncInput& input : inputs)
     masterEntities.insert(input.record.getString(kEngineRecordEntityNameKey));
-  for (const SyncInput& input : inputs) {
+  for (std::size_t i = 0; i < inputs.size(); ++i) {
+    const SyncInput& input = inputs[i];
     const std::string entity = input.record.getString(kEngineRecordEntityNameKey);
     assembler.setDelegate(delegateFor(entity));
     SplitRecord parts = assembler.split(input.record, input.identifier);
-    truth->addRecord(input.identifier, parts.master);
+    // The parts share values with the input: a record handed over is let
+    // go here and its parts kept as they are; the caller's own are copied.
+    if (owned) (*owned)[i].record = Dictionary();
+    auto keep = [&](const std::string& identifier, Dictionary& record) {
+      if (owned) truth->adoptRecord(identifier, std::move(record));
+      else truth->addRecord(identifier, record);
+    };
     masters.push_back(input.identifier);
-    for (const auto& [identifier, record] : parts.subRecords) {
-      truth->addRecord(identifier, record);
+    keep(input.identifier, parts.master);
+    for (auto& [identifier, record] : parts.subRecords) {
       // A detached event is a master record of its own.
       if (masterEntities.count(record.getString(kEngineRecordEntityNameKey)))
         masters.push_back(identifier);
+      keep(identifier, record);
     }
   }
+  if (owned) owned->clear();
   for (const Value& entity : phone.phoneSide->supportedEntityNames())
     if (auto formatter = phone.phoneSide->formatterForEntity(entity.stringValue()))
       formatter->_setSnapShot(truth);

@@ -130,7 +130,7 @@ bool formatAll(const StoreSyncRun& run, const SqliteEngine& store,
   formatting.stageDone = nullptr;
   formatting.keepRecords = false;
   formatting.unmangle = std::move(unmangle);
-  SyncResult result = ReferenceSync::run(formatting, inputs);
+  SyncResult result = ReferenceSync::run(formatting, std::move(inputs));
   if (!result.error.empty()) {
     error = result.error;
     return false;

@@ -8,7 +8,9 @@
 
 #include "host/PhoneStore.h"
 #include "host/VFormatParsers.h"
+#include "platform/CalendarDate.h"
 #include "platform/Registry.h"
+#include "platform/TimeZone.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryFolder.h"
 
@@ -54,6 +56,45 @@ TEST_F(VFormatStoreTest, EachDataClassIsKeptInItsParsersFormat) {
   ASSERT_EQ(back->records.size(), 1u);
   EXPECT_EQ(back->records[0].identifier, "c1");
   EXPECT_EQ(back->records[0].fields, contacts.records[0].fields);
+}
+
+// Read entries carry their master in each sub-record's back relation;
+// written again as they were read, they give the same bytes as without it,
+// also where a relation is one the format cannot write.
+TEST_F(VFormatStoreTest, SubRecordsBackRelationsNeverReachTheFile) {
+  store = PhoneStore(folder);
+  usePhoneParsers(store, description());
+  auto entries = [](bool withBack) {
+    auto sub = [&](Dictionary fields, const char* back, const char* master) {
+      if (withBack) fields.set(back, Array{Value(master)});
+      return Value(fields);
+    };
+    const CalendarDate start = CalendarDate::dateWithYear(2027, 1, 31, 8, 30, 0, TimeZone::gmt());
+    return std::vector<PhoneStoreContents>{
+        {"Contacts",
+         {{"c1", "Contacts.Contact",
+           Dictionary{{"firstName", "Zoë"},
+                      {"phoneNumbers", Array{sub(Dictionary{{"value", "+33 1 2"}, {"type", "mobile"}}, "contact", "c1")}},
+                      {"emailAddresses", Array{sub(Dictionary{{"value", "z@example.com"}}, "contact", "c1")}}}}}},
+        {"Calendars",
+         {{"e1", "Calendars.Event",
+           Dictionary{{"summary", "Review"},
+                      {"startDate", Value(start)},
+                      {"displayAlarms", Array{sub(Dictionary{{"triggerduration", -600}}, "owner", "e1")}},
+                      // A rule the format cannot write.
+                      {"recurrences", Array{sub(Dictionary{{"frequency", "fortnightly"}}, "owner", "e1")}},
+                      {"attendees", Array{sub(Dictionary{{"emailAddress", "a@example.com"}}, "owner", "e1")}}}}}}};
+  };
+  const std::vector<PhoneStoreContents> plain = entries(false), pointing = entries(true);
+  for (std::size_t i = 0; i < plain.size(); ++i) {
+    SCOPED_TRACE(plain[i].dataClass);
+    const std::optional<std::string> bytes = store.bytesFor(plain[i]);
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ(store.bytesFor(pointing[i]), bytes);
+    const std::optional<PhoneStoreContents> read = store.contentsFromFileBytes(plain[i].dataClass, *bytes);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(store.bytesFor(*read), bytes);
+  }
 }
 
 TEST_F(VFormatStoreTest, EntriesAddedByHandGetIdentifiersAndBadLinesAreLogged) {
