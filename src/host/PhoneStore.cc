@@ -97,6 +97,19 @@ std::optional<std::string> PhoneStore::bytesOf(const PhoneStoreContents& content
   return format->second->textForContents(contents);
 }
 
+std::optional<std::string> PhoneStore::entryText(const std::string& dataClass,
+                                                 const PhoneStoreRecord& record) const {
+  const auto format = _formats.find(dataClass);
+  if (format == _formats.end()) return std::nullopt;
+  return format->second->entryText(record);
+}
+
+std::string PhoneStore::bytesForEntryTexts(const std::string& dataClass,
+                                           const std::vector<std::string>& entries) const {
+  const auto format = _formats.find(dataClass);
+  return format == _formats.end() ? std::string() : format->second->textForEntryTexts(entries);
+}
+
 bool PhoneStore::hasDataClass(const std::string& dataClass) const {
   std::error_code ignored;
   return std::filesystem::exists(pathForDataClass(dataClass), ignored);

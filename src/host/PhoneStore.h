@@ -85,6 +85,15 @@ class PhoneStore {
                                       std::string* error = nullptr) const;
   WriteResult writeBytes(const std::string& dataClass, const std::string& bytes,
                          std::string* error = nullptr);
+  // The text of one entry of the data class's file, when the file is its
+  // entries' texts in order (bytesForEntryTexts); nullopt when it is not
+  // (the store's property list, entries written against the whole file).
+  std::optional<std::string> entryText(const std::string& dataClass,
+                                       const PhoneStoreRecord& record) const;
+  // The file's bytes for the entries' texts: what `bytesFor` gives for the
+  // entries themselves.
+  std::string bytesForEntryTexts(const std::string& dataClass,
+                                 const std::vector<std::string>& entries) const;
   // What `read` gives for a file of these bytes.
   std::optional<PhoneStoreContents> contentsFromFileBytes(const std::string& dataClass,
                                                           std::string_view bytes,

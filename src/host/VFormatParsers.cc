@@ -70,6 +70,10 @@ VFormatReadResult VCardParser::contentsFromText(std::string_view text) const {
   return VCardCodec(_options).read(text);
 }
 
+std::optional<std::string> VCardParser::entryText(const PhoneStoreRecord& record) const {
+  return VCardCodec(_options).entryText(record);
+}
+
 void VCalendarParser::initWithPhone(CFPhone* phone, const std::optional<Dictionary>&) {
   // Instants in UTC with their zones for a phone that keeps zones; the local
   // form (wall clocks with TZ and DAYLIGHT) for one that does not, in the
@@ -103,6 +107,14 @@ std::string VCalendarParser::textForContents(const PhoneStoreContents& contents)
 
 VFormatReadResult VCalendarParser::contentsFromText(std::string_view text) const {
   return VCalendarCodec(_options).read(text);
+}
+
+std::optional<std::string> VCalendarParser::entryText(const PhoneStoreRecord& record) const {
+  return VCalendarCodec(_options).entryText(record);
+}
+
+std::string VCalendarParser::textForEntryTexts(const std::vector<std::string>& entries) const {
+  return VCalendarCodec(_options).textForEntryTexts(entries);
 }
 
 void VCalendarParser::useTimesOfDescription(const Dictionary& info, const Dictionary& description) {

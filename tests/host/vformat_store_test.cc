@@ -62,8 +62,14 @@ TEST_F(VFormatStoreTest, EachDataClassIsKeptInItsParsersFormat) {
 // written again as they were read, they give the same bytes as without it,
 // also where a relation is one the format cannot write.
 TEST_F(VFormatStoreTest, SubRecordsBackRelationsNeverReachTheFile) {
+  // A phone that keeps instants: its calendar entries stand alone.
   store = PhoneStore(folder);
-  usePhoneParsers(store, description());
+  usePhoneParsers(store, Dictionary{{"Formatting", Dictionary()},
+                                    {"SyncDataClasses",
+                                     Dictionary{{"Contacts", Dictionary{{"MimeType", "text/x-vcard"}}},
+                                                {"Calendars", Dictionary{{"MimeType", "text/x-vcalendar"},
+                                                                         {"supportsTZ", true},
+                                                                         {"supportsGMTDates", true}}}}}});
   auto entries = [](bool withBack) {
     auto sub = [&](Dictionary fields, const char* back, const char* master) {
       if (withBack) fields.set(back, Array{Value(master)});
@@ -75,7 +81,9 @@ TEST_F(VFormatStoreTest, SubRecordsBackRelationsNeverReachTheFile) {
          {{"c1", "Contacts.Contact",
            Dictionary{{"firstName", "Zoë"},
                       {"phoneNumbers", Array{sub(Dictionary{{"value", "+33 1 2"}, {"type", "mobile"}}, "contact", "c1")}},
-                      {"emailAddresses", Array{sub(Dictionary{{"value", "z@example.com"}}, "contact", "c1")}}}}}},
+                      {"emailAddresses", Array{sub(Dictionary{{"value", "z@example.com"}}, "contact", "c1")}}}},
+          {"c2", "Contacts.Contact",
+           Dictionary{{"lastName", "Ng"}, {"image", Data::fromString(std::string("\x89PNG\r\n\x1a\n", 8) + "pixels")}}}}},
         {"Calendars",
          {{"e1", "Calendars.Event",
            Dictionary{{"summary", "Review"},
@@ -83,7 +91,8 @@ TEST_F(VFormatStoreTest, SubRecordsBackRelationsNeverReachTheFile) {
                       {"displayAlarms", Array{sub(Dictionary{{"triggerduration", -600}}, "owner", "e1")}},
                       // A rule the format cannot write.
                       {"recurrences", Array{sub(Dictionary{{"frequency", "fortnightly"}}, "owner", "e1")}},
-                      {"attendees", Array{sub(Dictionary{{"emailAddress", "a@example.com"}}, "owner", "e1")}}}}}}};
+                      {"attendees", Array{sub(Dictionary{{"emailAddress", "a@example.com"}}, "owner", "e1")}}}},
+          {"t1", "Calendars.Task", Dictionary{{"summary", "File taxes"}, {"priority", 1}}}}}};
   };
   const std::vector<PhoneStoreContents> plain = entries(false), pointing = entries(true);
   for (std::size_t i = 0; i < plain.size(); ++i) {
@@ -91,6 +100,11 @@ TEST_F(VFormatStoreTest, SubRecordsBackRelationsNeverReachTheFile) {
     const std::optional<std::string> bytes = store.bytesFor(plain[i]);
     ASSERT_TRUE(bytes);
     EXPECT_EQ(store.bytesFor(pointing[i]), bytes);
+    // The file is its entries' texts, one after another.
+    std::vector<std::string> texts;
+    for (const PhoneStoreRecord& record : pointing[i].records)
+      texts.push_back(store.entryText(plain[i].dataClass, record).value_or("(none)"));
+    EXPECT_EQ(store.bytesForEntryTexts(plain[i].dataClass, texts), bytes);
     const std::optional<PhoneStoreContents> read = store.contentsFromFileBytes(plain[i].dataClass, *bytes);
     ASSERT_TRUE(read);
     EXPECT_EQ(store.bytesFor(*read), bytes);
@@ -172,6 +186,12 @@ TEST(VFormatParserTest, TheDescriptionSaysWhetherTimesAreLocal) {
                            {"startDate", CalendarDate::dateWithYear(2027, 7, 1, 9, 0, 0, TimeZone::systemTimeZone())}};
     const std::string text = parser.textForContents({"Calendars", {{"1", "Calendars.Event", event}}});
     EXPECT_EQ(text.find("\r\nTZ:") != std::string::npos, c.local) << text;
+    // Entries stand alone only where the file describes no zone.
+    const std::optional<std::string> entry = parser.entryText({"1", "Calendars.Event", event});
+    EXPECT_EQ(entry.has_value(), !c.local);
+    if (entry) {
+      EXPECT_EQ(parser.textForEntryTexts({*entry}), text);
+    }
   }
 }
 
