@@ -110,6 +110,27 @@ std::string PhoneStore::bytesForEntryTexts(const std::string& dataClass,
   return format == _formats.end() ? std::string() : format->second->textForEntryTexts(entries);
 }
 
+std::optional<std::vector<std::string_view>> PhoneStore::entryTextsOfFile(
+    const std::string& dataClass, std::string_view bytes) const {
+  const auto format = _formats.find(dataClass);
+  if (format == _formats.end()) return std::nullopt;
+  return format->second->entryTextsOfFile(bytes);
+}
+
+std::optional<PhoneStoreRecord> PhoneStore::entryFromText(const std::string& dataClass,
+                                                          const std::string& text) const {
+  const auto format = _formats.find(dataClass);
+  if (format == _formats.end()) return std::nullopt;
+  VFormatReadResult read = format->second->contentsFromText(format->second->textForEntryTexts({text}));
+  if (read.cutShort || !read.problems.empty() || read.records.size() != 1 ||
+      read.records[0].identifier.empty())
+    return std::nullopt;
+  PhoneStoreRecord& record = read.records[0];
+  const Array master{Value(record.identifier)};
+  forEachSubRecord(record.fields, [&](Dictionary sub) { sub.set(backRelationKey(record.entity), master); });
+  return std::move(record);
+}
+
 bool PhoneStore::hasDataClass(const std::string& dataClass) const {
   std::error_code ignored;
   return std::filesystem::exists(pathForDataClass(dataClass), ignored);

@@ -35,6 +35,11 @@ class PhoneStoreFormat {
   // between a fixed head and tail (textForEntryTexts); nullopt when an
   // entry's text depends on the others.
   virtual std::optional<std::string> entryText(const PhoneStoreRecord&) const { return std::nullopt; }
+  // The entries' texts of a file that is exactly the head, entries' texts
+  // and tail this format writes; nullopt for any other file (read it whole).
+  virtual std::optional<std::vector<std::string_view>> entryTextsOfFile(std::string_view) const {
+    return std::nullopt;
+  }
   // The file of the entries' texts, byte for byte what textForContents
   // writes for those entries.
   virtual std::string textForEntryTexts(const std::vector<std::string>& entries) const {

@@ -390,6 +390,10 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
   // parsed: its entries are the state's phone forms, in the order the
   // anchor keeps (taken once the state is read).
   std::map<std::string, std::string> unparsed;  // data class -> the file's bytes
+  // A file that changed since, of which the anchor keeps each entry's
+  // digest: only the entries whose text is not one the last sync wrote are
+  // parsed (once the state is read).
+  std::map<std::string, std::string> changedFiles;  // data class -> the file's bytes
   for (const std::string& dataClass : dataClasses) {
     const std::string path = phone.pathForDataClass(dataClass);
     std::error_code code;
@@ -398,6 +402,10 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       if (!bytes) return result;
       if (anchors[dataClass].getString("file") == fileDigest(*bytes)) {
         unparsed[dataClass] = std::move(*bytes);
+        continue;
+      }
+      if (anchors[dataClass].contains("entries")) {
+        changedFiles[dataClass] = std::move(*bytes);
         continue;
       }
       std::optional<PhoneStoreContents> contents =
@@ -423,6 +431,17 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       std::string id = entry.phoneIdentifier;
       state.emplace(std::move(id), std::move(entry));
     }
+    // Entries of the phone's files that are, byte for byte, what the last
+    // sync wrote for their state: their text in the file as it is (kept for
+    // the writing), and their phone form the state's own.
+    std::map<std::string, std::map<std::string, std::string_view>> oldTexts;  // data class -> phone id -> text
+    std::set<std::string> asInState;  // phone ids
+    auto parseWhole = [&](const std::string& dataClass, const std::string& bytes) {
+      std::string error;
+      std::optional<PhoneStoreContents> parsed = phone.contentsFromFileBytes(dataClass, bytes, &error);
+      if (!parsed) raiseException(kSqliteStoreException, error);
+      return std::move(*parsed);
+    };
     for (auto& [dataClass, bytes] : unparsed) {
       PhoneStoreContents contents{dataClass, {}};
       const std::optional<Array> order = anchors[dataClass].getArray("order");
@@ -433,14 +452,48 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         else contents.records.push_back({known->first, known->second.entityName, known->second.phoneForm});
       }
       if (!whole) {
-        std::string error;
-        std::optional<PhoneStoreContents> parsed = phone.contentsFromFileBytes(dataClass, bytes, &error);
-        if (!parsed) raiseException(kSqliteStoreException, error);
-        contents = std::move(*parsed);
+        contents = parseWhole(dataClass, bytes);
+      } else if (auto texts = phone.entryTextsOfFile(dataClass, bytes); texts && texts->size() == order->count()) {
+        for (std::size_t i = 0; i < texts->size(); ++i) {
+          oldTexts[dataClass][order->at(i).stringValue()] = (*texts)[i];
+          asInState.insert(order->at(i).stringValue());
+        }
       }
       onPhone[dataClass] = std::move(contents);
     }
-    unparsed.clear();
+    for (auto& [dataClass, bytes] : changedFiles) {
+      PhoneStoreContents contents{dataClass, {}};
+      const std::optional<Array> order = anchors[dataClass].getArray("order");
+      const std::optional<Array> digests = anchors[dataClass].getArray("entries");
+      const std::optional<std::vector<std::string_view>> texts = phone.entryTextsOfFile(dataClass, bytes);
+      bool byEntry = order && digests && texts && order->count() == digests->count();
+      std::map<std::string, std::string> written;  // digest -> phone id
+      for (std::size_t i = 0; byEntry && i < order->count(); ++i)
+        written[digests->at(i).stringValue()] = order->at(i).stringValue();
+      std::map<std::string, std::string_view> same;  // phone id -> text
+      for (std::size_t i = 0; byEntry && i < texts->size(); ++i) {
+        const std::string_view text = (*texts)[i];
+        if (auto digest = written.find(fileDigest(text)); digest != written.end())
+          if (auto known = state.find(digest->second); known != state.end()) {
+            contents.records.push_back({known->first, known->second.entityName, known->second.phoneForm});
+            same[known->first] = text;
+            continue;
+          }
+        // An entry the phone changed or added: read alone, as within its
+        // file; one that does not read cleanly has the whole file read, so
+        // that its problems are told as for any file.
+        std::optional<PhoneStoreRecord> entry = phone.entryFromText(dataClass, std::string(text));
+        if (entry) contents.records.push_back(std::move(*entry));
+        else byEntry = false;
+      }
+      if (!byEntry) {
+        contents = parseWhole(dataClass, bytes);
+      } else {
+        for (const auto& [phoneId, text] : same) asInState.insert(phoneId);
+        oldTexts[dataClass] = std::move(same);
+      }
+      onPhone[dataClass] = std::move(contents);
+    }
 
     std::set<std::string> records;
     for (const std::string& dataClass : dataClasses)
@@ -553,6 +606,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
     std::set<std::string> editedOnPhone;  // phone ids
     for (const std::string& dataClass : dataClasses)
       for (const PhoneStoreRecord& entry : onPhone[dataClass].records) {
+        if (asInState.count(entry.identifier)) continue;
         auto known = state.find(entry.identifier);
         const Dictionary* base = known != state.end() ? &known->second.phoneForm : nullptr;
         if (!base)
@@ -933,8 +987,33 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
     }
     // The phone's files as they are to be: their digests go in the anchors.
     std::map<std::string, std::string> newBytes;  // data class -> bytes; none: no file
+    std::map<std::string, Array> entryDigests;        // data class -> digest of each entry's text
     for (const auto& [dataClass, contents] : newContents) {
       if (contents.records.empty() && !phone.hasDataClass(dataClass)) continue;
+      // Where the file is its entries' texts, an entry the phone holds as
+      // the state says keeps its text; the others are written.
+      std::vector<std::string> texts;
+      bool byEntry = !contents.records.empty();
+      const std::map<std::string, std::string_view>& old = oldTexts[dataClass];
+      for (std::size_t i = 0; byEntry && i < contents.records.size(); ++i) {
+        const PhoneStoreRecord& record = contents.records[i];
+        auto text = old.find(record.identifier);
+        auto known = state.find(record.identifier);
+        if (text != old.end() && known != state.end() && record.fields.isIdenticalTo(known->second.phoneForm)) {
+          texts.emplace_back(text->second);
+          continue;
+        }
+        std::optional<std::string> written = phone.entryText(dataClass, record);
+        if (written) texts.push_back(std::move(*written));
+        else byEntry = false;
+      }
+      if (byEntry) {
+        Array digests;
+        for (const std::string& text : texts) digests.add(Value(fileDigest(text)));
+        entryDigests[dataClass] = std::move(digests);
+        newBytes[dataClass] = phone.bytesForEntryTexts(dataClass, texts);
+        continue;
+      }
       std::string error;
       std::optional<std::string> bytes = phone.bytesFor(contents, &error);
       if (!bytes) raiseException(kSqliteStoreException, error);
@@ -961,6 +1040,8 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
             for (const PhoneStoreRecord& entry : contents.records) order.add(Value(entry.identifier));
         anchor.set("file", fileDigest(bytes->second));
         anchor.set("order", order);
+        if (auto digests = entryDigests.find(dataClass); digests != entryDigests.end())
+          anchor.set("entries", digests->second);
       }
       if (stored != anchors.end() && Value(stored->second) == Value(anchor)) continue;
       store.setAnchor(client, dataClass, anchor);

@@ -50,6 +50,7 @@ class VCardParser : public DeviceParser, public PhoneStoreFormat {
   std::string textForContents(const PhoneStoreContents& contents) const override;
   VFormatReadResult contentsFromText(std::string_view text) const override;
   std::optional<std::string> entryText(const PhoneStoreRecord& record) const override;
+  std::optional<std::vector<std::string_view>> entryTextsOfFile(std::string_view text) const override;
 
   const VCardOptions& options() const { return _options; }
   void setOptions(VCardOptions options) { _options = std::move(options); }
@@ -70,6 +71,7 @@ class VCalendarParser : public DeviceParser, public PhoneStoreFormat {
   VFormatReadResult contentsFromText(std::string_view text) const override;
   std::optional<std::string> entryText(const PhoneStoreRecord& record) const override;
   std::string textForEntryTexts(const std::vector<std::string>& entries) const override;
+  std::optional<std::vector<std::string_view>> entryTextsOfFile(std::string_view text) const override;
 
   const VCalendarOptions& options() const { return _options; }
   void setOptions(VCalendarOptions options) { _options = std::move(options); }
