@@ -873,9 +873,10 @@ namespace {
 // The entry of a row of kEntryColumns; raises, naming the file and the entry,
 // when either form is damaged.
 template <class Row>
-SyncedEntry entryFromRow(const std::string& path, const std::string& client, const Row& row) {
+SyncedEntry entryFromRow(const std::string& path, const std::string& client, const Row& row,
+                         bool engineForms = true) {
   std::string error;
-  auto engineForm = decodeRecord(row.text(3), &error);
+  auto engineForm = engineForms ? decodeRecord(row.text(3), &error) : std::optional<Dictionary>(Dictionary());
   auto phoneForm = engineForm ? decodeRecord(row.text(4), &error) : std::nullopt;
   if (!engineForm || !phoneForm)
     raiseException(kSqliteStoreException,
@@ -898,6 +899,18 @@ std::vector<SyncedEntry> SqliteEngine::syncedEntries(const std::string& client,
   if (!dataClassName.empty()) select.bind(2, dataClassName);
   std::vector<SyncedEntry> entries;
   while (select.next()) entries.push_back(entryFromRow(_path, client, select));
+  return entries;
+}
+
+std::vector<SyncedEntry> SqliteEngine::syncedEntriesWithoutEngineForms(const std::string& client) const {
+  std::lock_guard lock(_lock);
+  static const char* const all =
+      "SELECT engine_id, phone_id, entity, NULL, phone_form FROM synced_entries WHERE client = ?1 "
+      "ORDER BY phone_id";
+  Statement select = statement(all);
+  select.bind(1, client);
+  std::vector<SyncedEntry> entries;
+  while (select.next()) entries.push_back(entryFromRow(_path, client, select, false));
   return entries;
 }
 

@@ -425,7 +425,10 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
 
     std::map<std::string, SyncedEntry> state;  // phone identifier -> entry
     std::set<std::string> classesWithState;
-    for (SyncedEntry& entry : store.syncedEntries(client)) {
+    // The engine forms are read only where they are needed: a record the
+    // phone changed or deleted, and a state entry that changes. The others
+    // stay as they are, each under an empty dictionary of its own.
+    for (SyncedEntry& entry : store.syncedEntriesWithoutEngineForms(client)) {
       if (auto dataClass = schema->dataClassNameForEntityName(entry.entityName))
         classesWithState.insert(*dataClass);
       std::string id = entry.phoneIdentifier;
@@ -441,6 +444,15 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       std::optional<PhoneStoreContents> parsed = phone.contentsFromFileBytes(dataClass, bytes, &error);
       if (!parsed) raiseException(kSqliteStoreException, error);
       return std::move(*parsed);
+    };
+    std::map<std::string, Dictionary> engineForms;  // phone id -> the state's engine form, once read
+    auto engineFormOfState = [&](const SyncedEntry& entry) -> const Dictionary& {
+      auto read = engineForms.find(entry.phoneIdentifier);
+      if (read == engineForms.end()) {
+        std::optional<SyncedEntry> full = store.syncedEntryForPhoneIdentifier(client, entry.phoneIdentifier);
+        read = engineForms.emplace(entry.phoneIdentifier, full ? full->engineForm : Dictionary()).first;
+      }
+      return read->second;
     };
     for (auto& [dataClass, bytes] : unparsed) {
       PhoneStoreContents contents{dataClass, {}};
@@ -714,7 +726,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         if (keys.empty()) continue;
         std::optional<Dictionary> current = recordOf(engineId);
         const Dictionary engineBase =
-            known != state.end() ? known->second.engineForm : current.value_or(Dictionary());
+            known != state.end() ? engineFormOfState(known->second) : current.value_or(Dictionary());
         StoreSyncRecord changed{engineId, entry.entity, StoreSyncOutcome::changedOnPhone, {}, {}, 0, {}};
         if (!current) {
           // Deleted on the engine, changed on the phone.
@@ -773,7 +785,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         if (schema->dataClassNameForEntityName(entry.entityName) != dataClass) continue;
         std::optional<Dictionary> current = recordOf(entry.engineIdentifier);
         if (!current) continue;  // gone on both sides
-        if (Value(*current) != Value(entry.engineForm) && run.conflicts == ConflictPolicy::engine) {
+        if (Value(*current) != Value(engineFormOfState(entry)) && run.conflicts == ConflictPolicy::engine) {
           // Changed on the engine since: the engine's record goes back.
           StoreSyncRecord conflict{entry.engineIdentifier, entry.entityName,
                                    StoreSyncOutcome::conflict, {}, {}, 0, {}};
@@ -979,9 +991,21 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
           stateChanged = true;
         }
       for (const SyncedEntry& entry : newState) {
+        // An entry whose engine form is the state's, unread, keeps it.
         auto old = state.find(entry.phoneIdentifier);
-        if (old != state.end() && old->second == entry) continue;
-        store.setSyncedEntry(client, entry);
+        const bool formUnread = old != state.end() && entry.engineForm.isIdenticalTo(old->second.engineForm);
+        if (old != state.end()) {
+          SyncedEntry before = old->second;
+          if (!formUnread) before.engineForm = engineFormOfState(old->second);
+          if (before == entry) continue;
+        }
+        if (formUnread) {
+          SyncedEntry written = entry;
+          written.engineForm = engineFormOfState(old->second);
+          store.setSyncedEntry(client, written);
+        } else {
+          store.setSyncedEntry(client, entry);
+        }
         stateChanged = true;
       }
     }
