@@ -874,10 +874,12 @@ namespace {
 // when either form is damaged.
 template <class Row>
 SyncedEntry entryFromRow(const std::string& path, const std::string& client, const Row& row,
-                         bool engineForms = true) {
+                         bool forms = true) {
   std::string error;
-  auto engineForm = engineForms ? decodeRecord(row.text(3), &error) : std::optional<Dictionary>(Dictionary());
-  auto phoneForm = engineForm ? decodeRecord(row.text(4), &error) : std::nullopt;
+  auto engineForm = forms ? decodeRecord(row.text(3), &error) : std::optional<Dictionary>(Dictionary());
+  auto phoneForm = !engineForm ? std::nullopt
+                   : forms     ? decodeRecord(row.text(4), &error)
+                               : std::optional<Dictionary>(Dictionary());
   if (!engineForm || !phoneForm)
     raiseException(kSqliteStoreException,
                    fmt::format("{}: phones/{}/{}: {}", path, client, row.text(0), error));
@@ -902,10 +904,10 @@ std::vector<SyncedEntry> SqliteEngine::syncedEntries(const std::string& client,
   return entries;
 }
 
-std::vector<SyncedEntry> SqliteEngine::syncedEntriesWithoutEngineForms(const std::string& client) const {
+std::vector<SyncedEntry> SqliteEngine::syncedEntriesWithoutForms(const std::string& client) const {
   std::lock_guard lock(_lock);
   static const char* const all =
-      "SELECT engine_id, phone_id, entity, NULL, phone_form FROM synced_entries WHERE client = ?1 "
+      "SELECT engine_id, phone_id, entity, NULL, NULL FROM synced_entries WHERE client = ?1 "
       "ORDER BY phone_id";
   Statement select = statement(all);
   select.bind(1, client);

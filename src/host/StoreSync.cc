@@ -425,10 +425,13 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
 
     std::map<std::string, SyncedEntry> state;  // phone identifier -> entry
     std::set<std::string> classesWithState;
-    // The engine forms are read only where they are needed: a record the
-    // phone changed or deleted, and a state entry that changes. The others
-    // stay as they are, each under an empty dictionary of its own.
-    for (SyncedEntry& entry : store.syncedEntriesWithoutEngineForms(client)) {
+    // After a sync that left anchors, the state's forms are read only where
+    // they are needed: entries the phone changed or deleted, entries whose
+    // text the phone's file does not hold as the last sync wrote it, and
+    // state entries that change. The others stand in every comparison under
+    // an empty dictionary of their own (the same handle is the same form).
+    const bool lazyForms = since.has_value();
+    for (SyncedEntry& entry : lazyForms ? store.syncedEntriesWithoutForms(client) : store.syncedEntries(client)) {
       if (auto dataClass = schema->dataClassNameForEntityName(entry.entityName))
         classesWithState.insert(*dataClass);
       std::string id = entry.phoneIdentifier;
@@ -445,14 +448,38 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       if (!parsed) raiseException(kSqliteStoreException, error);
       return std::move(*parsed);
     };
-    std::map<std::string, Dictionary> engineForms;  // phone id -> the state's engine form, once read
-    auto engineFormOfState = [&](const SyncedEntry& entry) -> const Dictionary& {
-      auto read = engineForms.find(entry.phoneIdentifier);
-      if (read == engineForms.end()) {
+    std::map<std::string, SyncedEntry> readEntries;  // phone id -> the state's entry with its forms, once read
+    auto readEntry = [&](const SyncedEntry& entry) -> const SyncedEntry& {
+      if (!lazyForms) return entry;
+      auto read = readEntries.find(entry.phoneIdentifier);
+      if (read == readEntries.end()) {
         std::optional<SyncedEntry> full = store.syncedEntryForPhoneIdentifier(client, entry.phoneIdentifier);
-        read = engineForms.emplace(entry.phoneIdentifier, full ? full->engineForm : Dictionary()).first;
+        read = readEntries.emplace(entry.phoneIdentifier, full ? std::move(*full) : entry).first;
       }
       return read->second;
+    };
+    // Every entry's forms at once, for a file written whole.
+    bool allRead = !lazyForms;
+    auto readAllEntries = [&] {
+      if (allRead) return;
+      for (SyncedEntry& entry : store.syncedEntries(client)) {
+        std::string id = entry.phoneIdentifier;
+        readEntries.try_emplace(std::move(id), std::move(entry));
+      }
+      allRead = true;
+    };
+    auto engineFormOfState = [&](const SyncedEntry& entry) -> const Dictionary& {
+      return readEntry(entry).engineForm;
+    };
+    auto phoneFormOfState = [&](const SyncedEntry& entry) -> const Dictionary& {
+      return readEntry(entry).phoneForm;
+    };
+    // A phone form as it is: the state's own, read, where `form` stands for it.
+    auto realForm = [&](const Dictionary& form, const std::string& phoneId) -> const Dictionary& {
+      if (!lazyForms) return form;
+      auto known = state.find(phoneId);
+      return known != state.end() && form.isIdenticalTo(known->second.phoneForm) ? phoneFormOfState(known->second)
+                                                                                 : form;
     };
     for (auto& [dataClass, bytes] : unparsed) {
       PhoneStoreContents contents{dataClass, {}};
@@ -465,11 +492,10 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       }
       if (!whole) {
         contents = parseWhole(dataClass, bytes);
-      } else if (auto texts = phone.entryTextsOfFile(dataClass, bytes); texts && texts->size() == order->count()) {
-        for (std::size_t i = 0; i < texts->size(); ++i) {
-          oldTexts[dataClass][order->at(i).stringValue()] = (*texts)[i];
-          asInState.insert(order->at(i).stringValue());
-        }
+      } else {
+        for (std::size_t i = 0; i < order->count(); ++i) asInState.insert(order->at(i).stringValue());
+        if (auto texts = phone.entryTextsOfFile(dataClass, bytes); texts && texts->size() == order->count())
+          for (std::size_t i = 0; i < texts->size(); ++i) oldTexts[dataClass][order->at(i).stringValue()] = (*texts)[i];
       }
       onPhone[dataClass] = std::move(contents);
     }
@@ -620,10 +646,10 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       for (const PhoneStoreRecord& entry : onPhone[dataClass].records) {
         if (asInState.count(entry.identifier)) continue;
         auto known = state.find(entry.identifier);
-        const Dictionary* base = known != state.end() ? &known->second.phoneForm : nullptr;
+        const Dictionary* base = known != state.end() ? &phoneFormOfState(known->second) : nullptr;
         if (!base)
           if (auto paired = baseOf.find(entry.identifier); paired != baseOf.end()) base = &paired->second;
-        if (base && !ReferenceSync::differingFields(*base, entry.fields).empty())
+        if (base && !ReferenceSync::differingFields(*base, realForm(entry.fields, entry.identifier)).empty())
           editedOnPhone.insert(entry.identifier);
       }
 
@@ -640,9 +666,9 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
           if (!editedOnPhone.count(entry.identifier)) continue;
           auto known = state.find(entry.identifier);
           const Dictionary& base =
-              known != state.end() ? known->second.phoneForm : baseOf[entry.identifier];
-          unmangle.emplace(mapped->second,
-                           PhoneStoreRecord{"phone:" + entry.identifier, entry.entity, entry.fields});
+              known != state.end() ? phoneFormOfState(known->second) : baseOf[entry.identifier];
+          unmangle.emplace(mapped->second, PhoneStoreRecord{"phone:" + entry.identifier, entry.entity,
+                                                            realForm(entry.fields, entry.identifier)});
           unmangle.emplace(mapped->second,
                            PhoneStoreRecord{"base:" + entry.identifier, entry.entity, base});
         }
@@ -683,7 +709,8 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
                 Array detached =
                     master->second.getArray(kCalendarsEventDetachedEvents).value_or(Array());
                 detached.add(detachedEventOf(master->second, occurrence->start,
-                                             known->second.phoneForm, entry.fields));
+                                             phoneFormOfState(known->second),
+                                             realForm(entry.fields, entry.identifier)));
                 master->second.set(kCalendarsEventDetachedEvents, detached);
                 report({entry.identifier, entry.entity, StoreSyncOutcome::changedOnPhone,
                         {{kCalendarsEventDetachedEvents, std::string()}}, {}, 0,
@@ -716,11 +743,11 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         const std::string& engineId = mapped->second;
         if (!editedOnPhone.count(entry.identifier)) continue;
         const Dictionary& base =
-            known != state.end() ? known->second.phoneForm : baseOf[entry.identifier];
+            known != state.end() ? phoneFormOfState(known->second) : baseOf[entry.identifier];
         auto phoneForm = unmangledForms.find("phone:" + entry.identifier);
         auto baseForm = unmangledForms.find("base:" + entry.identifier);
         const bool unmangledBoth = phoneForm != unmangledForms.end() && baseForm != unmangledForms.end();
-        const Dictionary& phoneFields = unmangledBoth ? phoneForm->second : entry.fields;
+        const Dictionary& phoneFields = unmangledBoth ? phoneForm->second : realForm(entry.fields, entry.identifier);
         const Dictionary& baseFields = unmangledBoth ? baseForm->second : base;
         const std::vector<std::string> keys = changedKeys(baseFields, phoneFields);
         if (keys.empty()) continue;
@@ -920,7 +947,8 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
                                 engineFormOf(master, held.identifier), it->second->fields});
             continue;
           }
-          if (Value(it->second->fields) != Value(held.fields))
+          if (!it->second->fields.isIdenticalTo(held.fields) &&
+              Value(realForm(it->second->fields, held.identifier)) != Value(realForm(held.fields, held.identifier)))
             sentEngineIds.insert(masterOf(it->second->identifier, records));
           place(held.identifier, *it->second, it->second->fields);
           continue;
@@ -993,19 +1021,18 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       for (const SyncedEntry& entry : newState) {
         // An entry whose engine form is the state's, unread, keeps it.
         auto old = state.find(entry.phoneIdentifier);
-        const bool formUnread = old != state.end() && entry.engineForm.isIdenticalTo(old->second.engineForm);
+        const bool engineUnread = old != state.end() && entry.engineForm.isIdenticalTo(old->second.engineForm);
+        const bool phoneUnread = old != state.end() && entry.phoneForm.isIdenticalTo(old->second.phoneForm);
         if (old != state.end()) {
           SyncedEntry before = old->second;
-          if (!formUnread) before.engineForm = engineFormOfState(old->second);
+          if (!engineUnread) before.engineForm = engineFormOfState(old->second);
+          if (!phoneUnread) before.phoneForm = phoneFormOfState(old->second);
           if (before == entry) continue;
         }
-        if (formUnread) {
-          SyncedEntry written = entry;
-          written.engineForm = engineFormOfState(old->second);
-          store.setSyncedEntry(client, written);
-        } else {
-          store.setSyncedEntry(client, entry);
-        }
+        SyncedEntry written = entry;
+        if (engineUnread) written.engineForm = engineFormOfState(old->second);
+        if (phoneUnread) written.phoneForm = phoneFormOfState(old->second);
+        store.setSyncedEntry(client, written);
         stateChanged = true;
       }
     }
@@ -1027,7 +1054,8 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
           texts.emplace_back(text->second);
           continue;
         }
-        std::optional<std::string> written = phone.entryText(dataClass, record);
+        std::optional<std::string> written =
+            phone.entryText(dataClass, {record.identifier, record.entity, realForm(record.fields, record.identifier)});
         if (written) texts.push_back(std::move(*written));
         else byEntry = false;
       }
@@ -1038,8 +1066,12 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         newBytes[dataClass] = phone.bytesForEntryTexts(dataClass, texts);
         continue;
       }
+      readAllEntries();
+      PhoneStoreContents resolved{dataClass, {}};
+      for (const PhoneStoreRecord& record : contents.records)
+        resolved.records.push_back({record.identifier, record.entity, realForm(record.fields, record.identifier)});
       std::string error;
-      std::optional<std::string> bytes = phone.bytesFor(contents, &error);
+      std::optional<std::string> bytes = phone.bytesFor(resolved, &error);
       if (!bytes) raiseException(kSqliteStoreException, error);
       newBytes[dataClass] = std::move(*bytes);
     }
