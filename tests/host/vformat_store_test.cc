@@ -111,6 +111,58 @@ TEST_F(VFormatStoreTest, SubRecordsBackRelationsNeverReachTheFile) {
   }
 }
 
+// A file is cut into its entries' texts only when it is exactly what the
+// writer makes of them; an entry reads alone only when it reads cleanly.
+TEST_F(VFormatStoreTest, OnlyTheWritersOwnFilesAreReadEntryByEntry) {
+  store = PhoneStore(folder);
+  usePhoneParsers(store, Dictionary{{"Formatting", Dictionary()},
+                                    {"SyncDataClasses",
+                                     Dictionary{{"Contacts", Dictionary{{"MimeType", "text/x-vcard"}}},
+                                                {"Calendars", Dictionary{{"MimeType", "text/x-vcalendar"},
+                                                                         {"supportsTZ", true},
+                                                                         {"supportsGMTDates", true}}}}}});
+  const std::string a = "BEGIN:VCARD\r\nVERSION:2.1\r\nX-IRMC-LUID:a\r\nN:A;;;;\r\nEND:VCARD\r\n";
+  const std::string b = "BEGIN:VCARD\r\nVERSION:2.1\r\nX-IRMC-LUID:b\r\nNOTE:END:VCARD\r\nEND:VCARD\r\n";
+  const std::string head = "BEGIN:VCALENDAR\r\nVERSION:1.0\r\n", tail = "END:VCALENDAR\r\n";
+  const std::string e = "BEGIN:VEVENT\r\nX-IRMC-LUID:e\r\nSUMMARY:S\r\nEND:VEVENT\r\n";
+  const std::string t = "BEGIN:VTODO\r\nX-IRMC-LUID:t\r\nEND:VTODO\r\n";
+  const struct {
+    const char* dataClass;
+    std::string file;
+    std::optional<std::vector<std::string>> entries;
+  } cases[] = {
+      {"Contacts", a + b, std::vector<std::string>{a, b}},
+      {"Contacts", "", std::vector<std::string>{}},
+      {"Contacts", a + "\r\n" + b, std::nullopt},               // a blank line between
+      {"Contacts", a.substr(0, a.size() - 2) + "\n", std::nullopt},  // another line end
+      {"Contacts", a + b.substr(0, 20), std::nullopt},           // cut short
+      {"Calendars", head + e + t + tail, std::vector<std::string>{e, t}},
+      {"Calendars", head + tail, std::vector<std::string>{}},
+      {"Calendars", head + "TZ:+01:00\r\n" + e + tail, std::nullopt},  // a zone described
+      {"Calendars", head + e + "BEGIN:VCARD\r\nEND:VCARD\r\n" + tail, std::nullopt},
+      {"Calendars", e, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.dataClass + (": " + c.file));
+    const auto texts = store.entryTextsOfFile(c.dataClass, c.file);
+    ASSERT_EQ(texts.has_value(), c.entries.has_value());
+    if (!texts) continue;
+    EXPECT_EQ(std::vector<std::string>(texts->begin(), texts->end()), *c.entries);
+    EXPECT_EQ(store.bytesForEntryTexts(c.dataClass, *c.entries), c.file);
+  }
+  // An entry read alone is the entry the whole file gives; one without an
+  // identifier or with a line that does not read gives none.
+  const std::optional<PhoneStoreRecord> alone = store.entryFromText("Contacts", b);
+  const std::optional<PhoneStoreContents> whole = store.contentsFromFileBytes("Contacts", a + b);
+  ASSERT_TRUE(alone && whole && whole->records.size() == 2);
+  EXPECT_EQ(alone->identifier, "b");
+  EXPECT_EQ(alone->fields, whole->records[1].fields);
+  EXPECT_FALSE(store.entryFromText("Contacts", "BEGIN:VCARD\r\nVERSION:2.1\r\nN:A;;;;\r\nEND:VCARD\r\n"));
+  EXPECT_FALSE(store.entryFromText("Contacts", "BEGIN:VCARD\r\nX-IRMC-LUID:c\r\nBDAY:someday\r\nEND:VCARD\r\n"));
+  EXPECT_FALSE(store.entryFromText("Contacts", a + b));
+  EXPECT_TRUE(store.entryFromText("Calendars", e));
+}
+
 TEST_F(VFormatStoreTest, EntriesAddedByHandGetIdentifiersAndBadLinesAreLogged) {
   store = PhoneStore(folder);
   usePhoneParsers(store, description());
