@@ -206,7 +206,7 @@ void sync(SyncOptions options) {
     QuietDefaultLog quiet(options.log);
     Progress progress;
     run.progress = [&progress](std::size_t done, std::size_t total) { progress(done, total); };
-    result = ReferenceSync::run(run, inputs);
+    result = ReferenceSync::run(run, std::move(inputs));
   }
   if (!result.error.empty()) throw CommandError(result.error);
 

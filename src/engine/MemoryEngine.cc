@@ -273,6 +273,10 @@ void MemoryTruthSnapshot::addRecord(const std::string& identifier, const Diction
   _records.insert_or_assign(identifier, record.deepCopy());
 }
 
+void MemoryTruthSnapshot::adoptRecord(const std::string& identifier, Dictionary record) {
+  _records.insert_or_assign(identifier, std::move(record));
+}
+
 void MemoryTruthSnapshot::removeRecord(const std::string& identifier) {
   _records.erase(identifier);
 }

@@ -98,6 +98,9 @@ class MemoryTruthSnapshot : public TruthSnapshot {
  public:
   // Stores (or replaces) a deep copy of the record.
   void addRecord(const std::string& identifier, const Dictionary& record);
+  // Stores the record itself: the caller hands it over and keeps no handle
+  // to it or to any container inside it.
+  void adoptRecord(const std::string& identifier, Dictionary record);
   void removeRecord(const std::string& identifier);
   // A deep copy of the record, which the caller may change freely.
   std::optional<Dictionary> recordWithIdentifier(const std::string& identifier) const;

@@ -873,10 +873,13 @@ namespace {
 // The entry of a row of kEntryColumns; raises, naming the file and the entry,
 // when either form is damaged.
 template <class Row>
-SyncedEntry entryFromRow(const std::string& path, const std::string& client, const Row& row) {
+SyncedEntry entryFromRow(const std::string& path, const std::string& client, const Row& row,
+                         bool forms = true) {
   std::string error;
-  auto engineForm = decodeRecord(row.text(3), &error);
-  auto phoneForm = engineForm ? decodeRecord(row.text(4), &error) : std::nullopt;
+  auto engineForm = forms ? decodeRecord(row.text(3), &error) : std::optional<Dictionary>(Dictionary());
+  auto phoneForm = !engineForm ? std::nullopt
+                   : forms     ? decodeRecord(row.text(4), &error)
+                               : std::optional<Dictionary>(Dictionary());
   if (!engineForm || !phoneForm)
     raiseException(kSqliteStoreException,
                    fmt::format("{}: phones/{}/{}: {}", path, client, row.text(0), error));
@@ -898,6 +901,18 @@ std::vector<SyncedEntry> SqliteEngine::syncedEntries(const std::string& client,
   if (!dataClassName.empty()) select.bind(2, dataClassName);
   std::vector<SyncedEntry> entries;
   while (select.next()) entries.push_back(entryFromRow(_path, client, select));
+  return entries;
+}
+
+std::vector<SyncedEntry> SqliteEngine::syncedEntriesWithoutForms(const std::string& client) const {
+  std::lock_guard lock(_lock);
+  static const char* const all =
+      "SELECT engine_id, phone_id, entity, NULL, NULL FROM synced_entries WHERE client = ?1 "
+      "ORDER BY phone_id";
+  Statement select = statement(all);
+  select.bind(1, client);
+  std::vector<SyncedEntry> entries;
+  while (select.next()) entries.push_back(entryFromRow(_path, client, select, false));
   return entries;
 }
 

@@ -134,6 +134,9 @@ class SqliteEngine : public TruthSnapshot, public std::enable_shared_from_this<S
   // entries (the single events of an exploded event).
   std::vector<SyncedEntry> syncedEntries(const std::string& client,
                                          const std::string& dataClassName = {}) const;
+  // The same without decoding the forms (each left an empty dictionary of
+  // its own), for a caller that reads few of them (syncedEntryForPhoneIdentifier).
+  std::vector<SyncedEntry> syncedEntriesWithoutForms(const std::string& client) const;
   // The first entry (by phone identifier) of the engine record.
   std::optional<SyncedEntry> syncedEntryForEngineIdentifier(const std::string& client,
                                                             const std::string& identifier) const;

@@ -92,17 +92,43 @@ std::optional<PhoneStoreContents> PhoneStore::contentsOf(const std::string& data
 std::optional<std::string> PhoneStore::bytesOf(const PhoneStoreContents& contents, std::string* error) const {
   const auto format = _formats.find(contents.dataClass);
   if (format == _formats.end()) return bytesForContents(contents, error);
-  PhoneStoreContents written{contents.dataClass, {}};
-  written.records.reserve(contents.records.size());
-  for (const PhoneStoreRecord& record : contents.records) {
-    written.records.push_back({record.identifier, record.entity, record.fields.deepCopy()});
-    const Value master(Array{Value(record.identifier)});
-    forEachSubRecord(written.records.back().fields, [&](Dictionary sub) {
-      if (const Value* owner = sub.find(backRelationKey(record.entity)); owner && *owner == master)
-        sub.remove(backRelationKey(record.entity));
-    });
-  }
-  return format->second->textForContents(written);
+  // The phone's formats write a sub-record's own fields by name and never
+  // its back relation, so the records are written as they stand.
+  return format->second->textForContents(contents);
+}
+
+std::optional<std::string> PhoneStore::entryText(const std::string& dataClass,
+                                                 const PhoneStoreRecord& record) const {
+  const auto format = _formats.find(dataClass);
+  if (format == _formats.end()) return std::nullopt;
+  return format->second->entryText(record);
+}
+
+std::string PhoneStore::bytesForEntryTexts(const std::string& dataClass,
+                                           const std::vector<std::string>& entries) const {
+  const auto format = _formats.find(dataClass);
+  return format == _formats.end() ? std::string() : format->second->textForEntryTexts(entries);
+}
+
+std::optional<std::vector<std::string_view>> PhoneStore::entryTextsOfFile(
+    const std::string& dataClass, std::string_view bytes) const {
+  const auto format = _formats.find(dataClass);
+  if (format == _formats.end()) return std::nullopt;
+  return format->second->entryTextsOfFile(bytes);
+}
+
+std::optional<PhoneStoreRecord> PhoneStore::entryFromText(const std::string& dataClass,
+                                                          const std::string& text) const {
+  const auto format = _formats.find(dataClass);
+  if (format == _formats.end()) return std::nullopt;
+  VFormatReadResult read = format->second->contentsFromText(format->second->textForEntryTexts({text}));
+  if (read.cutShort || !read.problems.empty() || read.records.size() != 1 ||
+      read.records[0].identifier.empty())
+    return std::nullopt;
+  PhoneStoreRecord& record = read.records[0];
+  const Array master{Value(record.identifier)};
+  forEachSubRecord(record.fields, [&](Dictionary sub) { sub.set(backRelationKey(record.entity), master); });
+  return std::move(record);
 }
 
 bool PhoneStore::hasDataClass(const std::string& dataClass) const {

@@ -85,6 +85,24 @@ class PhoneStore {
                                       std::string* error = nullptr) const;
   WriteResult writeBytes(const std::string& dataClass, const std::string& bytes,
                          std::string* error = nullptr);
+  // The text of one entry of the data class's file, when the file is its
+  // entries' texts in order (bytesForEntryTexts); nullopt when it is not
+  // (the store's property list, entries written against the whole file).
+  std::optional<std::string> entryText(const std::string& dataClass,
+                                       const PhoneStoreRecord& record) const;
+  // The file's bytes for the entries' texts: what `bytesFor` gives for the
+  // entries themselves.
+  std::string bytesForEntryTexts(const std::string& dataClass,
+                                 const std::vector<std::string>& entries) const;
+  // The entries' texts of a file of the data class written as
+  // bytesForEntryTexts writes, in file order; nullopt for any other file.
+  std::optional<std::vector<std::string_view>> entryTextsOfFile(const std::string& dataClass,
+                                                                std::string_view bytes) const;
+  // The one entry an entry's text holds, as `read` gives it within its file;
+  // nullopt unless it reads as exactly one entry, with its identifier and
+  // without a line skipped (nothing is logged).
+  std::optional<PhoneStoreRecord> entryFromText(const std::string& dataClass,
+                                                const std::string& text) const;
   // What `read` gives for a file of these bytes.
   std::optional<PhoneStoreContents> contentsFromFileBytes(const std::string& dataClass,
                                                           std::string_view bytes,

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,6 +31,22 @@ class PhoneStoreFormat {
   // "vcf": the data class's file is "<data class>.vcf".
   virtual std::string fileExtension() const = 0;
   virtual std::string textForContents(const PhoneStoreContents& contents) const = 0;
+  // The text of one entry, when a file is its entries' texts in order
+  // between a fixed head and tail (textForEntryTexts); nullopt when an
+  // entry's text depends on the others.
+  virtual std::optional<std::string> entryText(const PhoneStoreRecord&) const { return std::nullopt; }
+  // The entries' texts of a file that is exactly the head, entries' texts
+  // and tail this format writes; nullopt for any other file (read it whole).
+  virtual std::optional<std::vector<std::string_view>> entryTextsOfFile(std::string_view) const {
+    return std::nullopt;
+  }
+  // The file of the entries' texts, byte for byte what textForContents
+  // writes for those entries.
+  virtual std::string textForEntryTexts(const std::vector<std::string>& entries) const {
+    std::string text;
+    for (const std::string& entry : entries) text += entry;
+    return text;
+  }
   // Entries without an identifier come back with an empty one.
   virtual VFormatReadResult contentsFromText(std::string_view text) const = 0;
 };

@@ -198,6 +198,9 @@ struct Outgoing {
   Dictionary holderProperties;
   std::optional<Dictionary> original;  // when it is not the assembled master
   std::size_t report = 0;  // index of its master's report
+  // The entry's text in the store file, when the file is made of its
+  // entries' texts: the entry's fields are then let go at once.
+  std::optional<std::string> text;
 };
 
 // One occurrence of an exploded event as a single event: an alarm at an
@@ -394,6 +397,15 @@ std::vector<std::string> ReferenceSync::changedFields(const Dictionary& predicti
 }
 
 SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& inputs) {
+  return runWith(run, inputs, nullptr);
+}
+
+SyncResult ReferenceSync::run(const SyncRun& run, std::vector<SyncInput>&& inputs) {
+  return runWith(run, inputs, &inputs);
+}
+
+SyncResult ReferenceSync::runWith(const SyncRun& run, const std::vector<SyncInput>& inputs,
+                                  std::vector<SyncInput>* owned) {
   SyncResult result;
   SyncReport& report = result.report;
 
@@ -466,19 +478,28 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
   std::set<std::string> masterEntities;
   for (const SyncInput& input : inputs)
     masterEntities.insert(input.record.getString(kEngineRecordEntityNameKey));
-  for (const SyncInput& input : inputs) {
+  for (std::size_t i = 0; i < inputs.size(); ++i) {
+    const SyncInput& input = inputs[i];
     const std::string entity = input.record.getString(kEngineRecordEntityNameKey);
     assembler.setDelegate(delegateFor(entity));
     SplitRecord parts = assembler.split(input.record, input.identifier);
-    truth->addRecord(input.identifier, parts.master);
+    // The parts share values with the input: a record handed over is let
+    // go here and its parts kept as they are; the caller's own are copied.
+    if (owned) (*owned)[i].record = Dictionary();
+    auto keep = [&](const std::string& identifier, Dictionary& record) {
+      if (owned) truth->adoptRecord(identifier, std::move(record));
+      else truth->addRecord(identifier, record);
+    };
     masters.push_back(input.identifier);
-    for (const auto& [identifier, record] : parts.subRecords) {
-      truth->addRecord(identifier, record);
+    keep(input.identifier, parts.master);
+    for (auto& [identifier, record] : parts.subRecords) {
       // A detached event is a master record of its own.
       if (masterEntities.count(record.getString(kEngineRecordEntityNameKey)))
         masters.push_back(identifier);
+      keep(identifier, record);
     }
   }
+  if (owned) owned->clear();
   for (const Value& entity : phone.phoneSide->supportedEntityNames())
     if (auto formatter = phone.phoneSide->formatterForEntity(entity.stringValue()))
       formatter->_setSnapShot(truth);
@@ -521,6 +542,12 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
 
   // --- Way out -------------------------------------------------------------------------
   std::map<std::string, std::vector<Outgoing>> outgoing;  // data class -> records
+  // Keeps an entry for the store: as its text where the file is made of
+  // entries' texts, so that a large sync does not hold every formatted record.
+  auto send = [&](const std::string& dataClass, Outgoing record) {
+    if ((record.text = store.entryText(dataClass, record.stored))) record.stored.fields = Dictionary();
+    outgoing[dataClass].push_back(std::move(record));
+  };
   std::set<std::string> sentIdentifiers;
   // Unmangles `fields` in place, which must be the caller's own.
   auto unmangled = [&](Dictionary fields, const std::string& entity, RecordHolder& holder) {
@@ -672,10 +699,10 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
           prediction = phone.engineSide->formatRecord(engineEvent).record;
         if (changedOnPhone(occurrence, engineEvent, single.properties(), prediction,
                            *formatted.record, changes, occurrence + ": "))
-          outgoing[dataClass].push_back({*onPhone[occurrence], false, {}, std::nullopt, reportIndex});
+          send(dataClass, Outgoing{*onPhone[occurrence], false, {}, std::nullopt, reportIndex, {}});
         else
-          outgoing[dataClass].push_back({{occurrence, entity, *formatted.record}, false,
-                                         single.properties(), std::nullopt, reportIndex});
+          send(dataClass, Outgoing{{occurrence, entity, *formatted.record}, false,
+                                         single.properties(), std::nullopt, reportIndex, {}});
         sentIdentifiers.insert(occurrence);
         ++entry.events;
       }
@@ -704,10 +731,10 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
                        changes, "")) {
       entry.outcome = SyncOutcome::changedOnPhone;
       entry.fields = std::move(changes);
-      outgoing[dataClass].push_back({*onPhone[identifier], false, {}, std::nullopt, reportIndex});
+      send(dataClass, Outgoing{*onPhone[identifier], false, {}, std::nullopt, reportIndex, {}});
     } else {
-      outgoing[dataClass].push_back({{identifier, entity, *formatted.record}, true,
-                                     holder->properties(), std::nullopt, reportIndex});
+      send(dataClass, Outgoing{{identifier, entity, *formatted.record}, true,
+                                     holder->properties(), std::nullopt, reportIndex, {}});
     }
     if (run.keepRecords) entry.prediction = std::move(prediction);
     sentIdentifiers.insert(identifier);
@@ -728,9 +755,13 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
       entry.entity = record.entity;
       entry.outcome = SyncOutcome::changedOnPhone;
       entry.fields.push_back({"added on the phone", std::string()});
-      outgoing[dataClass].push_back({record, false, {}, std::nullopt, report.records.size()});
+      send(dataClass, Outgoing{record, false, {}, std::nullopt, report.records.size(), {}});
       report.records.push_back(std::move(entry));
     }
+
+  // What the phone held is in `outgoing` now, where it stays.
+  onPhone.clear();
+  previous.clear();
 
   // Phone entries the caller wants in the engine's form: unmangled with what
   // the mangling of their engine record noted, as on the way back.
@@ -754,10 +785,27 @@ SyncResult ReferenceSync::run(const SyncRun& run, const std::vector<SyncInput>& 
   // --- Into the store ------------------------------------------------------------------
   if (!settings.save(report.filesWritten, result.error)) return result;
   for (const std::string& dataClass : dataClasses) {
-    PhoneStoreContents contents{dataClass, {}};
-    for (const Outgoing& record : outgoing[dataClass]) contents.records.push_back(record.stored);
+    std::vector<Outgoing>& records = outgoing[dataClass];
+    const bool asTexts = !records.empty() && records.front().text;
+    std::optional<std::string> bytes;
     std::string error;
-    switch (store.write(contents, &error)) {
+    if (asTexts) {
+      std::vector<std::string> texts;
+      texts.reserve(records.size());
+      for (Outgoing& record : records) {
+        texts.push_back(std::move(*record.text));
+        record.text.reset();
+      }
+      bytes = store.bytesForEntryTexts(dataClass, texts);
+    } else {
+      PhoneStoreContents contents{dataClass, {}};
+      for (const Outgoing& record : records) contents.records.push_back(record.stored);
+      bytes = store.bytesFor(contents, &error);
+    }
+    const PhoneStore::WriteResult written =
+        bytes ? store.writeBytes(dataClass, *bytes, &error) : PhoneStore::WriteResult::failed;
+    bytes.reset();
+    switch (written) {
       case PhoneStore::WriteResult::written:
         report.filesWritten.push_back(store.pathForDataClass(dataClass));
         break;

@@ -124,6 +124,9 @@ struct SyncResult {
 class ReferenceSync {
  public:
   static SyncResult run(const SyncRun& run, const std::vector<SyncInput>& records);
+  // The same with the records handed over: each is let go as soon as the
+  // engine's truth holds it, so a large sync does not keep two copies.
+  static SyncResult run(const SyncRun& run, std::vector<SyncInput>&& records);
 
   // Keys that differ between two records (entity names aside); a relation's
   // sub-records count as one field.
@@ -136,6 +139,11 @@ class ReferenceSync {
   static std::vector<std::string> changedFields(const Dictionary& prediction,
                                                 const Dictionary& back,
                                                 const Dictionary& engineRecord);
+
+ private:
+  // `owned`: the records may be emptied as they go into the truth.
+  static SyncResult runWith(const SyncRun& run, const std::vector<SyncInput>& records,
+                            std::vector<SyncInput>* owned);
 };
 
 }  // namespace pc

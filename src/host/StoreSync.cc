@@ -130,7 +130,7 @@ bool formatAll(const StoreSyncRun& run, const SqliteEngine& store,
   formatting.stageDone = nullptr;
   formatting.keepRecords = false;
   formatting.unmangle = std::move(unmangle);
-  SyncResult result = ReferenceSync::run(formatting, inputs);
+  SyncResult result = ReferenceSync::run(formatting, std::move(inputs));
   if (!result.error.empty()) {
     error = result.error;
     return false;
@@ -390,6 +390,10 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
   // parsed: its entries are the state's phone forms, in the order the
   // anchor keeps (taken once the state is read).
   std::map<std::string, std::string> unparsed;  // data class -> the file's bytes
+  // A file that changed since, of which the anchor keeps each entry's
+  // digest: only the entries whose text is not one the last sync wrote are
+  // parsed (once the state is read).
+  std::map<std::string, std::string> changedFiles;  // data class -> the file's bytes
   for (const std::string& dataClass : dataClasses) {
     const std::string path = phone.pathForDataClass(dataClass);
     std::error_code code;
@@ -398,6 +402,10 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
       if (!bytes) return result;
       if (anchors[dataClass].getString("file") == fileDigest(*bytes)) {
         unparsed[dataClass] = std::move(*bytes);
+        continue;
+      }
+      if (anchors[dataClass].contains("entries")) {
+        changedFiles[dataClass] = std::move(*bytes);
         continue;
       }
       std::optional<PhoneStoreContents> contents =
@@ -417,12 +425,62 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
 
     std::map<std::string, SyncedEntry> state;  // phone identifier -> entry
     std::set<std::string> classesWithState;
-    for (SyncedEntry& entry : store.syncedEntries(client)) {
+    // After a sync that left anchors, the state's forms are read only where
+    // they are needed: entries the phone changed or deleted, entries whose
+    // text the phone's file does not hold as the last sync wrote it, and
+    // state entries that change. The others stand in every comparison under
+    // an empty dictionary of their own (the same handle is the same form).
+    const bool lazyForms = since.has_value();
+    for (SyncedEntry& entry : lazyForms ? store.syncedEntriesWithoutForms(client) : store.syncedEntries(client)) {
       if (auto dataClass = schema->dataClassNameForEntityName(entry.entityName))
         classesWithState.insert(*dataClass);
       std::string id = entry.phoneIdentifier;
       state.emplace(std::move(id), std::move(entry));
     }
+    // Entries of the phone's files that are, byte for byte, what the last
+    // sync wrote for their state: their text in the file as it is (kept for
+    // the writing), and their phone form the state's own.
+    std::map<std::string, std::map<std::string, std::string_view>> oldTexts;  // data class -> phone id -> text
+    std::set<std::string> asInState;  // phone ids
+    auto parseWhole = [&](const std::string& dataClass, const std::string& bytes) {
+      std::string error;
+      std::optional<PhoneStoreContents> parsed = phone.contentsFromFileBytes(dataClass, bytes, &error);
+      if (!parsed) raiseException(kSqliteStoreException, error);
+      return std::move(*parsed);
+    };
+    std::map<std::string, SyncedEntry> readEntries;  // phone id -> the state's entry with its forms, once read
+    auto readEntry = [&](const SyncedEntry& entry) -> const SyncedEntry& {
+      if (!lazyForms) return entry;
+      auto read = readEntries.find(entry.phoneIdentifier);
+      if (read == readEntries.end()) {
+        std::optional<SyncedEntry> full = store.syncedEntryForPhoneIdentifier(client, entry.phoneIdentifier);
+        read = readEntries.emplace(entry.phoneIdentifier, full ? std::move(*full) : entry).first;
+      }
+      return read->second;
+    };
+    // Every entry's forms at once, for a file written whole.
+    bool allRead = !lazyForms;
+    auto readAllEntries = [&] {
+      if (allRead) return;
+      for (SyncedEntry& entry : store.syncedEntries(client)) {
+        std::string id = entry.phoneIdentifier;
+        readEntries.try_emplace(std::move(id), std::move(entry));
+      }
+      allRead = true;
+    };
+    auto engineFormOfState = [&](const SyncedEntry& entry) -> const Dictionary& {
+      return readEntry(entry).engineForm;
+    };
+    auto phoneFormOfState = [&](const SyncedEntry& entry) -> const Dictionary& {
+      return readEntry(entry).phoneForm;
+    };
+    // A phone form as it is: the state's own, read, where `form` stands for it.
+    auto realForm = [&](const Dictionary& form, const std::string& phoneId) -> const Dictionary& {
+      if (!lazyForms) return form;
+      auto known = state.find(phoneId);
+      return known != state.end() && form.isIdenticalTo(known->second.phoneForm) ? phoneFormOfState(known->second)
+                                                                                 : form;
+    };
     for (auto& [dataClass, bytes] : unparsed) {
       PhoneStoreContents contents{dataClass, {}};
       const std::optional<Array> order = anchors[dataClass].getArray("order");
@@ -433,14 +491,47 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         else contents.records.push_back({known->first, known->second.entityName, known->second.phoneForm});
       }
       if (!whole) {
-        std::string error;
-        std::optional<PhoneStoreContents> parsed = phone.contentsFromFileBytes(dataClass, bytes, &error);
-        if (!parsed) raiseException(kSqliteStoreException, error);
-        contents = std::move(*parsed);
+        contents = parseWhole(dataClass, bytes);
+      } else {
+        for (std::size_t i = 0; i < order->count(); ++i) asInState.insert(order->at(i).stringValue());
+        if (auto texts = phone.entryTextsOfFile(dataClass, bytes); texts && texts->size() == order->count())
+          for (std::size_t i = 0; i < texts->size(); ++i) oldTexts[dataClass][order->at(i).stringValue()] = (*texts)[i];
       }
       onPhone[dataClass] = std::move(contents);
     }
-    unparsed.clear();
+    for (auto& [dataClass, bytes] : changedFiles) {
+      PhoneStoreContents contents{dataClass, {}};
+      const std::optional<Array> order = anchors[dataClass].getArray("order");
+      const std::optional<Array> digests = anchors[dataClass].getArray("entries");
+      const std::optional<std::vector<std::string_view>> texts = phone.entryTextsOfFile(dataClass, bytes);
+      bool byEntry = order && digests && texts && order->count() == digests->count();
+      std::map<std::string, std::string> written;  // digest -> phone id
+      for (std::size_t i = 0; byEntry && i < order->count(); ++i)
+        written[digests->at(i).stringValue()] = order->at(i).stringValue();
+      std::map<std::string, std::string_view> same;  // phone id -> text
+      for (std::size_t i = 0; byEntry && i < texts->size(); ++i) {
+        const std::string_view text = (*texts)[i];
+        if (auto digest = written.find(fileDigest(text)); digest != written.end())
+          if (auto known = state.find(digest->second); known != state.end()) {
+            contents.records.push_back({known->first, known->second.entityName, known->second.phoneForm});
+            same[known->first] = text;
+            continue;
+          }
+        // An entry the phone changed or added: read alone, as within its
+        // file; one that does not read cleanly has the whole file read, so
+        // that its problems are told as for any file.
+        std::optional<PhoneStoreRecord> entry = phone.entryFromText(dataClass, std::string(text));
+        if (entry) contents.records.push_back(std::move(*entry));
+        else byEntry = false;
+      }
+      if (!byEntry) {
+        contents = parseWhole(dataClass, bytes);
+      } else {
+        for (const auto& [phoneId, text] : same) asInState.insert(phoneId);
+        oldTexts[dataClass] = std::move(same);
+      }
+      onPhone[dataClass] = std::move(contents);
+    }
 
     std::set<std::string> records;
     for (const std::string& dataClass : dataClasses)
@@ -553,11 +644,12 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
     std::set<std::string> editedOnPhone;  // phone ids
     for (const std::string& dataClass : dataClasses)
       for (const PhoneStoreRecord& entry : onPhone[dataClass].records) {
+        if (asInState.count(entry.identifier)) continue;
         auto known = state.find(entry.identifier);
-        const Dictionary* base = known != state.end() ? &known->second.phoneForm : nullptr;
+        const Dictionary* base = known != state.end() ? &phoneFormOfState(known->second) : nullptr;
         if (!base)
           if (auto paired = baseOf.find(entry.identifier); paired != baseOf.end()) base = &paired->second;
-        if (base && !ReferenceSync::differingFields(*base, entry.fields).empty())
+        if (base && !ReferenceSync::differingFields(*base, realForm(entry.fields, entry.identifier)).empty())
           editedOnPhone.insert(entry.identifier);
       }
 
@@ -574,9 +666,9 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
           if (!editedOnPhone.count(entry.identifier)) continue;
           auto known = state.find(entry.identifier);
           const Dictionary& base =
-              known != state.end() ? known->second.phoneForm : baseOf[entry.identifier];
-          unmangle.emplace(mapped->second,
-                           PhoneStoreRecord{"phone:" + entry.identifier, entry.entity, entry.fields});
+              known != state.end() ? phoneFormOfState(known->second) : baseOf[entry.identifier];
+          unmangle.emplace(mapped->second, PhoneStoreRecord{"phone:" + entry.identifier, entry.entity,
+                                                            realForm(entry.fields, entry.identifier)});
           unmangle.emplace(mapped->second,
                            PhoneStoreRecord{"base:" + entry.identifier, entry.entity, base});
         }
@@ -617,7 +709,8 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
                 Array detached =
                     master->second.getArray(kCalendarsEventDetachedEvents).value_or(Array());
                 detached.add(detachedEventOf(master->second, occurrence->start,
-                                             known->second.phoneForm, entry.fields));
+                                             phoneFormOfState(known->second),
+                                             realForm(entry.fields, entry.identifier)));
                 master->second.set(kCalendarsEventDetachedEvents, detached);
                 report({entry.identifier, entry.entity, StoreSyncOutcome::changedOnPhone,
                         {{kCalendarsEventDetachedEvents, std::string()}}, {}, 0,
@@ -650,17 +743,17 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         const std::string& engineId = mapped->second;
         if (!editedOnPhone.count(entry.identifier)) continue;
         const Dictionary& base =
-            known != state.end() ? known->second.phoneForm : baseOf[entry.identifier];
+            known != state.end() ? phoneFormOfState(known->second) : baseOf[entry.identifier];
         auto phoneForm = unmangledForms.find("phone:" + entry.identifier);
         auto baseForm = unmangledForms.find("base:" + entry.identifier);
         const bool unmangledBoth = phoneForm != unmangledForms.end() && baseForm != unmangledForms.end();
-        const Dictionary& phoneFields = unmangledBoth ? phoneForm->second : entry.fields;
+        const Dictionary& phoneFields = unmangledBoth ? phoneForm->second : realForm(entry.fields, entry.identifier);
         const Dictionary& baseFields = unmangledBoth ? baseForm->second : base;
         const std::vector<std::string> keys = changedKeys(baseFields, phoneFields);
         if (keys.empty()) continue;
         std::optional<Dictionary> current = recordOf(engineId);
         const Dictionary engineBase =
-            known != state.end() ? known->second.engineForm : current.value_or(Dictionary());
+            known != state.end() ? engineFormOfState(known->second) : current.value_or(Dictionary());
         StoreSyncRecord changed{engineId, entry.entity, StoreSyncOutcome::changedOnPhone, {}, {}, 0, {}};
         if (!current) {
           // Deleted on the engine, changed on the phone.
@@ -719,7 +812,7 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
         if (schema->dataClassNameForEntityName(entry.entityName) != dataClass) continue;
         std::optional<Dictionary> current = recordOf(entry.engineIdentifier);
         if (!current) continue;  // gone on both sides
-        if (Value(*current) != Value(entry.engineForm) && run.conflicts == ConflictPolicy::engine) {
+        if (Value(*current) != Value(engineFormOfState(entry)) && run.conflicts == ConflictPolicy::engine) {
           // Changed on the engine since: the engine's record goes back.
           StoreSyncRecord conflict{entry.engineIdentifier, entry.entityName,
                                    StoreSyncOutcome::conflict, {}, {}, 0, {}};
@@ -854,7 +947,8 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
                                 engineFormOf(master, held.identifier), it->second->fields});
             continue;
           }
-          if (Value(it->second->fields) != Value(held.fields))
+          if (!it->second->fields.isIdenticalTo(held.fields) &&
+              Value(realForm(it->second->fields, held.identifier)) != Value(realForm(held.fields, held.identifier)))
             sentEngineIds.insert(masterOf(it->second->identifier, records));
           place(held.identifier, *it->second, it->second->fields);
           continue;
@@ -925,18 +1019,59 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
           stateChanged = true;
         }
       for (const SyncedEntry& entry : newState) {
+        // An entry whose engine form is the state's, unread, keeps it.
         auto old = state.find(entry.phoneIdentifier);
-        if (old != state.end() && old->second == entry) continue;
-        store.setSyncedEntry(client, entry);
+        const bool engineUnread = old != state.end() && entry.engineForm.isIdenticalTo(old->second.engineForm);
+        const bool phoneUnread = old != state.end() && entry.phoneForm.isIdenticalTo(old->second.phoneForm);
+        if (old != state.end()) {
+          SyncedEntry before = old->second;
+          if (!engineUnread) before.engineForm = engineFormOfState(old->second);
+          if (!phoneUnread) before.phoneForm = phoneFormOfState(old->second);
+          if (before == entry) continue;
+        }
+        SyncedEntry written = entry;
+        if (engineUnread) written.engineForm = engineFormOfState(old->second);
+        if (phoneUnread) written.phoneForm = phoneFormOfState(old->second);
+        store.setSyncedEntry(client, written);
         stateChanged = true;
       }
     }
     // The phone's files as they are to be: their digests go in the anchors.
     std::map<std::string, std::string> newBytes;  // data class -> bytes; none: no file
+    std::map<std::string, Array> entryDigests;        // data class -> digest of each entry's text
     for (const auto& [dataClass, contents] : newContents) {
       if (contents.records.empty() && !phone.hasDataClass(dataClass)) continue;
+      // Where the file is its entries' texts, an entry the phone holds as
+      // the state says keeps its text; the others are written.
+      std::vector<std::string> texts;
+      bool byEntry = !contents.records.empty();
+      const std::map<std::string, std::string_view>& old = oldTexts[dataClass];
+      for (std::size_t i = 0; byEntry && i < contents.records.size(); ++i) {
+        const PhoneStoreRecord& record = contents.records[i];
+        auto text = old.find(record.identifier);
+        auto known = state.find(record.identifier);
+        if (text != old.end() && known != state.end() && record.fields.isIdenticalTo(known->second.phoneForm)) {
+          texts.emplace_back(text->second);
+          continue;
+        }
+        std::optional<std::string> written =
+            phone.entryText(dataClass, {record.identifier, record.entity, realForm(record.fields, record.identifier)});
+        if (written) texts.push_back(std::move(*written));
+        else byEntry = false;
+      }
+      if (byEntry) {
+        Array digests;
+        for (const std::string& text : texts) digests.add(Value(fileDigest(text)));
+        entryDigests[dataClass] = std::move(digests);
+        newBytes[dataClass] = phone.bytesForEntryTexts(dataClass, texts);
+        continue;
+      }
+      readAllEntries();
+      PhoneStoreContents resolved{dataClass, {}};
+      for (const PhoneStoreRecord& record : contents.records)
+        resolved.records.push_back({record.identifier, record.entity, realForm(record.fields, record.identifier)});
       std::string error;
-      std::optional<std::string> bytes = phone.bytesFor(contents, &error);
+      std::optional<std::string> bytes = phone.bytesFor(resolved, &error);
       if (!bytes) raiseException(kSqliteStoreException, error);
       newBytes[dataClass] = std::move(*bytes);
     }
@@ -961,6 +1096,8 @@ StoreSyncResult StoreSync::run(SqliteEngine& store, const StoreSyncRun& run) {
             for (const PhoneStoreRecord& entry : contents.records) order.add(Value(entry.identifier));
         anchor.set("file", fileDigest(bytes->second));
         anchor.set("order", order);
+        if (auto digests = entryDigests.find(dataClass); digests != entryDigests.end())
+          anchor.set("entries", digests->second);
       }
       if (stored != anchors.end() && Value(stored->second) == Value(anchor)) continue;
       store.setAnchor(client, dataClass, anchor);

@@ -602,6 +602,24 @@ std::string VCalendarCodec::write(const std::vector<PhoneStoreRecord>& records) 
   return text;
 }
 
+std::optional<std::string> VCalendarCodec::entryText(const PhoneStoreRecord& record) const {
+  if (_options.localTimes) return std::nullopt;
+  const ZoneDescription none;
+  EntryWriter entry(_options, none);
+  entry.write(record);
+  return entry.text();
+}
+
+std::string VCalendarCodec::textForEntryTexts(const std::vector<std::string>& entries) const {
+  std::size_t size = 0;
+  for (const std::string& entry : entries) size += entry.size();
+  std::string text = "BEGIN:VCALENDAR\r\nVERSION:1.0\r\n";
+  text.reserve(size + text.size() + 16);
+  for (const std::string& entry : entries) text += entry;
+  text += "END:VCALENDAR\r\n";
+  return text;
+}
+
 VFormatReadResult VCalendarCodec::read(std::string_view text) const {
   VFormatReadResult result;
   ContentReader reader(text);

@@ -27,6 +27,7 @@
 // Fields with no property go in X-PC-FIELD lines (VFormatValues.h); unknown
 // properties of other programs are counted by name and left out.
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -52,6 +53,11 @@ class VCalendarCodec {
 
   std::string write(const std::vector<PhoneStoreRecord>& records) const;
   VFormatReadResult read(std::string_view text) const;
+  // With instants in UTC a file is its entries' texts between a fixed head
+  // and tail; in local times the zone description the entries are written
+  // against depends on them all, and there is no entry text (nullopt).
+  std::optional<std::string> entryText(const PhoneStoreRecord& record) const;
+  std::string textForEntryTexts(const std::vector<std::string>& entries) const;
 
  private:
   VCalendarOptions _options;

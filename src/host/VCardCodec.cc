@@ -116,6 +116,12 @@ std::string VCardCodec::write(const std::vector<PhoneStoreRecord>& records) cons
   return out.take();
 }
 
+std::string VCardCodec::entryText(const PhoneStoreRecord& record) const {
+  ContentWriter out;
+  writeEntry(out, record);
+  return out.take();
+}
+
 void VCardCodec::writeEntry(ContentWriter& out, const PhoneStoreRecord& record) const {
   const Dictionary& fields = record.fields;
   std::set<std::string> written{kEngineRecordEntityNameKey};

@@ -50,6 +50,8 @@ class VCardCodec {
 
   std::string write(const std::vector<PhoneStoreRecord>& records) const;
   void writeEntry(ContentWriter& out, const PhoneStoreRecord& record) const;
+  // A file is its entries' texts one after another.
+  std::string entryText(const PhoneStoreRecord& record) const;
   VFormatReadResult read(std::string_view text) const;
   // One VCARD object as a record; problems and ignored properties are added
   // to `result`.

@@ -1,5 +1,7 @@
 #include "host/VFormatParsers.h"
 
+#include <initializer_list>
+
 #include "conduit/CFPhone.h"
 #include "engine/SchemaNames.h"
 #include "platform/Registry.h"
@@ -40,6 +42,33 @@ Array recordsFromResult(const VFormatReadResult& result) {
   return records;
 }
 
+// The objects that make up `text` one after another, each from its
+// "BEGIN:<name>" line to its "END:<name>" line (CRLF ends, as the writers
+// end lines); nullopt when anything else stands between or around them. A
+// value never holds a raw line break (the writers encode it), so the first
+// END line closes the object.
+std::optional<std::vector<std::string_view>> entriesTiling(std::string_view text,
+                                                           std::initializer_list<std::string_view> names) {
+  std::vector<std::string_view> entries;
+  std::size_t at = 0;
+  while (at < text.size()) {
+    const std::string_view rest = text.substr(at);
+    std::size_t end = std::string_view::npos;
+    for (std::string_view name : names) {
+      const std::string begin = "BEGIN:" + std::string(name) + "\r\n";
+      if (rest.substr(0, begin.size()) != begin) continue;
+      const std::string close = "\r\nEND:" + std::string(name) + "\r\n";
+      const std::size_t found = rest.find(close);
+      if (found != std::string_view::npos) end = found + close.size();
+      break;
+    }
+    if (end == std::string_view::npos) return std::nullopt;
+    entries.push_back(rest.substr(0, end));
+    at += end;
+  }
+  return entries;
+}
+
 }  // namespace
 
 std::string parserClassForMimeType(std::string_view mimeType) {
@@ -68,6 +97,14 @@ std::string VCardParser::textForContents(const PhoneStoreContents& contents) con
 
 VFormatReadResult VCardParser::contentsFromText(std::string_view text) const {
   return VCardCodec(_options).read(text);
+}
+
+std::optional<std::string> VCardParser::entryText(const PhoneStoreRecord& record) const {
+  return VCardCodec(_options).entryText(record);
+}
+
+std::optional<std::vector<std::string_view>> VCardParser::entryTextsOfFile(std::string_view text) const {
+  return entriesTiling(text, {"VCARD"});
 }
 
 void VCalendarParser::initWithPhone(CFPhone* phone, const std::optional<Dictionary>&) {
@@ -103,6 +140,26 @@ std::string VCalendarParser::textForContents(const PhoneStoreContents& contents)
 
 VFormatReadResult VCalendarParser::contentsFromText(std::string_view text) const {
   return VCalendarCodec(_options).read(text);
+}
+
+std::optional<std::string> VCalendarParser::entryText(const PhoneStoreRecord& record) const {
+  return VCalendarCodec(_options).entryText(record);
+}
+
+std::string VCalendarParser::textForEntryTexts(const std::vector<std::string>& entries) const {
+  return VCalendarCodec(_options).textForEntryTexts(entries);
+}
+
+std::optional<std::vector<std::string_view>> VCalendarParser::entryTextsOfFile(std::string_view text) const {
+  if (_options.localTimes) return std::nullopt;
+  const VCalendarCodec codec(_options);
+  const std::string frame = codec.textForEntryTexts({});
+  constexpr std::string_view tail = "END:VCALENDAR\r\n";
+  const std::string_view head = std::string_view(frame).substr(0, frame.size() - tail.size());
+  if (text.size() < frame.size() || text.substr(0, head.size()) != head ||
+      text.substr(text.size() - tail.size()) != tail)
+    return std::nullopt;
+  return entriesTiling(text.substr(head.size(), text.size() - frame.size()), {"VEVENT", "VTODO"});
 }
 
 void VCalendarParser::useTimesOfDescription(const Dictionary& info, const Dictionary& description) {

@@ -49,6 +49,8 @@ class VCardParser : public DeviceParser, public PhoneStoreFormat {
   std::string fileExtension() const override { return "vcf"; }
   std::string textForContents(const PhoneStoreContents& contents) const override;
   VFormatReadResult contentsFromText(std::string_view text) const override;
+  std::optional<std::string> entryText(const PhoneStoreRecord& record) const override;
+  std::optional<std::vector<std::string_view>> entryTextsOfFile(std::string_view text) const override;
 
   const VCardOptions& options() const { return _options; }
   void setOptions(VCardOptions options) { _options = std::move(options); }
@@ -67,6 +69,9 @@ class VCalendarParser : public DeviceParser, public PhoneStoreFormat {
   std::string fileExtension() const override { return "vcs"; }
   std::string textForContents(const PhoneStoreContents& contents) const override;
   VFormatReadResult contentsFromText(std::string_view text) const override;
+  std::optional<std::string> entryText(const PhoneStoreRecord& record) const override;
+  std::string textForEntryTexts(const std::vector<std::string>& entries) const override;
+  std::optional<std::vector<std::string_view>> entryTextsOfFile(std::string_view text) const override;
 
   const VCalendarOptions& options() const { return _options; }
   void setOptions(VCalendarOptions options) { _options = std::move(options); }

@@ -20,6 +20,7 @@
 #include "host/PhoneStore.h"
 #include "host/VFormatParsers.h"
 #include "platform/Exception.h"
+#include "platform/FileIO.h"
 #include "platform/PropertyList.h"
 #include "platform/TimeZone.h"
 #include "util/PHCMangling.h"
@@ -756,7 +757,8 @@ Dictionary weeklyEvent(const char* summary, CalendarDate first) {
 class IncrementalStoreSyncTest : public ::testing::TestWithParam<std::string> {};
 
 // Random edits, additions and deletions on both sides, texts cut short on
-// the phone (which change nothing the engine holds), and a moved window: a sync that formats
+// the phone (which change nothing the engine holds), entries typed into a
+// phone file by hand, and a moved window: a sync that formats
 // only what changed ends, after every round, exactly where one that formats
 // every record again does (store, sync state, phone files and report), and
 // the sync after it is quiet.
@@ -784,9 +786,10 @@ TEST_P(IncrementalStoreSyncTest, EndsWhereASyncFormattingEverythingEnds) {
         if (phone.records.empty()) continue;
         auto pick = [&]() -> PhoneStoreRecord& { return phone.records[random() % phone.records.size()]; };
         const char* text = dataClass == std::string(kContacts) ? "lastName" : "summary";
+        std::string byHand;  // an entry typed into the file by hand
         for (int op = 0; op < 3; ++op) {
           const std::string name = "R" + std::to_string(round) + "-" + std::to_string(op);
-          switch (random() % 6) {
+          switch (random() % 7) {
             case 0:  // phone edit
               pick().fields.set(text, name);
               break;
@@ -817,9 +820,25 @@ TEST_P(IncrementalStoreSyncTest, EndsWhereASyncFormattingEverythingEnds) {
               if (value.size() > 2) entry.fields.set(text, value.substr(0, 2));
               break;
             }
+            case 6:  // an entry typed by hand: without an identifier, or with a line that does not read
+              byHand = dataClass == std::string(kContacts)
+                           ? (round % 2 ? "BEGIN:VCARD\r\nVERSION:2.1\r\nN:" + name + "\r\nEND:VCARD\r\n"
+                                        : "BEGIN:VCARD\r\nVERSION:2.1\r\nX-IRMC-LUID:" + name + "\r\nN:" + name +
+                                              "\r\nBDAY:someday\r\nEND:VCARD\r\n")
+                           : "BEGIN:VEVENT\r\nSUMMARY:" + name + "\r\nDTSTART:20261201T080000Z\r\nEND:VEVENT\r\n";
+              break;
           }
         }
         f->writePhone(phone);
+        if (!byHand.empty()) {
+          PhoneStore store(f->run.phone.phoneDirectory);
+          usePhoneParsers(store, f->run.phone.deviceDescription);
+          const std::string path = store.pathForDataClass(dataClass);
+          std::string file = *readWholeFile(path);
+          const std::size_t end = dataClass == std::string(kContacts) ? file.size() : file.rfind("END:VCALENDAR");
+          file.insert(end == std::string::npos ? file.size() : end, byHand);
+          std::ofstream(path, std::ios::binary | std::ios::trunc) << file;
+        }
       }
     }
     const std::vector<std::string> expected = outcomeOf(*everything, everything->sync());

@@ -8,7 +8,9 @@
 
 #include "host/PhoneStore.h"
 #include "host/VFormatParsers.h"
+#include "platform/CalendarDate.h"
 #include "platform/Registry.h"
+#include "platform/TimeZone.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryFolder.h"
 
@@ -54,6 +56,111 @@ TEST_F(VFormatStoreTest, EachDataClassIsKeptInItsParsersFormat) {
   ASSERT_EQ(back->records.size(), 1u);
   EXPECT_EQ(back->records[0].identifier, "c1");
   EXPECT_EQ(back->records[0].fields, contacts.records[0].fields);
+}
+
+// Read entries carry their master in each sub-record's back relation;
+// written again as they were read, they give the same bytes as without it,
+// also where a relation is one the format cannot write.
+TEST_F(VFormatStoreTest, SubRecordsBackRelationsNeverReachTheFile) {
+  // A phone that keeps instants: its calendar entries stand alone.
+  store = PhoneStore(folder);
+  usePhoneParsers(store, Dictionary{{"Formatting", Dictionary()},
+                                    {"SyncDataClasses",
+                                     Dictionary{{"Contacts", Dictionary{{"MimeType", "text/x-vcard"}}},
+                                                {"Calendars", Dictionary{{"MimeType", "text/x-vcalendar"},
+                                                                         {"supportsTZ", true},
+                                                                         {"supportsGMTDates", true}}}}}});
+  auto entries = [](bool withBack) {
+    auto sub = [&](Dictionary fields, const char* back, const char* master) {
+      if (withBack) fields.set(back, Array{Value(master)});
+      return Value(fields);
+    };
+    const CalendarDate start = CalendarDate::dateWithYear(2027, 1, 31, 8, 30, 0, TimeZone::gmt());
+    return std::vector<PhoneStoreContents>{
+        {"Contacts",
+         {{"c1", "Contacts.Contact",
+           Dictionary{{"firstName", "Zoë"},
+                      {"phoneNumbers", Array{sub(Dictionary{{"value", "+33 1 2"}, {"type", "mobile"}}, "contact", "c1")}},
+                      {"emailAddresses", Array{sub(Dictionary{{"value", "z@example.com"}}, "contact", "c1")}}}},
+          {"c2", "Contacts.Contact",
+           Dictionary{{"lastName", "Ng"}, {"image", Data::fromString(std::string("\x89PNG\r\n\x1a\n", 8) + "pixels")}}}}},
+        {"Calendars",
+         {{"e1", "Calendars.Event",
+           Dictionary{{"summary", "Review"},
+                      {"startDate", Value(start)},
+                      {"displayAlarms", Array{sub(Dictionary{{"triggerduration", -600}}, "owner", "e1")}},
+                      // A rule the format cannot write.
+                      {"recurrences", Array{sub(Dictionary{{"frequency", "fortnightly"}}, "owner", "e1")}},
+                      {"attendees", Array{sub(Dictionary{{"emailAddress", "a@example.com"}}, "owner", "e1")}}}},
+          {"t1", "Calendars.Task", Dictionary{{"summary", "File taxes"}, {"priority", 1}}}}}};
+  };
+  const std::vector<PhoneStoreContents> plain = entries(false), pointing = entries(true);
+  for (std::size_t i = 0; i < plain.size(); ++i) {
+    SCOPED_TRACE(plain[i].dataClass);
+    const std::optional<std::string> bytes = store.bytesFor(plain[i]);
+    ASSERT_TRUE(bytes);
+    EXPECT_EQ(store.bytesFor(pointing[i]), bytes);
+    // The file is its entries' texts, one after another.
+    std::vector<std::string> texts;
+    for (const PhoneStoreRecord& record : pointing[i].records)
+      texts.push_back(store.entryText(plain[i].dataClass, record).value_or("(none)"));
+    EXPECT_EQ(store.bytesForEntryTexts(plain[i].dataClass, texts), bytes);
+    const std::optional<PhoneStoreContents> read = store.contentsFromFileBytes(plain[i].dataClass, *bytes);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(store.bytesFor(*read), bytes);
+  }
+}
+
+// A file is cut into its entries' texts only when it is exactly what the
+// writer makes of them; an entry reads alone only when it reads cleanly.
+TEST_F(VFormatStoreTest, OnlyTheWritersOwnFilesAreReadEntryByEntry) {
+  store = PhoneStore(folder);
+  usePhoneParsers(store, Dictionary{{"Formatting", Dictionary()},
+                                    {"SyncDataClasses",
+                                     Dictionary{{"Contacts", Dictionary{{"MimeType", "text/x-vcard"}}},
+                                                {"Calendars", Dictionary{{"MimeType", "text/x-vcalendar"},
+                                                                         {"supportsTZ", true},
+                                                                         {"supportsGMTDates", true}}}}}});
+  const std::string a = "BEGIN:VCARD\r\nVERSION:2.1\r\nX-IRMC-LUID:a\r\nN:A;;;;\r\nEND:VCARD\r\n";
+  const std::string b = "BEGIN:VCARD\r\nVERSION:2.1\r\nX-IRMC-LUID:b\r\nNOTE:END:VCARD\r\nEND:VCARD\r\n";
+  const std::string head = "BEGIN:VCALENDAR\r\nVERSION:1.0\r\n", tail = "END:VCALENDAR\r\n";
+  const std::string e = "BEGIN:VEVENT\r\nX-IRMC-LUID:e\r\nSUMMARY:S\r\nEND:VEVENT\r\n";
+  const std::string t = "BEGIN:VTODO\r\nX-IRMC-LUID:t\r\nEND:VTODO\r\n";
+  const struct {
+    const char* dataClass;
+    std::string file;
+    std::optional<std::vector<std::string>> entries;
+  } cases[] = {
+      {"Contacts", a + b, std::vector<std::string>{a, b}},
+      {"Contacts", "", std::vector<std::string>{}},
+      {"Contacts", a + "\r\n" + b, std::nullopt},               // a blank line between
+      {"Contacts", a.substr(0, a.size() - 2) + "\n", std::nullopt},  // another line end
+      {"Contacts", a + b.substr(0, 20), std::nullopt},           // cut short
+      {"Calendars", head + e + t + tail, std::vector<std::string>{e, t}},
+      {"Calendars", head + tail, std::vector<std::string>{}},
+      {"Calendars", head + "TZ:+01:00\r\n" + e + tail, std::nullopt},  // a zone described
+      {"Calendars", head + e + "BEGIN:VCARD\r\nEND:VCARD\r\n" + tail, std::nullopt},
+      {"Calendars", e, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.dataClass + (": " + c.file));
+    const auto texts = store.entryTextsOfFile(c.dataClass, c.file);
+    ASSERT_EQ(texts.has_value(), c.entries.has_value());
+    if (!texts) continue;
+    EXPECT_EQ(std::vector<std::string>(texts->begin(), texts->end()), *c.entries);
+    EXPECT_EQ(store.bytesForEntryTexts(c.dataClass, *c.entries), c.file);
+  }
+  // An entry read alone is the entry the whole file gives; one without an
+  // identifier or with a line that does not read gives none.
+  const std::optional<PhoneStoreRecord> alone = store.entryFromText("Contacts", b);
+  const std::optional<PhoneStoreContents> whole = store.contentsFromFileBytes("Contacts", a + b);
+  ASSERT_TRUE(alone && whole && whole->records.size() == 2);
+  EXPECT_EQ(alone->identifier, "b");
+  EXPECT_EQ(alone->fields, whole->records[1].fields);
+  EXPECT_FALSE(store.entryFromText("Contacts", "BEGIN:VCARD\r\nVERSION:2.1\r\nN:A;;;;\r\nEND:VCARD\r\n"));
+  EXPECT_FALSE(store.entryFromText("Contacts", "BEGIN:VCARD\r\nX-IRMC-LUID:c\r\nBDAY:someday\r\nEND:VCARD\r\n"));
+  EXPECT_FALSE(store.entryFromText("Contacts", a + b));
+  EXPECT_TRUE(store.entryFromText("Calendars", e));
 }
 
 TEST_F(VFormatStoreTest, EntriesAddedByHandGetIdentifiersAndBadLinesAreLogged) {
@@ -131,6 +238,12 @@ TEST(VFormatParserTest, TheDescriptionSaysWhetherTimesAreLocal) {
                            {"startDate", CalendarDate::dateWithYear(2027, 7, 1, 9, 0, 0, TimeZone::systemTimeZone())}};
     const std::string text = parser.textForContents({"Calendars", {{"1", "Calendars.Event", event}}});
     EXPECT_EQ(text.find("\r\nTZ:") != std::string::npos, c.local) << text;
+    // Entries stand alone only where the file describes no zone.
+    const std::optional<std::string> entry = parser.entryText({"1", "Calendars.Event", event});
+    EXPECT_EQ(entry.has_value(), !c.local);
+    if (entry) {
+      EXPECT_EQ(parser.textForEntryTexts({*entry}), text);
+    }
   }
 }
 
