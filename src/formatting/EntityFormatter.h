@@ -137,6 +137,16 @@ class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDel
                                                         const Dictionary& masterRecord,
                                                         Dictionary& typesInRecord,
                                                         Value* effectiveType);
+  // The same for a sub-record the caller hands over: nothing else refers to
+  // it or to its containers, so it is filtered and formatted itself, without
+  // a copy, and whatever it becomes is the caller's again. With
+  // `sharedOwnerView`, the view of the master record the hooks find is made
+  // there when it is empty and reused when it holds one: the caller shares it
+  // between sub-records while the master record keeps the same entries
+  // outside its lists of sub-records, and empties it when they change.
+  std::optional<Dictionary> canAppendAndFormatOwnedSubRecord(
+      Dictionary subRecord, const Dictionary& masterRecord, Dictionary& typesInRecord,
+      Value* effectiveType, std::optional<Dictionary>* sharedOwnerView);
   // Runs the global formatting call on the assembled record (in place), then
   // the helper's formatAssembledRecord.
   void formatAssembledRecord(Dictionary& record);
