@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 #include <unicode/coll.h>
 #include <unicode/translit.h>
+#include <unicode/uscript.h>
 #include <unicode/unistr.h>
 #include <unicode/ustring.h>
 #include <unicode/utf8.h>
@@ -88,6 +89,35 @@ icu::Transliterator* asciiTransliterator() {
     return t;
   }();
   return transliterator.get();
+}
+
+// The second half of the lossy ASCII conversion alone, for texts the first
+// half ("Any-Latin") leaves as they are.
+icu::Transliterator* latinToASCIITransliterator() {
+  thread_local std::unique_ptr<icu::Transliterator> transliterator = [] {
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<icu::Transliterator> t(
+        icu::Transliterator::createInstance("Latin-ASCII", UTRANS_FORWARD, status));
+    if (U_FAILURE(status)) return std::unique_ptr<icu::Transliterator>();
+    return t;
+  }();
+  return transliterator.get();
+}
+
+// Whether every character of `text` is of the Latin, Common or Inherited
+// script. "Any-Latin" cuts a text into runs of one script (Common and
+// Inherited characters join the run beside them) and converts only the runs
+// of another script than Latin, so it leaves such a text unchanged; most
+// accented names and addresses are such texts.
+bool onlyLatinScript(const icu::UnicodeString& text) {
+  for (int32_t i = 0; i < text.length(); i = text.moveIndex32(i, 1)) {
+    UErrorCode status = U_ZERO_ERROR;
+    const UScriptCode script = uscript_getScript(text.char32At(i), &status);
+    if (U_FAILURE(status) ||
+        (script != USCRIPT_LATIN && script != USCRIPT_COMMON && script != USCRIPT_INHERITED))
+      return false;
+  }
+  return true;
 }
 
 int sign(int value) { return (value > 0) - (value < 0); }
@@ -179,14 +209,14 @@ std::string stringWithLossyASCIIConversion(std::string_view text) {
   // ASCII is left alone by the transliteration (it maps only other
   // characters), and most record texts are ASCII: those skip the
   // conversions, which cost a hundred times the copy.
-  if (std::all_of(text.begin(), text.end(),
-                  [](char c) { return static_cast<unsigned char>(c) < 0x80; }))
-    return std::string(text);
+  if (isASCII(text)) return std::string(text);
   // toUTF16 refuses, with a clear error, text longer than ICU can count.
   const std::u16string units = toUTF16(text);
   icu::UnicodeString unicode(false, units.data(), static_cast<int32_t>(units.size()));
-  if (icu::Transliterator* transliterator = asciiTransliterator())
-    transliterator->transliterate(unicode);
+  icu::Transliterator* transliterator =
+      onlyLatinScript(unicode) ? latinToASCIITransliterator() : nullptr;
+  if (!transliterator) transliterator = asciiTransliterator();
+  if (transliterator) transliterator->transliterate(unicode);
   std::string latin;
   unicode.toUTF8String(latin);
   std::string ascii;
