@@ -336,10 +336,11 @@ Value FormattingMethods::maxLength(const Value& value, int length, const Value& 
   }
   const std::string* text = value.asString();
   if (!text) return value;
-  std::optional<std::string> cut =
-      SyncCategory::qvt_truncationToMaxLength(*text, length, modifiers.asArray());
   // A text that fits is answered as the value it came in, not as a new copy.
-  if (cut && *cut == *text) return value;
+  bool unchanged = false;
+  std::optional<std::string> cut =
+      SyncCategory::qvt_truncationToMaxLength(*text, length, modifiers.asArray(), &unchanged);
+  if (unchanged) return value;
   return cut ? Value(std::move(*cut)) : Value();
 }
 

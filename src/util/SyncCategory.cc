@@ -104,11 +104,22 @@ std::size_t occurrenceNb(std::string_view text, std::string_view string) {
 }
 
 std::optional<std::string> qvt_truncationToMaxLength(std::string_view text, long length,
-                                                     const std::optional<Array>& modifiers) {
+                                                     const std::optional<Array>& modifiers,
+                                                     bool* unchanged) {
   Budget budget = length;
   if (modifiers)
     for (const Value& modifier : *modifiers) budget = clampedBudget(budget + lengthModifierFor(text, modifier));
+  if (unchanged) *unchanged = false;
   if (budget < 1) return std::nullopt;
+  // Valid UTF-8 never has fewer bytes than UTF-16 units, so a text no longer
+  // in bytes than the budget fits without counting; a broken sequence would
+  // be replaced, so such a text never comes back as it is.
+  if (unchanged && isValidUTF8(text) &&
+      (Budget{static_cast<std::int64_t>(text.size())} <= budget ||
+       Budget{static_cast<std::int64_t>(utf16Length(text))} <= budget)) {
+    *unchanged = true;
+    return std::string();
+  }
   return utf16Prefix(text, static_cast<std::size_t>(std::min<Budget>(budget, SIZE_MAX)));
 }
 
