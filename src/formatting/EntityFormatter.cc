@@ -216,7 +216,11 @@ void EntityFormatter::initWithDescriptions(const std::string& entityName,
 
   if (supportedKeys) {
     supportedAttributes = Set();
-    for (const Value& key : *supportedKeys) supportedAttributes->add(key);
+    _supportedKeyTexts.clear();
+    for (const Value& key : *supportedKeys) {
+      supportedAttributes->add(key);
+      if (const std::string* text = key.asString()) _supportedKeyTexts.insert(*text);
+    }
   }
 
   // The formatting-methods object every call goes to.
@@ -583,7 +587,7 @@ std::optional<Dictionary> EntityFormatter::formatRecord(const Dictionary& input)
     record = *formatted;
   }
 
-  if (supportedAttributes) SyncCategory::qvt_keepKeysFromCollection(record, Value(*supportedAttributes));
+  if (supportedAttributes) keepSupportedKeys(record);
   return record;
 }
 
@@ -703,7 +707,19 @@ void EntityFormatter::onlyKeepSyncEngineKey(Dictionary& record) const {
     QVT_LOG(kLogError, logDomain(), "we should have initialized that correctly");
     return;
   }
-  SyncCategory::qvt_keepKeysFromCollection(record, Value(*supportedAttributes));
+  keepSupportedKeys(record);
+}
+
+void EntityFormatter::keepSupportedKeys(Dictionary& record) const {
+  // A string key is kept when a supported key is the same text (a string
+  // equals only a string); a key of another kind is looked up in the set.
+  std::vector<Value> leaving;
+  for (const auto& [key, value] : record) {
+    const std::string* text = key.asString();
+    if (text ? !_supportedKeyTexts.contains(std::string_view(*text)) : !supportedAttributes->contains(key))
+      leaving.push_back(key);
+  }
+  for (const Value& key : leaving) record.remove(key);
 }
 
 // --- Field-formatter delegate ---------------------------------------------------------------
