@@ -49,15 +49,15 @@ Budget clampedBudget(Budget budget) { return std::clamp(budget, -kBudgetLimit, k
 // that does not apply (or is malformed, which is logged).
 Budget lengthModifierFor(std::string_view text, const Value& modifier) {
   const auto description = modifier.asDictionary();
-  const Value string = description ? description->get("stringModifier") : Value();
-  const Value length = description ? description->get("lengthModifier") : Value();
-  if (!string.isString() || !length.isNumber()) {
+  const Value* string = description ? description->find("stringModifier") : nullptr;
+  const Value* length = description ? description->find("lengthModifier") : nullptr;
+  if (!string || !string->isString() || !length || !length->isNumber()) {
     QVT_LOG(kLogWarning, QVTLOG, "ignored truncation modifier: {}", modifier);
     return 0;
   }
-  const std::size_t occurrences = SyncCategory::occurrenceNb(text, string.string());
+  const std::size_t occurrences = SyncCategory::occurrenceNb(text, string->string());
   return clampedBudget(Budget{static_cast<std::int64_t>(std::min<std::size_t>(occurrences, INT64_MAX))} *
-                       Budget{length.integerValue()});
+                       Budget{length->integerValue()});
 }
 
 }  // namespace
