@@ -10,6 +10,7 @@
 #include <unicode/coll.h>
 #include <unicode/translit.h>
 #include <unicode/uscript.h>
+#include <unicode/uniset.h>
 #include <unicode/unistr.h>
 #include <unicode/ustring.h>
 #include <unicode/utf8.h>
@@ -102,6 +103,41 @@ icu::Transliterator* latinToASCIITransliterator() {
     return t;
   }();
   return transliterator.get();
+}
+
+// Whether no ASCII character can be rewritten by "Latin-ASCII" (none is in
+// its source set): then its rules match only runs of other characters, and
+// ASCII characters are only ever their context.
+bool latinToASCIIRewritesNoASCII() {
+  thread_local const bool none = [] {
+    icu::Transliterator* transliterator = latinToASCIITransliterator();
+    if (!transliterator) return false;
+    icu::UnicodeSet source;
+    transliterator->getSourceSet(source);
+    return !source.containsSome(0, 0x7F);
+  }();
+  return none;
+}
+
+// "Latin-ASCII" over each run of non-ASCII characters of `text`, where it
+// stands, with the whole text as context: the same answer as over the whole
+// text when no ASCII character is rewritten, without the rules being tried
+// at every ASCII character (most of a text). A run starts one character
+// early, so that a combining mark composes with the ASCII letter before it
+// as it does in the whole text.
+void convertNonASCIIRuns(icu::Transliterator& transliterator, icu::UnicodeString& text) {
+  int32_t at = 0;
+  while (at < text.length()) {
+    if (text.charAt(at) < 0x80) {
+      ++at;
+      continue;
+    }
+    int32_t end = at;
+    while (end < text.length() && text.charAt(end) >= 0x80) ++end;
+    UTransPosition run{0, text.length(), at > 0 ? at - 1 : at, end};
+    transliterator.finishTransliteration(text, run);
+    at = run.limit;  // the character after the run is ASCII, or there is none
+  }
 }
 
 // Whether every character of `text` is of the Latin, Common or Inherited
@@ -213,10 +249,12 @@ std::string stringWithLossyASCIIConversion(std::string_view text) {
   // toUTF16 refuses, with a clear error, text longer than ICU can count.
   const std::u16string units = toUTF16(text);
   icu::UnicodeString unicode(false, units.data(), static_cast<int32_t>(units.size()));
-  icu::Transliterator* transliterator =
-      onlyLatinScript(unicode) ? latinToASCIITransliterator() : nullptr;
-  if (!transliterator) transliterator = asciiTransliterator();
-  if (transliterator) transliterator->transliterate(unicode);
+  icu::Transliterator* latinOnly = onlyLatinScript(unicode) ? latinToASCIITransliterator() : nullptr;
+  if (latinOnly && latinToASCIIRewritesNoASCII()) {
+    convertNonASCIIRuns(*latinOnly, unicode);
+  } else if (icu::Transliterator* transliterator = latinOnly ? latinOnly : asciiTransliterator()) {
+    transliterator->transliterate(unicode);
+  }
   std::string latin;
   unicode.toUTF8String(latin);
   std::string ascii;

@@ -106,6 +106,8 @@ TEST(Encodings, LossyFormOfLatinTextsIsTheWholeTransliteration) {
       "Søren Åkesson", "Ólafur Þórarinsson", "e\u0301te\u0301", "\u0301leading mark",
       "caf\xc3", "\xff\xfe Zoë", "Straße — 12 €", "ＦｕｌｌｗｉｄｔｈＡＢＣ", "½ ¼ № ™",
       "Đorđe Јовановић", "Ωμέγα Zoë", "Zoë 日本 Brontë", "İstanbul ǅemal ǈ",
+      "Ærø Æa ÆA Æ", "e\u0301 a\u0308\u0301b ß\u0323", "\u0301\u0302", "éé ÆÆ xÆ",
+      "Chloé Dubois-Garnier, 12 rue de la Paix, Besançon", "ǆ ǅ Ǆ ǉ ǈ Ǉ ǌ ǋ Ǌ",
   };
   const auto encode = [](UChar32 c) {
     std::string text;
@@ -121,6 +123,8 @@ TEST(Encodings, LossyFormOfLatinTextsIsTheWholeTransliteration) {
       texts.push_back("a" + character + "b");
       texts.push_back("A" + character + "B");
       texts.push_back(character + "a");
+      texts.push_back(character + "A x" + character + "\u0301");
+      texts.push_back("e" + character + "\u0301" + character + "A");
     }
   for (const std::string& text : texts) {
     icu::UnicodeString expected = icu::UnicodeString::fromUTF8(text);
