@@ -216,7 +216,11 @@ void EntityFormatter::initWithDescriptions(const std::string& entityName,
 
   if (supportedKeys) {
     supportedAttributes = Set();
-    for (const Value& key : *supportedKeys) supportedAttributes->add(key);
+    _supportedKeyTexts.clear();
+    for (const Value& key : *supportedKeys) {
+      supportedAttributes->add(key);
+      if (const std::string* text = key.asString()) _supportedKeyTexts.insert(*text);
+    }
   }
 
   // The formatting-methods object every call goes to.
@@ -507,17 +511,35 @@ std::optional<Dictionary> EntityFormatter::formatRecord(const Dictionary& input)
   Dictionary record = input;
   const std::string& entity = _entityName ? *_entityName : std::string();
 
-  // A first-format call runs even for a field the record lacks.
-  Array keys = record.keys();
+  // A first-format call runs even for a field the record lacks: those come
+  // after the record's own fields, in the order of the calls.
+  std::vector<const std::string*> lacking;
   for (const auto& [field, invocation] : fieldToInvocation)
-    if (!record.contains(field)) keys.add(Value(field));
-  for (const Value& key : keys) {
-    const std::string field = key.stringValue();
-    Value value = preFormatField(record.get(key), field, entity);
-    if (auto it = fieldToInvocation.find(field); it != fieldToInvocation.end())
+    if (!record.contains(field)) lacking.push_back(&field);
+  // The record's fields are formatted where they stand: a value is stored
+  // back into its entry, and only a field that became null is looked up
+  // again, to be removed.
+  for (std::size_t at = 0; at < record.count();) {
+    const Value& key = (record.begin() + static_cast<std::ptrdiff_t>(at))->first;
+    const std::string* text = key.asString();
+    const std::string field = text ? std::string() : key.stringValue();
+    const std::string& name = text ? *text : field;
+    Value value = preFormatField((record.begin() + static_cast<std::ptrdiff_t>(at))->second, name, entity);
+    if (auto it = fieldToInvocation.find(name); it != fieldToInvocation.end())
       value = it->second->invokeWithValue(value);
-    if (value.isNull()) record.remove(key);
-    else record.set(key, value);
+    auto entry = record.begin() + static_cast<std::ptrdiff_t>(at);
+    if (value.isNull()) {
+      const Value leaving = entry->first;
+      record.remove(leaving);
+    } else {
+      entry->second = std::move(value);
+      ++at;
+    }
+  }
+  for (const std::string* field : lacking) {
+    Value value = preFormatField(Value(), *field, entity);
+    value = fieldToInvocation.at(*field)->invokeWithValue(value);
+    if (!value.isNull()) record.set(*field, std::move(value));
   }
 
   if (postProcessing) {
@@ -531,14 +553,21 @@ std::optional<Dictionary> EntityFormatter::formatRecord(const Dictionary& input)
 
   for (const auto& [field, fieldFormatter] : fieldToFormatterv2) {
     bool rejectRecord = false;
-    const Value original = record.get(field);
-    Value value = fieldFormatter->formatField(original, &rejectRecord);
+    // The field formatter reads the value alone, so the entry stays where it is.
+    Value* slot = record.find(field);
+    Value value = fieldFormatter->formatField(slot ? *slot : Value(), &rejectRecord);
     if (rejectRecord) {
-      reject(fmt::format("the value {} of \"{}\" is not one the phone accepts", original, field));
+      reject(fmt::format("the value {} of \"{}\" is not one the phone accepts",
+                         slot ? *slot : Value(), field));
       return std::nullopt;
     }
-    if (value.isNull()) record.remove(field);
-    else record.set(field, value);
+    if (value.isNull()) {
+      if (slot) record.remove(field);
+    } else if (slot) {
+      *slot = std::move(value);
+    } else {
+      record.set(field, std::move(value));
+    }
   }
 
   std::optional<Dictionary> formatted = standardFormatOnRecord(record);
@@ -558,7 +587,7 @@ std::optional<Dictionary> EntityFormatter::formatRecord(const Dictionary& input)
     record = *formatted;
   }
 
-  if (supportedAttributes) SyncCategory::qvt_keepKeysFromCollection(record, Value(*supportedAttributes));
+  if (supportedAttributes) keepSupportedKeys(record);
   return record;
 }
 
@@ -604,11 +633,27 @@ std::optional<Dictionary> EntityFormatter::canAppendAndFormatSubRecord(
     const Dictionary& subRecord, const Dictionary& masterRecord, Dictionary& typesInRecord,
     Value* effectiveType) {
   // The filters and hooks work on a copy: the caller's sub-record is left alone.
-  Dictionary offered = subRecord.deepCopy();
+  return canAppendAndFormatOwnedSubRecord(subRecord.deepCopy(), masterRecord, typesInRecord,
+                                          effectiveType, nullptr);
+}
+
+std::optional<Dictionary> EntityFormatter::canAppendAndFormatOwnedSubRecord(
+    Dictionary offered, const Dictionary& masterRecord, Dictionary& typesInRecord,
+    Value* effectiveType, std::optional<Dictionary>* sharedOwnerView) {
   const std::string back = backRelationFrom(masterRecord);
-  const Value* came = back.empty() ? nullptr : subRecord.find(back);
-  const Value cameWith = came ? came->copy() : Value();
-  if (!back.empty()) offered.set(back, Array{Value(ownerView(masterRecord))});
+  Value* came = back.empty() ? nullptr : offered.find(back);
+  const bool cameWithBack = came != nullptr;
+  const Value cameWith = came ? std::move(*came) : Value();
+  if (!back.empty()) {
+    Dictionary owner;
+    if (!sharedOwnerView) {
+      owner = ownerView(masterRecord);
+    } else {
+      if (!*sharedOwnerView) *sharedOwnerView = ownerView(masterRecord);
+      owner = **sharedOwnerView;
+    }
+    offered.set(back, Array{Value(owner)});
+  }
   std::optional<Dictionary> sub = offered;
   if (preFiltering) {
     preFiltering->setArgument(Value(masterRecord), 0);
@@ -620,7 +665,7 @@ std::optional<Dictionary> EntityFormatter::canAppendAndFormatSubRecord(
   // The owner view is not the phone's: a kept back relation is the one the
   // sub-record came with, and no record refers to the record being built.
   if (!back.empty() && sub->contains(back)) {
-    if (came) sub->set(back, cameWith);
+    if (cameWithBack) sub->set(back, cameWith);
     else sub->remove(back);
   }
 
@@ -662,7 +707,19 @@ void EntityFormatter::onlyKeepSyncEngineKey(Dictionary& record) const {
     QVT_LOG(kLogError, logDomain(), "we should have initialized that correctly");
     return;
   }
-  SyncCategory::qvt_keepKeysFromCollection(record, Value(*supportedAttributes));
+  keepSupportedKeys(record);
+}
+
+void EntityFormatter::keepSupportedKeys(Dictionary& record) const {
+  // A string key is kept when a supported key is the same text (a string
+  // equals only a string); a key of another kind is looked up in the set.
+  std::vector<Value> leaving;
+  for (const auto& [key, value] : record) {
+    const std::string* text = key.asString();
+    if (text ? !_supportedKeyTexts.contains(std::string_view(*text)) : !supportedAttributes->contains(key))
+      leaving.push_back(key);
+  }
+  for (const Value& key : leaving) record.remove(key);
 }
 
 // --- Field-formatter delegate ---------------------------------------------------------------

@@ -18,6 +18,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <unordered_set>
 
 #include "conduit/ConduitProtocols.h"
 #include "formatting/Invocation.h"
@@ -137,6 +139,16 @@ class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDel
                                                         const Dictionary& masterRecord,
                                                         Dictionary& typesInRecord,
                                                         Value* effectiveType);
+  // The same for a sub-record the caller hands over: nothing else refers to
+  // it or to its containers, so it is filtered and formatted itself, without
+  // a copy, and whatever it becomes is the caller's again. With
+  // `sharedOwnerView`, the view of the master record the hooks find is made
+  // there when it is empty and reused when it holds one: the caller shares it
+  // between sub-records while the master record keeps the same entries
+  // outside its lists of sub-records, and empties it when they change.
+  std::optional<Dictionary> canAppendAndFormatOwnedSubRecord(
+      Dictionary subRecord, const Dictionary& masterRecord, Dictionary& typesInRecord,
+      Value* effectiveType, std::optional<Dictionary>* sharedOwnerView);
   // Runs the global formatting call on the assembled record (in place), then
   // the helper's formatAssembledRecord.
   void formatAssembledRecord(Dictionary& record);
@@ -162,10 +174,19 @@ class EntityFormatter : public EntityFormatting, public QVTSyncFieldFormatterDel
   // (the delegate's assembly rules); empty when there is none.
   std::string backRelationFrom(const Dictionary& masterRecord) const;
   static Dictionary ownerView(const Dictionary& masterRecord);
+  // Removes every key that is not among supportedAttributes.
+  void keepSupportedKeys(Dictionary& record) const;
   static const std::string& logDomain();
 
   std::optional<std::string> _entityName;
   std::optional<Set> supportedAttributes;
+  // The texts of the string keys among supportedAttributes, looked up
+  // without a value being made for each key of each record.
+  struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+  };
+  std::unordered_set<std::string, TextHash, std::equal_to<>> _supportedKeyTexts;
   std::map<std::string, InvocationPtr> fieldToInvocation;
   std::map<std::string, QVTSyncStringFieldFormatterPtr> fieldToFormatterv2;
   InvocationPtr postProcessing;

@@ -46,15 +46,24 @@ void storeOrRemove(Dictionary& record, const char* key, const std::optional<std:
 // Line ends become "\n", white space and newlines at both ends go; an empty
 // result removes the key.
 void cleanRecordForKey(Dictionary& record, const char* key) {
+  static const CharacterSet blanks = CharacterSet::whitespaceAndNewlineCharacterSet();
   const Value* value = record.find(key);
   const std::string* text = value ? value->asString() : nullptr;
   if (!text) return;
+  // Most texts are clean: no carriage return, and both ends an ASCII
+  // character that is not blank. Those are left as they stand, uncopied.
+  const auto cleanEnd = [](char c) {
+    return static_cast<unsigned char>(c) < 0x80 && !blanks.characterIsMember(static_cast<char32_t>(c));
+  };
+  if (!text->empty() && cleanEnd(text->front()) && cleanEnd(text->back()) &&
+      text->find('\r') == std::string::npos)
+    return;
   std::string cleaned = *text;
   if (cleaned.find('\r') != std::string::npos) {
     cleaned = replaceOccurrences(cleaned, "\r\n", "\n");
     cleaned = replaceOccurrences(cleaned, "\r", "\n");
   }
-  cleaned = trimCharacters(cleaned, CharacterSet::whitespaceAndNewlineCharacterSet());
+  cleaned = trimCharacters(cleaned, blanks);
   // A clean text stays as it is: most are, and storing it again costs a copy.
   // An empty one still goes.
   if (cleaned.empty() || cleaned != *text) storeOrRemove(record, key, cleaned);
@@ -327,8 +336,11 @@ Value FormattingMethods::maxLength(const Value& value, int length, const Value& 
   }
   const std::string* text = value.asString();
   if (!text) return value;
+  // A text that fits is answered as the value it came in, not as a new copy.
+  bool unchanged = false;
   std::optional<std::string> cut =
-      SyncCategory::qvt_truncationToMaxLength(*text, length, modifiers.asArray());
+      SyncCategory::qvt_truncationToMaxLength(*text, length, modifiers.asArray(), &unchanged);
+  if (unchanged) return value;
   return cut ? Value(std::move(*cut)) : Value();
 }
 

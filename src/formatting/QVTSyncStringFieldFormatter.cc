@@ -225,7 +225,9 @@ Value QVTSyncStringFieldFormatter::formatField(const Value& input, bool* rejectR
       if (junk) FormattingMethods::removeFromString(text, *junk);
       if (junkToWSP) FormattingMethods::replaceFromString(text, *junkToWSP, " ");
       trimWSP(text, junkTrimWSP ? &*junkTrimWSP : nullptr);
-      value = isURL ? Value(URL(text)) : Value(text);
+      // An unchanged text stays the value it was.
+      const std::string& original = isURL ? value.url().absoluteString() : value.string();
+      if (text != original) value = isURL ? Value(URL(std::move(text))) : Value(std::move(text));
     }
   }
 

@@ -110,15 +110,27 @@ struct DeviceFormatting::Impl {
   // Appends to `master`'s list `relation` (already in it, shared) the
   // sub-records of `elements` that the phone keeps, formatted; identifiers
   // are kept as they are.
+  // The sub-records are the caller's own (its copy of the record), so each
+  // is formatted itself. `ownerView` is the view of the master record the
+  // sub-records' hooks find, shared while the master's other entries stay
+  // the same: the view leaves out lists holding sub-records, so it changes
+  // only when one of its lists (identifiers only so far) grows.
   void admitSubRecords(const Array& elements, Dictionary& master, const std::string& relation,
-                       const std::string& masterEntity) const {
+                       const std::string& masterEntity,
+                       std::optional<Dictionary>& ownerView) const {
     Array kept = master.get(relation).array();
+    bool keptHoldsSubRecords = false;
+    const auto keep = [&](const Value& element) {
+      if (!keptHoldsSubRecords) ownerView.reset();
+      keptHoldsSubRecords = keptHoldsSubRecords || element.isDictionary();
+      kept.add(element);
+    };
     Dictionary typesInRecord;
     std::size_t admitted = 0;
     for (const Value& element : elements) {
       auto sub = element.asDictionary();
       if (!sub) {
-        kept.add(element);
+        keep(element);
         continue;
       }
       std::string subEntity = sub->getString(kEngineRecordEntityNameKey);
@@ -134,9 +146,9 @@ struct DeviceFormatting::Impl {
           admitted >= static_cast<std::size_t>(formatter->maxRecord()))
         continue;
       try {
-        if (auto formatted =
-                formatter->canAppendAndFormatSubRecord(*sub, master, typesInRecord, nullptr)) {
-          kept.add(Value(*formatted));
+        if (auto formatted = formatter->canAppendAndFormatOwnedSubRecord(
+                std::move(*sub), master, typesInRecord, nullptr, &ownerView)) {
+          keep(Value(*formatted));
           ++admitted;
         }
       } catch (const Exception& exception) {
@@ -213,8 +225,13 @@ const std::shared_ptr<SyncEngineClient>& DeviceFormatting::client() const { retu
 CFPhone* DeviceFormatting::phone() const { return _impl->phone(); }
 
 FormattingOutcome DeviceFormatting::formatRecord(const Dictionary& input) const {
+  // The engine side formats a copy of its own (QVTSyncFormatter copies the
+  // record it is given); the phone side formats the copy made here.
+  return formatRecordTakingOwnership(isEngineSide() ? input : input.deepCopy());
+}
+
+FormattingOutcome DeviceFormatting::formatRecordTakingOwnership(Dictionary record) const {
   FormattingOutcome outcome;
-  const Dictionary record = input.deepCopy();
   const Value entityValue = record.get(kEngineRecordEntityNameKey);
   if (!entityValue.isString()) {
     outcome.rejection = fmt::format("the record has no \"{}\" string", kEngineRecordEntityNameKey);
@@ -248,8 +265,9 @@ FormattingOutcome DeviceFormatting::formatRecord(const Dictionary& input) const 
       master->remove(relation);
     }
   }
+  std::optional<Dictionary> ownerView;
   for (const auto& [relation, elements] : offered)
-    _impl->admitSubRecords(elements, *master, relation, entity);
+    _impl->admitSubRecords(elements, *master, relation, entity, ownerView);
   if (!keepsEntityName) master->remove(kEngineRecordEntityNameKey);
   try {
     formatter->formatAssembledRecord(*master);

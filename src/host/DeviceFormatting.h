@@ -90,6 +90,12 @@ class DeviceFormatting {
   // sub-records; other elements (identifiers) are kept as they are, and an
   // entry that is not a list is logged and dropped.
   FormattingOutcome formatRecord(const Dictionary& record) const;
+  // The same for a record the caller hands over: its own deep copy, which
+  // nothing else refers to. The record and its sub-records are formatted
+  // where they stand, so the answer shares their containers and the record
+  // given is left changed; a caller with a copy of its own saves the copy
+  // formatRecord makes.
+  FormattingOutcome formatRecordTakingOwnership(Dictionary record) const;
 
  private:
   struct Impl;

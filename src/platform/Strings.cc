@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <limits>
 
 #include "platform/Exception.h"
@@ -64,6 +65,11 @@ int32_t clampedIndex(std::size_t index, const icu::UnicodeString& text) {
 
 // Counted here rather than by ICU, in 64 bits, so that texts of any size
 // measure right; ill-formed sequences count as the U+FFFD they read as.
+bool isASCII(std::string_view text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
 std::size_t utf16Length(std::string_view text) {
   std::size_t units = 0;
   for (std::size_t position = 0; position < text.size();)

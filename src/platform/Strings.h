@@ -17,6 +17,8 @@ std::size_t utf16Length(std::string_view utf8);
 std::u16string toUTF16(std::string_view utf8);
 std::string fromUTF16(std::u16string_view utf16);
 bool isValidUTF8(std::string_view text);
+// Whether every byte is below 0x80 (the empty text is ASCII).
+bool isASCII(std::string_view text);
 // The code point of the UTF-8 sequence at `position`, which moves past it;
 // -1 for an ill-formed sequence (overlong, a surrogate, beyond U+10FFFF,
 // cut short), past which `position` moves by one byte. Sizes are 64-bit.

@@ -5,6 +5,7 @@
 #include "async/Log.h"
 #include "async/ConditionReport.h"
 #include "formatting/FormattingMethods.h"
+#include "platform/Strings.h"
 #include "platform/Exception.h"
 #include "platform/Registry.h"
 #include "util/QVTStringExtensions.h"
@@ -88,23 +89,26 @@ Value QVTSyncDataClassHelper::preFormatField(const Value& value, const std::stri
                                              const std::string&) {
   const std::string* given = value.asString();
   if (!given) return value;
-  std::string text = *given;
-  if (_onlyAsciiCharacters) {
-    std::string ascii = QVTStringExtensions::stringWithLossyASCIIConversion(text);
+  // Each filter works on a copy only when it changes the text: most texts
+  // are ASCII without new lines and come back as the value they came in.
+  std::optional<std::string> changed;
+  if (_onlyAsciiCharacters && !isASCII(*given)) {
+    std::string ascii = QVTStringExtensions::stringWithLossyASCIIConversion(*given);
     if (!ascii.empty()) {
-      if (ascii != text)
-        QVT_LOG(kLogInfo, logDomain(), "Kept only Ascii characters in: <{}>\nResult: <{}>", text,
+      if (ascii != *given)
+        QVT_LOG(kLogInfo, logDomain(), "Kept only Ascii characters in: <{}>\nResult: <{}>", *given,
                 ascii);
-      text = std::move(ascii);
+      changed = std::move(ascii);
     }
   }
-  if (_noNewLines) {
+  const std::string& text = changed ? *changed : *given;
+  if (_noNewLines && (changed || text.find('\n') != std::string::npos)) {
     std::string joined = replaceOccurrences(text, "\n", " ");
     if (joined != *given)
       QVT_LOG(kLogInfo, logDomain(), "Removed new lines from: <{}>\nResult: <{}>", *given, joined);
-    text = std::move(joined);
+    changed = std::move(joined);
   }
-  return text == *given ? value : Value(text);
+  return !changed || *changed == *given ? value : Value(std::move(*changed));
 }
 
 TimeZonePtr QVTSyncDataClassHelper::phoneTimeZoneForFormatting() const {

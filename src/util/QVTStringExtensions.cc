@@ -9,6 +9,8 @@
 #include <fmt/format.h>
 #include <unicode/coll.h>
 #include <unicode/translit.h>
+#include <unicode/uscript.h>
+#include <unicode/uniset.h>
 #include <unicode/unistr.h>
 #include <unicode/ustring.h>
 #include <unicode/utf8.h>
@@ -88,6 +90,70 @@ icu::Transliterator* asciiTransliterator() {
     return t;
   }();
   return transliterator.get();
+}
+
+// The second half of the lossy ASCII conversion alone, for texts the first
+// half ("Any-Latin") leaves as they are.
+icu::Transliterator* latinToASCIITransliterator() {
+  thread_local std::unique_ptr<icu::Transliterator> transliterator = [] {
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<icu::Transliterator> t(
+        icu::Transliterator::createInstance("Latin-ASCII", UTRANS_FORWARD, status));
+    if (U_FAILURE(status)) return std::unique_ptr<icu::Transliterator>();
+    return t;
+  }();
+  return transliterator.get();
+}
+
+// Whether no ASCII character can be rewritten by "Latin-ASCII" (none is in
+// its source set): then its rules match only runs of other characters, and
+// ASCII characters are only ever their context.
+bool latinToASCIIRewritesNoASCII() {
+  thread_local const bool none = [] {
+    icu::Transliterator* transliterator = latinToASCIITransliterator();
+    if (!transliterator) return false;
+    icu::UnicodeSet source;
+    transliterator->getSourceSet(source);
+    return !source.containsSome(0, 0x7F);
+  }();
+  return none;
+}
+
+// "Latin-ASCII" over each run of non-ASCII characters of `text`, where it
+// stands, with the whole text as context: the same answer as over the whole
+// text when no ASCII character is rewritten, without the rules being tried
+// at every ASCII character (most of a text). A run starts one character
+// early, so that a combining mark composes with the ASCII letter before it
+// as it does in the whole text.
+void convertNonASCIIRuns(icu::Transliterator& transliterator, icu::UnicodeString& text) {
+  int32_t at = 0;
+  while (at < text.length()) {
+    if (text.charAt(at) < 0x80) {
+      ++at;
+      continue;
+    }
+    int32_t end = at;
+    while (end < text.length() && text.charAt(end) >= 0x80) ++end;
+    UTransPosition run{0, text.length(), at > 0 ? at - 1 : at, end};
+    transliterator.finishTransliteration(text, run);
+    at = run.limit;  // the character after the run is ASCII, or there is none
+  }
+}
+
+// Whether every character of `text` is of the Latin, Common or Inherited
+// script. "Any-Latin" cuts a text into runs of one script (Common and
+// Inherited characters join the run beside them) and converts only the runs
+// of another script than Latin, so it leaves such a text unchanged; most
+// accented names and addresses are such texts.
+bool onlyLatinScript(const icu::UnicodeString& text) {
+  for (int32_t i = 0; i < text.length(); i = text.moveIndex32(i, 1)) {
+    UErrorCode status = U_ZERO_ERROR;
+    const UScriptCode script = uscript_getScript(text.char32At(i), &status);
+    if (U_FAILURE(status) ||
+        (script != USCRIPT_LATIN && script != USCRIPT_COMMON && script != USCRIPT_INHERITED))
+      return false;
+  }
+  return true;
 }
 
 int sign(int value) { return (value > 0) - (value < 0); }
@@ -179,14 +245,16 @@ std::string stringWithLossyASCIIConversion(std::string_view text) {
   // ASCII is left alone by the transliteration (it maps only other
   // characters), and most record texts are ASCII: those skip the
   // conversions, which cost a hundred times the copy.
-  if (std::all_of(text.begin(), text.end(),
-                  [](char c) { return static_cast<unsigned char>(c) < 0x80; }))
-    return std::string(text);
+  if (isASCII(text)) return std::string(text);
   // toUTF16 refuses, with a clear error, text longer than ICU can count.
   const std::u16string units = toUTF16(text);
   icu::UnicodeString unicode(false, units.data(), static_cast<int32_t>(units.size()));
-  if (icu::Transliterator* transliterator = asciiTransliterator())
+  icu::Transliterator* latinOnly = onlyLatinScript(unicode) ? latinToASCIITransliterator() : nullptr;
+  if (latinOnly && latinToASCIIRewritesNoASCII()) {
+    convertNonASCIIRuns(*latinOnly, unicode);
+  } else if (icu::Transliterator* transliterator = latinOnly ? latinOnly : asciiTransliterator()) {
     transliterator->transliterate(unicode);
+  }
   std::string latin;
   unicode.toUTF8String(latin);
   std::string ascii;

@@ -49,15 +49,15 @@ Budget clampedBudget(Budget budget) { return std::clamp(budget, -kBudgetLimit, k
 // that does not apply (or is malformed, which is logged).
 Budget lengthModifierFor(std::string_view text, const Value& modifier) {
   const auto description = modifier.asDictionary();
-  const Value string = description ? description->get("stringModifier") : Value();
-  const Value length = description ? description->get("lengthModifier") : Value();
-  if (!string.isString() || !length.isNumber()) {
+  const Value* string = description ? description->find("stringModifier") : nullptr;
+  const Value* length = description ? description->find("lengthModifier") : nullptr;
+  if (!string || !string->isString() || !length || !length->isNumber()) {
     QVT_LOG(kLogWarning, QVTLOG, "ignored truncation modifier: {}", modifier);
     return 0;
   }
-  const std::size_t occurrences = SyncCategory::occurrenceNb(text, string.string());
+  const std::size_t occurrences = SyncCategory::occurrenceNb(text, string->string());
   return clampedBudget(Budget{static_cast<std::int64_t>(std::min<std::size_t>(occurrences, INT64_MAX))} *
-                       Budget{length.integerValue()});
+                       Budget{length->integerValue()});
 }
 
 }  // namespace
@@ -104,11 +104,22 @@ std::size_t occurrenceNb(std::string_view text, std::string_view string) {
 }
 
 std::optional<std::string> qvt_truncationToMaxLength(std::string_view text, long length,
-                                                     const std::optional<Array>& modifiers) {
+                                                     const std::optional<Array>& modifiers,
+                                                     bool* unchanged) {
   Budget budget = length;
   if (modifiers)
     for (const Value& modifier : *modifiers) budget = clampedBudget(budget + lengthModifierFor(text, modifier));
+  if (unchanged) *unchanged = false;
   if (budget < 1) return std::nullopt;
+  // Valid UTF-8 never has fewer bytes than UTF-16 units, so a text no longer
+  // in bytes than the budget fits without counting; a broken sequence would
+  // be replaced, so such a text never comes back as it is.
+  if (unchanged && isValidUTF8(text) &&
+      (Budget{static_cast<std::int64_t>(text.size())} <= budget ||
+       Budget{static_cast<std::int64_t>(utf16Length(text))} <= budget)) {
+    *unchanged = true;
+    return std::string();
+  }
   return utf16Prefix(text, static_cast<std::size_t>(std::min<Budget>(budget, SIZE_MAX)));
 }
 

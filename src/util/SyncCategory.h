@@ -33,9 +33,12 @@ std::string unQuotedString(std::string_view text);
 std::size_t occurrenceNb(std::string_view text, std::string_view string);
 // The text cut to a budget of `length` UTF-16 units, grown (or shrunk) by each
 // modifier {"stringModifier": text, "lengthModifier": n} by n for every
-// occurrence of its text. nullopt when the budget is below 1.
+// occurrence of its text. nullopt when the budget is below 1. With
+// `unchanged`, a text that fits as it is is not copied: *unchanged is set
+// and the answer is an empty text that stands for it.
 std::optional<std::string> qvt_truncationToMaxLength(
-    std::string_view text, long length, const std::optional<Array>& modifiers = std::nullopt);
+    std::string_view text, long length, const std::optional<Array>& modifiers = std::nullopt,
+    bool* unchanged = nullptr);
 // The address with its text cut to `length`; the address itself when it
 // fits; nullopt for an address without text or a length below 1.
 std::optional<URL> qvt_truncationToMaxLength(const URL& address, long length);

@@ -48,6 +48,13 @@ FormattedExamples formatExamplesOnBothSides(const std::string& name) {
               onEngine.record.has_value() ? std::string() : onEngine.rejection)
         << name << " " << input.path;
     EXPECT_EQ(input.record, before) << "formatting changed its input " << input.path;
+    // Handing over a copy formats it where it stands, to the same answer.
+    for (const DeviceFormatting* side : {phone.get(), engine.get()}) {
+      const FormattingOutcome handedOver = side->formatRecordTakingOwnership(input.record.deepCopy());
+      EXPECT_EQ(recordText(handedOver.record), recordText(onPhone.record))
+          << name << " " << input.path << (side == engine.get() ? " engine side" : " phone side");
+      EXPECT_EQ(handedOver.rejection, onPhone.rejection) << name << " " << input.path;
+    }
     if (onPhone.record) ++result.formatted;
     result.phone[input.path] = onPhone.record;
     result.entity[input.path] = input.record.getString("entityName");

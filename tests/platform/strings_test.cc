@@ -99,6 +99,14 @@ TEST(Strings, MapsCaseWithoutLocaleRules) {
   EXPECT_EQ(capitalizedString("hello wORLD\tjean-marc  ÉLODIE"), "Hello World\tJean-marc  Élodie");
 }
 
+TEST(Strings, TellsASCIIByEveryByte) {
+  EXPECT_TRUE(isASCII(""));
+  EXPECT_TRUE(isASCII(std::string("tab\tnul\0del\x7f", 12)));
+  EXPECT_FALSE(isASCII("caf\xc3\xa9"));  // é
+  EXPECT_FALSE(isASCII("\x80"));           // a stray continuation byte
+  EXPECT_FALSE(isASCII("last\xff"));
+}
+
 TEST(Strings, ReplacesAndTrims) {
   EXPECT_EQ(replaceOccurrences("a-b--c", "-", "+-"), "a+-b+-+-c");
   EXPECT_EQ(replaceOccurrences("abc", "", "x"), "abc");

@@ -40,6 +40,29 @@ TEST(Truncation, ModifiersMoveTheBudget) {
   EXPECT_EQ(qvt_truncationToMaxLength("a😀b", 3), "a😀");
 }
 
+// A text is reported unchanged exactly when the cut would be the text itself.
+TEST(Truncation, UnchangedOnlyWhenTheCutIsTheWholeText) {
+  const Array lineBreaks{Dictionary{{"stringModifier", "\n"}, {"lengthModifier", -1}}};
+  const struct {
+    const char* text;
+    long length;
+    bool withLineBreaks;
+  } cases[] = {
+      {"abc", 3, false},      {"abcd", 3, false},       {"€€€", 3, false},  {"€€€", 2, false},
+      {"a😀", 3, false},      {"a😀", 2, false},        {"ab\xff", 9, false}, {"ab\ncd", 5, false},
+      {"ab\ncd", 5, true},   {"ab\ncd", 6, true},     {"", 1, false},     {"\n", 1, true},
+  };
+  for (const auto& c : cases) {
+    const std::optional<Array> modifiers = c.withLineBreaks ? std::optional(lineBreaks) : std::nullopt;
+    const std::optional<std::string> cut = qvt_truncationToMaxLength(c.text, c.length, modifiers);
+    bool unchanged = true;
+    const std::optional<std::string> answer =
+        qvt_truncationToMaxLength(c.text, c.length, modifiers, &unchanged);
+    EXPECT_EQ(unchanged, cut == std::string(c.text)) << c.text << " " << c.length;
+    if (!unchanged) EXPECT_EQ(answer, cut) << c.text << " " << c.length;
+  }
+}
+
 // Budgets at the ends of the 64-bit range neither wrap nor drop the text.
 TEST(Truncation, ExtremeLimitsAndModifiersSaturate) {
   constexpr std::int64_t kMax = std::numeric_limits<std::int64_t>::max();
