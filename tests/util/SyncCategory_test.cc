@@ -59,7 +59,9 @@ TEST(Truncation, UnchangedOnlyWhenTheCutIsTheWholeText) {
     const std::optional<std::string> answer =
         qvt_truncationToMaxLength(c.text, c.length, modifiers, &unchanged);
     EXPECT_EQ(unchanged, cut == std::string(c.text)) << c.text << " " << c.length;
-    if (!unchanged) EXPECT_EQ(answer, cut) << c.text << " " << c.length;
+    if (!unchanged) {
+      EXPECT_EQ(answer, cut) << c.text << " " << c.length;
+    }
   }
 }
 
