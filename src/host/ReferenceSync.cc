@@ -689,7 +689,9 @@ SyncResult ReferenceSync::runWith(const SyncRun& run, const std::vector<SyncInpu
             QVT_LOG(kLogError, syncLogDomain(), "exception {}", exception.description());
           }
         }
-        FormattingOutcome formatted = phone.phoneSide->formatRecord(single.mutableDictionary());
+        // The holder's record is its own deep copy, and nothing reads it
+        // after formatting: it is formatted where it stands.
+        FormattingOutcome formatted = phone.phoneSide->formatRecordTakingOwnership(single.mutableDictionary());
         if (!formatted.record) continue;
         if (run.keepRecords) entry.singleEvents.push_back({occurrence, *formatted.record});
         // The prediction is needed only to judge a single event the phone
@@ -714,7 +716,9 @@ SyncResult ReferenceSync::runWith(const SyncRun& run, const std::vector<SyncInpu
       continue;
     }
 
-    FormattingOutcome formatted = phone.phoneSide->formatRecord(mangled);
+    // The mangled record is the holder's own deep copy, read no more: it is
+    // formatted where it stands.
+    FormattingOutcome formatted = phone.phoneSide->formatRecordTakingOwnership(mangled);
     if (!formatted.record) {
       entry.outcome = SyncOutcome::rejected;
       entry.reason = formatted.rejection.empty() ? "the phone cannot hold this record"
