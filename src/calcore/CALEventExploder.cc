@@ -314,13 +314,17 @@ Dictionary CALEventExploder::convertRuleFromCountToUntilDate(Dictionary recurren
                                                         0, 0, TimeZone::timeZoneWithName("GMT"));
   CALDateRef lastOccurrence;
   for (int attempt = 0; attempt < 10 && !lastOccurrence; ++attempt) {
-    CALDateRef end = start->dateByAddingRawInterval(std::min(span, farthest->timeIntervalSinceDate(*start)));
+    const double toFarthest = farthest->timeIntervalSinceDate(*start);
+    CALDateRef end = start->dateByAddingRawInterval(std::min(span, toFarthest));
     const CALDateList dates =
         exploder.produceDatesForTimeRange(CALTimeRange(start.get(), end.get()), nullptr, std::string(), true);
     if (static_cast<std::int64_t>(dates.size()) >= count) {
       lastOccurrence = dates[static_cast<std::size_t>(count - 1)];
       break;
     }
+    // The range already ran to the last supported year: a longer one would
+    // give the same dates, and each try expands the rule over millennia.
+    if (span >= toFarthest) break;
     if (!dates.empty()) {
       QVT_LOG(kLogInfo, exploderLogDomain(), "not enought result {} over {}", dates.size(), count);
       span *= 2.0 * static_cast<double>(count) / static_cast<double>(dates.size());

@@ -210,6 +210,23 @@ TEST(EventExploderTest, CountToUntilDateRetriesWhenTheEstimateFallsShort) {
   EXPECT_THAT(log.messages(), Contains("one more try"));
 }
 
+// A rule that gives fewer dates than its count up to the last supported year
+// keeps its count; the tries stop once the range has reached that year.
+TEST(EventExploderTest, CountToUntilDateStopsAtTheLastSupportedYear) {
+  test::LogCapture log;
+  const Dictionary event = timedEvent(parisDate(2006, 3, 1, 10));
+  const Dictionary never = recurrence("yearly", {{kCalendarsRecurrenceCount, 3},
+                                                 {kCalendarsRecurrenceBymonth, Array{2}},
+                                                 {kCalendarsRecurrenceBymonthday, Array{30}}});
+  const Dictionary converted = CALEventExploder::convertRuleFromCountToUntilDate(never.copy(), event);
+  EXPECT_EQ(converted.getInteger(kCalendarsRecurrenceCount), 3);
+  EXPECT_FALSE(converted.contains(kCalendarsRecurrenceUntil));
+  const auto messages = log.messages();
+  const auto tries = std::count(messages.begin(), messages.end(), "one more try");
+  EXPECT_GT(tries, 0);
+  EXPECT_LT(tries, 9);
+}
+
 TEST(EventExploderTest, CountToUntilDateLeavesBadRecordsAlone) {
   test::LogCapture log;
   const Dictionary event = timedEvent(parisDate(2006, 3, 1, 10));
