@@ -267,19 +267,25 @@ bool CALRecurrenceRule::_hasOwnEnd(const CALDate& start) {
   return _untilDate || (_count >= 1 && cachedEndDateForRecurrenceStart(start));
 }
 
+namespace {
+
+// A timed start reads a range in its own zone; a day start reads it as it is.
+CALTimeRange inStartZone(const CALTimeRange& range, const CALDate& start) {
+  if (!dynamic_cast<const CALDateTime*>(&start)) return range;
+  auto moved = [&](const CALDate* date) -> CALDateRef {
+    if (!date) return nullptr;
+    CALDateRef copy = date->copy();
+    copy->setTimeZone(start.timeZone());
+    return copy;
+  };
+  return CALTimeRange(moved(range.startDate()).get(), moved(range.endDate()).get());
+}
+
+}  // namespace
+
 CALDateList CALRecurrenceRule::realOccurrencesOnTimeRange(const CALTimeRange& requested,
                                                           const CALDate& start) {
-  // Timed starts read the range in their own zone.
-  CALTimeRange range = requested;
-  if (dynamic_cast<const CALDateTime*>(&start)) {
-    auto inStartZone = [&](const CALDate* date) -> CALDateRef {
-      if (!date) return nullptr;
-      CALDateRef copy = date->copy();
-      copy->setTimeZone(start.timeZone());
-      return copy;
-    };
-    range = CALTimeRange(inStartZone(requested.startDate()).get(), inStartZone(requested.endDate()).get());
-  }
+  const CALTimeRange range = inStartZone(requested, start);
   CALDateList dates;
   // Generation begins at the later of the range's start and the recurrence
   // start, and ends with the rule or the range, whichever ends first; an
@@ -326,16 +332,7 @@ CALDateRef CALRecurrenceRule::lastOccurrenceOnTimeRange(const CALTimeRange& rang
 
 CALDateRef CALRecurrenceRule::_lastRealOccurrence(const CALTimeRange& requested, const CALDate& start) {
   // The same bounds as realOccurrencesOnTimeRange().
-  CALTimeRange range = requested;
-  if (dynamic_cast<const CALDateTime*>(&start)) {
-    auto inStartZone = [&](const CALDate* date) -> CALDateRef {
-      if (!date) return nullptr;
-      CALDateRef copy = date->copy();
-      copy->setTimeZone(start.timeZone());
-      return copy;
-    };
-    range = CALTimeRange(inStartZone(requested.startDate()).get(), inStartZone(requested.endDate()).get());
-  }
+  const CALTimeRange range = inStartZone(requested, start);
   const CALDate* generationStart =
       range.startDate() && range.startDate()->isAfter(&start) ? range.startDate() : &start;
   const CALDateRef end = realEndDateOnTimeRange(range, start);
